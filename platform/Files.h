@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+// Finding and reading files.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "platform/Value.h"
+
+namespace kelvane::files {
+
+/// Every entry beneath a directory, as paths relative to it, in name order, a directory before what is in
+/// it. Directories are entries too. Symbolic links to directories are followed for the directory itself
+/// only. Empty when the directory is missing or cannot be read.
+[[nodiscard]] std::vector<std::string> entriesBeneath(const std::string& directory);
+
+struct Error {
+  std::string text;
+};
+/// A regular file's contents; an error for anything else (FIFOs and devices are not opened), for what
+/// cannot be read and for more than maximumBytes.
+[[nodiscard]] std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes);
+
+}  // namespace kelvane::files

@@ -1,0 +1,178 @@
+// SPDX-License-Identifier: Apache-2.0
+// Inter-process calls: listeners that serve an interface and connections that call one.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "platform/IpcInterface.h"
+#include "platform/Value.h"
+
+namespace kelvane::ipc {
+
+/// One end of a connected pair, on whose other end a service serves. A copy refers to the same end; the end
+/// is closed with its last reference unless a connection was made of it.
+class Endpoint {
+ public:
+  struct State;
+  explicit Endpoint(std::shared_ptr<State> state) : state_(std::move(state)) {}
+  const std::shared_ptr<State>& state() const { return state_; }
+
+ private:
+  std::shared_ptr<State> state_;
+};
+
+/// The process at the other end of a connection, as the system vouches for it at the time it connected.
+/// Names that the system does not know match nobody. Any thread may ask; asking may read files.
+class Peer {
+ public:
+  struct State;
+  explicit Peer(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+  /// By name or decimal number.
+  bool isUser(std::string_view user) const;
+  bool isInGroup(std::string_view group) const;
+  /// Whether the process runs the file at path, compared by device and inode.
+  bool runsExecutable(const std::string& path) const;
+  /// Whether the process belongs to this unit of the service manager.
+  bool runsInUnit(std::string_view unit) const;
+  bool hasSecurityLabel(std::string_view label) const;
+  /// For log lines: "pid 123, uid 0".
+  std::string description() const;
+
+ private:
+  std::shared_ptr<State> state_;
+};
+
+/// A call's arguments in the order of its operation: a value for each argument but the endpoint.
+using Arguments = std::vector<std::variant<Value, Endpoint>>;
+
+/// Answers one request. A copy refers to the same answer; the first send wins, later ones do nothing.
+/// When the last copy goes without an answer, the caller is sent nothing. Any thread may call it.
+class Reply {
+ public:
+  struct State;
+  explicit Reply(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+  /// Absent for "none", and for operations that are answered with nothing.
+  void send(const Value& value = {}) const;
+  /// A D-Bus error, for what cannot be delivered: a name ("org.freedesktop.DBus.Error.LimitsExceeded") and
+  /// what is wrong, in words.
+  void sendError(const std::string& name, const std::string& text) const;
+
+ private:
+  std::shared_ptr<State> state_;
+};
+
+/// Why a call got no reply, in words ("org.freedesktop.DBus.Error.NoReply: Connection terminated").
+struct CallError {
+  std::string text;
+};
+
+/// Sends calls to the remote end of a connection. Holds its error handler for as long as it lives, and
+/// the connection with it.
+class Proxy {
+ public:
+  /// Given the reply's value, absent for a reply of nothing.
+  using ReplyHandler = std::function<void(Value)>;
+  /// Given what went wrong, or none.
+  using ErrorHandler = std::function<void(std::optional<CallError>)>;
+
+  struct State;
+  explicit Proxy(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+  /// Sends a call of the connection's remote interface and returns at once. Then exactly one of the two
+  /// handlers runs, once, on a thread of the IPC facility that may block: the reply handler when an answer
+  /// came, the proxy's error handler when the connection failed first. A D-Bus error and a value outside
+  /// the mapping count as an absent reply. No time limit. What comes after the first answer is dropped.
+  void call(const Operation& operation, Arguments arguments, ReplyHandler reply) const;
+
+ private:
+  std::shared_ptr<State> state_;
+};
+
+/// A connection to a peer: to an endpoint, to a named service, or one that a listener admitted.
+///
+/// A copy refers to the same connection. Set it up first, then resume() it once; calls sent before that
+/// wait. It ends once: by the peer's death (or a connection that could not be made), which runs the
+/// interruption handler, or by invalidate(), which runs the invalidation handler; whichever came first.
+/// Outstanding calls then run their error handlers. The two handlers run on a thread of the IPC facility
+/// and must not block; when the peer's death becomes known, the interruption handler has run before any
+/// request read later is delivered. Any thread may call any function, but set-up precedes resume().
+class Connection {
+ public:
+  struct State;
+  explicit Connection(std::shared_ptr<State> state) : state_(std::move(state)) {}
+
+  static Connection toEndpoint(const Endpoint& endpoint);
+  /// Nothing is connected before resume(), and never synchronously. A name that cannot be called (see
+  /// isServiceName) and a service that does not listen end as an interruption.
+  static Connection toService(const std::string& name);
+
+  void setInvalidationHandler(std::function<void()> handler) const;
+  void setInterruptionHandler(std::function<void()> handler) const;
+  /// Must outlive the connection: one of the constant tables.
+  void setRemoteInterface(const Interface& interface) const;
+  Proxy remoteProxy(Proxy::ErrorHandler handler) const;
+  void resume() const;
+  void invalidate() const;
+
+  Peer peer() const;
+  /// Identity, for keeping connections in sets.
+  const void* identity() const { return state_.get(); }
+  const std::shared_ptr<State>& state() const { return state_; }
+
+ private:
+  std::shared_ptr<State> state_;
+};
+
+/// A request as a listener delivers it. Its arguments have the kinds that the operation declares.
+struct Request {
+  const Operation& operation;
+  Arguments arguments;
+  Connection connection;
+  Reply reply;
+
+  const Value& value(std::size_t index) const;
+  const Endpoint& endpoint(std::size_t index) const;
+};
+using RequestHandler = std::function<void(Request)>;
+
+/// Not empty, at most limits::serviceNameBytes, not beginning with '.', without '/' and NUL.
+[[nodiscard]] bool isServiceName(std::string_view name);
+
+/// Serves an interface: under a name, or to the holders of its endpoints.
+///
+/// A copy refers to the same listener; it serves for as long as a reference lives, then its connections
+/// end. Each connection's requests are delivered in order, one at a time, on a thread that may block.
+/// A call that does not decode is answered with a D-Bus error and not delivered.
+class Listener {
+ public:
+  /// Decides whether a process that connects is served.
+  using Admission = std::function<bool(const Peer&)>;
+
+  /// On the socket that the service manager passed for this name, else on one of its own.
+  static Listener named(const std::string& name, const Interface& interface, RequestHandler handler);
+  /// Only for the endpoints it hands out.
+  static Listener anonymous(const Interface& interface, RequestHandler handler);
+
+  void setAdmission(Admission admission) const;
+  /// Runs when a connection of this listener has ended, on a thread of the IPC facility; must not block.
+  void setDisconnectHandler(std::function<void(const Connection&)> handler) const;
+  /// Starts serving. For a named listener, an error's text when the name cannot be listened on.
+  [[nodiscard]] std::optional<std::string> resume() const;
+  /// A new endpoint whose other end this listener serves; none when the system refuses it.
+  [[nodiscard]] std::optional<Endpoint> endpoint() const;
+
+  struct State;
+
+ private:
+  explicit Listener(std::shared_ptr<State> state) : state_(std::move(state)) {}
+  std::shared_ptr<State> state_;
+};
+
+}  // namespace kelvane::ipc

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: Apache-2.0
+// Every limit on what a peer or a file can make this system hold, in one place.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace kelvane::limits {
+
+// Property lists
+inline constexpr std::size_t propertyListBytes = 1024 * 1024;
+inline constexpr int propertyListDepth = 64;
+/// What one list may come to, however small its file: entries of arrays and dictionaries, and bytes of
+/// keys, strings and data, each counted again wherever it is referred to.
+inline constexpr std::size_t propertyListEntries = 128 * 1024;
+inline constexpr std::size_t propertyListContentBytes = 8 * 1024 * 1024;
+
+// The wire, both directions
+inline constexpr int wireDictionaryDepth = 20;
+/// How many containers within one another a value's description shows.
+inline constexpr int descriptionDepth = wireDictionaryDepth + 4;
+inline constexpr std::size_t serviceNameBytes = 90;
+
+// The daemon's listener
+inline constexpr int unansweredRequestsPerConnection = 64;
+inline constexpr int connections = 8192;
+inline constexpr int connectionsPerUser = 4096;
+inline constexpr int endpoints = 2048;
+inline constexpr std::size_t heldRequestBytesPerUser = 16 * 1024 * 1024;
+inline constexpr std::size_t requestBytes = 2 * 1024 * 1024;
+inline constexpr std::size_t unsentBytesPerConnection = 4 * 1024 * 1024;
+/// Requests of one kind being delivered at once: over all users, and of one user.
+inline constexpr int deliveredPerKind = 512;
+inline constexpr int deliveredPerKindAndUser = 128;
+
+// The daemon's connections to services
+inline constexpr int outstandingCallsPerService = 64;
+inline constexpr std::size_t serviceReplyBytes = 64 * 1024;
+
+// Statistics
+/// Names beyond these, or longer, are counted together.
+inline constexpr std::size_t statisticNames = 4096;
+inline constexpr std::size_t statisticNameBytes = 256;
+
+// Files
+/// What a walk through a directory lists at most, and how deep it goes (1 is the directory's own entries).
+inline constexpr std::size_t directoryEntries = 64 * 1024;
+inline constexpr int directoryDepth = 64;
+/// Names of notifications and preferences suites, which are file names.
+inline constexpr std::size_t fileNameBytes = 200;
+
+// Log
+/// The rest of a longer message is left out.
+inline constexpr std::size_t logMessageBytes = 64 * 1024;
+
+}  // namespace kelvane::limits

@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+// The process and its service manager: life time, activities, event streams, notifications.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "platform/Queues.h"
+#include "platform/Value.h"
+
+namespace kelvane {
+
+/// Tells the service manager, while it lives, that the process is busy and must not be stopped as idle.
+class Transaction {
+ public:
+  Transaction();
+  ~Transaction();
+  Transaction(const Transaction&) = delete;
+  Transaction& operator=(const Transaction&) = delete;
+};
+
+enum class ActivityState { CheckIn = 0, Wait = 1, Run = 2 };
+
+/// A scheduled background activity, as its handler is given it.
+struct Activity {
+  std::string name;
+  ActivityState state;
+};
+
+/// Registers for the activity of this name, whose schedule the service manager holds. The handler is called
+/// once with the check-in state right after, then with the run state whenever the activity is due, on the
+/// global queue. It may block; the activity counts as running until it returns.
+void registerActivity(const std::string& name, std::function<void(const Activity&)> handler);
+
+/// Registers for a named stream of events, called one at a time on the global queue with each event's dictionary.
+void setEventStreamHandler(const std::string& stream, std::function<void(const Value&)> handler);
+
+/// Tells the whole system that something happened. 0, or another status with errno set.
+[[nodiscard]] int postNotification(const std::string& name);
+
+/// Has handler called for SIGTERM, on whichever thread the signal finds; it may do only what signal handlers may.
+void installTerminationHandler(void (*handler)(int signal));
+/// Ends the process at once with this status; nothing is flushed. Safe in a signal handler.
+[[noreturn]] void exitImmediately(int status);
+
+/// Has the service manager's watchdog fed by items that pass through the queue, so that a queue stuck for
+/// good ends in a restart. Without a watchdog it does nothing.
+void superviseQueue(const SerialQueue& queue);
+
+/// A new random (version 4) UUID in its lower-case textual form.
+std::string randomUuid();
+
+}  // namespace kelvane
