@@ -48,7 +48,8 @@ class Peer {
   std::shared_ptr<State> state_;
 };
 
-/// A call's arguments in the order of its operation: a value for each argument but the endpoint.
+/// A call's arguments in the order of its operation: a value for each argument but the endpoint. Values cross a
+/// connection as they are at the moment of the call or the answer; no live view does.
 using Arguments = std::vector<std::variant<Value, Endpoint>>;
 
 /// Answers one request. A copy refers to the same answer; the first send wins, later ones do nothing.
@@ -68,17 +69,26 @@ class Reply {
   std::shared_ptr<State> state_;
 };
 
-/// Why a call got no reply, in words ("org.freedesktop.DBus.Error.NoReply: Connection terminated").
+/// Why a call got no answer that can be used, in words ("org.freedesktop.DBus.Error.NoReply: Connection terminated").
 struct CallError {
+  enum class Cause : char {
+    NotReached,   ///< nobody listens, or the connection could not be made
+    NotAdmitted,  ///< the connection was made and ended before its handshake was complete
+    Lost,         ///< the connection ended later, or by invalidate()
+    Answered,     ///< by the peer: a D-Bus error, or a value outside the mapping
+  };
   std::string text;
+  Cause cause = Cause::Lost;
 };
 
 /// Sends calls to the remote end of a connection. Holds its error handler for as long as it lives, and
-/// the connection with it.
+/// the connection with it. An outstanding call holds the proxy until one of its handlers has run.
 class Proxy {
  public:
   /// Given the reply's value, absent for a reply of nothing.
   using ReplyHandler = std::function<void(Value)>;
+  /// Given the reply's value, absent for a reply of nothing, or the error that came in its place.
+  using OutcomeHandler = std::function<void(std::variant<Value, CallError>)>;
   /// Given what went wrong, or none.
   using ErrorHandler = std::function<void(std::optional<CallError>)>;
 
@@ -90,6 +100,9 @@ class Proxy {
   /// came, the proxy's error handler when the connection failed first. A D-Bus error and a value outside
   /// the mapping count as an absent reply. No time limit. What comes after the first answer is dropped.
   void call(const Operation& operation, Arguments arguments, ReplyHandler reply) const;
+  /// As call(), for callers that tell an absent reply from a refusal: a D-Bus error and a value outside the
+  /// mapping are given to the handler as what they are.
+  void callForOutcome(const Operation& operation, Arguments arguments, OutcomeHandler outcome) const;
 
  private:
   std::shared_ptr<State> state_;
@@ -100,9 +113,12 @@ class Proxy {
 /// A copy refers to the same connection. Set it up first, then resume() it once; calls sent before that
 /// wait. It ends once: by the peer's death (or a connection that could not be made), which runs the
 /// interruption handler, or by invalidate(), which runs the invalidation handler; whichever came first.
-/// Outstanding calls then run their error handlers. The two handlers run on a thread of the IPC facility
-/// and must not block; when the peer's death becomes known, the interruption handler has run before any
-/// request read later is delivered. Any thread may call any function, but set-up precedes resume().
+/// Replies received before the end still reach their reply handlers; the other outstanding calls run their
+/// error handlers, and so does every call made afterwards. The two handlers run on a thread of the IPC
+/// facility and must not block; when the peer's death becomes known, the interruption handler has run before
+/// any request read later is delivered. No handler is ever run inline from a function of this file, and all
+/// are let go after the end. A connection whose last reference goes ends without a handler.
+/// Any thread may call any function, but set-up precedes resume().
 class Connection {
  public:
   struct State;
@@ -152,7 +168,8 @@ using RequestHandler = std::function<void(Request)>;
 /// A call that does not decode is answered with a D-Bus error and not delivered.
 class Listener {
  public:
-  /// Decides whether a process that connects is served.
+  /// Decides whether a process that connects is served, before its first request is delivered, on a thread
+  /// that may block.
   using Admission = std::function<bool(const Peer&)>;
 
   /// On the socket that the service manager passed for this name, else on one of its own.

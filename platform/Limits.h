@@ -26,10 +26,16 @@ inline constexpr std::size_t serviceNameBytes = 90;
 inline constexpr int unansweredRequestsPerConnection = 64;
 inline constexpr int connections = 8192;
 inline constexpr int connectionsPerUser = 4096;
+/// Endpoints that one user, and all users together, can have this process hold.
 inline constexpr int endpoints = 2048;
+inline constexpr int endpointsOfAllUsers = 8192;
 inline constexpr std::size_t heldRequestBytesPerUser = 16 * 1024 * 1024;
 inline constexpr std::size_t requestBytes = 2 * 1024 * 1024;
+/// What waits for a peer that does not read; beyond it the peer is dropped.
 inline constexpr std::size_t unsentBytesPerConnection = 4 * 1024 * 1024;
+inline constexpr std::size_t unsentBytesPerUser = 32 * 1024 * 1024;
+/// Connections on which a message has begun to arrive but has not ended.
+inline constexpr int partialMessagesPerUser = 16;
 /// Requests of one kind being delivered at once: over all users, and of one user.
 inline constexpr int deliveredPerKind = 512;
 inline constexpr int deliveredPerKindAndUser = 128;
@@ -50,8 +56,21 @@ inline constexpr int directoryDepth = 64;
 /// Names of notifications and preferences suites, which are file names.
 inline constexpr std::size_t fileNameBytes = 200;
 
+// Preferences
+/// Damaged stores of one suite that are kept; the last takes the place of the one before it.
+inline constexpr int damagedPreferences = 8;
+
 // Log
 /// The rest of a longer message is left out.
 inline constexpr std::size_t logMessageBytes = 64 * 1024;
+
+// The directory cache's configuration
+inline constexpr std::size_t cacheDirectories = 64;
+/// Patterns of one directory.
+inline constexpr std::size_t cachePatterns = 256;
+/// What it remembers of the files it may delete: so many of the oldest, with so many bytes of paths. When those are
+/// gone it looks again.
+inline constexpr std::size_t cacheCandidates = 16 * 1024;
+inline constexpr std::size_t cacheCandidateBytes = 8 * 1024 * 1024;
 
 }  // namespace kelvane::limits

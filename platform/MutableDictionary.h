@@ -12,7 +12,7 @@ namespace kelvane {
 /// A property-list dictionary that may still change while others hold it, such as the operation info of a
 /// pass inside a purge's result. A copy of the object refers to the same dictionary; copied() makes a new
 /// one. Any thread may call any function; each is atomic, and reads give snapshots. It must not be stored within
-/// itself, however indirectly: it would never be released, and comparing or writing it would not end.
+/// itself, however indirectly: it would never be released, and comparing it would not end.
 class MutableDictionary {
  public:
   /// A new, empty dictionary.

@@ -32,7 +32,8 @@ struct Activity {
 /// global queue. It may block; the activity counts as running until it returns.
 void registerActivity(const std::string& name, std::function<void(const Activity&)> handler);
 
-/// Registers for a named stream of events, called one at a time on the global queue with each event's dictionary.
+/// Registers for a named stream of events. The handler is called on the global queue with each event's dictionary;
+/// it may block, and several events may be handled at the same time.
 void setEventStreamHandler(const std::string& stream, std::function<void(const Value&)> handler);
 
 /// Tells the whole system that something happened. 0, or another status with errno set.

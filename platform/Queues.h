@@ -16,7 +16,8 @@ using Block = std::function<void()>;
 /// Runs one item at a time, in the order submitted. A copy refers to the same queue. The queue itself
 /// lives until its last item has run, so an item may drop the last reference to it.
 ///
-/// Items must not throw. Any thread may call any function.
+/// Items must not throw. What an item captured goes with it, before anything learns that it has finished. Any
+/// thread may call any function.
 class KELVANE_CAPABILITY("serial queue") SerialQueue {
  public:
   explicit SerialQueue(std::string label);
@@ -25,8 +26,8 @@ class KELVANE_CAPABILITY("serial queue") SerialQueue {
 
   /// Submits an item and returns at once.
   void async(Block item) const;
-  /// Runs an item after all submitted before it and returns when it has finished; on an idle queue it runs
-  /// inline on the calling thread. Calling it from an item of the same queue deadlocks.
+  /// Runs an item on the calling thread after all submitted before it, and returns when it has finished.
+  /// Calling it from an item of the same queue deadlocks.
   void sync(const Block& item) const;
 
   /// Keeps items from starting until a matching resume(); an item already running goes on. Suspensions nest.
@@ -34,7 +35,7 @@ class KELVANE_CAPABILITY("serial queue") SerialQueue {
   void suspend() const;
   void resume() const;
 
-  /// Whether the calling code runs in an item of this queue.
+  /// Whether the calling code runs in an item of this queue, directly or within a sync of another queue.
   bool isCurrent() const;
   /// Stops the process, with the label in the message, unless isCurrent().
   void assertCurrent() const KELVANE_ASSERT_CAPABILITY(this);
