@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+// Service check-in: how services that no description names become known, and cease to be.
+#include "client/ClientInterface.h"
+#include "protocols/KelvaneServiceProtocol.h"
+#include "protocols/Keys.h"
+#include "protocols/Names.h"
+#include "support/Entitlements.h"
+#include "support/KelvaneLog.h"
+
+namespace kelvane {
+
+namespace {
+constexpr char checkinName[] = "-[Kelvane clientCheckin:endpoint:info:reply:]";
+constexpr char blockName[] = "-[Kelvane clientCheckin:endpoint:info:reply:]_block";
+}  // namespace
+
+void ClientInterface::clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
+                                    CheckinReply reply) {
+  bool described = false;
+  daemons_queue().sync([&] {
+    daemons_queue().assertCurrent();
+    described = daemons_.contains(identifier);
+  });
+  if (described) {
+    reply({}, {});
+    return;
+  }
+  if (!connectionIsEntitled(currentConnection(), {entitlements::service})) {
+    KELVANE_ERROR("%s Connection is not entitled!", checkinName);
+    return;
+  }
+  collection_queue().async([this, identifier, endpoint, info, reply = std::move(reply)] {
+    collection_queue().assertCurrent();
+    checkIn(identifier, endpoint, info, reply);
+  });
+}
+
+void ClientInterface::checkIn(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
+                              const CheckinReply& reply) {
+  std::shared_ptr<KLService> record = services_.find(identifier);
+  if (record) {
+    KELVANE_TRACE("%s operating on an existing service", blockName);
+  } else {
+    record = connectService(identifier, endpoint);
+  }
+  record->setDoesPeriodic(info[keys::periodic].boolValue());
+  record->setDoesPurge(info[keys::purge].boolValue());
+  record->setDesiredNotifications(info[keys::notifications]);
+  reply(Value::Dictionary{{keys::id, identifier}, {keys::anonymous, true}}, {});
+}
+
+std::shared_ptr<KLService> ClientInterface::connectService(const std::string& identifier,
+                                                           const ipc::Endpoint& endpoint) {
+  const auto record = std::make_shared<KLService>(identifier);
+  record->setEndpoint(endpoint);
+  const ipc::Connection connection = ipc::Connection::toEndpoint(endpoint);
+  record->setVexConn(connection);
+  services_.set(record);
+
+  // The record owns the connection, so the connection's handlers must not own the record.
+  const std::weak_ptr<KLService> weakRecord = record;
+  connection.setInvalidationHandler([this, identifier, weakRecord] {
+    KELVANE_TRACE("%s invalidationHandler ENTRY", blockName);
+    removeService(identifier, weakRecord);
+  });
+  connection.setInterruptionHandler([this, identifier, weakRecord] {
+    KELVANE_TRACE("%s interruptionHandler ENTRY", blockName);
+    removeService(identifier, weakRecord);
+  });
+  connection.setRemoteInterface(KelvaneServiceProtocol::interface);
+  const KelvaneServiceProxy proxy(connection.remoteProxy([record](const std::optional<ipc::CallError>& error) {
+    if (error) {
+      KELVANE_TRACE("%s peerHandleOrFault error: %@", blockName, error->text);
+    }
+    record->vexConn()->invalidate();
+  }));
+  connection.resume();
+  // Without limit: a service that never answers holds the collection queue for good.
+  pingService(proxy);
+  return record;
+}
+
+void ClientInterface::removeService(const std::string& identifier, const std::weak_ptr<KLService>& record) {
+  collection_queue().async([this, identifier, record] {
+    collection_queue().assertCurrent();
+    // Identity, not equality: a handler that fires late must not remove a newer record of the same name.
+    services_.remove(identifier, record.lock());
+  });
+}
+
+}  // namespace kelvane

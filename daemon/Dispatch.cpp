@@ -1,0 +1,68 @@
+// SPDX-License-Identifier: Apache-2.0
+// Turning requests into operations, each on its queue.
+#include "daemon/Kelvane.h"
+#include "operations/KelvanePeriodicOperation.h"
+#include "operations/KelvanePurgeOperation.h"
+#include "protocols/Keys.h"
+#include "support/AtomicProperty.h"
+#include "support/KelvaneLog.h"
+#include "support/Token.h"
+
+namespace kelvane {
+
+Value Kelvane::purge(const Value& info, const ResultCallback& callback) {
+  Value token = info[keys::token];
+  const auto operation = KelvanePurgeOperation::initWithInfo(info, *copyServices());
+  if (token.isAbsent()) {
+    token = createKelvaneToken();
+  }
+  const auto kept = std::make_shared<AtomicProperty<Value>>();
+  const Group group;
+  group.async(purge_queue(), [this, token = token.description(), operation, callback, kept] {
+    collection_queue().sync([&] {
+      collection_queue().assertCurrent();
+      if (purgeOperations_) {
+        purgeOperations_->insert_or_assign(token, operation);
+      }
+    });
+    if (operation) {
+      operation->startOperation([callback, kept](const Value& result) {
+        if (callback) {
+          callback(result);
+        }
+        kept->store(result);
+      });
+    }
+    collection_queue().sync([&] {
+      collection_queue().assertCurrent();
+      if (purgeOperations_) {
+        purgeOperations_->erase(token);
+      }
+    });
+  });
+  group.wait();
+  return kept->load();
+}
+
+void Kelvane::performPeriodicsWithInfo(const Value& info) {
+  const auto operation = KelvanePeriodicOperation::initWithInfo(info, *services());
+  if (operation) {
+    operation->startOperation([](const Value& result) {
+      KELVANE_TRACE("%s result: %@", "-[Kelvane performPeriodicsWithInfo:]_block", result);
+    });
+  }
+}
+
+std::int64_t Kelvane::requestsInFlight(const Value& collection) const {
+  std::size_t count = 0;
+  collection_queue().sync([&] {
+    if (const Value::Array* array = collection.array()) {
+      count = array->size();
+    } else if (const auto dictionary = collection.dictionary()) {
+      count = dictionary->size();
+    }
+  });
+  return static_cast<std::int64_t>(count);
+}
+
+}  // namespace kelvane

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+// The registry: making it, and the snapshots of its service table.
+#include "daemon/Kelvane.h"
+
+#include "daemon/Descriptions.h"
+#include "protocols/Keys.h"
+#include "protocols/Names.h"
+#include "support/KelvaneLog.h"
+
+namespace kelvane {
+
+namespace {
+constexpr char initName[] = "-[Kelvane init]";
+}
+
+std::unique_ptr<Kelvane> Kelvane::init() {
+  std::unique_ptr<Kelvane> registry(new Kelvane);
+  setSharedKelvane(registry.get());
+  registry->listener_ = KelvaneListener::daemonListenerWithExportedObject(*registry);
+  registry->listener_->addRequiredEntitlement(entitlements::client);
+  KELVANE_TRACE("%s resuming listener", initName);
+  registry->listener_->resume();
+  return registry;
+}
+
+Kelvane::Kelvane() : default_values_(Value::Dictionary{{keys::cacheEnabled, true}}) {
+  // The root's own slash makes two, here and in the paths logged beneath it.
+  const std::string systemDirectory = formatted("%s%@", rootPath_, names::systemDescriptions);
+  KELVANE_TRACE("%s plistDir: %@", initName, systemDirectory);
+  userDefaults_ = PreferencesSuite::open(names::daemon);
+  if (!userDefaults_) {
+    KELVANE_ERROR("%s Unable to initialize user defaults!", initName);
+  }
+  ServiceTable described;
+  for (const std::string& directory : {systemDirectory, std::string(names::internalDescriptions)}) {
+    KELVANE_TRACE("%s scanning %@", initName, directory);
+    scanPlistsAtPath(directory, [&](const Value& description) { registerDescription(description, described); });
+  }
+  for (const auto& [identifier, service] : described) {
+    daemons_.insert(identifier);
+    services_.set(service);
+  }
+}
+
+Kelvane::~Kelvane() {
+  listener_.reset();
+  setSharedKelvane(nullptr);
+}
+
+ServiceTable Kelvane::mutableServices() const {
+  return *copyServices();
+}
+
+std::shared_ptr<const ServiceTable> Kelvane::copyServices() const {
+  std::shared_ptr<const ServiceTable> copy;
+  collection_queue().sync([&] {
+    collection_queue().assertCurrent();
+    copy = services_.snapshot();
+  });
+  return copy;
+}
+
+std::shared_ptr<const ServiceTable> Kelvane::services() const {
+  return services_.snapshot();
+}
+
+}  // namespace kelvane

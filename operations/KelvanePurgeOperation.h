@@ -1,0 +1,82 @@
+// SPDX-License-Identifier: Apache-2.0
+// Frees bytes on one volume by asking the purging services, in passes of rising urgency.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "operations/KelvaneOperation.h"
+#include "platform/MutableDictionary.h"
+
+namespace kelvane {
+
+/// One purge. Made and started by the registry's dispatch on its purge queue, whose thread it holds until
+/// the purge is over. Each pass hands every service that purges an equal share of what is still missing,
+/// waits for the answers up to a limit and notes what it achieved; the volume's own free space decides
+/// when enough is gained, whatever the services claim.
+///
+/// The counters are read and written from all the threads that replies arrive on, each access by itself.
+class KelvanePurgeOperation final : public KelvaneOperation {
+ public:
+  /// The longest time a request can give a pass.
+  static constexpr std::uint64_t maximumTimeoutSeconds = 300;
+  /// What a pass is given otherwise, times its urgency.
+  static constexpr std::uint64_t timeoutSecondsPerUrgency = 2;
+
+  /// Null when the info is refused. Only the services that purge are kept.
+  static std::shared_ptr<KelvanePurgeOperation> initWithInfo(const Value& info, const ServiceTable& services);
+
+  /// Blocks until the purge is over. The completion is called with each service's answer as it arrives, on
+  /// the threads of the IPC facility and perhaps after the purge is over, and once with the result, before
+  /// this returns. Late answers may still change the operation infos that the result holds.
+  void startOperation(const Completion& completion) override;
+
+  /// Ends the passes and asks the services in flight to stop; returns at once.
+  void cancelOperation() override;
+
+  /// Counts what one service, or "total", gave of what it was asked for, in bytes.
+  void reportPercentageForAmountRequested(std::int64_t requested, std::int64_t amountPurged,
+                                          const std::string& identifier) const;
+
+  bool cancel() const { return cancel_; }
+  std::uint64_t purge_amount_needed() const { return purge_amount_needed_; }
+  std::uint64_t purge_amount_reported() const { return purge_amount_reported_; }
+  std::uint64_t viable_purging_services() const { return viable_purging_services_; }
+
+ private:
+  struct ServiceRequest;
+
+  KelvanePurgeOperation() = default;
+  std::shared_ptr<KelvanePurgeOperation> self() {
+    return std::static_pointer_cast<KelvanePurgeOperation>(shared_from_this());
+  }
+
+  void runPasses(const MutableDictionary& working, std::uint64_t userTimeout, const Completion& completion);
+  void runPass(const MutableDictionary& working, std::uint32_t urgency, std::uint64_t userTimeout,
+               const Completion& completion);
+  void noteTimeout(const MutableDictionary& operationInfo, std::chrono::seconds wait, std::uint32_t urgency);
+  void finish(const MutableDictionary& working, std::uint64_t startTicks);
+
+  // One service, one urgency: KelvanePurgeServiceRequest.cpp.
+  void queueServiceRequest(const std::shared_ptr<KLService>& service, const MutableDictionary& info,
+                           std::int32_t urgency, const MutableDictionary& operationInfo, const Completion& completion);
+  void requestFromService(ServiceRequest request);
+  void handleReply(const ServiceRequest& request, std::uint64_t startTicks, const Value& reply, const Block& done);
+  void noteReport(const ServiceRequest& request, std::uint64_t amount) const;
+
+  std::atomic<bool> cancel_ = false;
+  /// Bytes that the client asked for.
+  std::atomic<std::uint64_t> purge_amount_needed_ = 0;
+  /// Bytes that the services said they purged.
+  std::atomic<std::uint64_t> purge_amount_reported_ = 0;
+  /// Services still expected to give their share; divides what is missing.
+  std::atomic<std::uint64_t> viable_purging_services_ = 0;
+  /// The current pass's; none before the first pass and after the last.
+  AtomicProperty<std::optional<Semaphore>> purge_semaphore_;
+};
+
+}  // namespace kelvane

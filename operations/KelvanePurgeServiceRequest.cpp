@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: Apache-2.0
+// One service's part in a purge: its share, its request and what becomes of its answer.
+#include "operations/KelvanePurgeOperation.h"
+#include "operations/SharedRegistry.h"
+#include "protocols/Keys.h"
+#include "protocols/Names.h"
+#include "support/CallService.h"
+#include "support/KelvaneLog.h"
+#include "support/Statistics.h"
+#include "support/Timebase.h"
+#include "support/Volumes.h"
+
+namespace kelvane {
+
+namespace {
+constexpr char blockName[] =
+    "-[KelvanePurgeOperation queueServiceRequest:info:urgency:operationInfo:completion:]_block";
+
+/// Nothing stays nothing.
+Value withElapsedTime(const Value& reply, double nanoseconds) {
+  if (!reply.isDictionary()) {
+    return {};
+  }
+  const MutableDictionary answer(reply);
+  answer.set(keys::elapsedTime, nanoseconds);
+  return answer;
+}
+
+}  // namespace
+
+struct KelvanePurgeOperation::ServiceRequest {
+  std::shared_ptr<KLService> service;
+  /// The purge's working result.
+  MutableDictionary info;
+  std::int32_t urgency;
+  /// The pass's.
+  MutableDictionary operationInfo;
+  Completion completion;
+  /// Bytes that the service is asked for.
+  std::uint64_t donation = 0;
+
+  const std::string& identifier() const { return service->ID(); }
+};
+
+void KelvanePurgeOperation::queueServiceRequest(const std::shared_ptr<KLService>& service,
+                                                const MutableDictionary& info, std::int32_t urgency,
+                                                const MutableDictionary& operationInfo, const Completion& completion) {
+  message_queue().async([self = self(), request = ServiceRequest{service, info, urgency, operationInfo, completion}] {
+    self->requestFromService(request);
+  });
+}
+
+void KelvanePurgeOperation::requestFromService(ServiceRequest request) {
+  KELVANE_TRACE("%s queuing service: %@", blockName, request.identifier());
+  const std::uint64_t purged = amountPurged(request.info);
+  if (viable_purging_services() == 0 || purged >= purge_amount_needed() || cancel()) {
+    return;
+  }
+  const MutableDictionary message = request.info.copied();
+  const std::uint64_t viable = viable_purging_services();
+  const std::uint64_t divisor = viable != 0 ? viable : 1;
+  request.donation = (purge_amount_needed() - purged) / divisor;
+  KELVANE_TRACE("%s donation (%lld) = (amount needed[%llu] - amount_purged[%llu]) / viable_purging_services[%llu])",
+                blockName, static_cast<std::int64_t>(request.donation), purge_amount_needed(), purged, divisor);
+  message.set(keys::amount, request.donation);
+  // Marked first, tested after: a service with nothing to donate stays in flight until the purge is over.
+  if (!updateInFlight(request.identifier(), true) || request.donation == 0) {
+    return;
+  }
+  CallServiceAsync(
+      request.service,
+      [self = self(), request, message](const KelvaneServiceProxy& proxy, const Block& done) {
+        KELVANE_TRACE("%s requesting %lld bytes from %@ at urgency %d", blockName,
+                      static_cast<std::int64_t>(request.donation), request.identifier(), request.urgency);
+        const std::uint64_t start = clock::ticks();
+        proxy.servicePurge(request.urgency, message, [self, request, start, done](const Value& reply) {
+          self->handleReply(request, start, reply, done);
+        });
+      },
+      // The pass is not signalled, even when this was the last one in flight: it waits out its time.
+      [self = self(), identifier = request.identifier()] {
+        KELVANE_TRACE("%s connection invalidated", blockName);
+        self->updateInFlight(identifier, false);
+      });
+}
+
+void KelvanePurgeOperation::handleReply(const ServiceRequest& request, std::uint64_t startTicks, const Value& reply,
+                                        const Block& done) {
+  const std::string& identifier = request.identifier();
+  const double elapsed = nanosecondsSince(startTicks);
+  const Value amount = reply[keys::amount];
+  const Value answer = withElapsedTime(reply, elapsed);
+  if (!amount.isNumber()) {
+    KELVANE_ERROR("%s %d num is not a number: %@", blockName, 232, amount);
+  }
+  const std::uint64_t got = amount.uint64Value();
+  purge_amount_reported_ += got;
+  noteReport(request, got);
+  KELVANE_TRACE("%s %@ service purged: %llu", blockName, identifier, got);
+
+  if (got < request.donation) {
+    // It gave what it could. From 0 the count wraps, and every later share of the pass is 0.
+    --viable_purging_services_;
+  } else {
+    // Queued before the service leaves the in-flight set: if the request runs first, it is refused there.
+    queueServiceRequest(request.service, request.info, request.urgency, request.operationInfo, request.completion);
+  }
+  if (request.completion) {
+    KELVANE_TRACE("%s %@ calling completion with: %@", blockName, identifier, answer);
+    request.completion(answer);
+  }
+  reportPercentageForAmountRequested(static_cast<std::int64_t>(request.donation), static_cast<std::int64_t>(got),
+                                     identifier);
+  done();
+  updateInFlight(identifier, false);
+  if (inFlightCount() == 0) {
+    // Whichever pass is current by now; its semaphore may be another than when the request was sent.
+    if (const std::optional<Semaphore> semaphore = purge_semaphore_.load()) {
+      KELVANE_TRACE("%s All services accounted for, signalling the semaphore.", blockName);
+      semaphore->signal();
+    }
+  }
+  KELVANE_TRACE("%s %@ took %f seconds, purged: %@", blockName, identifier, elapsed / nanosecondsPerSecond, answer);
+  addDistributionStat(names::daemon, formatted(statistics::servicePurgeElapsedFormat, identifier), elapsed);
+}
+
+void KelvanePurgeOperation::noteReport(const ServiceRequest& request, std::uint64_t amount) const {
+  SharedRegistry::sharedKelvane().collection_queue().async(
+      [operationInfo = request.operationInfo, identifier = request.identifier(), amount] {
+        operationInfo.nested(keys::reportingServices).set(identifier, amount);
+      });
+}
+
+}  // namespace kelvane

@@ -1,0 +1,62 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the operations see of the registry.
+#pragma once
+
+#include <memory>
+
+#include "platform/Queues.h"
+
+namespace kelvane {
+
+/// The registry's work queues, made in this order. Each serialises what its name says for the whole daemon.
+struct WorkQueues {
+  SerialQueue purge_queue{"com.tessaly.kelvane_purge"};
+  SerialQueue purgeable_queue{"com.tessaly.kelvane_purgeable"};
+  /// Made and kept, but no work is put on it: periodic work runs on its caller's queue.
+  SerialQueue periodic_queue{"com.tessaly.kelvane_periodic"};
+  SerialQueue notify_queue{"com.tessaly.kelvane_notify"};
+  SerialQueue daemons_queue{"com.tessaly.kelvane_daemons"};
+  /// Guards the service table. It carries the cancel label on purpose.
+  SerialQueue collection_queue{"com.tessaly.kelvane_cancel"};
+  SerialQueue defaults_queue{"com.tessaly.kelvane_defaults"};
+};
+
+/// The part of the one registry that operations use; the registry derives from it.
+class SharedRegistry {
+ public:
+  virtual ~SharedRegistry() = default;
+  SharedRegistry(const SharedRegistry&) = delete;
+  SharedRegistry& operator=(const SharedRegistry&) = delete;
+
+  /// The process's one registry. Start-up publishes it before anything can ask.
+  static SharedRegistry& sharedKelvane();
+
+  const SerialQueue& purge_queue() const KELVANE_RETURN_CAPABILITY(queues_.purge_queue) { return queues_.purge_queue; }
+  const SerialQueue& purgeable_queue() const KELVANE_RETURN_CAPABILITY(queues_.purgeable_queue) {
+    return queues_.purgeable_queue;
+  }
+  const SerialQueue& periodic_queue() const KELVANE_RETURN_CAPABILITY(queues_.periodic_queue) {
+    return queues_.periodic_queue;
+  }
+  const SerialQueue& notify_queue() const KELVANE_RETURN_CAPABILITY(queues_.notify_queue) {
+    return queues_.notify_queue;
+  }
+  const SerialQueue& daemons_queue() const KELVANE_RETURN_CAPABILITY(queues_.daemons_queue) {
+    return queues_.daemons_queue;
+  }
+  const SerialQueue& collection_queue() const KELVANE_RETURN_CAPABILITY(queues_.collection_queue) {
+    return queues_.collection_queue;
+  }
+  const SerialQueue& defaults_queue() const KELVANE_RETURN_CAPABILITY(queues_.defaults_queue) {
+    return queues_.defaults_queue;
+  }
+
+ protected:
+  SharedRegistry() = default;
+  /// Publishes the registry; null withdraws it.
+  static void setSharedKelvane(SharedRegistry* registry);
+
+  const WorkQueues queues_{};
+};
+
+}  // namespace kelvane

@@ -1,0 +1,185 @@
+// SPDX-License-Identifier: Apache-2.0
+// The functions of connections, proxies and peers.
+#include <algorithm>
+
+#include "platform/simulated/IpcState.h"
+#include "platform/simulated/SimulatedCalls.h"
+
+namespace kelvane::ipc {
+
+using simulated::frozen;
+using simulated::IpcNetwork;
+using Phase = Connection::State::Phase;
+
+namespace {
+
+/// On the event loop: finds who listens on the connection's name.
+void connect(const std::shared_ptr<Connection::State>& connection) {
+  if (connection->phase != Phase::Connecting) {
+    return;
+  }
+  const std::string& name = *connection->service;
+  IpcNetwork& network = connection->network;
+  const auto service = network.services.find(name);
+  if (!isServiceName(name) || service == network.services.end()) {
+    connection->interrupt(
+        {"org.freedesktop.DBus.Error.ServiceUnknown: Nobody listens on " + name, CallError::Cause::NotReached});
+  } else if (const auto listener = service->second.listener.lock()) {
+    listener->admit(connection);
+  } else if (service->second.starter) {
+    service->second.waiting.push_back(connection);
+    if (!service->second.started) {
+      service->second.started = true;
+      simulated::scheduler().start("starter of " + name, service->second.starter);
+    }
+  } else {
+    connection->interrupt({"org.freedesktop.DBus.Error.ServiceUnknown: Nobody listens on " + name + " any more",
+                           CallError::Cause::NotReached});
+  }
+}
+
+Arguments frozenArguments(const Arguments& arguments) {
+  Arguments result;
+  for (const auto& argument : arguments) {
+    const Value* value = std::get_if<Value>(&argument);
+    result.push_back(value == nullptr ? argument : frozen(*value));
+  }
+  return result;
+}
+
+}  // namespace
+
+Connection Connection::toEndpoint(const Endpoint& endpoint) {
+  auto state = std::make_shared<State>();
+  Endpoint::State& end = *endpoint.state();
+  const std::shared_ptr<State> served = end.used ? nullptr : end.served.lock();
+  end.used = true;
+  state->peer = end.server;
+  if (served == nullptr) {
+    state->otherGone = true;
+  } else {
+    state->other = served;
+    served->other = state;
+    state->otherGone = served->phase == Phase::Ended;
+  }
+  return Connection(state);
+}
+
+Connection Connection::toService(const std::string& name) {
+  auto state = std::make_shared<State>();
+  state->service = name;
+  return Connection(state);
+}
+
+void Connection::setInvalidationHandler(std::function<void()> handler) const {
+  state_->invalidationHandler = std::move(handler);
+}
+
+void Connection::setInterruptionHandler(std::function<void()> handler) const {
+  state_->interruptionHandler = std::move(handler);
+}
+
+void Connection::setRemoteInterface(const Interface& interface) const {
+  state_->remoteInterface = &interface;
+}
+
+Proxy Connection::remoteProxy(Proxy::ErrorHandler handler) const {
+  return Proxy(std::make_shared<Proxy::State>(Proxy::State{state_, std::move(handler)}));
+}
+
+void Connection::resume() const {
+  const std::shared_ptr<State> state = state_;
+  if (simulated::dropsCall() || state->phase != Phase::SettingUp) {
+    return;
+  }
+  simulated::scheduler().yield();
+  if (state->phase != Phase::SettingUp) {
+    return;
+  }
+  if (state->service) {
+    state->phase = Phase::Connecting;
+    state->network.post([state] { connect(state); });
+  } else {
+    state->phase = Phase::Open;
+    for (simulated::Message& message : std::exchange(state->unsent, {})) {
+      state->send(std::move(message));
+    }
+    if (state->otherGone) {
+      state->network.hangUp(state);
+    }
+  }
+  simulated::scheduler().yield();
+}
+
+void Connection::invalidate() const {
+  const std::shared_ptr<State> state = state_;
+  if (simulated::dropsCall()) {
+    return;
+  }
+  simulated::scheduler().yield();
+  state->invalidate();
+  simulated::scheduler().yield();
+}
+
+Peer Connection::peer() const {
+  return Peer(std::make_shared<Peer::State>(Peer::State{state_->peer}));
+}
+
+void Proxy::call(const Operation& operation, Arguments arguments, ReplyHandler reply) const {
+  callForOutcome(operation, std::move(arguments), [reply = std::move(reply)](std::variant<Value, CallError> outcome) {
+    Value* value = std::get_if<Value>(&outcome);
+    reply(value == nullptr ? Value() : std::move(*value));
+  });
+}
+
+void Proxy::callForOutcome(const Operation& operation, Arguments arguments, OutcomeHandler outcome) const {
+  const std::shared_ptr<Connection::State> connection = state_->connection;
+  if (simulated::dropsCall()) {
+    return;
+  }
+  simulated::Message message = {++connection->lastSerial, &operation, frozenArguments(arguments), {}};
+  simulated::scheduler().yield();
+  Connection::State::Call call = {state_, &operation, std::move(outcome)};
+  if (connection->phase == Phase::Ended) {
+    connection->failCall(std::move(call));
+  } else {
+    connection->calls.emplace(message.serial, std::move(call));
+    const Interface* interface = connection->remoteInterface;
+    if (interface != nullptr && interface->maximumOutstandingCalls > 0 &&
+        connection->calls.size() > static_cast<std::size_t>(interface->maximumOutstandingCalls)) {
+      connection->invalidate();
+    } else if (connection->phase == Phase::Open) {
+      connection->send(std::move(message));
+    } else {
+      connection->unsent.push_back(std::move(message));
+    }
+  }
+  simulated::scheduler().yield();
+}
+
+bool Peer::isUser(std::string_view user) const {
+  return !user.empty() && (user == state_->traits.user || user == std::to_string(state_->traits.uid));
+}
+
+bool Peer::isInGroup(std::string_view group) const {
+  const std::vector<std::string>& groups = state_->traits.groups;
+  return std::find(groups.begin(), groups.end(), group) != groups.end();
+}
+
+bool Peer::runsExecutable(const std::string& path) const {
+  return !path.empty() && path == state_->traits.executable;
+}
+
+bool Peer::runsInUnit(std::string_view unit) const {
+  return !unit.empty() && unit == state_->traits.unit;
+}
+
+bool Peer::hasSecurityLabel(std::string_view label) const {
+  return !label.empty() && label == state_->traits.label;
+}
+
+std::string Peer::description() const {
+  return "pid " + std::to_string(state_->traits.pid) + ", uid " + std::to_string(state_->traits.uid);
+}
+
+}  // namespace kelvane::ipc

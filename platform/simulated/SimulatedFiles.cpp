@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: Apache-2.0
+// Files in memory.
+#include "platform/simulated/SimulatedFiles.h"
+
+#include "platform/simulated/SimulatedCalls.h"
+
+namespace kelvane {
+
+namespace simulated {
+
+namespace {
+
+std::vector<std::string> componentsOf(const std::string& path) {
+  std::vector<std::string> components;
+  for (std::size_t start = 0; start < path.size();) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string::npos) {
+      end = path.size();
+    }
+    if (end > start) {
+      components.push_back(path.substr(start, end - start));
+    }
+    start = end + 1;
+  }
+  return components;
+}
+
+}  // namespace
+
+void Files::write(const std::string& path, std::string_view text) {
+  write(path, Data(text.begin(), text.end()));
+}
+
+void Files::write(const std::string& path, Data bytes) {
+  make(path, Node::Kind::File).contents = std::move(bytes);
+}
+
+void Files::makeDirectory(const std::string& path) {
+  make(path, Node::Kind::Directory);
+}
+
+void Files::makeFifo(const std::string& path) {
+  make(path, Node::Kind::Fifo);
+}
+
+void Files::makeLink(const std::string& path, const std::string& target) {
+  make(path, Node::Kind::Link).target = target;
+}
+
+void Files::makeUnreadable(const std::string& path, const std::string& error) {
+  Node* node = &root_;
+  for (const std::string& component : componentsOf(path)) {
+    const auto entry = node->entries.find(component);
+    if (entry == node->entries.end()) {
+      fail("no file " + path);
+    }
+    node = &entry->second;
+  }
+  node->error = error;
+}
+
+void Files::remove(const std::string& path) {
+  Node* parent = &root_;
+  std::vector<std::string> components = componentsOf(path);
+  const std::string last = components.back();
+  components.pop_back();
+  for (const std::string& component : components) {
+    parent = &parent->entries[component];
+  }
+  parent->entries.erase(last);
+}
+
+std::vector<std::string> Files::entriesBeneath(const std::string& directory) const {
+  std::vector<std::string> entries;
+  const Node* node = find(directory);
+  if (node != nullptr && node->kind == Node::Kind::Directory) {
+    collect(*node, "", entries);
+  }
+  return entries;
+}
+
+std::variant<Data, files::Error> Files::read(const std::string& path, std::size_t maximumBytes) const {
+  const Node* node = find(path);
+  if (node == nullptr) {
+    return files::Error{"No such file or directory"};
+  }
+  if (node->error) {
+    return files::Error{*node->error};
+  }
+  if (node->kind == Node::Kind::Directory) {
+    return files::Error{"Is a directory"};
+  }
+  if (node->kind != Node::Kind::File) {
+    return files::Error{"Not a regular file"};
+  }
+  if (node->contents.size() > maximumBytes) {
+    return files::Error{"File too large"};
+  }
+  return node->contents;
+}
+
+Files::Node& Files::make(const std::string& path, Node::Kind kind) {
+  Node* node = &root_;
+  for (const std::string& component : componentsOf(path)) {
+    node = &node->entries[component];
+  }
+  if (node->kind != kind || kind != Node::Kind::Directory) {
+    *node = Node{kind, {}, {}, {}, {}};
+  }
+  return *node;
+}
+
+const Files::Node* Files::find(const std::string& path, int linksLeft) const {
+  const Node* node = &root_;
+  const std::vector<std::string> components = componentsOf(path);
+  for (std::size_t index = 0; index < components.size(); ++index) {
+    const auto entry = node->entries.find(components[index]);
+    if (entry == node->entries.end()) {
+      return nullptr;
+    }
+    node = &entry->second;
+    if (node->kind == Node::Kind::Link) {
+      if (linksLeft == 0) {
+        return nullptr;
+      }
+      std::string target = node->target;
+      for (std::size_t rest = index + 1; rest < components.size(); ++rest) {
+        target += "/" + components[rest];
+      }
+      return find(target, linksLeft - 1);
+    }
+  }
+  return node;
+}
+
+void Files::collect(const Node& directory, const std::string& prefix, std::vector<std::string>& entries) {
+  if (directory.error) {
+    return;
+  }
+  for (const auto& [name, node] : directory.entries) {
+    entries.push_back(prefix + name);
+    if (node.kind == Node::Kind::Directory) {
+      collect(node, prefix + name + "/", entries);
+    }
+  }
+}
+
+}  // namespace simulated
+
+std::vector<std::string> files::entriesBeneath(const std::string& directory) {
+  return simulated::world().files.entriesBeneath(directory);
+}
+
+std::variant<Data, files::Error> files::read(const std::string& path, std::size_t maximumBytes) {
+  return simulated::world().files.read(path, maximumBytes);
+}
+
+}  // namespace kelvane

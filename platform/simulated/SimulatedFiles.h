@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// The files as a test scripts them.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "platform/Files.h"
+
+namespace kelvane::simulated {
+
+/// A tree of files beneath "/". Paths are absolute; missing directories above a path are made, and what
+/// stood at the path is replaced.
+class Files {
+ public:
+  void write(const std::string& path, std::string_view text);
+  void write(const std::string& path, Data bytes);
+  void makeDirectory(const std::string& path);
+  void makeFifo(const std::string& path);
+  /// A symbolic link to an absolute path.
+  void makeLink(const std::string& path, const std::string& target);
+  /// Makes a file or directory that is there give this error when it is read.
+  void makeUnreadable(const std::string& path, const std::string& error = "Permission denied");
+  void remove(const std::string& path);
+
+  std::vector<std::string> entriesBeneath(const std::string& directory) const;
+  std::variant<Data, files::Error> read(const std::string& path, std::size_t maximumBytes) const;
+
+ private:
+  struct Node {
+    enum class Kind { File, Directory, Fifo, Link } kind = Kind::Directory;
+    Data contents;
+    std::string target;
+    std::optional<std::string> error;
+    std::map<std::string, Node> entries;
+  };
+  Node& make(const std::string& path, Node::Kind kind);
+  /// Follows links; null when there is nothing at the path.
+  const Node* find(const std::string& path, int linksLeft = 8) const;
+  static void collect(const Node& directory, const std::string& prefix, std::vector<std::string>& entries);
+
+  Node root_;
+};
+
+}  // namespace kelvane::simulated

@@ -1,0 +1,96 @@
+// SPDX-License-Identifier: Apache-2.0
+// Preferences suites in memory.
+#include "platform/simulated/SimulatedPreferences.h"
+
+#include "platform/Preferences.h"
+#include "platform/simulated/FrozenValue.h"
+#include "platform/simulated/SimulatedCalls.h"
+
+namespace kelvane {
+
+namespace simulated {
+
+void Preferences::set(const std::string& suite, const std::string& key, const Value& value) {
+  const std::shared_ptr<Store> found = store(suite);
+  found->memory[key] = value;
+  found->disk[key] = value;
+}
+
+Value Preferences::contents(const std::string& suite) const {
+  const auto found = stores_.find(suite);
+  return found == stores_.end() ? Value() : Value(found->second->memory);
+}
+
+Value Preferences::onDisk(const std::string& suite) const {
+  const auto found = stores_.find(suite);
+  return found == stores_.end() ? Value() : Value(found->second->disk);
+}
+
+std::shared_ptr<Preferences::Store> Preferences::open(const std::string& suite) {
+  ++openings_;
+  return store(suite);
+}
+
+void Preferences::loseMemory() {
+  // New stores: whoever still holds an old one belongs to a process that is gone.
+  for (auto& [name, store] : stores_) {
+    store = std::make_shared<Store>(Store{store->disk, store->disk});
+  }
+}
+
+std::shared_ptr<Preferences::Store> Preferences::store(const std::string& suite) {
+  std::shared_ptr<Store>& store = stores_[suite];
+  if (store == nullptr) {
+    store = std::make_shared<Store>();
+  }
+  return store;
+}
+
+}  // namespace simulated
+
+struct PreferencesSuite::State {
+  std::shared_ptr<simulated::Preferences::Store> store;
+};
+
+PreferencesSuite::PreferencesSuite(std::unique_ptr<State> state) : state_(std::move(state)) {}
+
+PreferencesSuite::~PreferencesSuite() = default;
+
+std::unique_ptr<PreferencesSuite> PreferencesSuite::open(const std::string& name) {
+  simulated::Preferences& preferences = simulated::world().preferences;
+  if (!preferences.openable()) {
+    return nullptr;
+  }
+  return std::make_unique<PreferencesSuite>(std::make_unique<State>(State{preferences.open(name)}));
+}
+
+Value PreferencesSuite::operator[](const std::string& key) const {
+  const auto found = state_->store->memory.find(key);
+  return found == state_->store->memory.end() ? Value() : found->second;
+}
+
+void PreferencesSuite::set(const std::string& key, Value value) {
+  if (value.isAbsent()) {
+    state_->store->memory.erase(key);
+  } else {
+    state_->store->memory[key] = std::move(value);
+  }
+}
+
+bool PreferencesSuite::synchronize() {
+  simulated::Scheduler& scheduler = simulated::scheduler();
+  simulated::Preferences& preferences = simulated::world().preferences;
+  scheduler.yield();
+  const bool written = !preferences.failing();
+  if (written) {
+    state_->store->disk.clear();
+    for (const auto& [key, value] : state_->store->memory) {
+      state_->store->disk[key] = simulated::frozen(value);
+    }
+    preferences.countSynchronization();
+  }
+  scheduler.yield();
+  return written;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// The preferences suites as a test scripts them.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "platform/Value.h"
+
+namespace kelvane::simulated {
+
+/// Every suite, as it is in memory and on disk. A later run of the same simulation begins with what is on
+/// disk.
+class Preferences {
+ public:
+  struct Store {
+    Value::Dictionary memory;
+    Value::Dictionary disk;
+  };
+
+  /// False makes every later opening give none.
+  void setOpenable(bool openable) { openable_ = openable; }
+  bool openable() const { return openable_; }
+  /// Makes every synchronize() fail until it is called with false.
+  void setFailing(bool failing) { failing_ = failing; }
+  bool failing() const { return failing_; }
+
+  /// Puts a value in memory and on disk, as if an earlier process had.
+  void set(const std::string& suite, const std::string& key, const Value& value);
+  /// The values that readers see, and those that a crash would leave.
+  Value contents(const std::string& suite) const;
+  Value onDisk(const std::string& suite) const;
+  /// How often a suite was opened, and how often one was synchronized with success.
+  int openings() const { return openings_; }
+  int synchronizations() const { return synchronizations_; }
+
+  std::shared_ptr<Store> open(const std::string& suite);
+  void countSynchronization() { ++synchronizations_; }
+  void loseMemory();
+
+ private:
+  std::shared_ptr<Store> store(const std::string& suite);
+
+  bool openable_ = true;
+  bool failing_ = false;
+  int openings_ = 0;
+  int synchronizations_ = 0;
+  std::map<std::string, std::shared_ptr<Store>> stores_;
+};
+
+}  // namespace kelvane::simulated

@@ -1,0 +1,94 @@
+// SPDX-License-Identifier: Apache-2.0
+// Volumes from the script.
+#include "platform/simulated/SimulatedVolumes.h"
+
+#include <algorithm>
+
+#include "platform/Volumes.h"
+#include "platform/simulated/SimulatedCalls.h"
+
+namespace kelvane {
+
+namespace simulated {
+
+void Volumes::add(const std::string& mountPoint, std::uint64_t availableBytes) {
+  remove(mountPoint);
+  volumes_.push_back({mountPoint, availableBytes});
+}
+
+void Volumes::remove(const std::string& mountPoint) {
+  std::erase_if(volumes_, [&](const Volume& volume) { return volume.mountPoint == mountPoint; });
+}
+
+void Volumes::take(const std::string& mountPoint, std::uint64_t bytes) {
+  std::uint64_t& available = volume(mountPoint).available;
+  available -= std::min(available, bytes);
+}
+
+bool Volumes::isUsable(const std::string& mountPoint) const {
+  const Volume* volume = find(mountPoint);
+  return volume != nullptr && volume->usable;
+}
+
+std::vector<std::string> Volumes::local() const {
+  std::vector<std::string> mountPoints;
+  for (const Volume& volume : volumes_) {
+    if (volume.local) {
+      mountPoints.push_back(volume.mountPoint);
+    }
+  }
+  return mountPoints;
+}
+
+std::vector<std::string> Volumes::low() const {
+  std::vector<Volume> low;
+  std::copy_if(volumes_.begin(), volumes_.end(), std::back_inserter(low),
+               [](const Volume& volume) { return volume.local && volume.low; });
+  std::stable_sort(low.begin(), low.end(),
+                   [](const Volume& left, const Volume& right) { return left.available < right.available; });
+  std::vector<std::string> mountPoints;
+  for (const Volume& volume : low) {
+    mountPoints.push_back(volume.mountPoint);
+  }
+  return mountPoints;
+}
+
+std::uint64_t Volumes::available(const std::string& mountPoint) const {
+  const Volume* volume = find(mountPoint);
+  return volume == nullptr ? 0 : volume->available;
+}
+
+Volumes::Volume& Volumes::volume(const std::string& mountPoint) {
+  for (Volume& volume : volumes_) {
+    if (volume.mountPoint == mountPoint) {
+      return volume;
+    }
+  }
+  fail("no volume " + mountPoint);
+}
+
+const Volumes::Volume* Volumes::find(const std::string& mountPoint) const {
+  const auto found = std::find_if(volumes_.begin(), volumes_.end(),
+                                  [&](const Volume& volume) { return volume.mountPoint == mountPoint; });
+  return found == volumes_.end() ? nullptr : &*found;
+}
+
+}  // namespace simulated
+
+bool volumes::isUsable(const std::string& path) {
+  return simulated::world().volumes.isUsable(path);
+}
+
+std::vector<std::string> volumes::local() {
+  return simulated::world().volumes.local();
+}
+
+std::vector<std::string> volumes::lowOnSpace() {
+  return simulated::world().volumes.low();
+}
+
+std::uint64_t volumes::availableBytes(const std::string& path) {
+  return simulated::world().volumes.available(path);
+}
+
+}  // namespace kelvane

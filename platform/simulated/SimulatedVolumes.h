@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+// The volumes as a test scripts them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace kelvane::simulated {
+
+/// The mounted volumes, in mount order. Functions that name a volume which is not there stop the process.
+class Volumes {
+ public:
+  /// A usable, local volume that is not low on space.
+  void add(const std::string& mountPoint, std::uint64_t availableBytes);
+  void remove(const std::string& mountPoint);
+  void setUsable(const std::string& mountPoint, bool usable) { volume(mountPoint).usable = usable; }
+  void setLocal(const std::string& mountPoint, bool local) { volume(mountPoint).local = local; }
+  void setLow(const std::string& mountPoint, bool low) { volume(mountPoint).low = low; }
+
+  void setAvailable(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).available = bytes; }
+  /// Frees bytes, as a service does that deletes.
+  void give(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).available += bytes; }
+  /// Uses bytes; at most what is available.
+  void take(const std::string& mountPoint, std::uint64_t bytes);
+
+  bool isUsable(const std::string& mountPoint) const;
+  std::vector<std::string> local() const;
+  std::vector<std::string> low() const;
+  /// 0 when there is no such volume.
+  std::uint64_t available(const std::string& mountPoint) const;
+
+ private:
+  struct Volume {
+    std::string mountPoint;
+    std::uint64_t available = 0;
+    bool usable = true;
+    bool local = true;
+    bool low = false;
+  };
+  Volume& volume(const std::string& mountPoint);
+  const Volume* find(const std::string& mountPoint) const;
+
+  std::vector<Volume> volumes_;
+};
+
+}  // namespace kelvane::simulated

@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: Apache-2.0
+// The object that a KelvaneListener exports: the implementation of KelvaneClientProtocol.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "platform/Ipc.h"
+#include "platform/Value.h"
+
+namespace kelvane {
+
+/// One function per operation of KelvaneClientProtocol that is available. Each is called on a thread that delivers
+/// requests and may block; requests of one connection come one at a time. While it runs, currentConnection() is the
+/// connection of the request.
+///
+/// A reply may be called from any thread, then or later; a reply that is never called leaves the client
+/// without an answer.
+class KelvaneExportedObject {
+ public:
+  /// Given a result, or absent for none.
+  using ValueReply = std::function<void(const Value&)>;
+  /// The error is always absent; the wire has no place for it.
+  using CheckinReply = std::function<void(const Value& dictionary, const Value& error)>;
+  using Reply = std::function<void()>;
+
+  virtual ~KelvaneExportedObject() = default;
+
+  virtual void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
+                             CheckinReply reply) = 0;
+  virtual void clientPurge(const Value& info, ValueReply replyBlock) = 0;
+  virtual void clientCancelPurge(const Value& info, Reply replyBlock) = 0;
+};
+
+/// The connection of the request that the calling thread is delivering. Calling it elsewhere stops the process.
+const ipc::Connection& currentConnection();
+
+}  // namespace kelvane

@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+// The listener on the daemon's own IPC service.
+#include "support/KelvaneListener.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <utility>
+
+#include "platform/Process.h"
+#include "protocols/KelvaneClientProtocol.h"
+#include "protocols/Names.h"
+#include "support/Entitlements.h"
+#include "support/KelvaneLog.h"
+
+namespace kelvane {
+
+namespace {
+
+thread_local const ipc::Connection* deliveredConnection = nullptr;
+
+class DeliveryScope {
+ public:
+  explicit DeliveryScope(const ipc::Connection& connection) : outer_(std::exchange(deliveredConnection, &connection)) {}
+  ~DeliveryScope() { deliveredConnection = outer_; }
+  DeliveryScope(const DeliveryScope&) = delete;
+  DeliveryScope& operator=(const DeliveryScope&) = delete;
+
+ private:
+  /// A thread that waits in one delivery may be given another.
+  const ipc::Connection* const outer_;
+};
+
+void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
+  namespace protocol = KelvaneClientProtocol;
+  const DeliveryScope scope(request.connection);
+  const ipc::Operation* operation = &request.operation;
+  const auto replyValue = [reply = request.reply](const Value& value) { reply.send(value); };
+  const auto replyDone = [reply = request.reply] { reply.send(); };
+
+  if (operation == &protocol::clientCheckin) {
+    object.clientCheckin(*request.value(0).string(), request.endpoint(1), request.value(2),
+                         [reply = request.reply](const Value& dictionary, const Value&) { reply.send(dictionary); });
+  } else if (operation == &protocol::clientPurge) {
+    object.clientPurge(request.value(0), replyValue);
+  } else if (operation == &protocol::clientCancelPurge) {
+    object.clientCancelPurge(request.value(0), replyDone);
+  } else {
+    request.reply.sendError("org.freedesktop.DBus.Error.NotSupported",
+                            std::string(operation->member) + " is not available yet");
+  }
+}
+
+}  // namespace
+
+const ipc::Connection& currentConnection() {
+  if (deliveredConnection == nullptr) {
+    std::fputs("no request is being delivered on this thread\n", stderr);
+    std::abort();
+  }
+  return *deliveredConnection;
+}
+
+std::unique_ptr<KelvaneListener> KelvaneListener::daemonListenerWithExportedObject(KelvaneExportedObject& object) {
+  setEntitlementRules(EntitlementRules::read());
+  return std::unique_ptr<KelvaneListener>(new KelvaneListener(object));
+}
+
+KelvaneListener::KelvaneListener(KelvaneExportedObject& object)
+    : listener_(ipc::Listener::named(names::daemon, KelvaneClientProtocol::interface,
+                                     [&object](const ipc::Request& request) { deliver(object, request); })) {}
+
+void KelvaneListener::addRequiredEntitlement(const std::string& entitlement) {
+  requiredEntitlements_.push_back(entitlement);
+}
+
+void KelvaneListener::resume() {
+  listener_.setAdmission([required = requiredEntitlements_](const ipc::Peer& peer) {
+    const bool entitled = peerIsEntitled(peer, required);
+    if (!entitled) {
+      KELVANE_ERROR("%s refused a connection: %@", "-[KelvaneListener resume]", peer.description());
+    }
+    return entitled;
+  });
+  if (const auto error = listener_.resume()) {
+    // Whatever the log's threshold: these are the process's last words.
+    writeLog(errorLevel, "%s unable to listen: %@", "-[KelvaneListener resume]", *error);
+    exitImmediately(EXIT_FAILURE);
+  }
+}
+
+}  // namespace kelvane

@@ -1,0 +1,39 @@
+// SPDX-License-Identifier: Apache-2.0
+// The log handle, the log writer and the two ways to log.
+#include "support/KelvaneLog.h"
+
+#include "platform/Reporting.h"
+#include "support/PropertyListFile.h"
+
+namespace kelvane {
+
+namespace {
+
+constexpr char configurationPath[] = "/etc/kelvane/log.plist";
+
+LogHandle processHandle = {errorLevel};
+std::atomic<const LogHandle*> currentHandle = &processHandle;
+
+void reportLog(const LogHandle*, std::int32_t level, const char* category, const char* format,
+               std::span<const FormatArgument> arguments) {
+  const std::string function = arguments.empty() ? std::string() : arguments.front().text();
+  reporting::writeLog(level, category, function, formatArguments(format, arguments));
+}
+
+}  // namespace
+
+std::atomic<LogWriter> logWriter = reportLog;
+
+const LogHandle* getLogHandle() {
+  return currentHandle.load(std::memory_order_acquire);
+}
+
+void configureLog() {
+  const Value configuration = readConfigurationFile(configurationPath);
+  const Value threshold = configuration["Threshold"];
+  processHandle.threshold = threshold.isNumber() ? threshold.int32Value() : errorLevel;
+  const Value handle = configuration["Handle"];
+  currentHandle = handle.isNumber() && !handle.boolValue() ? nullptr : &processHandle;
+}
+
+}  // namespace kelvane

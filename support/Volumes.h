@@ -1,0 +1,29 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the daemon asks about volumes.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/Value.h"
+
+namespace kelvane {
+
+/// Whether the info's "KELVANE_VOLUME" names the mount point of a writable, local file system.
+bool validateVolume(const Value& info);
+
+/// The local volumes, by mount point.
+std::vector<std::string> getLocalVolumes();
+
+/// Those that are low on space now, the emptiest first.
+std::vector<std::string> lowSpaceVolumes();
+
+/// Bytes of the volume that are available to unprivileged users; 0 for what is no volume or cannot be asked.
+std::uint64_t volumeFreespace(const Value& volume);
+
+/// Bytes gained so far by the purge that the info describes: the volume's free space now less
+/// "KELVANE_FREESPACE_BEGIN", never below 0, and 0 while that is not known. No service's word is taken for it.
+std::uint64_t amountPurged(const Value& info);
+
+}  // namespace kelvane

@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+// Purge and cancel as clients ask for them.
+#include <gtest/gtest.h>
+
+#include "protocols/KelvaneClientProtocol.h"
+#include "protocols/Keys.h"
+#include "tests/harness/DaemonTest.h"
+
+namespace kelvane::test {
+namespace {
+
+Value purgeInfo(std::uint64_t amount) {
+  return Value::Dictionary{{keys::volume, "/data"}, {keys::amount, amount}, {keys::urgency, 1}};
+}
+
+class AClient : public DaemonTest {};
+
+TEST_F(AClient, GetsThePurgesResult) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    service.onPurge = freesWhatIsAsked();
+    checkIn(TestClient(), service);
+    const Value result = clientOf("client").purge(purgeInfo(100));
+    EXPECT_EQ(result[keys::amount], Value(std::uint64_t{100}));
+    EXPECT_EQ(result[keys::freespaceEnd], Value(std::uint64_t{1100}));
+  });
+}
+
+TEST_F(AClient, WithoutTheEntitlementIsAnsweredWithNoneAndNothingIsPurged) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    checkIn(TestClient(), service);
+    const std::uint64_t start = clock::ticks();
+    EXPECT_TRUE(clientOf("partial").purge(purgeInfo(100)).isAbsent());
+    EXPECT_EQ(clock::ticks(), start);
+    EXPECT_EQ(service.count("servicePurge 1"), 0u);
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[Kelvane clientPurge:replyBlock:] Connection is not entitled!"});
+  });
+}
+
+TEST_F(AClient, WhoMayNotConnectIsNotServed) {
+  runDaemon([&] {
+    const auto answer = clientOf("nobody").send(KelvaneClientProtocol::clientPurge, {purgeInfo(100)});
+    simulation->settle();
+    EXPECT_FALSE(answer->arrived);
+    EXPECT_TRUE(answer->failed);
+  });
+}
+
+TEST_F(AClient, WhoseInfoIsRefusedGetsNoneAndNotTheError) {
+  runDaemon([&] {
+    EXPECT_TRUE(TestClient().purge(Value::Dictionary{{keys::amount, 100}}).isAbsent());
+    EXPECT_TRUE(TestClient().purge(Value::Dictionary{{keys::volume, "/nowhere"}}).isAbsent());
+    EXPECT_TRUE(log().contains("No Volume key in info"));
+    EXPECT_TRUE(log().contains("Unable to validate volume: /nowhere"));
+  });
+}
+
+TEST_F(AClient, CancelsNothingByTokenButIsAnswered) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    service.onPurge = ScriptedService::silence();
+    checkIn(TestClient(), service);
+    const Value token("my purge");
+    const std::uint64_t start = clock::ticks();
+    const auto purge =
+        TestClient().send(KelvaneClientProtocol::clientPurge,
+                          {Value(Value::Dictionary{
+                              {keys::volume, volume}, {keys::amount, 100}, {keys::urgency, 2}, {keys::token, token}})});
+    simulation->settle();
+    const auto cancel =
+        TestClient().send(KelvaneClientProtocol::clientCancelPurge, {Value(Value::Dictionary{{keys::token, token}})});
+    simulation->settle();
+    EXPECT_TRUE(cancel->arrived);
+    EXPECT_EQ(clock::ticks(), start);
+    EXPECT_FALSE(purge->arrived);
+    EXPECT_EQ(service.count("serviceCancelPurge"), 0u);
+
+    clock::sleepMicroseconds(6'000'000);
+    simulation->settle();
+    EXPECT_TRUE(purge->arrived);
+    EXPECT_FALSE(purge->value.contains(keys::operationCancelled));
+    EXPECT_EQ(purge->value[keys::token], token);
+  });
+}
+
+TEST_F(AClient, IsAnsweredWhenItCancelsWithoutAToken) {
+  runDaemon([&] {
+    const auto cancel = TestClient().send(KelvaneClientProtocol::clientCancelPurge, {Value(Value::Dictionary{})});
+    simulation->settle();
+    EXPECT_TRUE(cancel->arrived);
+    EXPECT_TRUE(cancel->value.isAbsent());
+  });
+}
+
+TEST_F(AClient, NeedsNoEntitlementOfItsOwnToCancel) {
+  runDaemon([&] {
+    const auto cancel =
+        clientOf("partial").send(KelvaneClientProtocol::clientCancelPurge, {Value(Value::Dictionary{})});
+    simulation->settle();
+    EXPECT_TRUE(cancel->arrived);
+  });
+}
+
+TEST_F(AClient, MayCancelWithoutAReplyBlock) {
+  runDaemon([&] { kelvane->clientCancelPurge(Value::Dictionary{{keys::token, "x"}}, nullptr); });
+}
+
+}  // namespace
+}  // namespace kelvane::test

@@ -1,0 +1,167 @@
+// SPDX-License-Identifier: Apache-2.0
+// Dispatch: purges one after the other, what their callers get, periodic work.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "protocols/Keys.h"
+#include "tests/harness/DaemonTest.h"
+
+namespace kelvane::test {
+namespace {
+
+class Dispatch : public DaemonTest {
+ protected:
+  static Value purgeInfo(std::uint64_t amount, Value::Dictionary more = {}) {
+    more[keys::volume] = volume;
+    more[keys::amount] = amount;
+    more[keys::urgency] = 1;
+    return more;
+  }
+};
+
+TEST_F(Dispatch, RunsAPurgeWithoutATokenAndMakesNoneUp) {
+  runDaemon([&] {
+    const Value result = kelvane->purge(purgeInfo(100), nullptr);
+    EXPECT_TRUE(result.isDictionary());
+    EXPECT_FALSE(result.contains("KELVANE_TOKEN"));
+  });
+}
+
+TEST_F(Dispatch, PassesAPurgesTokenOn) {
+  runDaemon([&] {
+    EXPECT_EQ(kelvane->purge(purgeInfo(100, {{"KELVANE_TOKEN", "t"}}), nullptr)["KELVANE_TOKEN"], Value("t"));
+  });
+}
+
+TEST_F(Dispatch, RunsPurgesOneAfterTheOther) {
+  runDaemon([&] {
+    const std::uint64_t start = clock::ticks();
+    std::vector<double> ends;
+    const Group group;
+    for (int i = 0; i < 2; ++i) {
+      group.asyncGlobal([&] {
+        kelvane->purge(purgeInfo(100), nullptr);
+        ends.push_back(secondsSince(start));
+      });
+    }
+    group.wait();
+    // Each waits out its one pass of two seconds; the second caller's wait includes the first purge.
+    EXPECT_EQ(ends, (std::vector<double>{2.0, 4.0}));
+  });
+}
+
+TEST_F(Dispatch, GivesACallbackEverythingThatIsDelivered) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    service.onPurge = frees(40);
+    checkIn(TestClient(), service);
+    std::vector<Value> delivered;
+    const Value result = kelvane->purge(purgeInfo(100), [&](const Value& value) { delivered.push_back(value); });
+    ASSERT_EQ(delivered.size(), 2u);
+    EXPECT_EQ(delivered[0][keys::amount], Value(std::uint64_t{40}));
+    EXPECT_FALSE(delivered[0].contains(keys::freespaceEnd));
+    EXPECT_EQ(delivered[1], result);
+    EXPECT_TRUE(result.contains(keys::freespaceEnd));
+  });
+}
+
+TEST_F(Dispatch, GivesACallbackAnAnswerThatComesAfterThePurgeHasReturned) {
+  runDaemon([&] {
+    ScriptedService late("late");
+    std::optional<ipc::Reply> held;
+    late.onPurge = [&](const ScriptedService::Request& request) { held = request.reply; };
+    checkIn(TestClient(), late);
+    std::vector<Value> delivered;
+    kelvane->purge(purgeInfo(100), [&](const Value& value) { delivered.push_back(value); });
+    EXPECT_EQ(delivered.size(), 1u);
+    held->send(Value::Dictionary{{keys::amount, 9}});
+    simulation->settle();
+    ASSERT_EQ(delivered.size(), 2u);
+    EXPECT_EQ(delivered[1][keys::amount], Value(9));
+  });
+}
+
+// A service's answer that is delivered after the result and before the caller reads it takes the result's place.
+TEST_F(Dispatch, KeepsWhateverWasDeliveredLast) {
+  std::set<bool> gotResult;
+  for (std::uint64_t seed = 1; seed <= 300 && gotResult.size() < 2; ++seed) {
+    runDaemon(
+        [&] {
+          ScriptedService late("late");
+          late.onPurge = [](const ScriptedService::Request& request) {
+            // Just when the pass times out.
+            globalQueue::async([request] {
+              clock::sleepMicroseconds(2'000'000);
+              request.reply.send(Value::Dictionary{{keys::amount, 9}});
+            });
+          };
+          checkIn(TestClient(), late);
+          const Value result = kelvane->purge(purgeInfo(100), nullptr);
+          gotResult.insert(result.contains(keys::freespaceEnd));
+          clock::sleepMicroseconds(1'000'000);
+        },
+        seed);
+  }
+  EXPECT_EQ(gotResult, (std::set<bool>{false, true}));
+}
+
+TEST_F(Dispatch, GivesNoResultAndDoesNotBlockWhenTheInfoIsRefused) {
+  runDaemon([&] {
+    const std::uint64_t start = clock::ticks();
+    int delivered = 0;
+    EXPECT_TRUE(kelvane->purge("no dictionary", [&](const Value&) { ++delivered; }).isAbsent());
+    EXPECT_TRUE(kelvane->purge(Value::Dictionary{{keys::volume, 3}}, nullptr).isAbsent());
+    EXPECT_EQ(delivered, 0);
+    EXPECT_EQ(clock::ticks(), start);
+  });
+}
+
+TEST_F(Dispatch, HandsAPurgeASnapshotOfTheServices) {
+  runDaemon([&] {
+    ScriptedService first("a");
+    ScriptedService second("b");
+    first.onPurge = ScriptedService::silence();
+    const TestClient client;
+    checkIn(client, first);
+    const Group purge;
+    purge.asyncGlobal([&] {
+      kelvane->purge(Value::Dictionary{{keys::volume, volume}, {keys::amount, 100}, {keys::urgency, 2}}, nullptr);
+    });
+    simulation->settle();
+    checkIn(client, second);
+    purge.wait();
+    // It checked in during the first pass; the second pass does not know of it.
+    EXPECT_EQ(second.calls(), std::vector<std::string>{"servicePing"});
+  });
+}
+
+TEST_F(Dispatch, OnlyLogsTheResultOfPeriodicWork) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    service.onPeriodic = ScriptedService::gives(4096);
+    checkIn(TestClient(), service);
+    kelvane->performPeriodicsWithInfo(Value::Dictionary{{keys::volume, volume}});
+    EXPECT_TRUE(log().contains("-[Kelvane performPeriodicsWithInfo:]_block result: { KELVANE_AMOUNT = 4096; }"));
+  });
+}
+
+TEST_F(Dispatch, DoesNothingPeriodicForARefusedInfo) {
+  runDaemon([&] {
+    const std::uint64_t start = clock::ticks();
+    kelvane->performPeriodicsWithInfo(Value::Dictionary{});
+    EXPECT_EQ(clock::ticks(), start);
+    EXPECT_FALSE(log().contains("result:"));
+  });
+}
+
+TEST_F(Dispatch, CountsTheMembersOfACollection) {
+  runDaemon([&] {
+    EXPECT_EQ(kelvane->requestsInFlight(Value::Array{"a", "b"}), 2);
+    EXPECT_EQ(kelvane->requestsInFlight(Value::Dictionary{{"a", 1}}), 1);
+    EXPECT_EQ(kelvane->requestsInFlight(Value()), 0);
+  });
+}
+
+}  // namespace
+}  // namespace kelvane::test

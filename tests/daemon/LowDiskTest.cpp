@@ -1,0 +1,101 @@
+// SPDX-License-Identifier: Apache-2.0
+// Low-disk events: which volumes are purged, by how much, and what is counted.
+#include <gtest/gtest.h>
+
+#include "protocols/Keys.h"
+#include "tests/harness/DaemonTest.h"
+
+namespace kelvane::test {
+namespace {
+
+constexpr char name[] = "-[Kelvane handleVFSStreamVEXEvent:] ";
+
+Value eventWith(std::uint64_t flags) {
+  return Value::Dictionary{{"_Flags", flags}};
+}
+
+class ALowDiskEvent : public DaemonTest {
+ protected:
+  std::int64_t counter(const std::string& counterName) { return simulation->statistics().counter(counterName); }
+};
+
+TEST_F(ALowDiskEvent, WithoutLowVolumesDoesNothingWhateverItsFlagsSay) {
+  runDaemon([&] {
+    log().clear();
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x204));
+    EXPECT_EQ(log().texts(),
+              std::vector<std::string>{std::string(name) + "No volumes report low disk space, skipping purge"});
+    EXPECT_TRUE(simulation->statistics().counterNames().empty());
+  });
+}
+
+TEST_F(ALowDiskEvent, PurgesALowVolumeByAFixedAmount) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    ScriptedService service("a");
+    service.onPurge = freesWhatIsAsked();
+    checkIn(TestClient(), service);
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x4));
+    ASSERT_EQ(service.infos().size(), 1u);
+    const Value info = service.infos()[0];
+    EXPECT_EQ(info[keys::volume], Value(volume));
+    EXPECT_EQ(info[keys::amount], Value(std::uint64_t{262144000}));
+    EXPECT_EQ(info["KELVANE_ASYNC"], Value(true));
+    EXPECT_EQ(info["KELVANE_PURGE_TIMEOUT"], Value(300));
+    EXPECT_TRUE(log().contains(std::string(name) + "caught VQ_LOWDISK"));
+    EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 1);
+  });
+}
+
+TEST_F(ALowDiskEvent, CountsAVeryLowDiskByItsOwnName) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x200));
+    EXPECT_TRUE(log().contains(std::string(name) + "caught VQ_VERYLOWDISK"));
+    EXPECT_EQ(counter("KL_VERYLOWDISK_EVENT"), 1);
+    EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 0);
+  });
+}
+
+TEST_F(ALowDiskEvent, WithBothFlagsIsALowDiskEvent) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x204));
+    EXPECT_TRUE(log().contains(std::string(name) + "caught VQ_LOWDISK"));
+    EXPECT_FALSE(log().contains("VQ_VERYLOWDISK"));
+    EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 1);
+    EXPECT_EQ(counter("KL_VERYLOWDISK_EVENT"), 0);
+  });
+}
+
+TEST_F(ALowDiskEvent, WithNeitherFlagPurgesAllTheSameAndCountsWithoutAName) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    ScriptedService service("a");
+    service.onPurge = freesWhatIsAsked();
+    checkIn(TestClient(), service);
+    kelvane->handleVFSStreamVEXEvent(Value::Dictionary{});
+    EXPECT_EQ(service.count("servicePurge 1"), 1u);
+    EXPECT_TRUE(simulation->statistics().hasCounter(""));
+    EXPECT_EQ(counter(""), 1);
+    EXPECT_FALSE(log().contains("caught"));
+  });
+}
+
+TEST_F(ALowDiskEvent, PurgesThreeLowVolumesOneAfterTheOther) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    for (const char* other : {"/more", "/most"}) {
+      simulation->volumes().add(other, 10);
+      simulation->volumes().setLow(other, true);
+    }
+    const std::uint64_t start = clock::ticks();
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x4));
+    // Nobody can give anything: three purges of three passes of 300 seconds each.
+    EXPECT_EQ(secondsSince(start), 3.0 * 3 * 300);
+    EXPECT_EQ(simulation->statistics().samples("KelvanePurgeAmountRequested"), std::vector<double>(9, 262144000));
+  });
+}
+
+}  // namespace
+}  // namespace kelvane::test

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+// The fixture of tests that run the registry on the simulated platform, and clients for it.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "daemon/Kelvane.h"
+#include "tests/harness/OperationTest.h"
+
+namespace kelvane::test {
+
+/// What became of one call.
+struct Answer {
+  bool arrived = false;
+  Value value;
+  /// The connection failed instead.
+  bool failed = false;
+};
+
+/// A process that is connected to the daemon.
+class TestClient {
+ public:
+  TestClient();
+
+  /// Sends and returns at once; the answer fills in when it comes.
+  std::shared_ptr<Answer> send(const ipc::Operation& operation, ipc::Arguments arguments) const;
+  std::shared_ptr<Answer> checkIn(const std::string& identifier, const ipc::Endpoint& endpoint,
+                                  const Value& info) const;
+  /// Sends and waits for the answer.
+  Value purge(const Value& info) const;
+
+  const ipc::Connection& connection() const { return connection_; }
+
+ private:
+  ipc::Connection connection_;
+};
+
+/// A simulated machine on which the registry runs. The user "root" holds every entitlement, "client" those of
+/// clients, "nobody" none, and "partial" only the right to connect.
+class DaemonTest : public OperationTest {
+ protected:
+  /// Prepares the machine, makes the registry and runs body with it.
+  void runDaemon(const std::function<void()>& body, std::uint64_t seed = 0);
+
+  /// Called before the registry is made.
+  virtual void prepare() {}
+
+  /// Connects as another user than root.
+  TestClient clientOf(const std::string& user);
+
+  /// Checks a service in and returns when it is known.
+  void checkIn(const TestClient& client, const ScriptedService& service, Value::Dictionary info = {{"PURGE", true}});
+  void describe(const std::string& file, const std::string& dictionaryXml);
+
+  std::shared_ptr<KLService> recordOf(const std::string& identifier) const;
+
+  std::unique_ptr<Kelvane> kelvane;
+};
+
+/// Writes the rules of the users above, for tests that start the daemon themselves.
+void writeEntitlements(Simulation& simulation);
+
+/// A property list in XML around the contents of its top element.
+std::string plist(const std::string& contents);
+
+}  // namespace kelvane::test

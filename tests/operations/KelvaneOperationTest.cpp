@@ -1,0 +1,182 @@
+// SPDX-License-Identifier: Apache-2.0
+// The base of operations: what infos it accepts, who is in flight, cancelling.
+#include "operations/KelvaneOperation.h"
+
+#include "protocols/Keys.h"
+#include "tests/harness/OperationTest.h"
+
+namespace kelvane::test {
+namespace {
+
+/// Does nothing by itself.
+class PlainOperation : public KelvaneOperation {
+ public:
+  bool initialise(const Value& info, const ServiceTable& services = {}) {
+    return KelvaneOperation::initWithInfo(info, services);
+  }
+  void startOperation(const Completion& completion) override { completion({}); }
+};
+
+Value errorOf(const KelvaneOperation& operation) {
+  return operation.result()[keys::error];
+}
+
+class AnOperation : public OperationTest {
+ protected:
+  static Value infoWith(const Value::Dictionary& entries) {
+    Value::Dictionary info = entries;
+    info[keys::volume] = volume;
+    return info;
+  }
+
+  static std::int32_t urgencyLimitOf(const Value::Dictionary& entries) {
+    PlainOperation operation;
+    EXPECT_TRUE(operation.initialise(infoWith(entries)));
+    return operation.urgencyLimit();
+  }
+};
+
+TEST_F(AnOperation, TakesOverAnInfoThatNamesAUsableVolume) {
+  run([&] {
+    PlainOperation operation;
+    const Value info = infoWith({{"other", 1}});
+    ASSERT_TRUE(operation.initialise(info));
+    EXPECT_EQ(operation.info(), info);
+    EXPECT_EQ(operation.result(), info);
+    EXPECT_EQ(operation.volume(), volume);
+    EXPECT_EQ(operation.inFlightCount(), 0u);
+  });
+}
+
+TEST_F(AnOperation, RefusesAnInfoThatIsNoDictionary) {
+  run([&] {
+    PlainOperation operation;
+    EXPECT_FALSE(operation.initialise("info"));
+    EXPECT_EQ(operation.result(), Value(Value::Dictionary{{"KELVANE_ERROR", "Parameter error, info is not a dict"}}));
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] info is not a dictionary!"});
+  });
+}
+
+TEST_F(AnOperation, RefusesAnInfoWithoutAVolume) {
+  run([&] {
+    PlainOperation operation;
+    EXPECT_FALSE(operation.initialise(Value::Dictionary{{"kelvane_volume", volume}}));
+    EXPECT_EQ(errorOf(operation), Value("Parameter error, no Volume key in info dict"));
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] No Volume key in info: "
+                                       "{ kelvane_volume = \"/data\"; }"});
+  });
+}
+
+TEST_F(AnOperation, RefusesAVolumeThatIsANumberAsAbsent) {
+  run([&] {
+    PlainOperation operation;
+    EXPECT_FALSE(operation.initialise(Value::Dictionary{{keys::volume, 7}}));
+    EXPECT_EQ(errorOf(operation), Value("Parameter error, no Volume key in info dict"));
+  });
+}
+
+TEST_F(AnOperation, RefusesAVolumeThatIsNotUsable) {
+  run([&] {
+    simulation->volumes().setUsable(volume, false);
+    PlainOperation operation;
+    EXPECT_FALSE(operation.initialise(infoWith({})));
+    EXPECT_EQ(errorOf(operation), Value("Parameter error, Unable to validate volume in info dict"));
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] Unable to validate volume: /data"});
+  });
+}
+
+TEST_F(AnOperation, LimitsTheUrgencyToWhatTheInfoAsksForFromOneToFour) {
+  run([&] {
+    for (std::int32_t urgency = 1; urgency <= 4; ++urgency) {
+      EXPECT_EQ(urgencyLimitOf({{keys::urgency, urgency}}), urgency);
+    }
+  });
+}
+
+TEST_F(AnOperation, LimitsTheUrgencyToThreeForAnythingElse) {
+  run([&] {
+    EXPECT_EQ(urgencyLimitOf({}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, 5}}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, 0}}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, -1}}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, "2"}}), 3);
+  });
+}
+
+TEST_F(AnOperation, ReadsTheUrgencyAsA32BitInteger) {
+  run([&] { EXPECT_EQ(urgencyLimitOf({{keys::urgency, (std::uint64_t{1} << 32) + 2}}), 2); });
+}
+
+TEST_F(AnOperation, LooksAtTheUrgencyLimitOnlyWithoutAnUrgency) {
+  run([&] {
+    EXPECT_EQ(urgencyLimitOf({{keys::urgencyLimit, 1}}), 1);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, 2}, {keys::urgencyLimit, 4}}), 2);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, "2"}, {keys::urgencyLimit, 4}}), 3);
+  });
+}
+
+TEST_F(AnOperation, TellsWhetherAnUpdateChangedWhoIsInFlight) {
+  run([&] {
+    PlainOperation operation;
+    ASSERT_TRUE(operation.initialise(infoWith({})));
+    log().clear();
+    EXPECT_TRUE(operation.updateInFlight("a", true));
+    EXPECT_FALSE(operation.updateInFlight("a", true));
+    EXPECT_EQ(operation.inFlightCount(), 1u);
+    EXPECT_TRUE(operation.updateInFlight("a", false));
+    EXPECT_FALSE(operation.updateInFlight("a", false));
+    EXPECT_EQ(operation.inFlightCount(), 0u);
+
+    const std::string name = "-[KelvaneOperation updateInFlight:add:]_block ";
+    EXPECT_EQ(log().texts(3), std::vector<std::string>{name + "trying to add \"a\", which is already inFlight"});
+    EXPECT_EQ(log().texts(5),
+              (std::vector<std::string>{name + "adding a", name + "adding a", name + "removing a", name + "removing a",
+                                        name + "trying to remove \"a\", which is not inFlight"}));
+  });
+}
+
+TEST_F(AnOperation, SendsNothingWhenItIsCancelledWithNobodyInFlight) {
+  run([&] {
+    ScriptedService service("a");
+    const auto operation = std::make_shared<PlainOperation>();
+    ASSERT_TRUE(operation->initialise(infoWith({}), tableOf({service.record()})));
+    operation->cancelOperation();
+    simulation->settle();
+    EXPECT_TRUE(service.calls().empty());
+  });
+}
+
+TEST_F(AnOperation, AsksThoseInFlightToStopWhenItIsCancelledAndLeavesThemInFlight) {
+  run([&] {
+    ScriptedService asked("a");
+    ScriptedService idle("b");
+    const auto operation = std::make_shared<PlainOperation>();
+    ASSERT_TRUE(operation->initialise(infoWith({}), tableOf({asked.record(), idle.record()})));
+    operation->updateInFlight("a", true);
+    operation->cancelOperation();
+    simulation->settle();
+    EXPECT_EQ(asked.calls(), std::vector<std::string>{"serviceCancelPurge"});
+    EXPECT_TRUE(idle.calls().empty());
+    EXPECT_EQ(operation->inFlightCount(), 1u);
+  });
+}
+
+TEST_F(AnOperation, ForgetsAServiceWhoseConnectionFailsUnderACancel) {
+  run([&] {
+    ScriptedService service("a");
+    service.onCancel = ScriptedService::dies();
+    const auto operation = std::make_shared<PlainOperation>();
+    ASSERT_TRUE(operation->initialise(infoWith({}), tableOf({service.record()})));
+    operation->updateInFlight("a", true);
+    operation->cancelOperation();
+    simulation->settle();
+    EXPECT_EQ(operation->inFlightCount(), 0u);
+    EXPECT_TRUE(log().contains("-[KelvaneOperation cancelOperation]_block connection invalidated: a"));
+  });
+}
+
+}  // namespace
+}  // namespace kelvane::test

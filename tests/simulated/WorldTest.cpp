@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+// Clock, log, statistics, volumes, files and preferences of the simulation.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "platform/Clock.h"
+#include "platform/Files.h"
+#include "platform/MutableDictionary.h"
+#include "platform/Preferences.h"
+#include "platform/Reporting.h"
+#include "platform/Volumes.h"
+#include "platform/simulated/Simulation.h"
+
+namespace kelvane {
+namespace {
+
+using std::chrono::seconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Texts = std::vector<std::string>;
+
+TEST(Ticks, FollowTheTimebaseExactly) {
+  Simulation simulation;
+  simulation.clock().setTimebase(clock::Timebase{125, 3});
+  simulation.run([&] {
+    const auto base = clock::timebase();
+    ASSERT_TRUE(base);
+    EXPECT_EQ(base->numerator, 125U);
+    EXPECT_EQ(base->denominator, 3U);
+    const std::uint64_t before = clock::ticks();
+    clock::sleepMicroseconds(1'000'000);
+    EXPECT_EQ(clock::ticks() - before, 24'000'000U);
+    EXPECT_EQ(clock::ticks() - before, 24'000'000U);
+  });
+}
+
+TEST(ATimebase, MayBeUnreadable) {
+  Simulation simulation;
+  simulation.clock().setTimebase(std::nullopt);
+  simulation.run([&] {
+    EXPECT_FALSE(clock::timebase());
+    const std::uint64_t before = clock::ticks();
+    simulation.advance(seconds(1));
+    EXPECT_GT(clock::ticks(), before);
+  });
+}
+
+TEST(TheDate, GoesOnFromWhereItWasSet) {
+  Simulation simulation;
+  simulation.run([&] {
+    simulation.setDate(Date{1000});
+    simulation.advance(seconds(5));
+    EXPECT_NEAR(clock::now().secondsSince1970, 1005, 1e-6);
+    const std::uint64_t before = clock::ticks();
+    simulation.setDate(Date{10});
+    EXPECT_NEAR(clock::now().secondsSince1970, 10, 1e-6);
+    EXPECT_EQ(clock::ticks(), before);
+  });
+}
+
+TEST(TheLog, KeepsWhatWasWritten) {
+  Simulation simulation;
+  reporting::writeLog(5, "Kelvane", "main", "main Kelvane, open for business!");
+  reporting::writeLog(3, "Kelvane", "scan", "scan failed");
+  reporting::writeLog(5, "Kelvane", "main", "main again");
+  EXPECT_TRUE(simulation.log().contains("open for"));
+  EXPECT_FALSE(simulation.log().contains("closed"));
+  EXPECT_EQ(simulation.log().count("main"), 2U);
+  EXPECT_EQ(simulation.log().messages()[1].level, 3);
+  EXPECT_EQ(simulation.log().messages()[1].category, "Kelvane");
+  EXPECT_THAT(simulation.log().texts(), ElementsAre("main Kelvane, open for business!", "scan failed", "main again"));
+  EXPECT_THAT(simulation.log().texts(3), ElementsAre("scan failed"));
+  EXPECT_THAT(simulation.log().textsOf("main"), ElementsAre("main Kelvane, open for business!", "main again"));
+  simulation.log().clear();
+  EXPECT_THAT(simulation.log().texts(), IsEmpty());
+}
+
+TEST(TheLog, IsOpenWithoutASimulation) {
+  reporting::writeLog(3, "Kelvane", "none", "reaches nobody");
+}
+
+TEST(Counters, AddUpByDomainAndName) {
+  Simulation simulation;
+  reporting::addToCounter("com.tessaly.kelvane", "total.purged", 5);
+  reporting::addToCounter("com.tessaly.kelvane", "total.purged", 7);
+  reporting::addToCounter("com.tessaly.kelvane", "", 1);
+  reporting::addToCounter("other", "total.purged", 100);
+  reporting::addToCounter("other", "sum", std::numeric_limits<std::int64_t>::max());
+  reporting::addToCounter("other", "sum", 1);
+  EXPECT_EQ(simulation.statistics().counter("total.purged"), 12);
+  EXPECT_EQ(simulation.statistics().counter("total.purged", "other"), 100);
+  EXPECT_EQ(simulation.statistics().counter("sum", "other"), std::numeric_limits<std::int64_t>::min());
+  EXPECT_TRUE(simulation.statistics().hasCounter(""));
+  EXPECT_FALSE(simulation.statistics().hasCounter("", "other"));
+  EXPECT_EQ(simulation.statistics().counter("none"), 0);
+  EXPECT_THAT(simulation.statistics().counterNames(), ElementsAre("", "total.purged"));
+}
+
+TEST(Samples, AreKeptInOrder) {
+  Simulation simulation;
+  reporting::addSample("com.tessaly.kelvane", "elapsed", 2.5);
+  reporting::addSample("com.tessaly.kelvane", "elapsed", 1.5);
+  EXPECT_THAT(simulation.statistics().samples("elapsed"), ElementsAre(2.5, 1.5));
+  EXPECT_THAT(simulation.statistics().samples("elapsed", "other"), IsEmpty());
+}
+
+TEST(Volumes, AreWhatTheScriptSays) {
+  Simulation simulation;
+  simulation.volumes().add("/", 500);
+  simulation.volumes().add("/data", 300);
+  simulation.volumes().add("/media", 100);
+  simulation.volumes().setLocal("/media", false);
+  simulation.volumes().setUsable("/media", false);
+  EXPECT_EQ(volumes::local(), (Texts{"/", "/data"}));
+  EXPECT_TRUE(volumes::isUsable("/data"));
+  EXPECT_FALSE(volumes::isUsable("/media"));
+  EXPECT_FALSE(volumes::isUsable("/data/sub"));
+  simulation.volumes().give("/data", 50);
+  EXPECT_EQ(volumes::availableBytes("/data"), 350U);
+  simulation.volumes().take("/data", 1000);
+  EXPECT_EQ(volumes::availableBytes("/data"), 0U);
+  simulation.volumes().setAvailable("/data", 7);
+  EXPECT_EQ(volumes::availableBytes("/data"), 7U);
+  simulation.volumes().remove("/data");
+  EXPECT_EQ(volumes::availableBytes("/data"), 0U);
+}
+
+TEST(LowVolumes, AreListedEmptiestFirst) {
+  Simulation simulation;
+  EXPECT_THAT(volumes::lowOnSpace(), IsEmpty());
+  simulation.volumes().add("/a", 500);
+  simulation.volumes().add("/b", 300);
+  simulation.volumes().add("/c", 400);
+  for (const char* volume : {"/a", "/b", "/c"}) {
+    simulation.volumes().setLow(volume, true);
+  }
+  EXPECT_EQ(volumes::lowOnSpace(), (Texts{"/b", "/c", "/a"}));
+  simulation.volumes().setLow("/b", false);
+  EXPECT_EQ(volumes::lowOnSpace(), (Texts{"/c", "/a"}));
+}
+
+TEST(Files, AreListedInNameOrderADirectoryBeforeWhatIsInIt) {
+  Simulation simulation;
+  simulation.files().write("/library/b.plist", "b");
+  simulation.files().write("/library/a/z.plist", "z");
+  simulation.files().write("/library/a/sub/y.plist", "y");
+  simulation.files().write("/library/a.plist", "a");
+  simulation.files().makeDirectory("/library/empty");
+  simulation.files().makeFifo("/library/fifo");
+  simulation.files().makeLink("/library/link", "/library/a");
+  EXPECT_EQ(files::entriesBeneath("/library"),
+            (Texts{"a", "a/sub", "a/sub/y.plist", "a/z.plist", "a.plist", "b.plist", "empty", "fifo", "link"}));
+  EXPECT_THAT(files::entriesBeneath("/library/empty"), IsEmpty());
+  EXPECT_THAT(files::entriesBeneath("/missing"), IsEmpty());
+  EXPECT_THAT(files::entriesBeneath("/library/a.plist"), IsEmpty());
+}
+
+TEST(ALinkToADirectory, IsFollowedAtTheTop) {
+  Simulation simulation;
+  simulation.files().write("/elsewhere/a.plist", "a");
+  simulation.files().makeLink("/library", "/elsewhere");
+  simulation.files().makeLink("/endless", "/endless");
+  EXPECT_EQ(files::entriesBeneath("/library"), (Texts{"a.plist"}));
+  EXPECT_THAT(files::entriesBeneath("/endless"), IsEmpty());
+  EXPECT_EQ(std::get<Data>(files::read("/library/a.plist", 10)), Data{'a'});
+}
+
+TEST(Reading, GivesTheContentsOfARegularFileOrAnError) {
+  Simulation simulation;
+  simulation.files().write("/library/a.plist", "abc");
+  simulation.files().makeFifo("/library/fifo");
+  simulation.files().write("/library/secret", "abc");
+  simulation.files().makeUnreadable("/library/secret");
+  EXPECT_EQ(std::get<Data>(files::read("/library/a.plist", 3)), (Data{'a', 'b', 'c'}));
+  EXPECT_FALSE(std::get<files::Error>(files::read("/library/a.plist", 2)).text.empty());
+  EXPECT_EQ(std::get<files::Error>(files::read("/library/secret", 10)).text, "Permission denied");
+  EXPECT_EQ(std::get<files::Error>(files::read("/library", 10)).text, "Is a directory");
+  EXPECT_EQ(std::get<files::Error>(files::read("/library/fifo", 10)).text, "Not a regular file");
+  simulation.files().remove("/library/a.plist");
+  EXPECT_EQ(std::get<files::Error>(files::read("/library/a.plist", 10)).text, "No such file or directory");
+}
+
+TEST(AnUnreadableDirectory, IsListedWithoutWhatIsInIt) {
+  Simulation simulation;
+  simulation.files().write("/library/closed/a.plist", "a");
+  simulation.files().makeUnreadable("/library/closed");
+  EXPECT_EQ(files::entriesBeneath("/library"), (Texts{"closed"}));
+}
+
+TEST(ASuite, ShowsWhatWasSetAtOnceAndOnDiskOnceSynchronized) {
+  Simulation simulation;
+  simulation.run([&] {
+    const auto suite = PreferencesSuite::open("com.tessaly.kelvane");
+    ASSERT_NE(suite, nullptr);
+    suite->set("state", Value(1));
+    EXPECT_EQ((*suite)["state"], Value(1));
+    EXPECT_TRUE(simulation.preferences().onDisk("com.tessaly.kelvane")["state"].isAbsent());
+    EXPECT_TRUE(suite->synchronize());
+    EXPECT_EQ(simulation.preferences().onDisk("com.tessaly.kelvane")["state"], Value(1));
+    suite->set("state", Value());
+    EXPECT_TRUE((*suite)["state"].isAbsent());
+    EXPECT_EQ(simulation.preferences().synchronizations(), 1);
+  });
+}
+
+TEST(ASuite, KeepsOnDiskWhatASharedDictionaryHeldWhenSynchronized) {
+  Simulation simulation;
+  simulation.run([&] {
+    const auto suite = PreferencesSuite::open("suite");
+    MutableDictionary dictionary;
+    suite->set("live", Value::Array{dictionary});
+    EXPECT_TRUE(suite->synchronize());
+    dictionary.set("later", Value(1));
+    EXPECT_TRUE((*simulation.preferences().onDisk("suite")["live"].array())[0]["later"].isAbsent());
+  });
+}
+
+TEST(ASuite, ThatCannotBeWrittenStaysInMemory) {
+  Simulation simulation;
+  simulation.run([&] {
+    const auto suite = PreferencesSuite::open("suite");
+    suite->set("key", Value("value"));
+    simulation.preferences().setFailing(true);
+    EXPECT_FALSE(suite->synchronize());
+    EXPECT_EQ((*suite)["key"], Value("value"));
+    simulation.preferences().setFailing(false);
+    EXPECT_TRUE(suite->synchronize());
+    EXPECT_EQ(simulation.preferences().onDisk("suite")["key"], Value("value"));
+  });
+}
+
+TEST(ASuite, MayBeRefused) {
+  Simulation simulation;
+  simulation.preferences().setOpenable(false);
+  EXPECT_EQ(PreferencesSuite::open("suite"), nullptr);
+  simulation.preferences().setOpenable(true);
+  EXPECT_NE(PreferencesSuite::open("suite"), nullptr);
+  EXPECT_EQ(simulation.preferences().openings(), 1);
+}
+
+TEST(ASuite, BeginsAfterARestartWithWhatWasOnDisk) {
+  Simulation simulation;
+  simulation.preferences().set("suite", "earlier", Value(0));
+  simulation.run([&] {
+    const auto suite = PreferencesSuite::open("suite");
+    EXPECT_EQ((*suite)["earlier"], Value(0));
+    suite->set("kept", Value(1));
+    EXPECT_TRUE(suite->synchronize());
+    suite->set("lost", Value(2));
+    EXPECT_EQ(simulation.preferences().contents("suite")["lost"], Value(2));
+  });
+  simulation.run([&] {
+    const auto suite = PreferencesSuite::open("suite");
+    EXPECT_EQ((*suite)["kept"], Value(1));
+    EXPECT_TRUE((*suite)["lost"].isAbsent());
+  });
+}
+
+}  // namespace
+}  // namespace kelvane
