@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+// One connected socket that speaks D-Bus.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <cstddef>
+#include <list>
+#include <optional>
+#include <string>
+
+#include "platform/linux/ipc/EventLoop.h"
+#include "platform/linux/ipc/StreamMeter.h"
+#include "platform/linux/system/FileDescriptor.h"
+
+namespace kelvane::ipc {
+
+/// Drives a bus object of the library by hand, because what the library offers for that costs time in
+/// proportion to all connections and can miss a first message. Owned by a channel; lives on the event
+/// loop's thread.
+///
+/// It ends once: by close(), or by the peer, which is told to the owner after everything that had arrived
+/// before was.
+class BusLink final : private EventLoop::Source {
+ public:
+  enum class Role { Client, Server };
+
+  class Owner {
+   public:
+    /// The handshake is over: calls that carry descriptors can be sent now.
+    virtual void linkOpened() = 0;
+    /// A message of this many bytes, which is freed afterwards; false leaves it to the library.
+    virtual bool linkReceived(sd_bus_message* message, std::size_t bytes) = 0;
+    /// A message of which this much has arrived is not complete yet; 0 when none is any more.
+    virtual void linkReceivedPart(std::size_t bytes) = 0;
+    /// This much waits now for the peer to read.
+    virtual void linkUnsent(std::size_t bytes) = 0;
+    /// To be followed by close().
+    virtual void linkEnded() = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  BusLink(EventLoop& loop, Owner& owner) : loop_(loop), owner_(owner) {}
+  ~BusLink() { close(); }
+  BusLink(const BusLink&) = delete;
+  BusLink& operator=(const BusLink&) = delete;
+
+  /// Starts the handshake on a connected socket; false when the system refuses.
+  [[nodiscard]] bool open(FileDescriptor socket, Role role);
+  /// The owner is told nothing more.
+  void close();
+
+  bool isOpen() const { return bus_ != nullptr && !closing_; }
+  bool isReady() const { return isOpen() && ready_; }
+  /// For making messages, while isOpen().
+  sd_bus* bus() const { return bus_; }
+
+  /// Sends a message and frees it; bytes is about how long it is. The message's cookie, or none when it
+  /// could not be sent: then the link is about to end, if it was open.
+  std::optional<std::uint64_t> send(sd_bus_message* message, std::size_t bytes);
+
+  /// Leaves what arrives in the socket, but still notices when the peer hangs up.
+  void pauseReading(bool paused);
+  /// Has the loop look for hang-ups of this link before it delivers requests.
+  void watchHangUpFirst();
+
+ private:
+  void ready(std::uint32_t events) override;
+  bool process(std::uint32_t events);
+  void countPart();
+  void countUnsent();
+  void refreshEvents();
+  void startHandshakeTimer();
+  void stopHandshakeTimer();
+  void destroy();
+  static int receive(sd_bus_message* message, void* link, sd_bus_error* error);
+
+  EventLoop& loop_;
+  Owner& owner_;
+  sd_bus* bus_ = nullptr;
+  int socket_ = -1;
+  std::uint32_t events_ = 0;
+  StreamMeter meter_;
+  std::optional<EventLoop::Timer> handshakeTimer_;
+  /// The lengths of the messages in the library's queue, which tells only how many they are.
+  std::list<std::size_t> unsent_;
+  std::size_t unsentBytes_ = 0;
+  bool inPart_ = false;
+  bool ready_ = false;
+  bool paused_ = false;
+  bool hungUp_ = false;
+  bool processing_ = false;
+  bool closing_ = false;
+};
+
+}  // namespace kelvane::ipc

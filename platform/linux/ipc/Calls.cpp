@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+// The calls of one connection that have no answer yet.
+#include "platform/linux/ipc/Calls.h"
+
+#include "platform/Queues.h"
+
+namespace kelvane::ipc {
+
+namespace {
+
+/// Whatever the call holds goes on a thread that may block.
+void answerCall(Call call, std::variant<Value, CallError> outcome) {
+  globalQueue::async([call = std::make_shared<Call>(std::move(call)), outcome = std::move(outcome)] {
+    const Call answered = std::move(*call);
+    if (answered.outcome) {
+      answered.outcome(outcome);
+    }
+  });
+}
+
+}  // namespace
+
+void failCall(Call call, const CallError& error) {
+  globalQueue::async([call = std::make_shared<Call>(std::move(call)), error] {
+    const Call failed = std::move(*call);
+    if (*failed.error) {
+      (*failed.error)(error);
+    }
+  });
+}
+
+void Calls::add(Call call) {
+  maximumReplyBytes_ = std::max(maximumReplyBytes_, call.interface->maximumReplyBytes);
+  if (link_.isReady() && waiting_.empty()) {
+    send(std::move(call));
+  } else {
+    waiting_.push_back(std::move(call));
+  }
+}
+
+void Calls::sendWaiting() {
+  while (!waiting_.empty() && link_.isReady()) {
+    Call call = std::move(waiting_.front());
+    waiting_.pop_front();
+    if (!send(std::move(call))) {
+      return;
+    }
+  }
+}
+
+/// False when the link is about to end; the call then fails with it.
+bool Calls::send(Call call) {
+  const auto message = makeCall(link_.bus(), *call.interface, *call.operation, call.arguments);
+  if (!message) {
+    answerCall(std::move(call), CallError{std::string(SD_BUS_ERROR_INVALID_ARGS) + ": The call cannot be encoded",
+                                          CallError::Cause::Answered});
+    return true;
+  }
+  if (const auto cookie = link_.send(message->message, message->bytes)) {
+    // The endpoints among the arguments are the other end's now.
+    call.arguments.clear();
+    sent_.emplace(*cookie, std::move(call));
+    return true;
+  }
+  waiting_.push_back(std::move(call));
+  return false;
+}
+
+void Calls::answer(sd_bus_message* reply) {
+  std::uint64_t cookie = 0;
+  if (sd_bus_message_get_reply_cookie(reply, &cookie) < 0) {
+    return;
+  }
+  auto sent = sent_.extract(cookie);
+  if (!sent.empty()) {
+    std::variant<Value, CallError> outcome = decodeReply(reply, *sent.mapped().operation);
+    answerCall(std::move(sent.mapped()), std::move(outcome));
+  }
+}
+
+void Calls::fail(const CallError& error) {
+  for (auto& [cookie, call] : std::exchange(sent_, {})) {
+    failCall(std::move(call), error);
+  }
+  for (Call& call : std::exchange(waiting_, {})) {
+    failCall(std::move(call), error);
+  }
+}
+
+}  // namespace kelvane::ipc

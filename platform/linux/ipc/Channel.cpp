@@ -1,0 +1,228 @@
+// SPDX-License-Identifier: Apache-2.0
+// A connection's working half, on the event loop's thread.
+#include "platform/linux/ipc/Channel.h"
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/Limits.h"
+#include "platform/linux/ipc/ConnectionState.h"
+#include "platform/linux/ipc/ListenerCore.h"
+#include "platform/linux/ipc/SocketAddress.h"
+
+namespace kelvane::ipc {
+
+namespace {
+
+/// A service whose queue of connections is full is asked again, so often and for so long.
+constexpr auto connectPause = std::chrono::milliseconds(20);
+constexpr auto connectTime = std::chrono::seconds(30);
+/// For the rest of a message that has begun to arrive.
+constexpr auto partTime = std::chrono::seconds(30);
+/// A request that is too long is answered with an error, but not at any length.
+constexpr std::size_t longestMessage = 2 * limits::requestBytes;
+
+}  // namespace
+
+Channel::Channel() : peer_(std::make_shared<Peer::State>()), link_(hub_.loop, *this), calls_(link_) {}
+
+Channel::~Channel() = default;
+
+void Channel::startClient(FileDescriptor socket, EndpointPlace place) {
+  if (ended_) {
+    return;
+  }
+  self_ = shared_from_this();
+  place_ = std::move(place);
+  begin(std::move(socket), BusLink::Role::Client);
+}
+
+void Channel::startServer(FileDescriptor socket, std::shared_ptr<ListenerCore> listener) {
+  self_ = shared_from_this();
+  user_ = peer_->user();
+  requests_.emplace(*this, std::move(listener), connection_.lock());
+  begin(std::move(socket), BusLink::Role::Server);
+}
+
+void Channel::connect(const std::string& path) {
+  if (!ended_) {
+    self_ = shared_from_this();
+    tryConnect(path, EventLoop::Clock::now() + connectTime);
+  }
+}
+
+void Channel::tryConnect(const std::string& path, EventLoop::Clock::time_point giveUp) {
+  const auto address = SocketAddress::at(path);
+  FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+  errno = address && socket ? 0 : (address ? errno : ENAMETOOLONG);
+  if (errno == 0 && ::connect(socket.get(), address->get(), address->size()) == 0) {
+    begin(std::move(socket), BusLink::Role::Client);
+    return;
+  }
+  const int error = errno;
+  const auto next = EventLoop::Clock::now() + connectPause;
+  if (error == EAGAIN && next < giveUp) {
+    startTimer(next, [this, path, giveUp] { tryConnect(path, giveUp); });
+  } else {
+    end(End::Interruption, std::string(SD_BUS_ERROR_NO_SERVER) + ": " + path + ": " + std::strerror(error));
+  }
+}
+
+void Channel::begin(FileDescriptor socket, BusLink::Role role) {
+  if (!socket) {
+    end(End::Interruption, std::string(SD_BUS_ERROR_DISCONNECTED) + ": The endpoint is in use or gone");
+    return;
+  }
+  connected_ = true;
+  peer_->read(socket.get());
+  user_ = peer_->user();
+  if (!link_.open(std::move(socket), role)) {
+    end(End::Interruption, std::string(SD_BUS_ERROR_NO_MEMORY) + ": The system refuses a connection");
+  } else if (role == BusLink::Role::Client) {
+    link_.watchHangUpFirst();
+  }
+}
+
+void Channel::call(Call call) {
+  if (ended_) {
+    failCall(std::move(call), endError_);
+    return;
+  }
+  const auto most = static_cast<std::size_t>(call.interface->maximumOutstandingCalls);
+  if (most != 0 && calls_.count() >= most) {
+    endForLimit("Too many calls are outstanding");
+    failCall(std::move(call), endError_);
+    return;
+  }
+  calls_.add(std::move(call));
+}
+
+void Channel::send(const std::optional<OutgoingMessage>& message) {
+  if (message && link_.isOpen()) {
+    link_.send(message->message, message->bytes);
+  } else if (message) {
+    sd_bus_message_unref(message->message);
+  }
+}
+
+void Channel::linkOpened() {
+  opened_ = true;
+  calls_.sendWaiting();
+}
+
+bool Channel::linkReceived(sd_bus_message* message, std::size_t bytes) {
+  const std::size_t most = maximumMessageBytes();
+  if (most != 0 && bytes > most) {
+    endForLimit("A message is too long");
+    return true;
+  }
+  std::uint8_t type = 0;
+  sd_bus_message_get_type(message, &type);
+  if (type == SD_BUS_MESSAGE_METHOD_CALL) {
+    return requests_ && requests_->receive(message, bytes);
+  }
+  if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) {
+    calls_.answer(message);
+  }
+  return true;
+}
+
+std::size_t Channel::maximumMessageBytes() const {
+  return requests_ ? longestMessage : calls_.maximumReplyBytes();
+}
+
+void Channel::linkReceivedPart(std::size_t bytes) {
+  const std::size_t most = maximumMessageBytes();
+  if (most == 0) {
+    return;
+  }
+  if (bytes > most) {
+    endForLimit("A message is too long");
+  } else if (bytes == 0 && inPart_) {
+    inPart_ = false;
+    stopTimer();
+    hub_.quota.removePartial(user_);
+  } else if (bytes != 0 && !inPart_) {
+    inPart_ = hub_.quota.addPartial(user_);
+    if (!inPart_) {
+      endForLimit("Too many messages are incomplete");
+      return;
+    }
+    startTimer(EventLoop::Clock::now() + partTime, [this] { endForLimit("A message stays incomplete"); });
+  }
+}
+
+void Channel::linkUnsent(std::size_t bytes) {
+  hub_.quota.removeUnsent(user_, countedUnsent_);
+  const bool fits = bytes <= limits::unsentBytesPerConnection && hub_.quota.addUnsent(user_, bytes);
+  countedUnsent_ = fits ? bytes : 0;
+  if (!fits) {
+    endForLimit("The peer does not read");
+  }
+}
+
+void Channel::linkEnded() {
+  end(End::Interruption, std::string(SD_BUS_ERROR_NO_REPLY) + ": Connection terminated");
+}
+
+void Channel::end(End how, const std::string& reason) {
+  if (ended_) {
+    return;
+  }
+  ended_ = true;
+  endError_.text = reason;
+  if (how == End::Interruption && !opened_) {
+    endError_.cause = connected_ ? CallError::Cause::NotAdmitted : CallError::Cause::NotReached;
+  }
+  stopTimer();
+  peer_->release();
+  link_.close();
+  hub_.quota.removeUnsent(user_, std::exchange(countedUnsent_, 0));
+  if (std::exchange(inPart_, false)) {
+    hub_.quota.removePartial(user_);
+  }
+  place_.reset();
+  runHandlers(how);
+  calls_.fail(endError_);
+  if (requests_) {
+    requests_->listener().channelEnded(shared_from_this(), requests_->connection());
+    requests_->connectionEnded(how != End::Interruption);
+    hub_.quota.removeConnection(user_);
+  }
+  // The link may be in the midst of telling this object something.
+  hub_.loop.post([self = std::move(self_)] {});
+}
+
+/// The other end makes this one hold too much. A connection that this side opened is invalidated.
+void Channel::endForLimit(const char* reason) {
+  end(requests_ ? End::Interruption : End::Invalidation, std::string(SD_BUS_ERROR_LIMITS_EXCEEDED) + ": " + reason);
+}
+
+void Channel::runHandlers(End how) {
+  const auto connection = connection_.lock();
+  if (connection == nullptr) {
+    return;
+  }
+  const Connection::State::Handlers handlers = connection->takeHandlers();
+  if (how == End::Interruption && handlers.interruption) {
+    handlers.interruption();
+  } else if (how == End::Invalidation && handlers.invalidation) {
+    handlers.invalidation();
+  }
+}
+
+void Channel::startTimer(EventLoop::Clock::time_point when, EventLoop::Task task) {
+  timer_ = hub_.loop.runAt(when, [this, task = std::move(task)] {
+    timer_.reset();
+    task();
+  });
+}
+
+void Channel::stopTimer() {
+  if (timer_) {
+    hub_.loop.cancel(*timer_);
+    timer_.reset();
+  }
+}
+
+}  // namespace kelvane::ipc

@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+// A listener's working half, on the event loop's thread.
+#include "platform/linux/ipc/ListenerCore.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "platform/Queues.h"
+#include "platform/linux/ipc/Channel.h"
+#include "platform/linux/ipc/ConnectionState.h"
+
+namespace kelvane::ipc {
+
+namespace {
+
+/// Connections accepted in one turn before other descriptors have theirs.
+constexpr int acceptedPerTurn = 64;
+/// When the system has no descriptors to give, it is asked again after this.
+constexpr auto acceptPause = std::chrono::milliseconds(100);
+
+bool isForWantOfResources(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
+}  // namespace
+
+ListenerCore::ListenerCore(const Interface& interface, RequestHandler handler)
+    : interface_(interface), handler_(std::make_shared<const RequestHandler>(std::move(handler))) {}
+
+void ListenerCore::setAdmission(Listener::Admission admission) {
+  admission_ = std::make_shared<const Listener::Admission>(std::move(admission));
+}
+
+void ListenerCore::setDisconnectHandler(DisconnectHandler handler) {
+  disconnectHandler_ = std::move(handler);
+}
+
+void ListenerCore::start(std::optional<ListeningSocket> socket) {
+  isStarted_ = true;
+  if (socket) {
+    socket_.emplace(*std::move(socket));
+    if (!hub_.loop.watch(socket_->get(), EPOLLIN, *this)) {
+      pauseAccepting();
+    }
+  }
+  for (FileDescriptor& end : std::exchange(early_, {})) {
+    serve(std::move(end));
+  }
+}
+
+void ListenerCore::serve(FileDescriptor end) {
+  if (!isStarted_ && !isStopped_) {
+    early_.push_back(std::move(end));
+  } else if (!isStopped_) {
+    auto peer = std::make_shared<Peer::State>();
+    peer->read(end.get());
+    peer->release();
+    if (hub_.quota.addConnection(peer->user())) {
+      serveAdmitted(std::move(end));
+    }
+  }
+}
+
+void ListenerCore::stop() {
+  isStopped_ = true;
+  early_.clear();
+  admission_.reset();
+  disconnectHandler_ = nullptr;
+  if (acceptTimer_) {
+    hub_.loop.cancel(*acceptTimer_);
+  } else if (socket_) {
+    hub_.loop.forget(socket_->get(), *this);
+  }
+  socket_.reset();
+  for (const auto& channel : std::exchange(channels_, {})) {
+    channel->end(Channel::End::Release, "");
+  }
+}
+
+void ListenerCore::ready(std::uint32_t) {
+  for (int accepted = 0; accepted < acceptedPerTurn; ++accepted) {
+    FileDescriptor socket(accept4(socket_->get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (socket) {
+      consider(std::move(socket));
+    } else if (isForWantOfResources(errno)) {
+      hub_.loop.forget(socket_->get(), *this);
+      pauseAccepting();
+      return;
+    } else if (errno == EAGAIN) {
+      return;
+    }
+  }
+}
+
+void ListenerCore::pauseAccepting() {
+  acceptTimer_ = hub_.loop.runAt(EventLoop::Clock::now() + acceptPause, [this] {
+    acceptTimer_.reset();
+    if (!hub_.loop.watch(socket_->get(), EPOLLIN, *this)) {
+      pauseAccepting();
+    }
+  });
+}
+
+/// Whether a process is admitted may take reading files, or asking the network who it is.
+void ListenerCore::consider(FileDescriptor socket) {
+  auto peer = std::make_shared<Peer::State>();
+  peer->read(socket.get());
+  if (!hub_.quota.addConnection(peer->user())) {
+    peer->release();
+    return;
+  }
+  if (admission_ == nullptr) {
+    peer->release();
+    serveAdmitted(std::move(socket));
+    return;
+  }
+  globalQueue::async([self = shared_from_this(), admission = admission_, peer,
+                      socket = std::make_shared<FileDescriptor>(std::move(socket))] {
+    const bool admitted = (*admission)(Peer(peer));
+    peer->release();
+    self->hub_.loop.post([self, admitted, user = peer->user(), socket] {
+      if (admitted && !self->isStopped_) {
+        self->serveAdmitted(std::move(*socket));
+      } else {
+        self->hub_.quota.removeConnection(user);
+      }
+    });
+  });
+}
+
+void ListenerCore::serveAdmitted(FileDescriptor socket) {
+  auto channel = std::make_shared<Channel>();
+  const auto connection = Connection::State::make(channel, nullptr);
+  channels_.insert(channel);
+  channel->startServer(std::move(socket), shared_from_this());
+}
+
+void ListenerCore::channelEnded(const std::shared_ptr<Channel>& channel,
+                                const std::shared_ptr<Connection::State>& connection) {
+  channels_.erase(channel);
+  if (disconnectHandler_) {
+    disconnectHandler_(Connection(connection));
+  }
+}
+
+}  // namespace kelvane::ipc

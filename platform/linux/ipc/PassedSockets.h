@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: Apache-2.0
+// The listening sockets that the service manager passed to the process.
+#pragma once
+
+#include <string>
+
+#include "platform/linux/system/FileDescriptor.h"
+
+namespace kelvane::ipc {
+
+/// Takes the passed AF_UNIX stream socket that listens at this path; with a service's name, also one that
+/// was passed under that name, or one that was passed alone. Each can be taken once; none when there is no
+/// such socket. Any thread.
+[[nodiscard]] FileDescriptor takePassedSocket(const std::string& path, const std::string& serviceName);
+
+}  // namespace kelvane::ipc

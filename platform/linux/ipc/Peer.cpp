@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// What entitlement rules ask about a peer.
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <charconv>
+#include <fstream>
+#include <optional>
+
+#include "platform/linux/ipc/ControlGroup.h"
+#include "platform/linux/ipc/PeerState.h"
+#include "platform/linux/runtime/BlockedScope.h"
+
+namespace kelvane::ipc {
+
+namespace {
+
+std::optional<unsigned> number(std::string_view text) {
+  unsigned value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  const bool isNumber = error == std::errc() && end == text.data() + text.size();
+  return isNumber ? std::optional(value) : std::nullopt;
+}
+
+/// Looks a name up with getpwnam_r or getgrnam_r, which may ask the network.
+template <typename Entry, typename LookUp>
+std::optional<Entry> entryOf(std::string_view name, LookUp lookUp, std::vector<char>& memory) {
+  const runtime::BlockedScope blocked;
+  const std::string text(name);
+  for (memory.resize(1024); memory.size() <= 1024 * 1024; memory.resize(memory.size() * 2)) {
+    Entry entry{};
+    Entry* found = nullptr;
+    const int error = lookUp(text.c_str(), &entry, memory.data(), memory.size(), &found);
+    if (error != ERANGE) {
+      return error == 0 && found != nullptr ? std::optional(entry) : std::nullopt;
+    }
+  }
+  return std::nullopt;
+}
+
+}  // namespace
+
+bool Peer::isUser(std::string_view user) const {
+  const uid_t uid = state_->user();
+  if (uid == State::nobody) {
+    return false;
+  }
+  if (const auto wanted = number(user)) {
+    return *wanted == uid;
+  }
+  std::vector<char> memory;
+  const auto entry = entryOf<passwd>(user, getpwnam_r, memory);
+  return entry && entry->pw_uid == uid;
+}
+
+bool Peer::isInGroup(std::string_view group) const {
+  if (const auto wanted = number(group)) {
+    return state_->isInGroup(*wanted);
+  }
+  std::vector<char> memory;
+  const auto entry = entryOf<::group>(group, getgrnam_r, memory);
+  return entry && state_->isInGroup(entry->gr_gid);
+}
+
+bool Peer::runsExecutable(const std::string& path) const {
+  const State::Pinned process = state_->pinned();
+  struct stat running {};
+  struct stat wanted {};
+  return process.descriptor && stat(("/proc/" + std::to_string(process.pid) + "/exe").c_str(), &running) == 0 &&
+         process.isAlive() && stat(path.c_str(), &wanted) == 0 && running.st_dev == wanted.st_dev &&
+         running.st_ino == wanted.st_ino;
+}
+
+bool Peer::runsInUnit(std::string_view unit) const {
+  const State::Pinned process = state_->pinned();
+  if (!process.descriptor || unit.empty()) {
+    return false;
+  }
+  std::ifstream file("/proc/" + std::to_string(process.pid) + "/cgroup");
+  std::string line;
+  while (std::getline(file, line)) {
+    if (line.starts_with("0::")) {
+      return process.isAlive() && unitOfControlGroup(std::string_view(line).substr(3)) == unit;
+    }
+  }
+  return false;
+}
+
+bool Peer::hasSecurityLabel(std::string_view label) const {
+  return !label.empty() && state_->label() == label;
+}
+
+std::string Peer::description() const {
+  return state_->description();
+}
+
+}  // namespace kelvane::ipc

@@ -1,0 +1,150 @@
+// SPDX-License-Identifier: Apache-2.0
+// The mounts that a path can lead to, and which of them hold data that can be freed.
+#include "platform/linux/system/MountTable.h"
+
+#include <libmount/libmount.h>
+#include <sys/sysmacros.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+namespace kelvane {
+
+namespace {
+
+/// What the table says of one mount.
+struct Mount {
+  int identifier;
+  int parent;
+  std::string path;
+  VolumeMount volume;
+  bool isVolume;
+};
+
+struct FreeTable {
+  void operator()(libmnt_table* table) const { mnt_unref_table(table); }
+};
+struct FreeIterator {
+  void operator()(libmnt_iter* iterator) const { mnt_free_iter(iterator); }
+};
+
+std::string_view text(const char* string) {
+  return string == nullptr ? std::string_view() : string;
+}
+
+bool hasOption(const char* options, const char* name) {
+  char* value = nullptr;
+  std::size_t length = 0;
+  return options != nullptr && mnt_optstr_get_option(options, name, &value, &length) == 0;
+}
+
+/// Read-only is said of the mount, of the file system, or of both.
+bool isWritable(libmnt_fs* fs) {
+  return !hasOption(mnt_fs_get_vfs_options(fs), "ro") && !hasOption(mnt_fs_get_fs_options(fs), "ro");
+}
+
+bool isLocal(libmnt_fs* fs) {
+  const std::string_view type = text(mnt_fs_get_fstype(fs));
+  if (type == "tmpfs") {
+    return true;
+  }
+  // An overlay's space is that of the file system beneath, which is a volume of its own. What libmount
+  // takes for pseudo includes that, FUSE and shares of a virtual machine's host.
+  if (mnt_fs_is_netfs(fs) != 0 || mnt_fs_is_pseudofs(fs) != 0 || type.starts_with("fuse.")) {
+    return false;
+  }
+  if (major(mnt_fs_get_devno(fs)) != 0) {
+    return true;
+  }
+  // File systems that span devices have an anonymous device number; all but zfs name one of the devices.
+  return type == "zfs" || text(mnt_fs_get_source(fs)).starts_with("/dev/");
+}
+
+std::vector<Mount> readTable(const char* mountInfoFile) {
+  const std::unique_ptr<libmnt_table, FreeTable> table(mnt_new_table());
+  const std::unique_ptr<libmnt_iter, FreeIterator> iterator(mnt_new_iter(MNT_ITER_FORWARD));
+  if (!table || !iterator || mnt_table_parse_file(table.get(), mountInfoFile) != 0) {
+    return {};
+  }
+  std::vector<Mount> mounts;
+  libmnt_fs* fs = nullptr;
+  while (mnt_table_next_fs(table.get(), iterator.get(), &fs) == 0) {
+    const std::string path(text(mnt_fs_get_target(fs)));
+    mounts.push_back(Mount{.identifier = mnt_fs_get_id(fs),
+                           .parent = mnt_fs_get_parent_id(fs),
+                           .path = path,
+                           .volume = {path, mnt_fs_get_devno(fs), text(mnt_fs_get_root(fs)) == "/"},
+                           .isVolume = isWritable(fs) && isLocal(fs)});
+  }
+  return mounts;
+}
+
+/// Follows paths through the tree of mounts as the kernel does.
+class Reachability {
+ public:
+  explicit Reachability(const std::vector<Mount>& mounts) {
+    for (const Mount& mount : mounts) {
+      byIdentifier_.emplace(mount.identifier, &mount);
+      children_.emplace(std::pair(mount.parent, std::string_view(mount.path)), &mount);
+    }
+  }
+
+  /// Whether the mount's path leads to it and not to another one.
+  bool isReachable(const Mount& mount) const {
+    const Mount* above = childAt(mount.identifier, mount.path);
+    if (above != nullptr && above != &mount) {
+      return false;
+    }
+    std::size_t steps = 0;
+    for (const Mount* current = &mount; current != nullptr && steps <= byIdentifier_.size(); ++steps) {
+      if (isCoveredInParent(*current)) {
+        return false;
+      }
+      const auto parent = byIdentifier_.find(current->parent);
+      current = parent == byIdentifier_.end() || parent->second == current ? nullptr : parent->second;
+    }
+    return true;
+  }
+
+ private:
+  const Mount* childAt(int parent, std::string_view path) const {
+    const auto found = children_.find(std::pair(parent, path));
+    return found == children_.end() ? nullptr : found->second;
+  }
+
+  /// Whether a path that walks the parent mount towards this one is led off by another mount before.
+  bool isCoveredInParent(const Mount& mount) const {
+    const std::string_view path = mount.path;
+    for (std::size_t end = 1; end <= path.size(); ++end) {
+      if (end == 1 || end == path.size() || path[end] == '/') {
+        const Mount* other = childAt(mount.parent, path.substr(0, end));
+        if (other != nullptr && other != &mount && other->identifier != mount.parent) {
+          return true;
+        }
+      }
+    }
+    return false;
+  }
+
+  std::map<int, const Mount*> byIdentifier_;
+  std::map<std::pair<int, std::string_view>, const Mount*> children_;
+};
+
+}  // namespace
+
+std::vector<VolumeMount> volumeMounts(const char* mountInfoFile) {
+  const std::vector<Mount> mounts = readTable(mountInfoFile);
+  const Reachability reachability(mounts);
+  std::vector<VolumeMount> volumes;
+  for (const Mount& mount : mounts) {
+    if (mount.isVolume && reachability.isReachable(mount)) {
+      volumes.push_back(mount.volume);
+    }
+  }
+  return volumes;
+}
+
+}  // namespace kelvane

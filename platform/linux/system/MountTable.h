@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: Apache-2.0
+// The mounts that a path can lead to, and which of them hold data that can be freed.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace kelvane {
+
+/// One mount of a writable, local file system: block-backed, or tmpfs.
+struct VolumeMount {
+  std::string path;
+  dev_t device;
+  /// Whether the file system's root is mounted, not a directory or file within it (a bind mount).
+  bool isWhole;
+};
+
+/// The mounts of such file systems in mount order, duplicates of one file system included; read from a file
+/// in the format of /proc/self/mountinfo. Mounts that no path leads to, because a later one covers them,
+/// are left out. Decided by the table alone: asking the file systems could wait for a dead server.
+/// Empty when the table cannot be read.
+[[nodiscard]] std::vector<VolumeMount> volumeMounts(const char* mountInfoFile);
+
+}  // namespace kelvane

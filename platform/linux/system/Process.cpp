@@ -1,0 +1,80 @@
+// SPDX-License-Identifier: Apache-2.0
+// The process's life time and its small dealings with the system.
+#include "platform/Process.h"
+
+#include <systemd/sd-id128.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "platform/linux/system/AtomicFile.h"
+#include "platform/linux/system/FileNames.h"
+#include "platform/linux/system/Paths.h"
+#include "platform/linux/system/ServiceManager.h"
+
+namespace kelvane {
+
+namespace {
+
+/// Counts the transactions and tells the service manager of each change, in the order they happen.
+void changeTransactions(int difference) {
+  static std::mutex mutex;
+  static unsigned count = 0;
+  const std::lock_guard lock(mutex);
+  count += static_cast<unsigned>(difference);
+  serviceManager::notifyTransactions(count);
+}
+
+}  // namespace
+
+Transaction::Transaction() {
+  changeTransactions(1);
+}
+Transaction::~Transaction() {
+  changeTransactions(-1);
+}
+
+int postNotification(const std::string& name) {
+  if (!isFileName(name)) {
+    errno = EINVAL;
+    return -1;
+  }
+  timespec now;
+  if (clock_gettime(CLOCK_REALTIME, &now) != 0) {
+    return -1;
+  }
+  // The time of the post, so that whoever reads the file can tell one post from the next.
+  char contents[64];
+  const int length = std::snprintf(contents, sizeof contents, "%lld.%09ld\n", static_cast<long long>(now.tv_sec),
+                                   static_cast<long>(now.tv_nsec));
+  return replaceFile(paths::notificationDirectory, name, {contents, static_cast<std::size_t>(length)});
+}
+
+void installTerminationHandler(void (*handler)(int signal)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_RESTART;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+void exitImmediately(int status) {
+  _exit(status);
+}
+
+std::string randomUuid() {
+  sd_id128_t identifier;
+  // Fails only where the kernel gives no random numbers at all, and then nothing could be told apart.
+  if (sd_id128_randomize(&identifier) < 0) {
+    std::abort();
+  }
+  char text[SD_ID128_UUID_STRING_MAX];
+  return sd_id128_to_uuid_string(identifier, text);
+}
+
+}  // namespace kelvane

@@ -1,0 +1,104 @@
+// SPDX-License-Identifier: Apache-2.0
+// When a volume counts as low on space.
+#include "platform/linux/system/VolumeLevels.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cmath>
+#include <mutex>
+#include <optional>
+
+#include "platform/Files.h"
+#include "platform/Limits.h"
+#include "platform/PropertyList.h"
+#include "platform/Reporting.h"
+#include "platform/linux/system/Paths.h"
+
+namespace kelvane {
+
+namespace {
+
+double percentOr(const Value& value, double otherwise) {
+  const double percent = value.doubleValue();
+  return value.isNumber() && percent >= 0 && percent <= 100 ? percent : otherwise;
+}
+
+std::uint64_t bytesOr(const Value& value, std::uint64_t otherwise) {
+  return value.isNumber() && !(value.doubleValue() < 0) && !std::isnan(value.doubleValue()) ? value.uint64Value()
+                                                                                            : otherwise;
+}
+
+VolumeLevels::Bounds boundsFrom(const Value& entries, const VolumeLevels::Bounds& otherwise) {
+  return {.lowPercent = percentOr(entries["LowPercent"], otherwise.lowPercent),
+          .lowBytes = bytesOr(entries["LowBytes"], otherwise.lowBytes),
+          .veryLowPercent = percentOr(entries["VeryLowPercent"], otherwise.veryLowPercent),
+          .veryLowBytes = bytesOr(entries["VeryLowBytes"], otherwise.veryLowBytes)};
+}
+
+bool isBelow(const VolumeSpace& space, double percent, std::uint64_t bytes) {
+  return space.available < bytes &&
+         static_cast<double>(space.available) < static_cast<double>(space.size) * percent / 100;
+}
+
+/// Logs an unusable configuration when it differs from what was logged last.
+void reportProblem(const std::string& problem) {
+  static std::mutex mutex;
+  static std::string reported;
+  {
+    const std::lock_guard lock(mutex);
+    if (problem == reported) {
+      return;
+    }
+    reported = problem;
+  }
+  if (!problem.empty()) {
+    reporting::writeLog(3, "Kelvane", "VolumeLevels::current", problem + "; the defaults apply");
+  }
+}
+
+}  // namespace
+
+VolumeLevels::VolumeLevels(const Value& configuration) : general_(boundsFrom(configuration, Bounds{})) {
+  if (const auto volumes = configuration["Volumes"].dictionary()) {
+    for (const auto& [volume, entries] : *volumes) {
+      single_.emplace(volume, boundsFrom(entries, general_));
+    }
+  }
+}
+
+VolumeLevels VolumeLevels::current() {
+  struct stat status;
+  if (stat(paths::volumeLevelsFile, &status) != 0 && errno == ENOENT) {
+    reportProblem("");
+    return {};
+  }
+  const std::string name = paths::volumeLevelsFile;
+  const auto contents = files::read(name, limits::propertyListBytes);
+  if (const auto* error = std::get_if<files::Error>(&contents)) {
+    reportProblem(name + ": " + error->text);
+    return {};
+  }
+  const propertyList::Result parsed = propertyList::parse(std::get<Data>(contents));
+  if (const auto* error = std::get_if<propertyList::Error>(&parsed)) {
+    reportProblem(name + ": " + error->text);
+    return {};
+  }
+  const Value& configuration = std::get<Value>(parsed);
+  reportProblem(configuration.isDictionary() ? "" : name + ": not a dictionary");
+  return VolumeLevels(configuration);
+}
+
+SpaceLevel VolumeLevels::level(const std::string& volume, const VolumeSpace& space) const {
+  if (space.size < smallestWatchedBytes) {
+    return SpaceLevel::Ample;
+  }
+  const auto single = single_.find(volume);
+  const Bounds& bounds = single == single_.end() ? general_ : single->second;
+  if (isBelow(space, bounds.veryLowPercent, bounds.veryLowBytes)) {
+    return SpaceLevel::VeryLow;
+  }
+  return isBelow(space, bounds.lowPercent, bounds.lowBytes) ? SpaceLevel::Low : SpaceLevel::Ample;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,51 @@
+// SPDX-License-Identifier: Apache-2.0
+// When a volume counts as low on space.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "platform/Value.h"
+
+namespace kelvane {
+
+enum class SpaceLevel { Ample, Low, VeryLow };
+
+/// How much of a volume there is, in bytes; what is available is available to unprivileged users.
+struct VolumeSpace {
+  std::uint64_t size = 0;
+  std::uint64_t available = 0;
+};
+
+/// The bounds of the levels for each volume: the defaults, with what an administrator has changed.
+class VolumeLevels {
+ public:
+  /// A level is entered below both a share of the volume's size and an amount of bytes.
+  struct Bounds {
+    double lowPercent = 10;
+    std::uint64_t lowBytes = std::uint64_t{1} << 30;
+    double veryLowPercent = 3;
+    std::uint64_t veryLowBytes = std::uint64_t{256} << 20;
+  };
+  /// Smaller file systems are not watched: what they hold is seldom anything that can be purged.
+  static constexpr std::uint64_t smallestWatchedBytes = std::uint64_t{64} << 20;
+
+  /// The defaults.
+  VolumeLevels() = default;
+  /// From a dictionary with "LowPercent", "LowBytes", "VeryLowPercent" and "VeryLowBytes", for all volumes,
+  /// and the same keys for single ones beneath "Volumes" and the mount point. Whatever is no number of a
+  /// sensible range is left at the default.
+  explicit VolumeLevels(const Value& configuration);
+  /// As the configuration file says at this moment; a file that cannot be used is logged, once until it
+  /// changes, and gives the defaults.
+  [[nodiscard]] static VolumeLevels current();
+
+  [[nodiscard]] SpaceLevel level(const std::string& volume, const VolumeSpace& space) const;
+
+ private:
+  Bounds general_;
+  std::map<std::string, Bounds, std::less<>> single_;
+};
+
+}  // namespace kelvane

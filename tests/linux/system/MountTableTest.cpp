@@ -1,0 +1,108 @@
+// SPDX-License-Identifier: Apache-2.0
+// Which mounts are volumes, by mount tables as the kernel writes them.
+#include "platform/linux/system/MountTable.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/linux/system/PrivateNamespace.h"
+
+namespace kelvane {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+std::vector<std::string> pathsIn(std::string_view table) {
+  test::writeFile("/mnt/mountinfo", table);
+  std::vector<std::string> paths;
+  for (const VolumeMount& mount : volumeMounts("/mnt/mountinfo")) {
+    paths.push_back(mount.path);
+  }
+  return paths;
+}
+
+TEST(AMountTable, GivesBlockBackedAndTmpfsMountsInOrder) {
+  EXPECT_THAT(pathsIn("20 1 8:1 / / rw,relatime shared:1 - ext4 /dev/sda1 rw\n"
+                      "21 20 0:20 / /proc rw - proc proc rw\n"
+                      "22 20 0:21 / /sys rw - sysfs sysfs rw\n"
+                      "23 20 0:22 / /dev rw - devtmpfs udev rw\n"
+                      "24 20 0:23 / /run rw - tmpfs tmpfs rw,size=10%\n"
+                      "25 20 8:17 / /data rw - xfs /dev/sdb1 rw\n"
+                      "26 20 0:40 / /pool rw - btrfs /dev/sdc rw\n"
+                      "27 20 0:41 / /tank rw - zfs tank rw\n"
+                      "28 20 8:33 / /win rw - fuseblk /dev/sdc1 rw\n"),
+              ElementsAre("/", "/run", "/data", "/pool", "/tank", "/win"));
+}
+
+TEST(AMountTable, LeavesOutNetworkAndStackedFileSystems) {
+  EXPECT_THAT(pathsIn("30 1 0:50 / /nfs rw - nfs4 server:/export rw\n"
+                      "31 1 0:51 / /smb rw - cifs //server/share rw\n"
+                      "32 1 0:52 / /ssh rw - fuse.sshfs user@server: rw\n"
+                      "33 1 0:53 / /nine rw - 9p host rw\n"
+                      "34 1 0:54 / /merged rw - overlay overlay rw,upperdir=/u\n"
+                      "35 1 0:55 / /host rw - virtiofs host rw\n"
+                      "36 1 0:56 / /archive rw - fuse.archive /dev/fuse rw\n"),
+              IsEmpty());
+}
+
+TEST(AMountTable, LeavesOutWhatIsReadOnlyAsAMountOrAsAFileSystem) {
+  EXPECT_THAT(pathsIn("30 1 8:1 / / ro,relatime - ext4 /dev/sda1 rw\n"
+                      "31 30 8:2 / /a rw,relatime - ext4 /dev/sda2 ro,errors=remount-ro\n"
+                      "32 30 7:0 / /snap ro,nodev - squashfs /dev/loop0 ro\n"
+                      "33 30 8:3 / /b rw,relatime - ext4 /dev/sda3 rw,errors=remount-ro\n"),
+              ElementsAre("/b"));
+}
+
+TEST(AMountTable, LeavesOutMountsThatOthersCover) {
+  EXPECT_THAT(pathsIn("20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                      "21 20 8:2 / /a/deep rw - ext4 /dev/sda2 rw\n"
+                      "22 20 8:3 / /a rw - nfs server:/ rw\n"  // before /a/deep in every path
+                      "23 20 8:4 / /b rw - ext4 /dev/sda4 rw\n"
+                      "24 23 0:30 / /b rw - proc proc rw\n"            // on top of /b
+                      "25 23 8:5 / /b/inner rw - ext4 /dev/sda5 rw\n"  // beneath the covered /b
+                      "26 20 8:6 / /c rw - ext4 /dev/sda6 rw\n"
+                      "27 26 8:7 / /c/inner rw - ext4 /dev/sda7 rw\n"
+                      "28 20 8:8 / /cc rw - ext4 /dev/sda8 rw\n"),
+              ElementsAre("/", "/c", "/c/inner", "/cc"));
+}
+
+TEST(AMountTable, GivesTheTopmostOfMountsOnOnePath) {
+  test::writeFile("/mnt/mountinfo",
+                  "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                  "21 20 8:2 / /a rw - ext4 /dev/sda2 rw\n"
+                  "22 21 0:30 / /a rw - tmpfs tmpfs rw\n");
+  const auto mounts = volumeMounts("/mnt/mountinfo");
+  ASSERT_EQ(mounts.size(), 2u);
+  EXPECT_EQ(mounts[1].path, "/a");
+  EXPECT_EQ(mounts[1].device, 30u);
+}
+
+TEST(AMountTable, CoversARootThatLaterMountsReplace) {
+  EXPECT_THAT(pathsIn("1 1 0:2 / / rw - rootfs rootfs rw\n"
+                      "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                      "21 20 8:2 / /a rw - ext4 /dev/sda2 rw\n"),
+              ElementsAre("/", "/a"));
+}
+
+TEST(AMountTable, TellsBindMountsFromWholeFileSystems) {
+  test::writeFile("/mnt/mountinfo",
+                  "20 1 8:1 /sub /a rw - ext4 /dev/sda1 rw\n"
+                  "21 1 8:1 / /b rw - ext4 /dev/sda1 rw\n");
+  const auto mounts = volumeMounts("/mnt/mountinfo");
+  ASSERT_EQ(mounts.size(), 2u);
+  EXPECT_FALSE(mounts[0].isWhole);
+  EXPECT_TRUE(mounts[1].isWhole);
+  EXPECT_EQ(mounts[0].device, mounts[1].device);
+}
+
+TEST(AMountTable, DecodesEscapedPaths) {
+  EXPECT_THAT(pathsIn("20 1 8:1 / /my\\040disk rw - ext4 /dev/sda1 rw\n"), ElementsAre("/my disk"));
+}
+
+TEST(AMountTable, ThatCannotBeReadIsEmpty) {
+  EXPECT_THAT(volumeMounts("/mnt/no-such-table"), IsEmpty());
+}
+
+}  // namespace
+}  // namespace kelvane

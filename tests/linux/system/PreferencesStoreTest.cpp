@@ -1,0 +1,286 @@
+// SPDX-License-Identifier: Apache-2.0
+// Preferences stores: what survives crashes, damage and failing disks.
+#include "platform/linux/system/PreferencesStore.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+
+#include "platform/Limits.h"
+#include "tests/linux/system/PrivateNamespace.h"
+
+namespace kelvane {
+namespace {
+
+using test::readFile;
+using test::writeFile;
+
+const std::string directory = "/mnt/preferences";
+const std::string slotA = directory + "/suite/slot-a";
+const std::string slotB = directory + "/suite/slot-b";
+
+/// Which flushes fail: the next so many.
+int failingFlushes = 0;
+int flush(int descriptor) {
+  if (failingFlushes > 0) {
+    --failingFlushes;
+    errno = EIO;
+    return -1;
+  }
+  return fdatasync(descriptor);
+}
+
+Value::Dictionary dictionary(const std::string& text) {
+  return {{"key", text}};
+}
+
+class AStore : public testing::Test {
+ protected:
+  AStore() {
+    std::filesystem::remove_all(directory);
+    failingFlushes = 0;
+  }
+
+  std::unique_ptr<PreferencesStore> open() { return PreferencesStore::open(directory, "suite", flush); }
+  /// The text of the one entry that these tests store; "(empty)" without.
+  std::string storedText() {
+    const auto store = open();
+    if (!store) {
+      return "(none)";
+    }
+    const auto found = store->contents().find("key");
+    return found == store->contents().end() ? "(empty)" : *found->second.string();
+  }
+  /// Writes each of the texts in turn to a new store.
+  void write(std::initializer_list<std::string> texts) {
+    const auto store = open();
+    ASSERT_TRUE(store);
+    for (const std::string& text : texts) {
+      ASSERT_EQ(store->write(dictionary(text)), std::nullopt);
+    }
+  }
+  static bool isAside(int number) {
+    return std::filesystem::exists(directory + "/suite.damaged-" + std::to_string(number));
+  }
+  static std::size_t recordLength(const std::string& slot) {
+    const std::string bytes = readFile(slot);
+    const auto record = decodeSlotRecord({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+    return record ? encodeSlotRecord(record->generation, record->contents).size() : 0;
+  }
+  static off_t firstHole(const std::string& path) {
+    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return lseek(file.get(), 0, SEEK_HOLE);
+  }
+};
+
+TEST_F(AStore, IsMadeEmptyAndForItsOwnerOnly) {
+  EXPECT_EQ(storedText(), "(empty)");
+  for (const std::string& path : {directory, directory + "/suite"}) {
+    struct stat status;
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777, 0700u) << path;
+  }
+}
+
+TEST_F(AStore, HoldsWhatWasWrittenLast) {
+  write({"one"});
+  EXPECT_EQ(storedText(), "one");
+  write({"two", "three", "four"});
+  EXPECT_EQ(storedText(), "four");
+}
+
+TEST_F(AStore, HasItsRoomInWrittenBlocksFromTheStart) {
+  open();
+  for (const std::string& slot : {slotA, slotB}) {
+    EXPECT_GE(std::filesystem::file_size(slot), PreferencesSlot::initialCapacity);
+    EXPECT_GE(firstHole(slot), static_cast<off_t>(PreferencesSlot::initialCapacity));
+  }
+}
+
+TEST_F(AStore, GrowsToTwiceWhatItHolds) {
+  const auto store = open();
+  constexpr std::size_t length = 200'000;
+  ASSERT_EQ(store->write(dictionary(std::string(length, 'x'))), std::nullopt);
+  ASSERT_EQ(store->write(dictionary(std::string(length, 'y'))), std::nullopt);
+  EXPECT_GE(firstHole(slotA), static_cast<off_t>(2 * length));
+  EXPECT_GE(firstHole(slotB), static_cast<off_t>(2 * length));
+}
+
+TEST_F(AStore, RefusesMoreThanTheLimit) {
+  write({"kept"});
+  const auto store = open();
+  const std::string most(limits::propertyListBytes - 100, 'x');
+  EXPECT_NE(store->write(dictionary(std::string(limits::propertyListBytes, 'x'))), std::nullopt);
+  EXPECT_EQ(store->write(dictionary(most)), std::nullopt);
+}
+
+TEST_F(AStore, ReadsTheLargestContentsBack) {
+  const std::string most(limits::propertyListBytes - 100, 'x');
+  write({most});
+  EXPECT_EQ(storedText(), most);
+}
+
+TEST_F(AStore, RefusesWhatIsNoPropertyList) {
+  const auto store = open();
+  EXPECT_NE(store->write({{"key", Value::Array{Value()}}}), std::nullopt);
+}
+
+TEST_F(AStore, IsOpenOnceAtATime) {
+  const auto store = open();
+  ASSERT_TRUE(store);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(storedText(), "(none)");
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Unable to open the preferences"), std::string::npos);
+}
+
+TEST_F(AStore, GoesBackOneWriteWhenTheLastIsTruncatedAnywhere) {
+  write({"older", "newer"});  // The empty first record was in slot a, so "newer" is as well.
+  const std::string image = readFile(slotA);
+  const std::size_t length = recordLength(slotA);
+  ASSERT_GT(length, 0u);
+  for (std::size_t kept = 0; kept <= length; ++kept) {
+    writeFile(slotA, image.substr(0, kept));
+    ASSERT_EQ(storedText(), kept < length ? "older" : "newer") << kept;
+  }
+  EXPECT_FALSE(isAside(1));
+}
+
+TEST_F(AStore, GoesBackOneWriteWhenAnyByteOfTheLastIsChanged) {
+  write({"older", "newer"});
+  const std::string image = readFile(slotA);
+  const std::size_t length = recordLength(slotA);
+  for (std::size_t position = 0; position < length; ++position) {
+    for (const char change : {'\x01', '\x80', '\xff'}) {
+      std::string damaged = image;
+      damaged[position] = static_cast<char>(damaged[position] ^ change);
+      writeFile(slotA, damaged);
+      ASSERT_EQ(storedText(), "older") << position;
+    }
+  }
+  writeFile(slotA, image.substr(0, length) + std::string(image.size() - length, 'z'));
+  EXPECT_EQ(storedText(), "newer") << "what follows the record is of no account";
+}
+
+TEST_F(AStore, IsFoundAfterACrashAtAnyPointOfAWrite) {
+  write({"first", "second"});
+  const std::string before = readFile(slotB);
+  write({"third and longer"});
+  const std::string after = readFile(slotB);
+  ASSERT_NE(before, after) << "the write went to the other slot";
+  const std::size_t length = recordLength(slotB);
+  // The disk may write the record's blocks in any order, its end first.
+  for (std::size_t done = 0; done <= length; ++done) {
+    for (const std::string& image :
+         {after.substr(0, done) + before.substr(done), before.substr(0, done) + after.substr(done)}) {
+      writeFile(slotB, image);
+      const bool isWhole = image.compare(0, length, after, 0, length) == 0;
+      ASSERT_EQ(storedText(), isWhole ? "third and longer" : "second") << done;
+    }
+  }
+  EXPECT_FALSE(isAside(1));
+}
+
+TEST_F(AStore, ThatIsDamagedIsKeptAsideLoggedAndReplaced) {
+  write({"older", "newer"});
+  const std::string damaged = "x" + readFile(slotA).substr(1);
+  writeFile(slotA, damaged);
+  std::filesystem::resize_file(slotB, 10);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(storedText(), "(empty)");
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "The preferences /mnt/preferences/suite are damaged; kept as suite.damaged-1"),
+            std::string::npos);
+  EXPECT_EQ(readFile(directory + "/suite.damaged-1/slot-a"), damaged);
+  write({"again"});
+  EXPECT_EQ(storedText(), "again");
+}
+
+TEST_F(AStore, IsDamagedWhenItIsNoDirectoryOfFiles) {
+  std::filesystem::create_directories(directory);
+  writeFile(directory + "/suite", "a file");
+  EXPECT_EQ(storedText(), "(empty)");
+  EXPECT_TRUE(isAside(1));
+  std::filesystem::remove(slotA);
+  ASSERT_EQ(mkfifo(slotA.c_str(), 0600), 0);
+  EXPECT_EQ(storedText(), "(empty)");
+  EXPECT_TRUE(isAside(2));
+  std::filesystem::remove(slotB);
+  std::filesystem::create_symlink("/etc/passwd", slotB);
+  EXPECT_EQ(storedText(), "(empty)");
+  EXPECT_TRUE(isAside(3));
+}
+
+TEST_F(AStore, IsKeptAsideALimitedNumberOfTimes) {
+  for (int count = 0; count < limits::damagedPreferences + 2; ++count) {
+    open();
+    writeFile(slotA, "damage " + std::to_string(count));
+    EXPECT_EQ(storedText(), "(empty)");
+  }
+  EXPECT_TRUE(isAside(limits::damagedPreferences));
+  EXPECT_FALSE(isAside(limits::damagedPreferences + 1));
+  EXPECT_EQ(readFile(directory + "/suite.damaged-1/slot-a"), "damage 0") << "the first damage tells most";
+  EXPECT_EQ(readFile(directory + "/suite.damaged-8/slot-a"),
+            "damage " + std::to_string(limits::damagedPreferences + 1));
+}
+
+TEST_F(AStore, MakesALostSlotAnew) {
+  write({"older", "newer"});
+  std::filesystem::remove(slotB);
+  EXPECT_EQ(storedText(), "newer");
+  write({"newest"});
+  EXPECT_GE(firstHole(slotB), static_cast<off_t>(PreferencesSlot::initialCapacity));
+  EXPECT_EQ(storedText(), "newest");
+}
+
+TEST_F(AStore, FillsHolesBeforeItReliesOnThem) {
+  write({"older", "newer"});
+  for (const std::string& slot : {slotA, slotB}) {  // as a copying program leaves them
+    std::filesystem::resize_file(slot, recordLength(slot));
+    std::filesystem::resize_file(slot, PreferencesSlot::initialCapacity);
+    ASSERT_LT(firstHole(slot), static_cast<off_t>(PreferencesSlot::initialCapacity));
+  }
+  write({"one", "two"});
+  EXPECT_GE(firstHole(slotA), static_cast<off_t>(PreferencesSlot::initialCapacity));
+  EXPECT_GE(firstHole(slotB), static_cast<off_t>(PreferencesSlot::initialCapacity));
+}
+
+TEST_F(AStore, WritesAgainToTheSameSlotAfterAFailedFlush) {
+  auto store = open();
+  ASSERT_EQ(store->write(dictionary("acknowledged")), std::nullopt);
+  const std::string good = readFile(slotB);
+  failingFlushes = 1;
+  EXPECT_EQ(store->write(dictionary("lost")), "Input/output error");
+  // What the flush did not write may be gone from memory too, although the next flush succeeds.
+  writeFile(slotA, std::string(PreferencesSlot::initialCapacity, '\0'));
+  EXPECT_EQ(readFile(slotB), good) << "the good record is left alone";
+  EXPECT_EQ(store->write(dictionary("written again")), std::nullopt);
+  EXPECT_EQ(readFile(slotB), good);
+  store.reset();
+  EXPECT_EQ(storedText(), "written again");
+}
+
+TEST_F(AStore, DoesNotRelyOnARecordThatCannotBeFlushedAtOpening) {
+  write({"older", "newer"});
+  const std::string older = readFile(slotB);
+  failingFlushes = 1;
+  write({"newest"});
+  EXPECT_EQ(readFile(slotB), older) << "the one record that is on disk is left alone";
+  EXPECT_EQ(storedText(), "newest");
+}
+
+TEST_F(AStore, CannotBeMadeWhereItsDirectoryCannot) {
+  writeFile("/mnt/file", "");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(PreferencesStore::open("/mnt/file/preferences", "suite", flush), nullptr);
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Not a directory"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kelvane

@@ -1,0 +1,100 @@
+// SPDX-License-Identifier: Apache-2.0
+// When a volume counts as low on space.
+#include "platform/linux/system/VolumeLevels.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/linux/system/Paths.h"
+#include "tests/linux/system/PrivateNamespace.h"
+
+namespace kelvane {
+namespace {
+
+constexpr std::uint64_t mebibyte = 1 << 20;
+constexpr std::uint64_t gibibyte = std::uint64_t{1} << 30;
+
+SpaceLevel levelOf(const VolumeLevels& levels, std::uint64_t size, std::uint64_t available,
+                   const std::string& volume = "/data") {
+  return levels.level(volume, {.size = size, .available = available});
+}
+
+TEST(AVolume, IsLowBelowATenthOfItsSize) {
+  const VolumeLevels levels;
+  EXPECT_EQ(levelOf(levels, 1000 * mebibyte, 100 * mebibyte), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, 1000 * mebibyte, 100 * mebibyte - 1), SpaceLevel::Low);
+}
+
+TEST(AVolume, OfAnySizeIsAmpleWithAGibibyteAvailable) {
+  const VolumeLevels levels;
+  EXPECT_EQ(levelOf(levels, 4096 * gibibyte, gibibyte), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, 4096 * gibibyte, gibibyte - 1), SpaceLevel::Low);
+}
+
+TEST(AVolume, IsVeryLowBelowThreePercentAndAQuarterOfAGibibyte) {
+  const VolumeLevels levels;
+  EXPECT_EQ(levelOf(levels, 1000 * mebibyte, 30 * mebibyte), SpaceLevel::Low);
+  EXPECT_EQ(levelOf(levels, 1000 * mebibyte, 30 * mebibyte - 1), SpaceLevel::VeryLow);
+  EXPECT_EQ(levelOf(levels, 4096 * gibibyte, 256 * mebibyte), SpaceLevel::Low);
+  EXPECT_EQ(levelOf(levels, 4096 * gibibyte, 256 * mebibyte - 1), SpaceLevel::VeryLow);
+}
+
+TEST(AVolume, UnderSixtyFourMebibytesIsNotWatched) {
+  const VolumeLevels levels;
+  EXPECT_EQ(levelOf(levels, 64 * mebibyte - 1, 0), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, 64 * mebibyte, 0), SpaceLevel::VeryLow);
+}
+
+TEST(AVolumeConfiguration, ChangesTheBoundsOfAllVolumes) {
+  const VolumeLevels levels(Value::Dictionary{
+      {"LowPercent", 50}, {"LowBytes", 100 * gibibyte}, {"VeryLowPercent", 20.5}, {"VeryLowBytes", 100 * gibibyte}});
+  EXPECT_EQ(levelOf(levels, 10 * gibibyte, 5 * gibibyte), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, 10 * gibibyte, 5 * gibibyte - 1), SpaceLevel::Low);
+  EXPECT_EQ(levelOf(levels, 1000 * mebibyte, 205 * mebibyte), SpaceLevel::Low);
+  EXPECT_EQ(levelOf(levels, 1000 * mebibyte, 205 * mebibyte - 1), SpaceLevel::VeryLow);
+}
+
+TEST(AVolumeConfiguration, ChangesSingleVolumesOnTopOfTheRest) {
+  const VolumeLevels levels(Value::Dictionary{
+      {"LowBytes", 2 * gibibyte},
+      {"Volumes", Value::Dictionary{{"/data", Value::Dictionary{{"LowPercent", 90}}},
+                                    {"/scratch", Value::Dictionary{{"LowBytes", 0}, {"VeryLowBytes", 0}}}}}});
+  EXPECT_EQ(levelOf(levels, 3 * gibibyte, 2 * gibibyte - 1), SpaceLevel::Low);
+  EXPECT_EQ(levelOf(levels, 3 * gibibyte, 2 * gibibyte), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, 3 * gibibyte, 2 * gibibyte - 1, "/other"), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, 3 * gibibyte, 0, "/scratch"), SpaceLevel::Ample);
+}
+
+TEST(AVolumeConfiguration, OfTheWrongTypeOrRangeChangesNothing) {
+  const VolumeLevels defaults;
+  const VolumeLevels levels(Value::Dictionary{{"LowPercent", 101},
+                                              {"LowBytes", -1},
+                                              {"VeryLowPercent", "3"},
+                                              {"VeryLowBytes", Value::Array{}},
+                                              {"Volumes", Value::Array{"/data"}}});
+  for (const std::uint64_t available :
+       {std::uint64_t{0}, 29 * mebibyte, 31 * mebibyte, 99 * mebibyte, 101 * mebibyte}) {
+    EXPECT_EQ(levelOf(levels, 1000 * mebibyte, available), levelOf(defaults, 1000 * mebibyte, available));
+  }
+  EXPECT_EQ(levelOf(VolumeLevels(Value("text")), 1000 * mebibyte, 0), SpaceLevel::VeryLow);
+}
+
+TEST(AVolumeConfiguration, IsReadFromItsFileEachTime) {
+  test::writeFile(paths::volumeLevelsFile, "{ LowPercent = x; }");
+  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Ample);
+  test::writeFile(paths::volumeLevelsFile, "<plist><dict><key>LowPercent</key><integer>60</integer></dict></plist>");
+  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Low);
+}
+
+TEST(AVolumeConfiguration, ThatCannotBeUsedIsLoggedOnceAndGivesTheDefaults) {
+  test::writeFile(paths::volumeLevelsFile, "<plist><dict>");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 100), SpaceLevel::VeryLow);
+  const std::string log = testing::internal::GetCapturedStderr();
+  const auto first = log.find("/etc/kelvane/volumes.plist: ");
+  ASSERT_NE(first, std::string::npos);
+  EXPECT_EQ(log.find("/etc/kelvane/volumes.plist: ", first + 1), std::string::npos);
+}
+
+}  // namespace
+}  // namespace kelvane
