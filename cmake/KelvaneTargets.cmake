@@ -32,6 +32,8 @@ function(kelvane_test name)
   find_package(GTest REQUIRED)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE kelvane_options ${ARG_LINK} GTest::gmock GTest::gtest_main)
+  # Test code takes longer to optimise than to run; what it tests is optimised all the same.
+  target_compile_options(${name} PRIVATE -O0)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 endfunction()
 

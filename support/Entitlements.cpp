@@ -67,9 +67,10 @@ std::optional<EntitlementRule> readRule(const Value& dictionary) {
   return hasCondition ? std::optional(rule) : std::nullopt;
 }
 
-/// Backups that editors and package managers leave beside a rule file must not go on granting.
+/// Backups that editors and package managers leave beside a rule file, and what was moved aside into a directory,
+/// must not go on granting.
 bool isRuleFile(std::string_view entry) {
-  return entry.ends_with(".plist") && !entry.starts_with('.');
+  return entry.ends_with(".plist") && !entry.starts_with('.') && entry.find('/') == std::string_view::npos;
 }
 
 AtomicProperty<std::shared_ptr<const EntitlementRules>>& currentRules() {

@@ -10,6 +10,7 @@
 #include "support/ServiceRequests.h"
 
 namespace kelvane {
+
 KelvaneService::KelvaneService(KelvaneServiceConfiguration configuration)
     : configuration_(std::move(configuration)),
       requests_(std::make_shared<ServiceRequests>(*this, configuration_.identifier)),

@@ -35,6 +35,7 @@ Value checkinInfo(const KelvaneServiceConfiguration& configuration) {
 /// One check-in and the endpoint that it was made with. Shared with the handlers that tell what became of it.
 struct ServiceCheckin::Attempt {
   explicit Attempt(Semaphore semaphore) : changed(std::move(semaphore)) {}
+
   /// Gives up what the attempt holds. Not left to the destructor, which may run on a thread that must not block.
   void end() {
     listener.reset();

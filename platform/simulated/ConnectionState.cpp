@@ -137,7 +137,11 @@ void Connection::State::readAnswer(Message message) {
   Call call = std::move(found->second);
   calls.erase(found);
   simulated::scheduler().start("reply to " + std::string(call.operation->member),
-                               [call = std::move(call), answer = std::move(message.answer)] { call.outcome(answer); });
+                               [call = std::move(call), answer = std::move(message.answer)] {
+                                 if (call.outcome) {
+                                   call.outcome(answer);
+                                 }
+                               });
 }
 
 void Connection::State::findOtherDead() {
@@ -193,13 +197,12 @@ void Connection::State::breakLink() {
   }
 }
 
-void Connection::State::failCall(Call call) const {
-  simulated::scheduler().start("error of " + std::string(call.operation->member),
-                               [call = std::move(call), error = endedBy] {
-                                 if (call.proxy->errorHandler) {
-                                   call.proxy->errorHandler(error);
-                                 }
-                               });
+void Connection::State::failCall(Call call, const CallError& error) {
+  simulated::scheduler().start("error of " + std::string(call.operation->member), [call = std::move(call), error] {
+    if (call.proxy->errorHandler) {
+      call.proxy->errorHandler(error);
+    }
+  });
 }
 
 void Connection::State::runEndHandlers(const std::function<void()>& handler, std::map<std::uint64_t, Call> failed) {
@@ -216,7 +219,7 @@ void Connection::State::runEndHandlers(const std::function<void()>& handler, std
     }
   }
   for (auto& [serial, call] : failed) {
-    failCall(std::move(call));
+    failCall(std::move(call), endedBy);
   }
 }
 

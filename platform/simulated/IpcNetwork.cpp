@@ -64,23 +64,17 @@ void IpcNetwork::reset() {
 
 void IpcNetwork::wake() {
   Scheduler* scheduler = Scheduler::current();
-  if (scheduler == nullptr) {
-    return;
-  }
-  if (!running_) {
+  if (scheduler != nullptr && !running_) {
     running_ = true;
     scheduler->start("IPC", [this] { run(); });
   }
-  scheduler->wakeAll(events_);
 }
 
 void IpcNetwork::run() {
-  for (;;) {
+  do {
     scheduler().yield();
-    if (!step()) {
-      scheduler().wait(events_, "IPC events", {});
-    }
-  }
+  } while (step());
+  running_ = false;
 }
 
 bool IpcNetwork::step() {

@@ -22,7 +22,8 @@ using ConnectionState = std::shared_ptr<ipc::Connection::State>;
 
 /// The names that are listened on, the faults to come and the event loop: one simulated thread that makes
 /// connections, reads what arrived and runs the handlers that must not block. It deals with every end that is
-/// known to be dead before it reads on. Everything else runs on threads of its own.
+/// known to be dead before it reads on. Everything else runs on threads of its own. The event loop's thread
+/// ends when nothing is left to do, so that no run leaves it behind, and starts again when there is.
 ///
 /// Nothing here but run() is a scheduling point, so destructors may call it.
 class IpcNetwork {
@@ -68,7 +69,6 @@ class IpcNetwork {
   bool step();
 
   bool running_ = false;
-  WaitList events_;
   std::deque<std::function<void()>> tasks_;
   std::deque<std::weak_ptr<ipc::Connection::State>> hangUps_;
   std::vector<std::weak_ptr<ipc::Connection::State>> readable_;

@@ -109,8 +109,8 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
   void hangUp();
   /// Makes each end find the other dead.
   void breakLink();
-  /// Has a call's error handler run. After the end.
-  void failCall(Call call) const;
+  /// Has a call's error handler run.
+  static void failCall(Call call, const CallError& error);
 
  private:
   void readRequest(simulated::Message message);

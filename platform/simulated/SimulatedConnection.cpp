@@ -128,7 +128,9 @@ Peer Connection::peer() const {
 void Proxy::call(const Operation& operation, Arguments arguments, ReplyHandler reply) const {
   callForOutcome(operation, std::move(arguments), [reply = std::move(reply)](std::variant<Value, CallError> outcome) {
     Value* value = std::get_if<Value>(&outcome);
-    reply(value == nullptr ? Value() : std::move(*value));
+    if (reply) {
+      reply(value == nullptr ? Value() : std::move(*value));
+    }
   });
 }
 
@@ -141,12 +143,14 @@ void Proxy::callForOutcome(const Operation& operation, Arguments arguments, Outc
   simulated::scheduler().yield();
   Connection::State::Call call = {state_, &operation, std::move(outcome)};
   if (connection->phase == Phase::Ended) {
-    connection->failCall(std::move(call));
+    connection->failCall(std::move(call), connection->endedBy);
+  } else if (connection->remoteInterface == nullptr) {
+    connection->failCall(std::move(call),
+                         {"org.freedesktop.DBus.Error.UnknownInterface: The connection has no remote interface"});
   } else {
     connection->calls.emplace(message.serial, std::move(call));
-    const Interface* interface = connection->remoteInterface;
-    if (interface != nullptr && interface->maximumOutstandingCalls > 0 &&
-        connection->calls.size() > static_cast<std::size_t>(interface->maximumOutstandingCalls)) {
+    const int maximum = connection->remoteInterface->maximumOutstandingCalls;
+    if (maximum > 0 && connection->calls.size() > static_cast<std::size_t>(maximum)) {
       connection->invalidate();
     } else if (connection->phase == Phase::Open) {
       connection->send(std::move(message));

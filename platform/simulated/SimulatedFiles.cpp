@@ -48,26 +48,17 @@ void Files::makeLink(const std::string& path, const std::string& target) {
 }
 
 void Files::makeUnreadable(const std::string& path, const std::string& error) {
-  Node* node = &root_;
-  for (const std::string& component : componentsOf(path)) {
-    const auto entry = node->entries.find(component);
-    if (entry == node->entries.end()) {
-      fail("no file " + path);
-    }
-    node = &entry->second;
-  }
-  node->error = error;
+  nodeAt(componentsOf(path)).error = error;
 }
 
 void Files::remove(const std::string& path) {
-  Node* parent = &root_;
   std::vector<std::string> components = componentsOf(path);
+  if (components.empty()) {
+    fail("the root directory cannot be removed");
+  }
   const std::string last = components.back();
   components.pop_back();
-  for (const std::string& component : components) {
-    parent = &parent->entries[component];
-  }
-  parent->entries.erase(last);
+  nodeAt(components).entries.erase(last);
 }
 
 std::vector<std::string> Files::entriesBeneath(const std::string& directory) const {
@@ -106,6 +97,18 @@ Files::Node& Files::make(const std::string& path, Node::Kind kind) {
   }
   if (node->kind != kind || kind != Node::Kind::Directory) {
     *node = Node{kind, {}, {}, {}, {}};
+  }
+  return *node;
+}
+
+Files::Node& Files::nodeAt(const std::vector<std::string>& components) {
+  Node* node = &root_;
+  for (const std::string& component : components) {
+    const auto entry = node->entries.find(component);
+    if (entry == node->entries.end()) {
+      fail("no file " + component);
+    }
+    node = &entry->second;
   }
   return *node;
 }

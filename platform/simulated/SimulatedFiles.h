@@ -40,6 +40,8 @@ class Files {
     std::map<std::string, Node> entries;
   };
   Node& make(const std::string& path, Node::Kind kind);
+  /// Follows no links; stops the process when there is nothing.
+  Node& nodeAt(const std::vector<std::string>& components);
   /// Follows links; null when there is nothing at the path.
   const Node* find(const std::string& path, int linksLeft = 8) const;
   static void collect(const Node& directory, const std::string& prefix, std::vector<std::string>& entries);

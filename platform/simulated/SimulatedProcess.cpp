@@ -28,8 +28,7 @@ struct ProcessCalls {
 
   static void setEventStreamHandler(Process& process, const std::string& stream,
                                     std::function<void(const Value&)> handler) {
-    process.streams_.insert_or_assign(stream,
-                                      Process::Stream{SerialQueue("of the events of " + stream), std::move(handler)});
+    process.streams_.insert_or_assign(stream, std::move(handler));
   }
 
   static int postNotification(Process& process, const std::string& name) {
@@ -76,13 +75,13 @@ void Process::runActivity(const std::string& name) {
 }
 
 void Process::post(const std::string& name, const Value& event) {
-  Stream& target = stream(name);
-  target.order.async([handler = target.handler, event] { handler(event); });
+  globalQueue::async([handler = handlerOf(name), event] { handler(event); });
 }
 
 void Process::postAndWait(const std::string& name, const Value& event) {
-  post(name, event);
-  stream(name).order.sync([] {});
+  const Group group;
+  group.asyncGlobal([handler = handlerOf(name), event] { handler(event); });
+  group.wait();
 }
 
 void Process::setNotificationFailure(int status, int error) {
@@ -114,7 +113,7 @@ void Process::restart() {
   supervisedQueues_.clear();
 }
 
-Process::Stream& Process::stream(const std::string& name) {
+const Process::EventHandler& Process::handlerOf(const std::string& name) const {
   const auto found = streams_.find(name);
   if (found == streams_.end()) {
     fail("no event stream " + name);

@@ -25,7 +25,7 @@ class Process {
   void runActivity(const std::string& name);
 
   bool hasEventStream(const std::string& stream) const { return streams_.count(stream) > 0; }
-  /// Hands an event to the stream's handler, after those posted before it; returns at once.
+  /// Hands an event to the stream's handler, perhaps beside others; returns at once.
   void post(const std::string& stream, const Value& event);
   /// As post(), and waits until the handler returns.
   void postAndWait(const std::string& stream, const Value& event);
@@ -47,16 +47,13 @@ class Process {
 
  private:
   friend struct ProcessCalls;
-  struct Stream {
-    SerialQueue order;
-    std::function<void(const Value&)> handler;
-  };
-  Stream& stream(const std::string& name);
+  using EventHandler = std::function<void(const Value&)>;
+  const EventHandler& handlerOf(const std::string& name) const;
 
   int transactions_ = 0;
   int transactionsHighWater_ = 0;
   std::map<std::string, std::function<void(const Activity&)>> activities_;
-  std::map<std::string, Stream> streams_;
+  std::map<std::string, EventHandler> streams_;
   std::vector<std::string> notifications_;
   int notificationStatus_ = 0;
   int notificationError_ = 0;

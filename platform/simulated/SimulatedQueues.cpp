@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Serial queues and the global queue, on simulated threads.
+#include <algorithm>
 #include <deque>
 #include <utility>
 

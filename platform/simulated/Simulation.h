@@ -27,7 +27,8 @@
 // a scheduling point, where the seed decides who goes on; between two of them nothing else happens. The same
 // seed gives the same run: compare traceHash() of two. With seed 0 a thread goes on until it waits and threads
 // run in the order they became runnable, which makes the order of log lines plain. Other threads (std::thread)
-// must not call the platform.
+// must not call the platform. One thread at a time also means that ThreadSanitizer finds no data race here; its
+// place is the real binding. A race shows as a schedule that breaks what a test expects.
 //
 // Time. Virtual time stands still while any thread can run; when all wait it jumps to the next deadline.
 // A deadline that comes at the same time as what would have prevented it goes either way. settle() lets all

@@ -15,6 +15,9 @@ class PlainOperation : public KelvaneOperation {
     return KelvaneOperation::initWithInfo(info, services);
   }
   void startOperation(const Completion& completion) override { completion({}); }
+
+  using KelvaneOperation::collection_queue;
+  using KelvaneOperation::message_queue;
 };
 
 Value errorOf(const KelvaneOperation& operation) {
@@ -48,6 +51,17 @@ TEST_F(AnOperation, TakesOverAnInfoThatNamesAUsableVolume) {
   });
 }
 
+TEST_F(AnOperation, HasTwoQueuesOfItsOwn) {
+  run([&] {
+    const PlainOperation operation;
+    EXPECT_EQ(operation.collection_queue().label(), "com.tessaly.kelvane_operation_collection");
+    EXPECT_EQ(operation.message_queue().label(), "com.tessaly.kelvane_operation_message");
+    const PlainOperation other;
+    EXPECT_FALSE(operation.collection_queue() == other.collection_queue());
+    EXPECT_FALSE(operation.message_queue() == other.message_queue());
+  });
+}
+
 TEST_F(AnOperation, RefusesAnInfoThatIsNoDictionary) {
   run([&] {
     PlainOperation operation;
@@ -74,6 +88,9 @@ TEST_F(AnOperation, RefusesAVolumeThatIsANumberAsAbsent) {
     PlainOperation operation;
     EXPECT_FALSE(operation.initialise(Value::Dictionary{{keys::volume, 7}}));
     EXPECT_EQ(errorOf(operation), Value("Parameter error, no Volume key in info dict"));
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] No Volume key in info: "
+                                       "{ KELVANE_VOLUME = 7; }"});
   });
 }
 
@@ -103,6 +120,9 @@ TEST_F(AnOperation, LimitsTheUrgencyToThreeForAnythingElse) {
     EXPECT_EQ(urgencyLimitOf({{keys::urgency, 0}}), 3);
     EXPECT_EQ(urgencyLimitOf({{keys::urgency, -1}}), 3);
     EXPECT_EQ(urgencyLimitOf({{keys::urgency, "2"}}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgencyLimit, 5}}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgencyLimit, 0}}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgencyLimit, "2"}}), 3);
   });
 }
 

@@ -2,6 +2,8 @@
 // Periodic maintenance: whom it asks, how long it waits, what it reports.
 #include "operations/KelvanePeriodicOperation.h"
 
+#include <thread>
+
 #include "protocols/Keys.h"
 #include "tests/harness/OperationTest.h"
 
@@ -102,6 +104,60 @@ TEST_F(PeriodicMaintenance, CountsAnAnswerWithoutANumberAsAnAnswer) {
     service.onPeriodic = ScriptedService::gives("4096");
     EXPECT_EQ(perform(tableOf({service.record()})), amount(0));
     EXPECT_EQ(seconds, 0.0);
+  });
+}
+
+TEST_F(PeriodicMaintenance, KeepsTheFigureOfAnEarlierServiceWhenALaterOneGivesNone) {
+  run([&] {
+    ScriptedService first("a");
+    first.onPeriodic = ScriptedService::gives(100);
+    ScriptedService second("b");
+    second.onPeriodic = [](const ScriptedService::Request& request) {
+      clock::sleepMicroseconds(1000);
+      request.reply.send(Value::Dictionary{{keys::amount, "50"}});
+    };
+    EXPECT_EQ(perform(tableOf({first.record(), second.record()})), amount(100));
+  });
+}
+
+TEST_F(PeriodicMaintenance, AsksAllServicesAtTheSameTime) {
+  run([&] {
+    const auto slow = [](const ScriptedService::Request& request) {
+      clock::sleepMicroseconds(10'000'000);
+      request.reply.send(Value::Dictionary{{keys::amount, 1}});
+    };
+    ScriptedService a("a");
+    a.onPeriodic = slow;
+    ScriptedService b("b");
+    b.onPeriodic = slow;
+    perform(tableOf({a.record(), b.record()}));
+    EXPECT_EQ(seconds, 10.0);
+  });
+}
+
+TEST_F(PeriodicMaintenance, SkipsAServiceThatIsInFlightAlready) {
+  run([&] {
+    ScriptedService service("a");
+    operation =
+        KelvanePeriodicOperation::initWithInfo(Value::Dictionary{{keys::volume, volume}}, tableOf({service.record()}));
+    operation->updateInFlight("a", true);
+    const std::uint64_t start = clock::ticks();
+    operation->startOperation([](const Value&) {});
+    EXPECT_EQ(secondsSince(start), 15.0);
+    EXPECT_TRUE(service.calls().empty());
+    EXPECT_FALSE(log().contains("CallService with serviceID"));
+    EXPECT_TRUE(log().contains("trying to add \"a\", which is already inFlight"));
+  });
+}
+
+TEST_F(PeriodicMaintenance, CompletesOnTheThreadThatStartedIt) {
+  run([&] {
+    ScriptedService service("a");
+    operation =
+        KelvanePeriodicOperation::initWithInfo(Value::Dictionary{{keys::volume, volume}}, tableOf({service.record()}));
+    std::vector<std::thread::id> threads;
+    operation->startOperation([&](const Value&) { threads.push_back(std::this_thread::get_id()); });
+    EXPECT_EQ(threads, std::vector<std::thread::id>{std::this_thread::get_id()});
   });
 }
 

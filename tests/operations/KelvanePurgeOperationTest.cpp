@@ -187,6 +187,9 @@ TEST_F(APurge, WithNobodyToAskWaitsOutEachPassAndReportsTheWholeAsDeficit) {
     EXPECT_EQ(samples("KelvanePurgeDeficit"), std::vector<double>{500});
     EXPECT_EQ(samples("KelvanePurgeAmountPurged"), std::vector<double>{0});
     EXPECT_FALSE(log().contains("cancelling purge"));
+    // It is no error.
+    EXPECT_FALSE(result.contains("KELVANE_ERROR"));
+    EXPECT_EQ(log().count("timed out waiting for: ( )"), 3u);
   });
 }
 

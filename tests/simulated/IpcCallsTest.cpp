@@ -258,6 +258,20 @@ TEST(AnEndpoint, TravelsAsAnArgument) {
   });
 }
 
+TEST(ACallWithoutARemoteInterface, RunsItsErrorHandler) {
+  Simulation simulation;
+  simulation.run([&] {
+    const ipc::Listener listener = serve(answerWithArgument);
+    const ipc::Connection connection = ipc::Connection::toEndpoint(*listener.endpoint());
+    connection.resume();
+    int failed = 0;
+    connection.remoteProxy([&](const std::optional<ipc::CallError>&) { ++failed; })
+        .call(ipcTesting::echo, {Value(1)}, [](const Value&) { ADD_FAILURE() << "answered"; });
+    simulation.settle();
+    EXPECT_EQ(failed, 1);
+  });
+}
+
 TEST(MoreCallsThanTheInterfaceAllows, InvalidateTheConnection) {
   underManySchedules([](Simulation& simulation) {
     static constexpr ipc::Interface narrow = {"/test", "com.tessaly.Test", ipcTesting::operations, 2};

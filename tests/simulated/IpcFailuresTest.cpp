@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 
 #include "platform/Clock.h"
@@ -80,8 +81,9 @@ TEST(ACallThatFailsAfter, IsAnsweredFirst) {
 
 TEST(AFailure, IsForOneCallOfWhatItNames) {
   underManySchedules([](Simulation& simulation) {
-    const ipc::Listener listener = serve(answerWithArgument);
-    const ipc::Listener other = serve(answerWithArgument);
+    const auto answer = [](const ipc::Request& request) { request.reply.send(Value("answer")); };
+    const ipc::Listener listener = serve(answer);
+    const ipc::Listener other = serve(answer);
     const Caller first(listener);
     const Caller second(listener);
     const Caller third(other);
@@ -92,9 +94,9 @@ TEST(AFailure, IsForOneCallOfWhatItNames) {
     simulation.settle();
     third.echo(Value(3));
     simulation.settle();
-    EXPECT_EQ(first.events().size(), 0U);
+    EXPECT_THAT(first.events(), ElementsAre("reply answer"));
     EXPECT_THAT(second.events(), ElementsAre("interrupted", "error"));
-    EXPECT_THAT(third.events(), ElementsAre("reply 3"));
+    EXPECT_THAT(third.events(), ElementsAre("reply answer"));
   });
 }
 
@@ -129,7 +131,7 @@ TEST(AListenersDeath, TakesItsRequestsAndRepliesAlong) {
     const ipc::Listener listener = serve([&](const ipc::Request& request) {
       ++delivered;
       kept.push_back(request.reply);
-      Semaphore(0).wait();
+      clock::sleepMicroseconds(10);
     });
     const Caller caller(listener);
     caller.echo(Value(1));
@@ -138,7 +140,7 @@ TEST(AListenersDeath, TakesItsRequestsAndRepliesAlong) {
     simulation.ipc().kill(listener);
     ASSERT_EQ(kept.size(), 1U);
     kept[0].send(Value("from the dead"));
-    simulation.settle();
+    simulation.advance(std::chrono::microseconds(20));
     EXPECT_EQ(delivered, 1);
     EXPECT_THAT(caller.events(), ElementsAre("interrupted", "error", "error"));
   });

@@ -65,6 +65,7 @@ void ListenerCore::serve(FileDescriptor end) {
 void ListenerCore::stop() {
   isStopped_ = true;
   early_.clear();
+  handler_.reset();
   admission_.reset();
   disconnectHandler_ = nullptr;
   if (acceptTimer_) {

@@ -23,8 +23,8 @@ class ListenerCore final : public std::enable_shared_from_this<ListenerCore>, pr
 
   ListenerCore(const Interface& interface, RequestHandler handler);
 
-  /// Any thread; both are constant.
   const Interface& interface() const { return interface_; }
+  /// Null once the listener has stopped.
   const std::shared_ptr<const RequestHandler>& handler() const { return handler_; }
 
   void setAdmission(Listener::Admission admission);
@@ -33,7 +33,8 @@ class ListenerCore final : public std::enable_shared_from_this<ListenerCore>, pr
   void start(std::optional<ListeningSocket> socket);
   /// Serves one end of a connected pair, from start() on.
   void serve(FileDescriptor end);
-  /// Ends all connections without their being told to anyone, and what was not delivered yet with them.
+  /// Ends all connections without their being told to anyone, drops what was not delivered yet and lets go
+  /// of the handlers.
   void stop();
 
   /// A connection of this listener has ended.
@@ -48,7 +49,7 @@ class ListenerCore final : public std::enable_shared_from_this<ListenerCore>, pr
 
   Hub& hub_ = Hub::shared();
   const Interface& interface_;
-  const std::shared_ptr<const RequestHandler> handler_;
+  std::shared_ptr<const RequestHandler> handler_;
   std::shared_ptr<const Listener::Admission> admission_;
   DisconnectHandler disconnectHandler_;
   std::optional<ListeningSocket> socket_;

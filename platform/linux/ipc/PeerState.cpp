@@ -93,8 +93,7 @@ Peer::State::Pinned Peer::State::pinned() const {
   const std::lock_guard lock(mutex_);
   int descriptor = -1;
   socklen_t size = sizeof descriptor;
-  if (socket_ < 0 || pid_ <= 0 ||
-      getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &size) < 0) {
+  if (socket_ < 0 || pid_ <= 0 || getsockopt(socket_, SOL_SOCKET, SO_PEERPIDFD, &descriptor, &size) < 0) {
     return {};
   }
   return {pid_, FileDescriptor(descriptor)};

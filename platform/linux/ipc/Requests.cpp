@@ -139,9 +139,16 @@ void Requests::deliver() {
   const std::uint64_t number = next_++;
   Record& record = records_.at(number);
   auto channel = channel_.shared_from_this();
-  auto request = std::make_shared<Request>(Request{*record.operation, std::exchange(record.arguments, {}),
-                                                   Connection(connection_),
-                                                   Reply(std::make_shared<Reply::State>(channel, number))});
+  if (listener_->handler() == nullptr) {
+    Hub::shared().loop.post([channel, number] {
+      channel->requests()->replyDropped(number);
+      channel->requests()->handlerReturned(number);
+    });
+    return;
+  }
+  auto request =
+      std::make_shared<Request>(Request{*record.operation, std::exchange(record.arguments, {}), Connection(connection_),
+                                        Reply(std::make_shared<Reply::State>(channel, number))});
   globalQueue::async([handler = listener_->handler(), request = std::move(request), channel, number] {
     (*handler)(std::move(*request));
     Hub::shared().loop.post([channel, number] { channel->requests()->handlerReturned(number); });

@@ -58,7 +58,6 @@ class Requests final : private DeliveryGate::Waiter {
   void deliverSoon();
   void deliverNext();
   void deliver();
-  void markAnswered(Record& record);
   void finish(std::uint64_t request);
   uid_t user() const;
   void releaseWhenDone();

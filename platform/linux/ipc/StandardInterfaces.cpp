@@ -23,7 +23,8 @@ std::string_view textOf(const char* text) {
 }
 
 Answer unknownMethod(sd_bus_message* call) {
-  return CallFault{SD_BUS_ERROR_UNKNOWN_METHOD, "Unknown method " + std::string(textOf(sd_bus_message_get_member(call))) +
+  return CallFault{SD_BUS_ERROR_UNKNOWN_METHOD, "Unknown method " +
+                                                    std::string(textOf(sd_bus_message_get_member(call))) +
                                                     " of interface " + sd_bus_message_get_interface(call)};
 }
 

@@ -165,8 +165,7 @@ bool ValueDecoder::readDictionary(const std::string& contents, Value& value) {
   if (dictionaries_ >= maximumDictionaries_) {
     return fail("more than " + std::to_string(maximumDictionaries_) + " dictionaries lie within each other");
   }
-  if (!reserveDepth(dictionaryDepth + elementDepth) || !charge(dictionaryCost) ||
-      !enter(SD_BUS_TYPE_ARRAY, contents)) {
+  if (!reserveDepth(dictionaryDepth + elementDepth) || !charge(dictionaryCost) || !enter(SD_BUS_TYPE_ARRAY, contents)) {
     return false;
   }
   ++dictionaries_;

@@ -14,7 +14,8 @@ namespace handlers {
 
 namespace {
 
-template <typename Argument>
+/// Handlers by name, each with something whose async() submits their calls.
+template <typename Argument, typename Queue>
 class Table {
  public:
   using Handler = std::function<void(const Argument&)>;
@@ -22,7 +23,7 @@ class Table {
   /// A later handler of the same name takes the place of an earlier one.
   void add(const std::string& name, Handler handler) {
     const std::lock_guard lock(mutex_);
-    const auto [found, isNew] = entries_.try_emplace(name, Entry{SerialQueue(name), handler});
+    const auto [found, isNew] = entries_.try_emplace(name, Entry{Queue(name), handler});
     if (!isNew) {
       found->second.handler = std::move(handler);
     }
@@ -49,7 +50,7 @@ class Table {
 
  private:
   struct Entry {
-    SerialQueue queue;
+    Queue queue;
     Handler handler;
   };
   std::mutex mutex_;
@@ -57,14 +58,22 @@ class Table {
   std::map<std::string, Entry> entries_;
 };
 
+struct GlobalQueue {
+  explicit GlobalQueue(const std::string&) {}
+  void async(Block item) const { globalQueue::async(std::move(item)); }
+};
+
+using Activities = Table<Activity, SerialQueue>;
+using EventStreams = Table<Value, GlobalQueue>;
+
 // Never destroyed: threads of the pool may use them until the process ends.
-Table<Activity>& activities() {
-  static auto* const table = new Table<Activity>;
+Activities& activities() {
+  static auto* const table = new Activities;
   return *table;
 }
 
-Table<Value>& eventStreams() {
-  static auto* const table = new Table<Value>;
+EventStreams& eventStreams() {
+  static auto* const table = new EventStreams;
   return *table;
 }
 

@@ -7,8 +7,9 @@
 
 #include "platform/Value.h"
 
-/// Each handler has a serial queue of its own, so it runs once at a time, in the order of the calls. Any
-/// thread may call any function.
+/// An activity's handler has a serial queue of its own, so it runs once at a time, in the order of the calls; an
+/// event stream's is called on the global queue and may handle several events at once. Any thread may call any
+/// function.
 namespace kelvane::handlers {
 
 /// Called when the handler has returned, on the thread it ran on.

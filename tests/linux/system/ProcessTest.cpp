@@ -9,7 +9,6 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -118,24 +117,23 @@ TEST(AnActivity, ThatNobodyRegisteredCannotRun) {
   EXPECT_FALSE(handlers::runActivity("unknown", [] { ADD_FAILURE(); }));
 }
 
-TEST(AnEventStream, CallsItsHandlerWithOneEventAtATime) {
-  constexpr int count = 50;
+TEST(AnEventStream, HandlesSeveralEventsAtATime) {
+  const Semaphore inside(0);
+  const Semaphore released(0);
   const Semaphore finished(0);
-  std::atomic<int> inside = 0;
-  std::vector<std::int64_t> flags;
-  setEventStreamHandler("stream", [&](const Value& event) {
-    EXPECT_EQ(++inside, 1);
-    flags.push_back(event["_Flags"].int64Value());
-    --inside;
+  setEventStreamHandler("stream", [inside, released](const Value&) {
+    inside.signal();
+    released.wait();
   });
-  for (int index = 0; index < count; ++index) {
+  for (int index = 0; index < 2; ++index) {
     EXPECT_TRUE(handlers::postEvent("stream", Value::Dictionary{{"_Flags", index}}, [finished] { finished.signal(); }));
   }
-  for (int index = 0; index < count; ++index) {
-    finished.wait();
-  }
-  ASSERT_EQ(flags.size(), static_cast<std::size_t>(count));
-  EXPECT_TRUE(std::is_sorted(flags.begin(), flags.end()));
+  inside.wait();
+  inside.wait();
+  released.signal();
+  released.signal();
+  finished.wait();
+  finished.wait();
   setEventStreamHandler("stream", [](const Value&) {});
 }
 

@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+// What could go from a set of directories.
+#include "services/directory-cache/Survey.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include "platform/Limits.h"
+#include "platform/Reporting.h"
+#include "services/directory-cache/LogNames.h"
+
+namespace kelvane::directoryCache {
+
+std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume,
+                                             const std::vector<DirectoryRules>& directories) {
+  std::vector<OpenDirectory> open;
+  const std::optional<VolumeIdentity> asked = volumeAt(volume);
+  if (!asked) {
+    return open;
+  }
+  for (const DirectoryRules& rules : directories) {
+    std::optional<Tree> tree = Tree::open(rules.path);
+    if (!tree) {
+      if (errno != ENOENT) {
+        const std::string reason = errno == ELOOP ? "a symbolic link is on the way" : std::strerror(errno);
+        reporting::writeLog(logLevels::warning, logCategory, "openDirectoriesOn", rules.path + ": " + reason);
+      }
+      continue;
+    }
+    const std::optional<VolumeIdentity> here = volumeOf(tree->root());
+    if (here && here->isSame(*asked)) {
+      open.push_back({&rules, std::move(*tree)});
+    }
+  }
+  return open;
+}
+
+SurveyResult survey(const std::vector<OpenDirectory>& directories, std::int32_t urgency, std::int64_t now,
+                    const Cancellation& cancellation, const std::function<void(FoundLink)>& visit) {
+  SurveyResult result;
+  for (std::size_t index = 0; index < directories.size() && !result.cancelled; ++index) {
+    const DirectoryRules& rules = *directories[index].rules;
+    const std::int64_t age = rules.ageAt(urgency);
+    std::uint64_t total = 0;
+    const WalkResult walked =
+        directories[index].tree.walk(rules.protectedPatterns, cancellation, [&](const WalkedFile& file) {
+          total += allocatedBytes(file.status) / std::max<std::uint64_t>(file.status.st_nlink, 1);
+          const FileKey key = FileKey::of(file.status);
+          // A time in the future is as young as now, no younger.
+          if (age != DirectoryRules::never && (age == 0 || key.seconds <= now - age)) {
+            visit({key, index, file.path, allocatedBytes(file.status), file.status.st_nlink});
+          }
+        });
+    result.allowances.push_back(total > rules.keepBytes ? total - rules.keepBytes : 0);
+    result.unreadable += walked.unreadable;
+    result.cancelled = walked.cancelled;
+  }
+  return result;
+}
+
+std::uint64_t purgeableBytes(const std::vector<OpenDirectory>& directories, std::int32_t urgency, std::int64_t now,
+                             const Cancellation& cancellation) {
+  std::vector<std::uint64_t> oldEnough(directories.size());
+  // Only names that need others to go with them have to be remembered.
+  Candidates shared({limits::cacheCandidates, limits::cacheCandidateBytes}, std::nullopt);
+  const SurveyResult result = survey(directories, urgency, now, cancellation, [&](FoundLink link) {
+    if (link.links == 1) {
+      oldEnough[link.directory] += link.allocated;
+    } else {
+      shared.offer(std::move(link));
+    }
+  });
+  for (const Candidate& candidate : shared.take().candidates) {
+    for (const Candidate::Link& link : candidate.links) {
+      oldEnough[link.directory] += candidate.allocated / candidate.links.size();
+    }
+  }
+  std::uint64_t bytes = 0;
+  for (std::size_t index = 0; index < result.allowances.size(); ++index) {
+    bytes += std::min(oldEnough[index], result.allowances[index]);
+  }
+  return bytes;
+}
+
+}  // namespace kelvane::directoryCache

@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: Apache-2.0
+// What could go from a set of directories.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "services/directory-cache/Candidates.h"
+#include "services/directory-cache/Configuration.h"
+#include "services/directory-cache/Tree.h"
+#include "support/Cancellation.h"
+
+namespace kelvane::directoryCache {
+
+/// A configured directory as it is now.
+struct OpenDirectory {
+  const DirectoryRules* rules;
+  Tree tree;
+};
+
+/// Opens those of the directories that are on the volume with this mount point. One that cannot be opened is left out
+/// and logged, but for one that does not exist: caches come and go.
+std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const std::vector<DirectoryRules>& directories);
+
+struct SurveyResult {
+  /// For each directory, how many bytes may go before only the ones to keep are left.
+  std::vector<std::uint64_t> allowances;
+  std::uint64_t unreadable = 0;
+  bool cancelled = false;
+};
+
+/// Looks at every file of the directories and shows the names of those that are old enough at the urgency, seen
+/// from now (seconds since 1970).
+SurveyResult survey(const std::vector<OpenDirectory>& directories, std::int32_t urgency, std::int64_t now,
+                    const Cancellation& cancellation, const std::function<void(FoundLink)>& visit);
+
+/// How many bytes a purge at the urgency could free. A file with names elsewhere counts for nothing.
+std::uint64_t purgeableBytes(const std::vector<OpenDirectory>& directories, std::int32_t urgency, std::int64_t now,
+                             const Cancellation& cancellation);
+
+}  // namespace kelvane::directoryCache

@@ -1,0 +1,191 @@
+// SPDX-License-Identifier: Apache-2.0
+// A directory whose files may be deleted, and the walk through it.
+#include "services/directory-cache/Tree.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fnmatch.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <memory>
+#include <string_view>
+
+#include "platform/Limits.h"
+
+namespace kelvane::directoryCache {
+
+namespace {
+
+constexpr std::uint64_t statBlockBytes = 512;
+
+/// Opens a directory beneath another, by a path of any number of components.
+Descriptor openBeneath(int directory, const char* path, std::uint64_t flags) {
+  open_how how = {};
+  how.flags = flags | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS | RESOLVE_NO_XDEV;
+  return Descriptor(static_cast<int>(syscall(SYS_openat2, directory, path, &how, sizeof how)));
+}
+
+struct CloseDirectory {
+  void operator()(DIR* directory) const { closedir(directory); }
+};
+
+/// One directory of those that the walk is in.
+struct Level {
+  std::unique_ptr<DIR, CloseDirectory> directory;
+  std::size_t pathLength;
+};
+
+/// Whether what an error is about simply is no longer there, or is no longer what it was.
+bool isVanished(int error) {
+  return error == ENOENT || error == ENOTDIR || error == ELOOP;
+}
+
+class Walk {
+ public:
+  Walk(const std::vector<std::string>& protectedPatterns, const std::function<void(const WalkedFile&)>& visit)
+      : protectedPatterns_(protectedPatterns), visit_(visit) {}
+
+  WalkResult run(const Descriptor& root, const Cancellation& cancellation) {
+    enter(openBeneath(root.number(), ".", O_RDONLY));
+    while (!levels_.empty() && !result_.cancelled) {
+      result_.cancelled = cancellation.isCancelled();
+      path_.resize(levels_.back().pathLength);
+      errno = 0;
+      if (const dirent* entry = readdir(levels_.back().directory.get())) {
+        look(*entry);
+        continue;
+      }
+      // A directory that fails half way is as good as unreadable; one that was removed reads as empty.
+      result_.unreadable += errno != 0 ? 1 : 0;
+      levels_.pop_back();
+    }
+    return result_;
+  }
+
+ private:
+  void enter(Descriptor descriptor) {
+    if (!descriptor.isValid()) {
+      // Another volume is none of our business.
+      result_.unreadable += isVanished(errno) || errno == EXDEV ? 0 : 1;
+      return;
+    }
+    std::unique_ptr<DIR, CloseDirectory> directory(fdopendir(descriptor.number()));
+    if (!directory) {
+      ++result_.unreadable;
+      return;
+    }
+    descriptor.release();
+    levels_.push_back({std::move(directory), path_.size()});
+  }
+
+  void look(const dirent& entry) {
+    const std::string_view name = entry.d_name;
+    if (name == "." || name == "..") {
+      return;
+    }
+    path_.append(levels_.size() == 1 ? "" : "/").append(name);
+    if (isProtected()) {
+      return;
+    }
+    if (path_.size() >= PATH_MAX) {
+      ++result_.unreadable;
+      return;
+    }
+    const int parent = dirfd(levels_.back().directory.get());
+    struct stat status = {};
+    if (entry.d_type == DT_DIR) {
+      descend(parent, entry.d_name);
+    } else if (entry.d_type != DT_REG && entry.d_type != DT_UNKNOWN) {
+      return;
+    } else if (fstatat(parent, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+      result_.unreadable += isVanished(errno) ? 0 : 1;
+    } else if (S_ISREG(status.st_mode)) {
+      visit_({path_, status});
+    } else if (S_ISDIR(status.st_mode)) {
+      descend(parent, entry.d_name);
+    }
+  }
+
+  void descend(int parent, const char* name) {
+    if (levels_.size() >= static_cast<std::size_t>(limits::directoryDepth)) {
+      ++result_.unreadable;
+      return;
+    }
+    enter(openBeneath(parent, name, O_RDONLY));
+  }
+
+  bool isProtected() const {
+    return std::any_of(protectedPatterns_.begin(), protectedPatterns_.end(),
+                       [this](const std::string& pattern) { return fnmatch(pattern.c_str(), path_.c_str(), 0) == 0; });
+  }
+
+  const std::vector<std::string>& protectedPatterns_;
+  const std::function<void(const WalkedFile&)>& visit_;
+  std::vector<Level> levels_;
+  std::string path_;
+  WalkResult result_;
+};
+
+}  // namespace
+
+std::optional<VolumeIdentity> volumeOf(const Descriptor& descriptor) {
+  struct statx status = {};
+  struct stat basic = {};
+  if (fstat(descriptor.number(), &basic) != 0) {
+    return std::nullopt;
+  }
+  VolumeIdentity identity = {basic.st_dev, std::nullopt};
+  if (statx(descriptor.number(), "", AT_EMPTY_PATH, STATX_MNT_ID, &status) == 0 &&
+      (status.stx_mask & STATX_MNT_ID) != 0) {
+    identity.mount = status.stx_mnt_id;
+  }
+  return identity;
+}
+
+std::optional<VolumeIdentity> volumeAt(const std::string& path) {
+  const Descriptor descriptor(::open(path.c_str(), O_PATH | O_CLOEXEC));
+  return descriptor.isValid() ? volumeOf(descriptor) : std::nullopt;
+}
+
+FileKey FileKey::of(const struct stat& status) {
+  const FileKey read = {status.st_atim.tv_sec, status.st_atim.tv_nsec, status.st_dev, status.st_ino};
+  const FileKey written = {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_dev, status.st_ino};
+  return std::max(read, written);
+}
+
+std::uint64_t allocatedBytes(const struct stat& status) {
+  return static_cast<std::uint64_t>(status.st_blocks) * statBlockBytes;
+}
+
+std::optional<Tree> Tree::open(const std::string& path) {
+  open_how how = {};
+  how.flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+  how.resolve = RESOLVE_NO_SYMLINKS;
+  Descriptor root(static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path.c_str(), &how, sizeof how)));
+  if (!root.isValid()) {
+    return std::nullopt;
+  }
+  return Tree(std::move(root));
+}
+
+WalkResult Tree::walk(const std::vector<std::string>& protectedPatterns, const Cancellation& cancellation,
+                      const std::function<void(const WalkedFile&)>& visit) const {
+  return Walk(protectedPatterns, visit).run(root_, cancellation);
+}
+
+Descriptor Tree::openParent(const std::string& path) const {
+  const std::size_t slash = path.rfind('/');
+  const std::string parent = slash == std::string::npos ? "." : path.substr(0, slash);
+  return openBeneath(root_.number(), parent.c_str(), O_PATH);
+}
+
+std::string lastComponent(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+}  // namespace kelvane::directoryCache

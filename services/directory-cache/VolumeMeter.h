@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+// How much space a volume really has.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "services/directory-cache/Descriptor.h"
+
+namespace kelvane::directoryCache {
+
+/// Measures a volume, so that what a purge says it freed is what came of it.
+class VolumeMeter {
+ public:
+  virtual ~VolumeMeter() = default;
+
+  /// Bytes available to unprivileged users.
+  virtual std::uint64_t available() = 0;
+  /// As available(), after the file system has done what it put off when files were deleted; waits until at least
+  /// expected bytes are available, for a moment at most.
+  virtual std::uint64_t settledAvailable(std::uint64_t expected) = 0;
+};
+
+/// Measures the file system that is mounted at a path. When that may not be opened, it measures at a directory on
+/// the volume, which differs only where directories have limits of their own.
+class MountedVolumeMeter : public VolumeMeter {
+ public:
+  MountedVolumeMeter(const std::string& volume, const Descriptor& directory);
+
+  std::uint64_t available() override;
+  std::uint64_t settledAvailable(std::uint64_t expected) override;
+
+ private:
+  Descriptor volume_;
+};
+
+}  // namespace kelvane::directoryCache

@@ -1,0 +1,58 @@
+// SPDX-License-Identifier: Apache-2.0
+// kelvane-directory-cache: lets the daemon delete old files of some directories.
+#include <sysexits.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdlib>
+#include <iostream>
+#include <string>
+#include <utility>
+#include <variant>
+
+#include "platform/Process.h"
+#include "services/directory-cache/Configuration.h"
+#include "services/directory-cache/DirectoryCache.h"
+#include "services/directory-cache/ProcessUser.h"
+
+namespace {
+
+int fail(const std::string& text, int status) {
+  std::cerr << "kelvane-directory-cache: " << text << '\n';
+  return status;
+}
+
+/// A file is deleted or it is not; there is nothing to finish.
+void endProcess(int) {
+  kelvane::exitImmediately(EXIT_SUCCESS);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  using namespace kelvane::directoryCache;
+  CLI::App app("Gives files that have not been used for a while back when a volume runs out of space.",
+               "kelvane-directory-cache");
+  std::string path;
+  bool checks = false;
+  app.add_option("configuration", path, "The property list that says which files")->required();
+  app.add_flag("--check", checks, "Check the configuration and end");
+  CLI11_PARSE(app, argc, argv);
+
+  auto configuration = readConfigurationFile(path);
+  if (const auto* error = std::get_if<ConfigurationError>(&configuration)) {
+    return fail(error->text, EX_CONFIG);
+  }
+  if (checks) {
+    return EXIT_SUCCESS;
+  }
+  auto& good = std::get<Configuration>(configuration);
+  if (const auto error = runAsUser(good.user)) {
+    return fail(path + ": " + *error, EX_CONFIG);
+  }
+  kelvane::installTerminationHandler(&endProcess);
+  DirectoryCache cache(std::move(good));
+  if (const auto error = cache.run()) {
+    return fail(*error, EXIT_FAILURE);
+  }
+  return EXIT_SUCCESS;
+}

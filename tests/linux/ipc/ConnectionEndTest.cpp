@@ -1,0 +1,298 @@
+// SPDX-License-Identifier: Apache-2.0
+// How connections end, and what becomes of their calls.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <future>
+#include <memory>
+#include <set>
+
+#include "platform/Limits.h"
+#include "platform/MutableDictionary.h"
+#include "platform/linux/ipc/EndpointState.h"
+#include "platform/linux/ipc/EventLoop.h"
+#include "platform/linux/ipc/PrivateSockets.h"
+#include "tests/linux/ipc/IpcTesting.h"
+#include "tests/linux/ipc/RawClient.h"
+
+namespace kelvane {
+namespace {
+
+using test::SampleCaller;
+using test::SampleListener;
+using testing::HasSubstr;
+namespace sample = test::sample;
+
+void expectNoMore(SampleCaller& caller) {
+  test::settleEventLoop();
+  EXPECT_EQ(caller.ends().size(), 0U);
+  EXPECT_EQ(caller.outcomes().size(), 0U);
+}
+
+TEST(APeersDeath, IsAnInterruption) {
+  SampleListener listener;
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  caller.call(sample::ping, {});
+  ASSERT_TRUE(listener.take());
+  listener.drop();
+  EXPECT_EQ(caller.ends().take(), "interruption");
+}
+
+TEST(APeersDeath, FailsTheOutstandingCallsInOrder) {
+  SampleListener listener;
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  for (int call = 0; call < 3; ++call) {
+    caller.call(sample::echo, {Value(call)});
+  }
+  const auto held = listener.take();
+  listener.drop();
+  EXPECT_EQ(caller.ends().take(), "interruption");
+  for (int call = 0; call < 3; ++call) {
+    const auto outcome = caller.outcomes().take();
+    ASSERT_TRUE(outcome);
+    EXPECT_FALSE(outcome->reply);
+    EXPECT_EQ(outcome->error, "org.freedesktop.DBus.Error.NoReply: Connection terminated");
+  }
+  caller.connection().invalidate();
+  expectNoMore(caller);
+}
+
+TEST(APeersDeath, ComesAfterTheAnswersThatItSentBefore) {
+  // A service that answers everything and then is gone.
+  const auto service = ipc::Listener::anonymous(sample::interface, [](const ipc::Request& request) {
+    request.reply.send(request.value(0));
+    if (request.value(0) == Value(99)) {
+      request.connection.invalidate();
+    }
+  });
+  ASSERT_FALSE(service.resume());
+  SampleCaller caller(ipc::Connection::toEndpoint(*service.endpoint()));
+  caller.connection().resume();
+  for (int call = 0; call < 100; ++call) {
+    caller.call(sample::echo, {Value(call)});
+  }
+  std::size_t answered = 0;
+  for (int call = 0; call < 100; ++call) {
+    const auto outcome = caller.outcomes().take();
+    ASSERT_TRUE(outcome);
+    answered += outcome->reply ? 1 : 0;
+  }
+  EXPECT_EQ(answered, 100U);
+  EXPECT_EQ(caller.ends().take(), "interruption");
+}
+
+TEST(AnInvalidatedConnection, RunsItsInvalidationHandlerOnce) {
+  SampleListener listener;
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  caller.call(sample::ping, {});
+  ASSERT_TRUE(listener.take());
+  caller.connection().invalidate();
+  caller.connection().invalidate();
+  EXPECT_EQ(caller.ends().take(), "invalidation");
+  EXPECT_THAT(caller.outcomes().take()->error, HasSubstr("Connection invalidated"));
+  listener.drop();
+  expectNoMore(caller);
+}
+
+TEST(AnInvalidatedConnection, FailsLaterCallsAtOnce) {
+  SampleListener listener;
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  caller.connection().invalidate();
+  caller.call(sample::ping, {});
+  EXPECT_THAT(caller.outcomes().take()->error, HasSubstr("Connection invalidated"));
+}
+
+TEST(AnInvalidatedConnection, NeedNotHaveBeenResumed) {
+  SampleCaller caller(ipc::connectAt("/nowhere"));
+  caller.call(sample::ping, {});
+  caller.connection().invalidate();
+  caller.connection().resume();
+  EXPECT_EQ(caller.ends().take(), "invalidation");
+  EXPECT_TRUE(caller.outcomes().take());
+  expectNoMore(caller);
+}
+
+TEST(AnInvalidatedConnection, LetsGoOfItsHandlers) {
+  SampleListener listener;
+  listener.resume();
+  const auto held = std::make_shared<int>();
+  auto connection = ipc::connectAt(listener.path());
+  // A circle, which ends with the connection.
+  connection.setInterruptionHandler([connection, held] {});
+  connection.setInvalidationHandler([connection, held] {});
+  connection.resume();
+  connection.invalidate();
+  EXPECT_TRUE(test::eventually([&held] { return held.use_count() == 1; }));
+}
+
+TEST(AConnectionThatCannotBeMade, IsAnInterruption) {
+  SampleCaller caller(ipc::connectAt("/nowhere/at/all"));
+  caller.call(sample::ping, {});
+  EXPECT_EQ(caller.ends().size(), 0U);
+  caller.connection().resume();
+  EXPECT_EQ(caller.ends().take(), "interruption");
+  EXPECT_THAT(caller.outcomes().take()->error, HasSubstr("No such file or directory"));
+}
+
+TEST(AConnectionThatCannotBeMade, IsOneToANameThatIsNone) {
+  for (const std::string& name : {std::string(), std::string(".hidden"), std::string("a/b"), std::string("a\0b", 3),
+                                  std::string(limits::serviceNameBytes + 1, 'x')}) {
+    EXPECT_FALSE(ipc::isServiceName(name));
+    SampleCaller caller(ipc::Connection::toService(name));
+    caller.connection().resume();
+    EXPECT_EQ(caller.ends().take(), "interruption") << name;
+  }
+  EXPECT_TRUE(ipc::isServiceName(std::string(limits::serviceNameBytes, 'x')));
+  EXPECT_TRUE(ipc::isServiceName("com.example.a b"));
+}
+
+TEST(ACallBeforeItsConnectionIsResumed, IsSentThenInOrder) {
+  SampleListener listener([](const ipc::Request& request) { request.reply.send(request.value(0)); });
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.call(sample::echo, {Value(1)});
+  caller.call(sample::echo, {Value(2)});
+  test::settleEventLoop();
+  EXPECT_EQ(caller.outcomes().size(), 0U);
+  caller.connection().resume();
+  caller.call(sample::echo, {Value(3)});
+  std::set<std::int64_t> answers;
+  for (int call = 0; call < 3; ++call) {
+    answers.insert(caller.outcomes().take()->reply->int64Value());
+  }
+  EXPECT_EQ(answers, (std::set<std::int64_t>{1, 2, 3}));
+}
+
+TEST(ACallBeforeItsConnectionIsResumed, FailsWhenThatNeverHappens) {
+  SampleCaller caller(ipc::connectAt("/nowhere"));
+  caller.call(sample::ping, {});
+  caller.release();
+  EXPECT_THAT(caller.outcomes().take()->error, HasSubstr("never resumed"));
+}
+
+TEST(AConnectionThatNobodyHolds, IsClosedWithoutItsHandlers) {
+  test::Mailbox<bool> disconnects;
+  SampleListener listener;
+  listener.listener().setDisconnectHandler([&](const ipc::Connection&) { disconnects.put(true); });
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  caller.call(sample::ping, {});
+  listener.take()->reply.send();
+  EXPECT_TRUE(caller.outcomes().take()->reply);
+  caller.release();
+  EXPECT_TRUE(disconnects.take());
+  expectNoMore(caller);
+}
+
+TEST(AConnectionThatNobodyHolds, LastsUntilItsCallsAreAnswered) {
+  SampleListener listener;
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  caller.call(sample::echo, {Value("late")});
+  caller.release();
+  const auto request = listener.take();
+  test::settleEventLoop();
+  request->reply.send(request->value(0));
+  EXPECT_EQ(caller.outcomes().take()->reply, Value("late"));
+}
+
+TEST(ACall, CountsAnErrorAsAnAbsentReply) {
+  SampleListener listener([](const ipc::Request& request) { request.reply.sendError("com.example.Error", "no"); });
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  EXPECT_EQ(caller.ask(sample::echo, {Value(1)}), Value());
+}
+
+TEST(ACall, TakesItsArgumentsAsTheyAreWhenItIsMade) {
+  SampleListener listener;
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  MutableDictionary dictionary;
+  dictionary.set("key", Value("then"));
+  caller.call(sample::echo, {Value(dictionary)});
+  dictionary.set("key", Value("now"));
+  caller.connection().resume();
+  EXPECT_EQ(listener.take()->value(0)["key"], Value("then"));
+}
+
+TEST(ALimitedConnection, IsInvalidatedByOneCallTooMany) {
+  SampleListener listener;
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()), sample::limitedInterface);
+  caller.connection().resume();
+  for (int call = 0; call < sample::limitedInterface.maximumOutstandingCalls; ++call) {
+    caller.call(sample::ping, {});
+    // Its reply is dropped, so it stays outstanding.
+    ASSERT_TRUE(listener.take());
+  }
+  EXPECT_EQ(caller.ends().size(), 0U);
+  caller.call(sample::ping, {});
+  EXPECT_EQ(caller.ends().take(), "invalidation");
+  for (int call = 0; call <= sample::limitedInterface.maximumOutstandingCalls; ++call) {
+    EXPECT_THAT(caller.outcomes().take()->error, HasSubstr("Too many calls"));
+  }
+  expectNoMore(caller);
+}
+
+TEST(ALimitedConnection, IsInvalidatedByAReplyThatIsTooLong) {
+  SampleListener listener(
+      [](const ipc::Request& request) { request.reply.send(Value(std::string(request.value(0).uint64Value(), 'x'))); });
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()), sample::limitedInterface);
+  caller.connection().resume();
+  const std::size_t most = sample::limitedInterface.maximumReplyBytes;
+  EXPECT_TRUE(caller.ask(sample::echo, {Value(most - 256)}));
+  EXPECT_FALSE(caller.ask(sample::echo, {Value(most)}));
+  EXPECT_EQ(caller.ends().take(), "invalidation");
+}
+
+TEST(AnUnlimitedConnection, TakesLongReplies) {
+  SampleListener listener(
+      [](const ipc::Request& request) { request.reply.send(Value(std::string(request.value(0).uint64Value(), 'x'))); });
+  listener.resume();
+  SampleCaller caller(ipc::connectAt(listener.path()));
+  caller.connection().resume();
+  const auto reply = caller.ask(sample::echo, {Value(3'000'000)});
+  ASSERT_TRUE(reply && reply->isString());
+  EXPECT_EQ(reply->string()->size(), 3'000'000U);
+}
+
+TEST(AServiceThatRestarts, IsKnownToHaveDiedBeforeItsNextRequestIsDelivered) {
+  test::Mailbox<std::string> events;
+  SampleListener listener([&events](const ipc::Request&) { events.put("request"); });
+  listener.resume();
+  test::RawClient client(listener.path());
+  for (int round = 0; round < 50; ++round) {
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    const ipc::Endpoint endpoint(std::make_shared<ipc::Endpoint::State>(FileDescriptor(ends[0])));
+    const auto connection = ipc::Connection::toEndpoint(endpoint);
+    connection.setInterruptionHandler([&events] { events.put("death"); });
+    connection.resume();
+    test::settleEventLoop();
+    // The loop finds both at once.
+    std::promise<void> both;
+    ipc::EventLoop::shared().post([&both] { both.get_future().wait(); });
+    close(ends[1]);
+    ASSERT_TRUE(client.send("ping", test::RawClient::nothing, false));
+    both.set_value();
+    EXPECT_EQ(events.take(), "death");
+    EXPECT_EQ(events.take(), "request");
+  }
+}
+
+}  // namespace
+}  // namespace kelvane

@@ -1,0 +1,251 @@
+// SPDX-License-Identifier: Apache-2.0
+// The daemon's listener: whom it admits, what it delivers, what it does when it cannot listen.
+#include "support/KelvaneListener.h"
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <map>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "protocols/KelvaneClientProtocol.h"
+#include "protocols/Names.h"
+#include "support/KelvaneLog.h"
+#include "tests/harness/DaemonTest.h"
+
+namespace kelvane::test {
+namespace {
+
+namespace protocol = KelvaneClientProtocol;
+
+/// Remembers what it was asked and by whom.
+class RememberingObject : public KelvaneExportedObject {
+ public:
+  void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
+                     CheckinReply reply) override {
+    remember("checkin " + identifier, info);
+    endpointGiven = endpoint.state() != nullptr;
+    reply(Value::Dictionary{{"answer", identifier}}, {});
+  }
+  void clientPurge(const Value& info, ValueReply replyBlock) override {
+    remember("purge", info);
+    onPurge();
+    replyBlock(Value::Dictionary{{"purged", info["amount"]}});
+  }
+  void clientCancelPurge(const Value& info, Reply replyBlock) override {
+    remember("cancel", info);
+    replyBlock();
+  }
+
+  std::function<void()> onPurge = [] {};
+  std::vector<std::string> calls;
+  std::vector<Value> infos;
+  std::vector<std::string> callers;
+  bool endpointGiven = false;
+
+ private:
+  void remember(const std::string& call, const Value& info) {
+    calls.push_back(call);
+    infos.push_back(info);
+    callers.push_back(currentConnection().peer().description());
+  }
+};
+
+class TheListener : public DaemonTest {
+ protected:
+  /// Runs body while the listener serves the object to those who hold these entitlements.
+  void serve(const std::vector<std::string>& required, const std::function<void()>& body) {
+    run([&] {
+      writeEntitlements(*simulation);
+      const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+      for (const std::string& entitlement : required) {
+        listener->addRequiredEntitlement(entitlement);
+      }
+      listener->resume();
+      body();
+      simulation->settle();
+    });
+  }
+
+  std::shared_ptr<Answer> askToPurge(const TestClient& client) {
+    const auto answer = client.send(protocol::clientPurge, {Value(Value::Dictionary{{"amount", 5}})});
+    simulation->settle();
+    return answer;
+  }
+  bool isServed(const std::string& user) { return askToPurge(clientOf(user))->arrived; }
+
+  RememberingObject object;
+};
+
+TEST_F(TheListener, AdmitsThoseWhoHoldTheRequiredEntitlement) {
+  serve({entitlements::client}, [&] {
+    EXPECT_TRUE(isServed("root"));
+    EXPECT_TRUE(isServed("client"));
+    EXPECT_TRUE(isServed("partial"));
+    EXPECT_FALSE(isServed("nobody"));
+    EXPECT_EQ(object.calls.size(), 3u);
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[KelvaneListener resume] refused a connection: pid 100, uid 1000"});
+  });
+}
+
+TEST_F(TheListener, AdmitsOnlyThoseWhoHoldEveryRequiredEntitlement) {
+  serve({entitlements::client, entitlements::purge}, [&] {
+    EXPECT_TRUE(isServed("client"));
+    EXPECT_FALSE(isServed("partial"));
+  });
+}
+
+TEST_F(TheListener, AdmitsEverybodyWhenNothingIsRequired) {
+  serve({}, [&] { EXPECT_TRUE(isServed("nobody")); });
+}
+
+TEST_F(TheListener, ServesNobodyBeforeItIsResumed) {
+  run([&] {
+    writeEntitlements(*simulation);
+    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+    EXPECT_FALSE(simulation->ipc().isListening(names::daemon));
+    EXPECT_TRUE(askToPurge(TestClient())->failed);
+    listener->resume();
+    EXPECT_TRUE(simulation->ipc().isListening("com.tessaly.kelvane"));
+    EXPECT_TRUE(askToPurge(TestClient())->arrived);
+  });
+}
+
+TEST_F(TheListener, GoesByTheRulesOfTheTimeItWasMade) {
+  serve({entitlements::client}, [&] {
+    simulation->files().remove("/etc/kelvane/entitlements.d/test.plist");
+    EXPECT_TRUE(isServed("partial"));
+  });
+}
+
+TEST_F(TheListener, BringsEachRequestToItsFunctionAndTheAnswerBack) {
+  serve({}, [&] {
+    const TestClient client;
+    const Value info = Value::Dictionary{{"amount", 5}};
+    const ScriptedService service("a");
+    const auto checkin = client.checkIn("a", service.endpoint(), info);
+    const auto purge = client.send(protocol::clientPurge, {info});
+    const auto cancel = client.send(protocol::clientCancelPurge, {Value(Value::Dictionary{})});
+    simulation->settle();
+    EXPECT_EQ(object.calls, (std::vector<std::string>{"checkin a", "purge", "cancel"}));
+    EXPECT_EQ(object.infos, (std::vector<Value>{info, info, Value::Dictionary{}}));
+    EXPECT_TRUE(object.endpointGiven);
+    EXPECT_EQ(checkin->value, Value(Value::Dictionary{{"answer", "a"}}));
+    EXPECT_EQ(purge->value, Value(Value::Dictionary{{"purged", 5}}));
+    EXPECT_TRUE(cancel->arrived);
+    EXPECT_TRUE(cancel->value.isAbsent());
+  });
+}
+
+TEST_F(TheListener, SaysWhatIsNotAvailable) {
+  serve({}, [&] {
+    const TestClient client;
+    const Value info = Value::Dictionary{};
+    const std::vector<std::pair<const ipc::Operation*, ipc::Arguments>> requests = {
+        {&protocol::clientPurgeableSpace, {info}},
+        {&protocol::clientItemizedPurgeableSpace, {info}},
+        {&protocol::clientSetState, {Value(1), Value("key")}},
+        {&protocol::clientGetState, {Value("key")}},
+    };
+    for (const auto& [operation, arguments] : requests) {
+      std::string error;
+      client.connection()
+          .remoteProxy([](const std::optional<ipc::CallError>&) { ADD_FAILURE() << "the connection stands"; })
+          .callForOutcome(*operation, arguments, [&](const std::variant<Value, ipc::CallError>& outcome) {
+            const auto* failure = std::get_if<ipc::CallError>(&outcome);
+            error = failure != nullptr ? failure->text : "answered";
+          });
+      simulation->settle();
+      EXPECT_EQ(error,
+                "org.freedesktop.DBus.Error.NotSupported: " + std::string(operation->member) + " is not available yet");
+    }
+    EXPECT_TRUE(object.calls.empty());
+  });
+}
+
+TEST_F(TheListener, TellsWhoseRequestIsBeingDelivered) {
+  serve({}, [&] {
+    const auto clientWith = [&](int pid) {
+      const simulated::ActingAs process({.pid = pid, .user = "client"});
+      return TestClient();
+    };
+    askToPurge(clientWith(1));
+    askToPurge(clientWith(2));
+    EXPECT_EQ(object.callers, (std::vector<std::string>{"pid 1, uid 0", "pid 2, uid 0"}));
+  });
+}
+
+TEST_F(TheListener, TellsRequestsApartThatAreDeliveredAtOnce) {
+  for (std::uint64_t seed = 0; seed < 20; ++seed) {
+    SCOPED_TRACE(seed);
+    run(
+        [&] {
+          std::map<std::string, std::string> afterwards;
+          const Semaphore goOn(0);
+          object.onPurge = [&] {
+            const std::string before = currentConnection().peer().description();
+            goOn.wait();
+            afterwards[before] = currentConnection().peer().description();
+          };
+          const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+          listener->resume();
+          std::vector<TestClient> clients;
+          for (const int pid : {1, 2}) {
+            const simulated::ActingAs process({.pid = pid});
+            clients.emplace_back();
+            askToPurge(clients.back());
+          }
+          goOn.signal();
+          goOn.signal();
+          simulation->settle();
+          EXPECT_EQ(afterwards, (std::map<std::string, std::string>{{"pid 1, uid 0", "pid 1, uid 0"},
+                                                                    {"pid 2, uid 0", "pid 2, uid 0"}}));
+        },
+        seed);
+  }
+}
+
+using TheListenerDeathTest = TheListener;
+
+TEST_F(TheListenerDeathTest, HasNoCurrentConnectionOutsideADelivery) {
+  EXPECT_DEATH(currentConnection(), "no request is being delivered on this thread");
+}
+
+class AListenerThatCannotListen : public TheListener {
+ protected:
+  /// Tries to listen under a log that is configured like this.
+  void tryToListen(const std::string& logEntries) {
+    run([&] {
+      simulation->files().write("/etc/kelvane/log.plist", plist("<dict>" + logEntries + "</dict>"));
+      configureLog();
+      simulation->ipc().refuse(names::daemon, "Address already in use");
+      globalQueue::async([&] {
+        const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+        listener->resume();
+        ADD_FAILURE() << "it went on";
+      });
+      simulation->settle();
+      EXPECT_EQ(simulation->process().exitStatus(), 1);
+      EXPECT_EQ(log().texts(3),
+                std::vector<std::string>{"-[KelvaneListener resume] unable to listen: Address already in use"});
+    });
+  }
+};
+
+TEST_F(AListenerThatCannotListen, SaysSoAndEndsTheProcess) {
+  tryToListen("<key>Threshold</key><integer>5</integer>");
+}
+
+TEST_F(AListenerThatCannotListen, SaysSoWhateverTheThreshold) {
+  tryToListen("<key>Threshold</key><integer>0</integer>");
+}
+
+TEST_F(AListenerThatCannotListen, SaysSoWithoutAHandle) {
+  tryToListen("<key>Handle</key><false/>");
+}
+
+}  // namespace
+}  // namespace kelvane::test

@@ -1,0 +1,125 @@
+# SPDX-License-Identifier: Apache-2.0
+# Real purges: real daemon, real services, real volumes.
+
+import unittest
+
+from kelvane_system import MIB, KELVANED, DIRECTORY_CACHE, SystemTest, executable, files_for_urgency, until
+from kelvane_system import CONTROL_SOCKET, DAEMON_SOCKET
+
+
+class PurgeOf:
+    """What holds on every kind of volume."""
+
+    def prepare(self, *services, urgencies=(1, 2)):
+        """A volume, the daemon, and services that have checked in, with 4 MiB for each urgency. Returns the volume and
+        the services' directories."""
+        volume = self.volume(kind=self.kind)
+        self.start_daemon()
+        directories = []
+        for service in services:
+            directories.append(self.fill(volume, service, urgencies))
+            self.start_service(service, directories[-1])
+        return volume, directories
+
+    def test_frees_what_was_asked(self):
+        volume, (web, maps) = self.prepare("com.example.web", "com.example.maps")
+        before = volume.available()
+        status, report = self.purge(volume, "6M")
+        self.assertEqual(0, status, report)
+        self.assertGreaterEqual(volume.available() - before, 6 * MIB)
+        self.assertEqual(before, report["available_before"])
+        self.assertGreaterEqual(report["freed"], 6 * MIB)
+        self.assertEqual("freed", report["ending"])
+        self.assertLessEqual(files_for_urgency(web, 1) + files_for_urgency(maps, 1), 2)
+        # Nothing goes that a higher urgency is needed for.
+        self.assertEqual([4, 4], [files_for_urgency(web, 2), files_for_urgency(maps, 2)])
+
+    def test_tells_what_each_service_gave(self):
+        volume, _ = self.prepare("com.example.web", "com.example.maps")
+        # A service's own answer may overtake the result and stand in its place; not time after time.
+        reports = (self.purge(volume, "2M", "--urgency=1", "--timeout=1")[1] for _ in range(4))
+        request = next(request for report in reports for request in report["requests"] if request["passes"])
+        self.assertEqual(1, request["urgency_limit"])
+        (one,) = request["passes"]
+        self.assertEqual(1, one["urgency"])
+        self.assertEqual({"com.example.web", "com.example.maps"}, {service["id"] for service in one["services"]})
+        self.assertGreaterEqual(max(service["reported"] for service in one["services"]), MIB)
+
+    def test_raises_the_urgency_for_the_rest(self):
+        volume, (web, maps) = self.prepare("com.example.web", "com.example.maps")
+        before = volume.available()
+        status, report = self.purge(volume, "12M", "--timeout=1")
+        self.assertEqual(0, status, report)
+        self.assertGreaterEqual(volume.available() - before, 12 * MIB)
+        self.assertEqual([1, 2], [request["urgency_limit"] for request in report["requests"]])
+        self.assertEqual([0, 0], [files_for_urgency(web, 1), files_for_urgency(maps, 1)])
+        self.assertGreater(files_for_urgency(web, 2) + files_for_urgency(maps, 2), 0)
+
+    def test_says_when_services_have_no_more_to_give(self):
+        volume, (web,) = self.prepare("com.example.web")
+        status, report = self.purge(volume, "32M", "--urgency=1", "--timeout=1")
+        self.assertEqual(1, status)
+        self.assertEqual("short", report["ending"])
+        self.assertGreaterEqual(report["freed"], 4 * MIB)
+        self.assertEqual([0, 4], [files_for_urgency(web, 1), files_for_urgency(web, 2)])
+
+    def test_touches_no_other_volume(self):
+        other = self.volume("other")
+        volume, _ = self.prepare("com.example.web")
+        keeper = self.fill(other, "com.example.keeper", urgencies=(1,))
+        self.start_service("com.example.keeper", keeper)
+        status, _ = self.purge(volume, "3M", "--timeout=1")
+        self.assertEqual(0, status)
+        self.assertEqual(4, files_for_urgency(keeper, 1))
+
+    def test_starts_described_services_on_demand(self):
+        volume = self.volume(kind=self.kind)
+        directory = self.fill(volume, "com.example.described")
+        self.describe("com.example.described")
+        self.start_daemon()
+        starter = self.start_on_demand("com.example.described", directory)
+        self.assertEqual("systemd-socket-activate", executable(starter.pid).name)
+        status, report = self.purge(volume, "3M", "--urgency=1")
+        self.assertEqual(0, status, report)
+        self.assertEqual(DIRECTORY_CACHE.resolve(), executable(starter.pid))
+        self.assertEqual([1, 4], [files_for_urgency(directory, 1), files_for_urgency(directory, 2)])
+
+    def test_asks_services_of_both_manners(self):
+        volume = self.volume(kind=self.kind)
+        described = self.fill(volume, "com.example.described")
+        self.describe("com.example.described")
+        self.start_daemon()
+        self.start_on_demand("com.example.described", described)
+        web = self.fill(volume, "com.example.web")
+        self.start_service("com.example.web", web)
+        status, report = self.purge(volume, "8M", "--timeout=5")
+        self.assertEqual(0, status, report)
+        self.assertEqual([0, 0], [files_for_urgency(described, 1), files_for_urgency(web, 1)])
+
+
+class PurgeOfTmpfs(PurgeOf, SystemTest):
+    kind = "tmpfs"
+
+
+class PurgeOfExt4(PurgeOf, SystemTest):
+    kind = "ext4"
+
+
+class Activation(SystemTest):
+    def test_starts_the_daemon_when_a_client_calls(self):
+        volume = self.volume()
+        directory = self.fill(volume, "com.example.described")
+        self.describe("com.example.described")
+        self.start_on_demand("com.example.described", directory)
+        daemon = self.start("kelvaned", "systemd-socket-activate", f"--listen={DAEMON_SOCKET}",
+                            f"--listen={CONTROL_SOCKET}", KELVANED)
+        until(DAEMON_SOCKET.is_socket, "a listening socket")
+        self.assertEqual("systemd-socket-activate", executable(daemon.pid).name)
+        # The call that starts the daemon is served like any other.
+        status, report = self.purge(volume, "3M", "--urgency=1")
+        self.assertEqual(0, status, report)
+        self.assertEqual(KELVANED.resolve(), executable(daemon.pid))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,112 @@
+// SPDX-License-Identifier: Apache-2.0
+// kelvanectl's command line.
+#include "tools/kelvanectl/CommandLine.h"
+
+#include <gmock/gmock.h>
+
+#include <vector>
+
+namespace kelvane::ctl {
+namespace {
+
+using testing::HasSubstr;
+
+Command parse(std::vector<const char*> arguments) {
+  arguments.insert(arguments.begin(), "kelvanectl");
+  return parseCommandLine(static_cast<int>(arguments.size()), arguments.data());
+}
+
+PurgeCommand purge(const std::vector<const char*>& arguments) {
+  const Command command = parse(arguments);
+  if (const auto* message = std::get_if<Message>(&command)) {
+    ADD_FAILURE() << message->text;
+    return {};
+  }
+  return std::get<PurgeCommand>(command);
+}
+
+Message message(const std::vector<const char*>& arguments) {
+  const Command command = parse(arguments);
+  const auto* text = std::get_if<Message>(&command);
+  return text != nullptr ? *text : Message{ExitStatus::Done, "was taken"};
+}
+
+TEST(ThePurgeCommand, NeedsOnlyAVolumeAndASize) {
+  const PurgeCommand command = purge({"purge", "/data", "1.5G"});
+  EXPECT_EQ(command.order.volume, "/data");
+  EXPECT_EQ(command.order.bytes, 1610612736U);
+  EXPECT_EQ(command.order.urgency, 3);
+  EXPECT_EQ(command.order.timeoutSeconds, std::nullopt);
+  EXPECT_EQ(command.order.token, "");
+  EXPECT_FALSE(command.order.single);
+  EXPECT_EQ(command.output, OutputKind::Text);
+}
+
+TEST(ThePurgeCommand, TakesOptionsInAnyPlace) {
+  const PurgeCommand command =
+      purge({"purge", "--urgency", "4", "/data", "--timeout=7", "10M", "--token", "t", "--single", "--json"});
+  EXPECT_EQ(command.order.bytes, 10U * 1024 * 1024);
+  EXPECT_EQ(command.order.urgency, 4);
+  EXPECT_EQ(command.order.timeoutSeconds, 7U);
+  EXPECT_EQ(command.order.token, "t");
+  EXPECT_TRUE(command.order.single);
+  EXPECT_EQ(command.output, OutputKind::Json);
+  EXPECT_EQ(purge({"purge", "/data", "1", "-q"}).output, OutputKind::Quiet);
+}
+
+TEST(ThePurgeCommand, HasUrgenciesFrom1To4) {
+  EXPECT_EQ(purge({"purge", "/data", "1", "-u", "1"}).order.urgency, 1);
+  for (const char* urgency : {"0", "5", "-1", "high", "", "99999999999"}) {
+    EXPECT_EQ(message({"purge", "/data", "1", "--urgency", urgency}).status, ExitStatus::Usage) << urgency;
+  }
+}
+
+TEST(ThePurgeCommand, HasTimeOutsFrom1To300Seconds) {
+  EXPECT_EQ(purge({"purge", "/data", "1", "-t", "300"}).order.timeoutSeconds, 300U);
+  for (const char* seconds : {"0", "301", "-1", "1.5", "soon"}) {
+    EXPECT_EQ(message({"purge", "/data", "1", "--timeout", seconds}).status, ExitStatus::Usage) << seconds;
+  }
+}
+
+TEST(ThePurgeCommand, SaysWhatIsWrongWithASize) {
+  const Message wrong = message({"purge", "/data", "5 apples"});
+  EXPECT_EQ(wrong.status, ExitStatus::Usage);
+  EXPECT_THAT(wrong.text, HasSubstr("\"5 apples\" has no known unit"));
+  EXPECT_THAT(message({"purge", "/data", "0"}).text, HasSubstr("0 bytes"));
+  EXPECT_EQ(message({"purge", "/data", "-5M"}).status, ExitStatus::Usage);
+  EXPECT_THAT(message({"purge", "/data", "--", "-5M"}).text, HasSubstr("\"-5M\" is no size"));
+}
+
+TEST(ThePurgeCommand, RefusesWhatIsMissingUnknownOrContradictory) {
+  EXPECT_EQ(message({"purge"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"purge", "/data"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"purge", "/data", "1", "2"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"purge", "/data", "1", "--force"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"purge", "/data", "1", "--json", "--quiet"}).status, ExitStatus::Usage);
+}
+
+TEST(TheCancelCommand, TakesAToken) {
+  const Command command = parse({"cancel", "abc"});
+  ASSERT_TRUE(std::holds_alternative<CancelCommand>(command));
+  EXPECT_EQ(std::get<CancelCommand>(command).token, "abc");
+  EXPECT_EQ(message({"cancel"}).status, ExitStatus::Usage);
+}
+
+TEST(TheCommandLine, NeedsACommand) {
+  EXPECT_EQ(message({}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"free"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"purge", "/data", "1", "cancel", "x"}).status, ExitStatus::Usage);
+}
+
+TEST(TheCommandLine, ExplainsItself) {
+  const Message help = message({"--help"});
+  EXPECT_EQ(help.status, ExitStatus::Done);
+  EXPECT_THAT(help.text, HasSubstr("purge"));
+  EXPECT_THAT(help.text, HasSubstr("cancel"));
+  EXPECT_THAT(help.text, HasSubstr("Exit status: 0 freed"));
+  EXPECT_THAT(message({"purge", "--help"}).text, HasSubstr("--urgency"));
+  EXPECT_EQ(message({"--version"}).status, ExitStatus::Done);
+}
+
+}  // namespace
+}  // namespace kelvane::ctl

@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+// A purge's report, for people and for programs.
+#include <gmock/gmock.h>
+
+#include <nlohmann/json.hpp>
+
+#include "tools/kelvanectl/ExitStatus.h"
+#include "tools/kelvanectl/ReportJson.h"
+#include "tools/kelvanectl/ReportText.h"
+
+namespace kelvane::ctl {
+namespace {
+
+using testing::HasSubstr;
+
+constexpr std::uint64_t mebi = 1024 * 1024;
+
+PurgeReport exampleReport() {
+  PurgeReport report;
+  report.order.volume = "/data";
+  report.order.bytes = 100 * mebi;
+  report.order.token = "abc";
+  report.availableBefore = 10 * mebi;
+  report.availableAfter = 115 * mebi;
+  report.elapsed = std::chrono::milliseconds(2500);
+  report.ending = Ending::Freed;
+  report.requests.push_back({1,
+                             100 * mebi,
+                             105 * mebi,
+                             std::chrono::milliseconds(2100),
+                             60 * mebi,
+                             {{1, {{"com.example.photos", 60 * mebi}}, {"com.example.web"}}}});
+  return report;
+}
+
+TEST(ATextReport, ShowsRequestsServicesAndTheOutcome) {
+  EXPECT_EQ(textReport(exampleReport()),
+            "Up to urgency 1: 100.0 MiB asked, 105.0 MiB freed in 2.1 s\n"
+            "  urgency 1  com.example.photos                               60.0 MiB\n"
+            "  urgency 1  com.example.web                                 no answer\n"
+            "Freed 105.0 MiB of 100.0 MiB in 2.5 s: 10.0 MiB available before, 115.0 MiB now\n");
+}
+
+TEST(ATextReport, SaysWhenLessWasFreed) {
+  PurgeReport report = exampleReport();
+  report.ending = Ending::Short;
+  report.availableAfter = 60 * mebi;
+  EXPECT_THAT(textReport(report), HasSubstr("Freed only 50.0 MiB of 100.0 MiB in 2.5 s"));
+}
+
+TEST(ATextReport, ShowsShortTimesInMilliseconds) {
+  PurgeReport report = exampleReport();
+  report.requests[0].elapsed = std::chrono::microseconds(42100);
+  EXPECT_THAT(textReport(report), HasSubstr("105.0 MiB freed in 42 ms\n"));
+}
+
+TEST(ATextReport, PassesNoControlCharactersToTheTerminal) {
+  PurgeReport report = exampleReport();
+  report.requests[0].passes[0].answers[0].identifier = "evil\x1b[2J\n";
+  EXPECT_THAT(textReport(report), HasSubstr("evil?[2J? "));
+}
+
+TEST(AnErrorText, IsThereForEveryEndingThatIsAnError) {
+  PurgeReport report = exampleReport();
+  report.detail = "Connection refused";
+  const auto text = [&report](Ending ending) {
+    report.ending = ending;
+    return errorText(report);
+  };
+  EXPECT_EQ(text(Ending::Freed), "");
+  EXPECT_EQ(text(Ending::Short), "");
+  EXPECT_THAT(text(Ending::Interrupted), HasSubstr("interrupted"));
+  EXPECT_THAT(text(Ending::NoDaemon), HasSubstr("no daemon: Connection refused"));
+  EXPECT_THAT(text(Ending::ConnectionLost), HasSubstr("lost: Connection refused"));
+  EXPECT_THAT(text(Ending::Failed), HasSubstr("an error: Connection refused"));
+  EXPECT_EQ(text(Ending::NoVolume), "Connection refused");
+  EXPECT_THAT(text(Ending::NotAdmitted), HasSubstr("CLIENT_ENTITLEMENT"));
+}
+
+TEST(AnErrorText, NamesBothReasonsOfARefusal) {
+  PurgeReport report = exampleReport();
+  report.ending = Ending::Refused;
+  EXPECT_THAT(errorText(report), HasSubstr("PURGE_ENTITLEMENT"));
+  EXPECT_THAT(errorText(report), HasSubstr("/data is no volume"));
+}
+
+TEST(AJsonReport, IsOneObjectOnOneLine) {
+  const std::string text = jsonReport(exampleReport());
+  EXPECT_EQ(text.find('\n'), std::string::npos);
+  EXPECT_EQ(nlohmann::json::parse(text), nlohmann::json::parse(R"({
+    "volume": "/data", "token": "abc", "ending": "freed", "error": null,
+    "asked": 104857600, "freed": 110100480, "available_before": 10485760, "available_after": 120586240,
+    "elapsed_seconds": 2.5,
+    "requests": [{
+      "urgency_limit": 1, "asked": 104857600, "freed": 110100480, "reported": 62914560, "elapsed_seconds": 2.1,
+      "passes": [{"urgency": 1, "services": [{"id": "com.example.photos", "reported": 62914560}],
+                  "unanswered": ["com.example.web"]}]}]})"));
+}
+
+TEST(AJsonReport, HasTheErrorInWords) {
+  PurgeReport report = exampleReport();
+  report.ending = Ending::NoDaemon;
+  report.detail = "Connection refused";
+  report.requests.clear();
+  const auto json = nlohmann::json::parse(jsonReport(report));
+  EXPECT_EQ(json["ending"], "no-daemon");
+  EXPECT_EQ(json["error"], "no daemon: Connection refused");
+  EXPECT_TRUE(json["requests"].is_array());
+  EXPECT_TRUE(json["requests"].empty());
+}
+
+TEST(AJsonReport, HasNullForWhatTheAnswerDidNotTell) {
+  PurgeReport report = exampleReport();
+  report.requests[0].reported.reset();
+  EXPECT_TRUE(nlohmann::json::parse(jsonReport(report))["requests"][0]["reported"].is_null());
+}
+
+TEST(AJsonReport, KeepsLargeNumbersAndBadTextWhole) {
+  PurgeReport report = exampleReport();
+  report.availableAfter = std::numeric_limits<std::uint64_t>::max();
+  report.order.volume = "/da\xffta";
+  const auto json = nlohmann::json::parse(jsonReport(report));
+  EXPECT_EQ(json["available_after"], std::numeric_limits<std::uint64_t>::max());
+  EXPECT_EQ(json["volume"], "/da\xef\xbf\xbdta");
+}
+
+TEST(AnEnding, DecidesTheExitStatus) {
+  EXPECT_EQ(exitStatusOf(Ending::Freed), ExitStatus::Done);
+  EXPECT_EQ(exitStatusOf(Ending::Short), ExitStatus::Short);
+  EXPECT_EQ(exitStatusOf(Ending::Interrupted), ExitStatus::Interrupted);
+  EXPECT_EQ(exitStatusOf(Ending::Refused), ExitStatus::NotEntitled);
+  EXPECT_EQ(exitStatusOf(Ending::NotAdmitted), ExitStatus::NotEntitled);
+  EXPECT_EQ(exitStatusOf(Ending::NoDaemon), ExitStatus::NoDaemon);
+  EXPECT_EQ(exitStatusOf(Ending::ConnectionLost), ExitStatus::NoDaemon);
+  EXPECT_EQ(exitStatusOf(Ending::Failed), ExitStatus::Failed);
+  EXPECT_EQ(exitStatusOf(Ending::NoVolume), ExitStatus::NoVolume);
+}
+
+TEST(EveryEnding, HasANameOfItsOwn) {
+  const std::vector<Ending> endings = {Ending::Freed,          Ending::Short,       Ending::Interrupted,
+                                       Ending::Refused,        Ending::NotAdmitted, Ending::NoDaemon,
+                                       Ending::ConnectionLost, Ending::Failed,      Ending::NoVolume};
+  std::set<std::string_view> names;
+  for (const Ending ending : endings) {
+    names.insert(endingName(ending));
+  }
+  EXPECT_EQ(names.size(), endings.size());
+  EXPECT_FALSE(names.contains(""));
+}
+
+}  // namespace
+}  // namespace kelvane::ctl

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+// kelvanectl's command line.
+#pragma once
+
+#include <string>
+#include <variant>
+
+#include "tools/kelvanectl/ExitStatus.h"
+#include "tools/kelvanectl/PurgeReport.h"
+
+namespace kelvane::ctl {
+
+enum class OutputKind { Text, Json, Quiet };
+
+/// The order's volume is as typed, its token empty unless one was given.
+struct PurgeCommand {
+  PurgeOrder order;
+  OutputKind output = OutputKind::Text;
+};
+
+struct CancelCommand {
+  std::string token;
+  bool quiet = false;
+};
+
+/// Nothing to run: help or the version was asked for, or the command line is wrong.
+struct Message {
+  ExitStatus status;
+  std::string text;
+};
+
+using Command = std::variant<PurgeCommand, CancelCommand, Message>;
+
+[[nodiscard]] Command parseCommandLine(int argc, const char* const* argv);
+
+}  // namespace kelvane::ctl

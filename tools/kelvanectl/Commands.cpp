@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+// What kelvanectl's commands do.
+#include "tools/kelvanectl/Commands.h"
+
+#include <fmt/core.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <functional>
+#include <utility>
+
+#include "platform/Volumes.h"
+#include "support/Token.h"
+#include "tools/kelvanectl/DaemonSite.h"
+#include "tools/kelvanectl/Escalation.h"
+#include "tools/kelvanectl/Interruption.h"
+#include "tools/kelvanectl/ProgressBar.h"
+#include "tools/kelvanectl/ReportJson.h"
+#include "tools/kelvanectl/ReportText.h"
+#include "tools/kelvanectl/VolumeArgument.h"
+
+namespace kelvane::ctl {
+namespace {
+
+constexpr char eraseToEnd[] = "\x1b[K";
+
+void printError(const std::string& text) {
+  if (!text.empty()) {
+    fmt::print(stderr, "kelvanectl: {}\n", text);
+  }
+}
+
+/// Redraws one line of the terminal that standard error is; does nothing when it is none.
+std::function<void()> progressOf(const PurgeOrder& order) {
+  if (isatty(STDERR_FILENO) != 1) {
+    return nullptr;
+  }
+  const std::uint64_t before = volumes::availableBytes(order.volume);
+  const auto start = std::chrono::steady_clock::now();
+  return [before, start, order] {
+    winsize size{};
+    const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    const std::uint64_t now = volumes::availableBytes(order.volume);
+    const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
+    fmt::print(stderr, "\r{}{}",
+               progressLine(now > before ? now - before : 0, order.bytes, elapsed, known ? size.ws_col : 80),
+               eraseToEnd);
+  };
+}
+
+PurgeReport purge(PurgeOrder order, OutputKind output, const Interruption& interruption) {
+  auto volume = resolveVolume(order.volume);
+  if (const auto* error = std::get_if<VolumeError>(&volume)) {
+    PurgeReport report;
+    report.order = std::move(order);
+    report.ending = Ending::NoVolume;
+    report.detail = error->text;
+    return report;
+  }
+  order.volume = std::get<std::string>(std::move(volume));
+
+  std::function<void()> progress;
+  if (output == OutputKind::Text) {
+    fmt::print("{}", textHeading(order, volumes::availableBytes(order.volume)));
+    std::fflush(stdout);
+    progress = progressOf(order);
+  }
+  DaemonSite site(order.volume, interruption, progress);
+  PurgeReport report = freeBytes(order, site);
+  if (progress) {
+    fmt::print(stderr, "\r{}", eraseToEnd);
+  }
+  return report;
+}
+
+}  // namespace
+
+ExitStatus run(const PurgeCommand& command, const Interruption& interruption) {
+  PurgeOrder order = command.order;
+  if (order.token.empty()) {
+    order.token = createKelvaneToken().description();
+  }
+  const PurgeReport report = purge(std::move(order), command.output, interruption);
+  if (command.output == OutputKind::Json) {
+    fmt::print("{}\n", jsonReport(report));
+  } else if (command.output == OutputKind::Text && !report.requests.empty()) {
+    fmt::print("{}", textReport(report));
+  }
+  printError(errorText(report));
+  return exitStatusOf(report.ending);
+}
+
+ExitStatus run(const CancelCommand& command) {
+  const auto outcome = sendCancel(command.token);
+  if (const auto* failure = std::get_if<RequestFailure>(&outcome)) {
+    PurgeReport report;
+    report.ending = failure->ending;
+    report.detail = failure->detail;
+    printError(errorText(report));
+    return exitStatusOf(failure->ending);
+  }
+  if (!command.quiet) {
+    fmt::print("The daemon has taken note.\n");
+  }
+  return ExitStatus::Done;
+}
+
+ExitStatus run(const Message& message) {
+  fmt::print(message.status == ExitStatus::Done ? stdout : stderr, "{}", message.text);
+  return message.status;
+}
+
+}  // namespace kelvane::ctl

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+// Frees an amount with no more urgency than it takes.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <variant>
+
+#include "platform/Value.h"
+#include "tools/kelvanectl/PurgeReport.h"
+
+namespace kelvane::ctl {
+
+/// Why a request got no answer.
+struct RequestFailure {
+  Ending ending;
+  std::string detail;
+};
+
+/// The daemon and the volume, as an escalation sees them.
+class PurgeSite {
+ public:
+  virtual ~PurgeSite() = default;
+  /// Sends one purge request and waits for the daemon's answer, absent for none.
+  virtual std::variant<Value, RequestFailure> purge(const Value& info) = 0;
+  /// Bytes of the volume that are available now.
+  virtual std::uint64_t available() = 0;
+};
+
+/// A request at the daemon's full limit waits out all its passes, whatever the first has freed. So this sends a request
+/// limited to urgency 1, then one for the rest limited to 2, and so on up to the order's limit, and stops as soon as
+/// the volume itself has gained the amount. What services claim does not count.
+PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site);
+
+}  // namespace kelvane::ctl

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the process tells the script that ran it.
+#pragma once
+
+#include "tools/kelvanectl/PurgeReport.h"
+
+namespace kelvane::ctl {
+
+enum class ExitStatus : int {
+  Done = 0,          ///< freed what was asked, or the cancel was delivered
+  Short = 1,         ///< freed less than was asked
+  Usage = 2,         ///< the command line is wrong
+  NoDaemon = 3,      ///< kelvaned is not there, or the connection to it was lost
+  NotEntitled = 4,   ///< the daemon refused the request
+  NoVolume = 5,      ///< not the mount point of a writable, local file system
+  Failed = 6,        ///< the daemon answered with an error, as when a limit is passed
+  Interrupted = 130  ///< by SIGINT or SIGTERM
+};
+
+ExitStatus exitStatusOf(Ending ending);
+
+}  // namespace kelvane::ctl

@@ -1,0 +1,93 @@
+// SPDX-License-Identifier: Apache-2.0
+// A purge's report for people.
+#include "tools/kelvanectl/ReportText.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <iterator>
+
+#include "tools/kelvanectl/ByteSize.h"
+
+namespace kelvane::ctl {
+namespace {
+
+using Output = std::back_insert_iterator<std::string>;
+
+/// Peers choose identifiers and the terminal obeys control characters, so none is passed on.
+std::string printable(std::string_view text) {
+  std::string result(text);
+  std::replace_if(
+      result.begin(), result.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+  return result;
+}
+
+std::string formatElapsed(std::chrono::duration<double> elapsed) {
+  const double seconds = elapsed.count();
+  return seconds < 1 ? fmt::format("{:.0f} ms", seconds * 1000) : fmt::format("{:.1f} s", seconds);
+}
+
+void addPass(Output out, const PassReport& pass) {
+  for (const ServiceAnswer& answer : pass.answers) {
+    fmt::format_to(out, "  urgency {}  {:<44} {:>12}\n", pass.urgency, printable(answer.identifier),
+                   formatByteSize(answer.bytes));
+  }
+  for (const std::string& identifier : pass.unanswered) {
+    fmt::format_to(out, "  urgency {}  {:<44} {:>12}\n", pass.urgency, printable(identifier), "no answer");
+  }
+}
+
+void addRequest(Output out, const RequestReport& request) {
+  fmt::format_to(out, "Up to urgency {}: {} asked, {} freed in {}\n", request.urgencyLimit,
+                 formatByteSize(request.asked), formatByteSize(request.freed), formatElapsed(request.elapsed));
+  for (const PassReport& pass : request.passes) {
+    addPass(out, pass);
+  }
+}
+
+}  // namespace
+
+std::string textHeading(const PurgeOrder& order, std::uint64_t available) {
+  return fmt::format("Freeing {} on {} ({} available), token {}\n", formatByteSize(order.bytes), order.volume,
+                     formatByteSize(available), printable(order.token));
+}
+
+std::string textReport(const PurgeReport& report) {
+  std::string text;
+  const Output out = std::back_inserter(text);
+  for (const RequestReport& request : report.requests) {
+    addRequest(out, request);
+  }
+  fmt::format_to(out, "{} {} of {} in {}: {} available before, {} now\n",
+                 report.ending == Ending::Freed ? "Freed" : "Freed only", formatByteSize(report.freed()),
+                 formatByteSize(report.order.bytes), formatElapsed(report.elapsed),
+                 formatByteSize(report.availableBefore), formatByteSize(report.availableAfter));
+  return text;
+}
+
+std::string errorText(const PurgeReport& report) {
+  switch (report.ending) {
+    case Ending::Freed:
+    case Ending::Short:
+      return "";
+    case Ending::Interrupted:
+      return "interrupted; what services were already asked for, they may still free";
+    case Ending::Refused:
+      return fmt::format(
+          "the daemon refused: this user does not hold PURGE_ENTITLEMENT, or {} is no volume to the daemon",
+          report.order.volume);
+    case Ending::NotAdmitted:
+      return "the daemon closed the connection: this user does not hold CLIENT_ENTITLEMENT";
+    case Ending::NoDaemon:
+      return fmt::format("no daemon: {}", report.detail);
+    case Ending::ConnectionLost:
+      return fmt::format("connection to the daemon lost: {}", report.detail);
+    case Ending::Failed:
+      return fmt::format("the daemon answered with an error: {}", report.detail);
+    case Ending::NoVolume:
+      return report.detail;
+  }
+  return "";
+}
+
+}  // namespace kelvane::ctl
