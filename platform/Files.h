@@ -18,6 +18,8 @@ namespace kelvane::files {
 
 struct Error {
   std::string text;
+  /// There is nothing at the path.
+  bool isMissing = false;
 };
 /// A regular file's contents; an error for anything else (FIFOs and devices are not opened), for what
 /// cannot be read and for more than maximumBytes.

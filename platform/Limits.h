@@ -31,7 +31,7 @@ inline constexpr int endpoints = 2048;
 inline constexpr int endpointsOfAllUsers = 8192;
 inline constexpr std::size_t heldRequestBytesPerUser = 16 * 1024 * 1024;
 inline constexpr std::size_t requestBytes = 2 * 1024 * 1024;
-/// What waits for a peer that does not read; beyond it the peer is dropped.
+/// What waits for a peer that does not read; beyond it the peer is dropped. No single message is longer.
 inline constexpr std::size_t unsentBytesPerConnection = 4 * 1024 * 1024;
 inline constexpr std::size_t unsentBytesPerUser = 32 * 1024 * 1024;
 /// Connections on which a message has begun to arrive but has not ended.

@@ -29,11 +29,16 @@ const LogHandle* getLogHandle() {
 }
 
 void configureLog() {
-  const Value configuration = readConfigurationFile(configurationPath);
+  const auto read = readPropertyListFile(configurationPath);
+  const auto* error = std::get_if<FileError>(&read);
+  const Value configuration = error == nullptr ? std::get<Value>(read) : Value();
   const Value threshold = configuration["Threshold"];
   processHandle.threshold = threshold.isNumber() ? threshold.int32Value() : errorLevel;
   const Value handle = configuration["Handle"];
   currentHandle = handle.isNumber() && !handle.boolValue() ? nullptr : &processHandle;
+  if (error != nullptr && !error->isMissing) {
+    KELVANE_ERROR("%s unable to read %s: %@", "configureLog", configurationPath, error->text);
+  }
 }
 
 }  // namespace kelvane

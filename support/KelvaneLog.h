@@ -24,7 +24,8 @@ inline constexpr char logCategory[] = "Kelvane";
 const LogHandle* getLogHandle();
 
 /// Sets the handle up from "/etc/kelvane/log.plist": "Threshold" (a number, 3 unless given) and "Handle"
-/// (false for none). A file that cannot be read counts as absent. Called once, before anything is logged.
+/// (false for none). A file that is there and cannot be read is logged and counts as absent. Called once, before
+/// anything else is logged.
 void configureLog();
 
 /// Stores one message. The arguments fill the format; the first is the name of the writing method.

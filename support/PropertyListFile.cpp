@@ -11,19 +11,13 @@ namespace kelvane {
 std::variant<Value, FileError> readPropertyListFile(const std::string& path) {
   const auto contents = files::read(path, limits::propertyListBytes);
   if (const auto* error = std::get_if<files::Error>(&contents)) {
-    return FileError{error->text};
+    return FileError{error->text, error->isMissing};
   }
   const auto parsed = propertyList::parse(std::get<Data>(contents));
   if (const auto* error = std::get_if<propertyList::Error>(&parsed)) {
-    return FileError{error->text};
+    return FileError{.text = error->text};
   }
   return std::get<Value>(parsed);
-}
-
-Value readConfigurationFile(const std::string& path) {
-  const auto read = readPropertyListFile(path);
-  const Value* value = std::get_if<Value>(&read);
-  return value != nullptr ? *value : Value();
 }
 
 }  // namespace kelvane

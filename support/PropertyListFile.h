@@ -12,12 +12,11 @@ namespace kelvane {
 /// Why a file gave no property list, in words for a log line.
 struct FileError {
   std::string text;
+  /// There is no such file.
+  bool isMissing = false;
 };
 
 /// The property list in a file, of any format and up to limits::propertyListBytes.
 [[nodiscard]] std::variant<Value, FileError> readPropertyListFile(const std::string& path);
-
-/// The same for a file that need not be there: absent when it cannot be read or parsed.
-[[nodiscard]] Value readConfigurationFile(const std::string& path);
 
 }  // namespace kelvane

@@ -73,19 +73,19 @@ std::vector<std::string> Files::entriesBeneath(const std::string& directory) con
 std::variant<Data, files::Error> Files::read(const std::string& path, std::size_t maximumBytes) const {
   const Node* node = find(path);
   if (node == nullptr) {
-    return files::Error{"No such file or directory"};
+    return files::Error{.text = "No such file or directory", .isMissing = true};
   }
   if (node->error) {
-    return files::Error{*node->error};
+    return files::Error{.text = *node->error};
   }
   if (node->kind == Node::Kind::Directory) {
-    return files::Error{"Is a directory"};
+    return files::Error{.text = "Is a directory"};
   }
   if (node->kind != Node::Kind::File) {
-    return files::Error{"Not a regular file"};
+    return files::Error{.text = "Not a regular file"};
   }
   if (node->contents.size() > maximumBytes) {
-    return files::Error{"File too large"};
+    return files::Error{.text = "File too large"};
   }
   return node->contents;
 }

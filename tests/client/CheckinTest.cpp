@@ -65,6 +65,23 @@ TEST_F(ACheckIn, OfADescribedServiceChangesNothingAndIsAnsweredWithNone) {
   });
 }
 
+TEST_F(ACheckIn, IsNotNeededByADescribedServiceWhoseRecordOutlivesItsConnections) {
+  runDaemon([&] {
+    const auto record = recordOf("com.example.described");
+    record->setDesiredNotifications(Value::Array{"x"});
+    {
+      ScriptedService service("com.example.described");
+      service.listenByName();
+      kelvane->notifyRecipients("x", 1);
+      simulation->settle();
+      EXPECT_EQ(service.count("serviceNotify"), 1u);
+    }
+    simulation->settle();
+    EXPECT_EQ(recordOf("com.example.described"), record);
+    EXPECT_FALSE(record->vexConn());
+  });
+}
+
 TEST_F(ACheckIn, WithoutTheEntitlementIsNeverAnswered) {
   runDaemon([&] {
     ScriptedService service("com.example.cache");
@@ -145,6 +162,7 @@ TEST_F(ACheckIn, EndsWhenTheServiceDies) {
     EXPECT_FALSE(recordOf("com.example.cache"));
     EXPECT_TRUE(log().contains(std::string(blockName) + " interruptionHandler ENTRY"));
     EXPECT_FALSE(log().contains("invalidationHandler ENTRY"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 
@@ -157,6 +175,7 @@ TEST_F(ACheckIn, EndsWhenTheConnectionIsInvalidated) {
     EXPECT_FALSE(recordOf("com.example.cache"));
     EXPECT_TRUE(log().contains(std::string(blockName) + " invalidationHandler ENTRY"));
     EXPECT_FALSE(log().contains("interruptionHandler ENTRY"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 
@@ -198,13 +217,26 @@ TEST_F(ACheckIn, OfAServiceThatNeverAnswersItsPingHoldsTheCollectionQueue) {
     ScriptedService service("com.example.stuck");
     service.onPing = ScriptedService::silence();
     const TestClient client;
-    const auto answer = client.checkIn(service.identifier(), service.endpoint(), Value::Dictionary{});
+    const auto answer = client.checkIn(service.identifier(), service.endpoint(), Value::Dictionary{{"PURGE", true}});
+    simulation->settle();
+    bool gotSnapshot = false;
+    globalQueue::async([&] {
+      kelvane->copyServices();
+      gotSnapshot = true;
+    });
+    const auto purge = TestClient().send(KelvaneClientProtocol::clientPurge, {Value(Value::Dictionary{})});
     const auto cancel = TestClient().send(KelvaneClientProtocol::clientCancelPurge, {Value(Value::Dictionary{})});
     clock::sleepMicroseconds(600'000'000);
     EXPECT_FALSE(answer->arrived);
     EXPECT_FALSE(cancel->arrived);
-    // The live table has it already; snapshots would wait.
-    EXPECT_TRUE(kelvane->services()->contains("com.example.stuck"));
+    EXPECT_FALSE(purge->arrived);
+    EXPECT_FALSE(gotSnapshot);
+    // The live table has it already, but not yet what it does.
+    ASSERT_TRUE(kelvane->services()->contains("com.example.stuck"));
+    EXPECT_FALSE(kelvane->services()->at("com.example.stuck")->doesPurge());
+    // Periodic work goes by the live table.
+    kelvane->performPeriodicsWithInfo(Value::Dictionary{{"KELVANE_VOLUME", volume}});
+    EXPECT_TRUE(log().contains("performPeriodicsWithInfo:]_block result: { KELVANE_AMOUNT = 0; }"));
     // Not to be taken apart with its queue held.
     static_cast<void>(kelvane.release());
   });

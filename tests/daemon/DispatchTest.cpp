@@ -51,6 +51,39 @@ TEST_F(Dispatch, RunsPurgesOneAfterTheOther) {
   });
 }
 
+TEST_F(Dispatch, RunsPurgesOnThePurgeQueue) {
+  runDaemon([&] {
+    kelvane->purge_queue().suspend();
+    bool returned = false;
+    globalQueue::async([&] {
+      kelvane->purge(purgeInfo(100), nullptr);
+      returned = true;
+    });
+    clock::sleepMicroseconds(60'000'000);
+    EXPECT_FALSE(log().contains("KelvanePurgeOperation"));
+    kelvane->purge_queue().resume();
+    clock::sleepMicroseconds(60'000'000);
+    EXPECT_TRUE(returned);
+  });
+}
+
+TEST_F(Dispatch, LetsPeriodicWorkRunBesideAPurge) {
+  runDaemon([&] {
+    const Group purge;
+    purge.asyncGlobal([&] { kelvane->purge(purgeInfo(100, {{keys::purgeTimeout, 300}}), nullptr); });
+    simulation->settle();
+    const std::uint64_t start = clock::ticks();
+    const Group periodic;
+    for (int i = 0; i < 2; ++i) {
+      periodic.asyncGlobal([&] { kelvane->performPeriodicsWithInfo(Value::Dictionary{{keys::volume, volume}}); });
+    }
+    periodic.wait();
+    EXPECT_EQ(secondsSince(start), 15.0);
+    purge.wait();
+    EXPECT_EQ(secondsSince(start), 300.0);
+  });
+}
+
 TEST_F(Dispatch, GivesACallbackEverythingThatIsDelivered) {
   runDaemon([&] {
     ScriptedService service("a");
@@ -160,6 +193,14 @@ TEST_F(Dispatch, CountsTheMembersOfACollection) {
     EXPECT_EQ(kelvane->requestsInFlight(Value::Array{"a", "b"}), 2);
     EXPECT_EQ(kelvane->requestsInFlight(Value::Dictionary{{"a", 1}}), 1);
     EXPECT_EQ(kelvane->requestsInFlight(Value()), 0);
+    kelvane->collection_queue().suspend();
+    bool counted = false;
+    globalQueue::async([&] { counted = kelvane->requestsInFlight(Value::Array{"a"}) == 1; });
+    simulation->settle();
+    EXPECT_FALSE(counted);
+    kelvane->collection_queue().resume();
+    simulation->settle();
+    EXPECT_TRUE(counted);
   });
 }
 

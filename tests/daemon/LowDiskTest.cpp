@@ -33,7 +33,11 @@ TEST_F(ALowDiskEvent, PurgesALowVolumeByAFixedAmount) {
   runDaemon([&] {
     simulation->volumes().setLow(volume, true);
     ScriptedService service("a");
-    service.onPurge = freesWhatIsAsked();
+    service.onPurge = [&](const ScriptedService::Request& request) {
+      // It is counted afterwards.
+      EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 0);
+      freesWhatIsAsked()(request);
+    };
     checkIn(TestClient(), service);
     kelvane->handleVFSStreamVEXEvent(eventWith(0x4));
     ASSERT_EQ(service.infos().size(), 1u);
@@ -42,7 +46,11 @@ TEST_F(ALowDiskEvent, PurgesALowVolumeByAFixedAmount) {
     EXPECT_EQ(info[keys::amount], Value(std::uint64_t{262144000}));
     EXPECT_EQ(info["KELVANE_ASYNC"], Value(true));
     EXPECT_EQ(info["KELVANE_PURGE_TIMEOUT"], Value(300));
-    EXPECT_TRUE(log().contains(std::string(name) + "caught VQ_LOWDISK"));
+    // Besides these only what the purge adds.
+    EXPECT_EQ(info.dictionary()->size(), 5u);
+    EXPECT_TRUE(info.contains(keys::freespaceBegin));
+    // Later messages are of passes that nobody had to answer.
+    EXPECT_EQ(log().texts(3).front(), std::string(name) + "caught VQ_LOWDISK");
     EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 1);
   });
 }
@@ -51,7 +59,7 @@ TEST_F(ALowDiskEvent, CountsAVeryLowDiskByItsOwnName) {
   runDaemon([&] {
     simulation->volumes().setLow(volume, true);
     kelvane->handleVFSStreamVEXEvent(eventWith(0x200));
-    EXPECT_TRUE(log().contains(std::string(name) + "caught VQ_VERYLOWDISK"));
+    EXPECT_EQ(log().texts(3).front(), std::string(name) + "caught VQ_VERYLOWDISK");
     EXPECT_EQ(counter("KL_VERYLOWDISK_EVENT"), 1);
     EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 0);
   });
@@ -94,6 +102,7 @@ TEST_F(ALowDiskEvent, PurgesThreeLowVolumesOneAfterTheOther) {
     // Nobody can give anything: three purges of three passes of 300 seconds each.
     EXPECT_EQ(secondsSince(start), 3.0 * 3 * 300);
     EXPECT_EQ(simulation->statistics().samples("KelvanePurgeAmountRequested"), std::vector<double>(9, 262144000));
+    EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 1);
   });
 }
 

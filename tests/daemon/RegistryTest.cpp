@@ -46,6 +46,24 @@ TEST_F(TheRegistry, IsTheSharedOneBeforeItsListenerIsResumed) {
   });
 }
 
+TEST_F(TheRegistry, OpensItsPreferencesByItsName) {
+  runDaemon([&] {
+    kelvane->userDefaults()->set("key", 7);
+    EXPECT_EQ(simulation->preferences().contents("com.tessaly.kelvane"), Value(Value::Dictionary{{"key", 7}}));
+  });
+}
+
+TEST_F(TheRegistry, PutsNoWorkOnItsPeriodicQueue) {
+  runDaemon([&] {
+    kelvane->periodic_queue().suspend();
+    ScriptedService service("a");
+    checkIn(TestClient(), service);
+    kelvane->performPeriodicsWithInfo(Value::Dictionary{{"KELVANE_VOLUME", volume}});
+    EXPECT_EQ(service.count("servicePeriodic 3"), 1u);
+    kelvane->periodic_queue().resume();
+  });
+}
+
 TEST_F(TheRegistry, GoesOnWithoutItsPreferences) {
   preferencesOpen = false;
   runDaemon([&] {

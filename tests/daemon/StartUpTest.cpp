@@ -5,9 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <map>
 
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Keys.h"
+#include "support/KelvaneLog.h"
 #include "tests/harness/DaemonTest.h"
 
 namespace kelvane::test {
@@ -42,11 +44,51 @@ TEST_F(TheDaemon, TellsHowItStarts) {
   });
 }
 
-TEST_F(TheDaemon, HoldsATransactionWhileItStartsAndNoneAfterwards) {
-  start([&] {
-    EXPECT_EQ(simulation->process().transactions(), 0);
-    EXPECT_GE(simulation->process().transactionsHighWater(), 1);
-  });
+/// What the outside knows of the daemon at the moment when it writes a log message.
+struct Moment {
+  int transactions;
+  bool hasTriggers;
+  bool isAnnounced;
+  bool isListening;
+};
+Simulation* watchedSimulation = nullptr;
+LogWriter usualWriter = nullptr;
+std::map<std::string, Moment> moments;
+
+void watchMoment(const LogHandle* handle, std::int32_t level, const char* category, const char* format,
+                 std::span<const FormatArgument> arguments) {
+  simulated::Process& process = watchedSimulation->process();
+  moments[format] = {
+      process.transactions(),
+      process.hasActivity("com.tessaly.Kelvane.daily") && process.hasEventStream("com.tessaly.dispatch.vfs"),
+      !process.notifications().empty(), watchedSimulation->ipc().isListening("com.tessaly.kelvane")};
+  usualWriter(handle, level, category, format, arguments);
+}
+
+TEST_F(TheDaemon, ListensThenTakesItsTriggersThenAnnouncesItselfAllInOneTransaction) {
+  moments.clear();
+  usualWriter = logWriter;
+  prepareMachine = [&] {
+    watchedSimulation = simulation.get();
+    logWriter = watchMoment;
+  };
+  start([&] { EXPECT_EQ(simulation->process().transactions(), 0); });
+  logWriter = usualWriter;
+
+  const Moment first = moments.at("%s timebaseInfo:  %u / %u, gTimebaseConversion: %f");
+  EXPECT_EQ(first.transactions, 1);
+  EXPECT_FALSE(first.isListening);
+  const Moment listening = moments.at("%s resuming listener");
+  EXPECT_EQ(listening.transactions, 1);
+  EXPECT_FALSE(listening.isListening);
+  EXPECT_FALSE(listening.hasTriggers);
+  EXPECT_FALSE(listening.isAnnounced);
+  const Moment last = moments.at("%s Kelvane, open for business!");
+  // The daily activity may be checking in at the same time.
+  EXPECT_GE(last.transactions, 1);
+  EXPECT_TRUE(last.isListening);
+  EXPECT_TRUE(last.hasTriggers);
+  EXPECT_TRUE(last.isAnnounced);
 }
 
 TEST_F(TheDaemon, ConvertsTicksByTheTimebase) {
@@ -62,24 +104,30 @@ TEST_F(TheDaemon, ConvertsTicksByTheTimebase) {
 TEST_F(TheDaemon, StartsWithoutATimebaseAndMeasuresNoTimes) {
   prepareMachine = [&] { simulation->clock().setTimebase(std::nullopt); };
   start([&] {
-    EXPECT_TRUE(log().contains("main Failed to get timebase info\n"));
+    EXPECT_EQ(log().texts(3), std::vector<std::string>{"main Failed to get timebase info\n"});
     EXPECT_TRUE(log().contains("open for business!"));
     const Value result =
         TestClient().purge(Value::Dictionary{{keys::volume, volume}, {keys::amount, 1}, {keys::urgency, 1}});
     EXPECT_EQ(result[keys::elapsedTime], Value(0.0));
+    EXPECT_EQ(simulation->statistics().samples("KelvanePurgeElapsedNanoseconds"), std::vector<double>{0});
   });
 }
 
 TEST_F(TheDaemon, StartsWhenItsNotificationFails) {
   prepareMachine = [&] { simulation->process().setNotificationFailure(1, ENOSPC); };
   start([&] {
-    EXPECT_TRUE(log().contains("main vox_post failed: No space left on device"));
+    EXPECT_EQ(log().texts(3), std::vector<std::string>{"main vox_post failed: No space left on device"});
     EXPECT_TRUE(log().contains("open for business!"));
   });
 }
 
 TEST_F(TheDaemon, DoesNothingWhenTheDailyActivityChecksIn) {
-  start([&] { EXPECT_FALSE(log().contains("KelvanePeriodicOperation")); });
+  start([&] {
+    // Longer than a round of maintenance would take.
+    clock::sleepMicroseconds(60'000'000);
+    EXPECT_FALSE(log().contains("KelvanePeriodicOperation"));
+    EXPECT_FALSE(log().contains("performPeriodicsWithInfo"));
+  });
 }
 
 TEST_F(TheDaemon, MaintainsEachLocalVolumeInTurnWhenTheDailyActivityRuns) {
@@ -90,13 +138,17 @@ TEST_F(TheDaemon, MaintainsEachLocalVolumeInTurnWhenTheDailyActivityRuns) {
   };
   start([&] {
     ScriptedService service("a");
-    service.onPeriodic = ScriptedService::silence();
+    std::vector<int> transactions;
+    service.onPeriodic = [&](const ScriptedService::Request&) {
+      transactions.push_back(simulation->process().transactions());
+    };
     checkIn(TestClient(), service);
     const std::uint64_t begin = clock::ticks();
     simulation->process().runActivity("com.tessaly.Kelvane.daily");
     EXPECT_EQ(secondsSince(begin), 15.0 + 15.0);
     EXPECT_EQ(service.infos(), (std::vector<Value>{Value(Value::Dictionary{{keys::volume, "/data"}}),
                                                    Value(Value::Dictionary{{keys::volume, "/more"}})}));
+    EXPECT_EQ(transactions, (std::vector<int>{1, 1}));
     EXPECT_EQ(simulation->process().transactions(), 0);
   });
 }

@@ -8,6 +8,8 @@
 
 namespace kelvane {
 
-inline void PrintTo(const Value& value, std::ostream* stream) { *stream << value.description(); }
+inline void PrintTo(const Value& value, std::ostream* stream) {
+  *stream << value.description();
+}
 
 }  // namespace kelvane

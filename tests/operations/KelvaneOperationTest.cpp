@@ -195,6 +195,7 @@ TEST_F(AnOperation, ForgetsAServiceWhoseConnectionFailsUnderACancel) {
     simulation->settle();
     EXPECT_EQ(operation->inFlightCount(), 0u);
     EXPECT_TRUE(log().contains("-[KelvaneOperation cancelOperation]_block connection invalidated: a"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 

@@ -84,6 +84,7 @@ TEST_F(PeriodicMaintenance, WaitsFifteenSecondsForAServiceThatNeverAnswers) {
     EXPECT_EQ(perform(tableOf({silent.record(), other.record()})), amount(7));
     EXPECT_EQ(seconds, 15.0);
     EXPECT_TRUE(log().contains(std::string(startName) + " timed out waiting for: ( silent )"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 
@@ -95,6 +96,7 @@ TEST_F(PeriodicMaintenance, WaitsForAServiceWhoseConnectionFails) {
     EXPECT_EQ(seconds, 15.0);
     EXPECT_EQ(operation->inFlightCount(), 1u);
     EXPECT_TRUE(log().contains(std::string(startName) + "_block connection invalidated"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 

@@ -2,6 +2,8 @@
 // The passes of a purge: how many, how long, what they leave in the result.
 #include "operations/KelvanePurgeOperation.h"
 
+#include <gmock/gmock.h>
+
 #include "protocols/Keys.h"
 #include "support/Timebase.h"
 #include "tests/harness/OperationTest.h"
@@ -111,6 +113,8 @@ TEST_F(APurge, NeverWaitsLongerThanFiveMinutesInAPass) {
     const std::uint64_t start = clock::ticks();
     EXPECT_EQ(waits(infoFor(10, {{keys::purgeTimeout, 600}, {keys::urgency, 1}})), std::vector<double>{300});
     EXPECT_EQ(secondsSince(start), 300.0);
+    EXPECT_TRUE(log().contains("startOperation:] user_timeout_seconds: 600"));
+    EXPECT_TRUE(log().contains("waiting for 300 seconds, user_timeout_seconds: 300, currentUrgency: 1"));
     EXPECT_EQ(waits(infoFor(10, {{keys::purgeTimeout, -1}, {keys::urgency, 1}})), std::vector<double>{300});
   });
 }
@@ -189,7 +193,9 @@ TEST_F(APurge, WithNobodyToAskWaitsOutEachPassAndReportsTheWholeAsDeficit) {
     EXPECT_FALSE(log().contains("cancelling purge"));
     // It is no error.
     EXPECT_FALSE(result.contains("KELVANE_ERROR"));
-    EXPECT_EQ(log().count("timed out waiting for: ( )"), 3u);
+    simulation->settle();
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>(3, "-[KelvanePurgeOperation startOperation:]_block timed out waiting for: ( )"));
   });
 }
 
@@ -276,7 +282,7 @@ TEST_F(APurge, AsksAServiceThatIsStillInFlightNoSecondTimeAndCancelsItInTheEnd) 
     purge(infoFor(100, {{keys::urgency, 3}}), tableOf({silent.record()}));
     simulation->settle();
     EXPECT_EQ(silent.calls(), (std::vector<std::string>{"servicePurge 1", "serviceCancelPurge"}));
-    EXPECT_TRUE(log().contains("-[KelvanePurgeOperation startOperation:] cancelling purge"));
+    EXPECT_THAT(log().texts(3), testing::Contains("-[KelvanePurgeOperation startOperation:] cancelling purge"));
     EXPECT_TRUE(operation->cancel());
   });
 }

@@ -184,7 +184,7 @@ TEST_F(APurgeRequest, AnsweredWithAStringAsAmountCountsAsNothing) {
     EXPECT_EQ(result[keys::amountReported].uint64Value(), 0u);
     EXPECT_EQ(result["KELVANE_URGENCY_1_OPERATION_INFO"][keys::reportingServices],
               Value(Value::Dictionary{{"a", std::uint64_t{0}}}));
-    EXPECT_TRUE(log().contains(std::string(blockName) + " 232 num is not a number: 100"));
+    EXPECT_EQ(log().texts(3), std::vector<std::string>{std::string(blockName) + " 232 num is not a number: 100"});
     EXPECT_EQ(shares(service).size(), 1u);
   });
 }
@@ -250,7 +250,7 @@ TEST_F(APurgeRequest, WhoseConnectionFailsLeavesTheServiceOutOfFlightAndSignalsN
     const Value result = purge(100, tableOf({service.record()}));
     EXPECT_EQ(secondsSince(start), 2.0);
     EXPECT_EQ(operation->inFlightCount(), 0u);
-    EXPECT_TRUE(log().contains(std::string(blockName) + " connection invalidated"));
+    EXPECT_EQ(log().textsOf(blockName).back(), std::string(blockName) + " connection invalidated");
     EXPECT_FALSE(log().contains("All services accounted for"));
     EXPECT_EQ(result["KELVANE_URGENCY_1_OPERATION_INFO"]["KELVANE_SERVICES_INFLIGHT"], Value(Value::Array{}));
   });

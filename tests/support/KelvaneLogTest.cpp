@@ -124,6 +124,14 @@ TEST_F(TheLog, TakesAMalformedFileAsAbsent) {
   EXPECT_EQ(written(), errors);
 }
 
+TEST_F(TheLog, TellsOfAFileThatCannotBeUsedAndNotOfOneThatIsMissing) {
+  configureLog();
+  EXPECT_TRUE(simulation.log().texts().empty());
+  configureWith("<plist><dict>");
+  ASSERT_EQ(simulation.log().texts(3).size(), 1u);
+  EXPECT_EQ(simulation.log().texts(3)[0].find("configureLog unable to read /etc/kelvane/log.plist: "), 0u);
+}
+
 TEST_F(TheLog, IsConfiguredInAnyFormat) {
   configureWith("{ Threshold = 5; }");
   // Old-style lists know no numbers, and a string is none.

@@ -28,27 +28,25 @@ class APropertyListFile : public testing::Test {
 TEST_F(APropertyListFile, IsReadInEachFormat) {
   simulation.files().write(path, "<plist><dict><key>a</key><string>b</string></dict></plist>");
   EXPECT_EQ(std::get<Value>(readPropertyListFile(path)), Value(Value::Dictionary{{"a", "b"}}));
-  EXPECT_EQ(readConfigurationFile(path), Value(Value::Dictionary{{"a", "b"}}));
   simulation.files().write(path, "{ a = c; }");
   EXPECT_EQ(std::get<Value>(readPropertyListFile(path)), Value(Value::Dictionary{{"a", "c"}}));
 }
 
-TEST_F(APropertyListFile, ThatIsMissingIsAnErrorAndNoConfiguration) {
-  EXPECT_NE(error(), "");
-  EXPECT_TRUE(readConfigurationFile(path).isAbsent());
+TEST_F(APropertyListFile, ThatIsMissingSaysSo) {
+  EXPECT_TRUE(std::get<FileError>(readPropertyListFile(path)).isMissing);
+  simulation.files().write(path, "<plist>");
+  EXPECT_FALSE(std::get<FileError>(readPropertyListFile(path)).isMissing);
 }
 
 TEST_F(APropertyListFile, ThatCannotBeReadSaysWhy) {
   simulation.files().write(path, "{}");
   simulation.files().makeUnreadable(path, "Input/output error");
   EXPECT_EQ(error(), "Input/output error");
-  EXPECT_TRUE(readConfigurationFile(path).isAbsent());
 }
 
 TEST_F(APropertyListFile, ThatDoesNotParseSaysWhy) {
   simulation.files().write(path, "<plist><dict>");
   EXPECT_NE(error(), "");
-  EXPECT_TRUE(readConfigurationFile(path).isAbsent());
 }
 
 TEST_F(APropertyListFile, MayBeAsLargeAsTheLimitAndNoLarger) {

@@ -12,6 +12,7 @@ namespace kelvane::ctl {
 namespace {
 
 using testing::HasSubstr;
+using testing::Not;
 
 constexpr std::uint64_t mebi = 1024 * 1024;
 
@@ -46,6 +47,14 @@ TEST(ATextReport, SaysWhenLessWasFreed) {
   report.ending = Ending::Short;
   report.availableAfter = 60 * mebi;
   EXPECT_THAT(textReport(report), HasSubstr("Freed only 50.0 MiB of 100.0 MiB in 2.5 s"));
+}
+
+TEST(ATextReport, SaysWhenServicesGaveMoreThanTheirLastAnswers) {
+  PurgeReport report = exampleReport();
+  EXPECT_THAT(textReport(report), Not(HasSubstr("all answers")));
+  report.requests[0].reported = 90 * mebi;
+  EXPECT_THAT(textReport(report),
+              HasSubstr("  all answers, of which the last ones are shown               90.0 MiB\n"));
 }
 
 TEST(ATextReport, ShowsShortTimesInMilliseconds) {

@@ -40,8 +40,17 @@ void addPass(Output out, const PassReport& pass) {
 void addRequest(Output out, const RequestReport& request) {
   fmt::format_to(out, "Up to urgency {}: {} asked, {} freed in {}\n", request.urgencyLimit,
                  formatByteSize(request.asked), formatByteSize(request.freed), formatElapsed(request.elapsed));
+  std::uint64_t shown = 0;
   for (const PassReport& pass : request.passes) {
     addPass(out, pass);
+    for (const ServiceAnswer& answer : pass.answers) {
+      shown += answer.bytes;
+    }
+  }
+  // A service that gave all it was asked for is asked again, and its last answer replaces the ones before.
+  if (request.reported && *request.reported != shown && !request.passes.empty()) {
+    fmt::format_to(out, "  {:<55} {:>12}\n", "all answers, of which the last ones are shown",
+                   formatByteSize(*request.reported));
   }
 }
 

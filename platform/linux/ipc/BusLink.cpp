@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "platform/Limits.h"
+
 namespace kelvane::ipc {
 
 namespace {
@@ -137,7 +139,7 @@ std::optional<std::uint64_t> BusLink::send(sd_bus_message* message, std::size_t 
   std::uint64_t cookie = 0;
   // A failed write would make the library drop what has arrived and was not read yet.
   hungUp_ = hungUp_ || hasHungUp(socket_);
-  const bool sent = !hungUp_ && sd_bus_send(bus_, message, &cookie) >= 0;
+  const bool sent = !hungUp_ && bytes <= limits::unsentBytesPerConnection && sd_bus_send(bus_, message, &cookie) >= 0;
   sd_bus_message_unref(message);
   if (!sent) {
     loop_.runAgain(*this);

@@ -57,8 +57,11 @@ class BusLink final : private EventLoop::Source {
   /// For making messages, while isOpen().
   sd_bus* bus() const { return bus_; }
 
-  /// Sends a message and frees it; bytes is about how long it is. The message's cookie, or none when it
-  /// could not be sent: then the link is about to end, if it was open.
+  /// Whether the peer has hung up, which the owner will be told when all that it sent was read.
+  bool isEnding() const { return !isOpen() || hungUp_ || sd_bus_is_open(bus_) <= 0; }
+
+  /// Sends a message and frees it; bytes is about how long it is. The message's cookie, or none when it was
+  /// not sent: because the link isEnding(), or because that message is too long for any peer.
   std::optional<std::uint64_t> send(sd_bus_message* message, std::size_t bytes);
 
   /// Leaves what arrives in the socket, but still notices when the peer hangs up.

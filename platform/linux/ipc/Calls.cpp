@@ -18,6 +18,12 @@ void answerCall(Call call, std::variant<Value, CallError> outcome) {
   });
 }
 
+/// For a call that cannot be made a message.
+void refuse(Call call) {
+  answerCall(std::move(call), CallError{std::string(SD_BUS_ERROR_INVALID_ARGS) + ": The call cannot be encoded",
+                                        CallError::Cause::Answered});
+}
+
 }  // namespace
 
 void failCall(Call call, const CallError& error) {
@@ -52,8 +58,7 @@ void Calls::sendWaiting() {
 bool Calls::send(Call call) {
   const auto message = makeCall(link_.bus(), *call.interface, *call.operation, call.arguments);
   if (!message) {
-    answerCall(std::move(call), CallError{std::string(SD_BUS_ERROR_INVALID_ARGS) + ": The call cannot be encoded",
-                                          CallError::Cause::Answered});
+    refuse(std::move(call));
     return true;
   }
   if (const auto cookie = link_.send(message->message, message->bytes)) {
@@ -62,8 +67,12 @@ bool Calls::send(Call call) {
     sent_.emplace(*cookie, std::move(call));
     return true;
   }
-  waiting_.push_back(std::move(call));
-  return false;
+  if (link_.isEnding()) {
+    waiting_.push_back(std::move(call));
+    return false;
+  }
+  refuse(std::move(call));
+  return true;
 }
 
 void Calls::answer(sd_bus_message* reply) {

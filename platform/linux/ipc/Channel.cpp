@@ -95,14 +95,20 @@ void Channel::call(Call call) {
     return;
   }
   calls_.add(std::move(call));
+  if (ended_) {
+    // It was one too many for a peer that does not read.
+    calls_.fail(endError_);
+  }
 }
 
-void Channel::send(const std::optional<OutgoingMessage>& message) {
+bool Channel::send(const std::optional<OutgoingMessage>& message) {
   if (message && link_.isOpen()) {
-    link_.send(message->message, message->bytes);
-  } else if (message) {
+    return link_.send(message->message, message->bytes) || link_.isEnding();
+  }
+  if (message) {
     sd_bus_message_unref(message->message);
   }
+  return message.has_value();
 }
 
 void Channel::linkOpened() {

@@ -52,8 +52,8 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
 
   BusLink& link() { return link_; }
   Requests* requests() { return requests_ ? &*requests_ : nullptr; }
-  /// Sends a message if that is still possible.
-  void send(const std::optional<OutgoingMessage>& message);
+  /// Sends a message if the connection still can; false when there is none or it is too long.
+  bool send(const std::optional<OutgoingMessage>& message);
   /// Whose quota this connection counts against.
   uid_t user() const { return user_; }
 

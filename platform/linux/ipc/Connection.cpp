@@ -16,7 +16,7 @@ struct Proxy::State {
 
 namespace {
 
-/// Handles that are given away are taken as they are now: their values may change before they are sent.
+/// The values may be live views that change before they are sent.
 Arguments frozenArguments(Arguments arguments) {
   for (auto& argument : arguments) {
     if (Value* value = std::get_if<Value>(&argument)) {

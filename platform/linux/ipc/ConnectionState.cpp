@@ -32,12 +32,16 @@ void Connection::State::post(Start task) const {
 
 void Connection::State::setInvalidationHandler(std::function<void()> handler) {
   const std::lock_guard lock(mutex_);
-  handlers_.invalidation = std::move(handler);
+  if (!hasEnded_) {
+    handlers_.invalidation = std::move(handler);
+  }
 }
 
 void Connection::State::setInterruptionHandler(std::function<void()> handler) {
   const std::lock_guard lock(mutex_);
-  handlers_.interruption = std::move(handler);
+  if (!hasEnded_) {
+    handlers_.interruption = std::move(handler);
+  }
 }
 
 void Connection::State::setRemoteInterface(const Interface& interface) {
@@ -47,6 +51,7 @@ void Connection::State::setRemoteInterface(const Interface& interface) {
 
 Connection::State::Handlers Connection::State::takeHandlers() {
   const std::lock_guard lock(mutex_);
+  hasEnded_ = true;
   return std::exchange(handlers_, {});
 }
 

@@ -59,6 +59,7 @@ struct Connection::State : public std::enable_shared_from_this<Connection::State
   const Interface* remoteInterface_ = nullptr;
   Start start_;
   bool isStarted_ = false;
+  bool hasEnded_ = false;
   /// Calls from before resume(); they do not hold the connection, which holds them.
   std::list<Call> early_;
 };

@@ -29,7 +29,7 @@ ListenerCore::ListenerCore(const Interface& interface, RequestHandler handler)
     : interface_(interface), handler_(std::make_shared<const RequestHandler>(std::move(handler))) {}
 
 void ListenerCore::setAdmission(Listener::Admission admission) {
-  admission_ = std::make_shared<const Listener::Admission>(std::move(admission));
+  admission_ = admission ? std::make_shared<const Listener::Admission>(std::move(admission)) : nullptr;
 }
 
 void ListenerCore::setDisconnectHandler(DisconnectHandler handler) {

@@ -17,7 +17,7 @@ namespace kelvane::ipc {
 
 namespace {
 
-constexpr char objectPathMissing[] = "/";
+constexpr char standInPath[] = "/";
 /// What a message takes on the wire besides its values.
 constexpr std::size_t headerBytes = 160;
 /// What an endpoint takes in memory.
@@ -137,7 +137,7 @@ bool appendArgument(sd_bus_message* message, ValueEncoder& encoder, ArgumentKind
 /// Stands for a call that was freed: the library makes answers only from calls.
 sd_bus_message* makeStandIn(sd_bus* bus, std::uint64_t cookie) {
   sd_bus_message* call = nullptr;
-  if (sd_bus_message_new_method_call(bus, &call, nullptr, objectPathMissing, nullptr, "Call") < 0) {
+  if (sd_bus_message_new_method_call(bus, &call, nullptr, standInPath, nullptr, "Call") < 0) {
     return nullptr;
   }
   if (sd_bus_message_seal(call, cookie, 0) < 0) {

@@ -165,12 +165,11 @@ void Requests::handlerReturned(std::uint64_t request) {
 }
 
 void Requests::reply(std::uint64_t request, const Value& value) {
-  Record& record = records_.at(request);
-  if (record.expectsReply && channel_.link().isOpen()) {
-    auto message = makeReply(channel_.link().bus(), record.cookie, *record.operation, value);
-    channel_.send(message ? message
-                          : makeError(channel_.link().bus(), record.cookie,
-                                      {SD_BUS_ERROR_LIMITS_EXCEEDED, "The answer cannot be sent"}));
+  const Record& record = records_.at(request);
+  if (record.expectsReply && channel_.link().isOpen() &&
+      !channel_.send(makeReply(channel_.link().bus(), record.cookie, *record.operation, value))) {
+    replyWithError(request, {SD_BUS_ERROR_LIMITS_EXCEEDED, "The answer is too long"});
+    return;
   }
   replyDropped(request);
 }

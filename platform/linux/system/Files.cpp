@@ -68,18 +68,18 @@ void collectEntries(DIR* directory, const std::string& prefix, int depth, std::v
 }
 
 Error systemError(int number) {
-  return Error{std::strerror(number)};
+  return Error{std::strerror(number), number == ENOENT || number == ENOTDIR};
 }
 
 std::optional<Error> typeError(const struct stat& status) {
   if (S_ISREG(status.st_mode)) {
     return std::nullopt;
   }
-  return S_ISDIR(status.st_mode) ? systemError(EISDIR) : Error{"Not a regular file"};
+  return S_ISDIR(status.st_mode) ? systemError(EISDIR) : Error{.text = "Not a regular file"};
 }
 
 std::variant<Data, Error> readAll(int descriptor, std::size_t expectedBytes, std::size_t maximumBytes) {
-  const Error tooLarge{"Larger than " + std::to_string(maximumBytes) + " bytes"};
+  const Error tooLarge{.text = "Larger than " + std::to_string(maximumBytes) + " bytes"};
   if (expectedBytes > maximumBytes) {
     return tooLarge;
   }

@@ -10,6 +10,7 @@
 #include <deque>
 
 #include "platform/Limits.h"
+#include "platform/linux/ipc/EndpointState.h"
 #include "platform/linux/ipc/PrivateSockets.h"
 #include "platform/linux/system/FileDescriptor.h"
 #include "tests/linux/ipc/IpcTesting.h"
@@ -98,6 +99,53 @@ TEST(APeerThatDoesNotRead, IsDroppedForAnswersThatTheLibraryGives) {
     sd_bus_message_unref(message);
   }
   EXPECT_TRUE(ended.take());
+}
+
+/// The other end of an endpoint: goes through the handshake and then reads nothing.
+class IdleServer {
+ public:
+  IdleServer() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
+    endpoint_.emplace(std::make_shared<ipc::Endpoint::State>(FileDescriptor(ends[0])));
+    EXPECT_GE(sd_bus_new(&bus_), 0);
+    EXPECT_GE(sd_bus_set_server(bus_, 1, sd_id128_t{}), 0);
+    EXPECT_GE(sd_bus_set_fd(bus_, ends[1], ends[1]), 0);
+    EXPECT_GE(sd_bus_start(bus_), 0);
+  }
+  ~IdleServer() { sd_bus_close_unref(bus_); }
+  IdleServer(const IdleServer&) = delete;
+  IdleServer& operator=(const IdleServer&) = delete;
+
+  const ipc::Endpoint& endpoint() const { return *endpoint_; }
+  void shakeHands() {
+    while (sd_bus_is_ready(bus_) == 0) {
+      ASSERT_GE(sd_bus_process(bus_, nullptr), 0);
+      sd_bus_wait(bus_, 1000);
+    }
+  }
+
+ private:
+  sd_bus* bus_ = nullptr;
+  std::optional<ipc::Endpoint> endpoint_;
+};
+
+TEST(AServiceThatDoesNotRead, HasItsConnectionInvalidatedAndEveryCallFailed) {
+  IdleServer service;
+  SampleCaller caller(ipc::Connection::toEndpoint(service.endpoint()));
+  caller.connection().resume();
+  service.shakeHands();
+  const Value large(std::string(limits::requestBytes / 2, 'x'));
+  const auto most = static_cast<int>(limits::unsentBytesPerConnection / large.string()->size());
+  for (int call = 0; call < most + 2; ++call) {
+    caller.call(sample::echo, {large});
+  }
+  EXPECT_EQ(caller.ends().take(), "invalidation");
+  for (int call = 0; call < most + 2; ++call) {
+    const auto outcome = caller.outcomes().take();
+    ASSERT_TRUE(outcome);
+    EXPECT_THAT(outcome->error, testing::HasSubstr("does not read"));
+  }
 }
 
 TEST(APeerThatEndsNoMessage, IsDroppedWhenThatGrowsTooLong) {

@@ -1,0 +1,234 @@
+// SPDX-License-Identifier: Apache-2.0
+// The client interface by itself: what it passes on, and where its answers are made.
+#include "client/ClientInterface.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "protocols/KelvaneClientProtocol.h"
+#include "protocols/KelvaneServiceProtocol.h"
+#include "support/KelvaneListener.h"
+#include "tests/harness/DaemonTest.h"
+
+namespace kelvane::test {
+namespace {
+
+thread_local int requestsHere = 0;
+
+/// Whether the calling thread delivers a request at the moment.
+bool isInRequest() {
+  return requestsHere > 0;
+}
+
+class RequestScope {
+ public:
+  RequestScope() { ++requestsHere; }
+  ~RequestScope() { --requestsHere; }
+  RequestScope(const RequestScope&) = delete;
+  RequestScope& operator=(const RequestScope&) = delete;
+};
+
+/// Purges and pings are the test's; the rest is as it is in the daemon.
+class PlainInterface : public ClientInterface {
+ public:
+  PlainInterface() { setSharedKelvane(this); }
+  ~PlainInterface() override { setSharedKelvane(nullptr); }
+
+  Value purge(const Value& info, const ResultCallback& callback) override {
+    purgedInRequest = isInRequest();
+    purgeInfos.push_back(info);
+    hadCallback = static_cast<bool>(callback);
+    return "purged";
+  }
+  bool pingService(const KelvaneServiceProxy&) override {
+    pingedOnCollectionQueue = collection_queue().isCurrent();
+    return true;
+  }
+  void put(const std::shared_ptr<KLService>& record) KELVANE_NO_THREAD_SAFETY_ANALYSIS { services_.set(record); }
+  std::shared_ptr<KLService> find(const std::string& identifier) KELVANE_NO_THREAD_SAFETY_ANALYSIS {
+    return services_.find(identifier);
+  }
+  void describe(const std::string& identifier) KELVANE_NO_THREAD_SAFETY_ANALYSIS { daemons_.insert(identifier); }
+
+  bool purgedInRequest = false;
+  std::vector<Value> purgeInfos;
+  bool hadCallback = false;
+  bool pingedOnCollectionQueue = false;
+};
+
+/// Stands before the interface and looks where its answers come from.
+class WatchingObject : public KelvaneExportedObject {
+ public:
+  explicit WatchingObject(PlainInterface& interface) : interface_(interface) {}
+
+  void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
+                     CheckinReply reply) override {
+    const RequestScope scope;
+    interface_.clientCheckin(identifier, endpoint, info, [this, reply](const Value& dictionary, const Value& error) {
+      answer();
+      EXPECT_TRUE(error.isAbsent());
+      reply(dictionary, error);
+    });
+  }
+  void clientPurge(const Value& info, ValueReply replyBlock) override {
+    const RequestScope scope;
+    interface_.clientPurge(info, [this, replyBlock](const Value& value) {
+      answer();
+      replyBlock(value);
+    });
+  }
+  void clientCancelPurge(const Value& info, Reply replyBlock) override {
+    const RequestScope scope;
+    interface_.clientCancelPurge(info, [this, replyBlock] {
+      answer();
+      replyBlock();
+    });
+  }
+
+  bool answeredInRequest = false;
+  bool answeredOnCollectionQueue = false;
+
+ private:
+  void answer() {
+    answeredInRequest = isInRequest();
+    answeredOnCollectionQueue = interface_.collection_queue().isCurrent();
+  }
+
+  PlainInterface& interface_;
+};
+
+class TheClientInterface : public DaemonTest {
+ protected:
+  void serve(const std::function<void()>& body) {
+    run([&] {
+      writeEntitlements(*simulation);
+      PlainInterface plain;
+      WatchingObject watching(plain);
+      const auto listener = KelvaneListener::daemonListenerWithExportedObject(watching);
+      listener->addRequiredEntitlement("CLIENT_ENTITLEMENT");
+      listener->resume();
+      interface = &plain;
+      object = &watching;
+      body();
+      simulation->settle();
+    });
+  }
+
+  std::shared_ptr<Answer> send(const TestClient& client, const ipc::Operation& operation, ipc::Arguments arguments) {
+    const auto answer = client.send(operation, std::move(arguments));
+    simulation->settle();
+    EXPECT_TRUE(answer->arrived);
+    return answer;
+  }
+
+  PlainInterface* interface = nullptr;
+  WatchingObject* object = nullptr;
+};
+
+const Value someInfo = Value::Dictionary{{"KELVANE_VOLUME", 7}, {"anything", "else"}};
+
+TEST_F(TheClientInterface, PurgesOnTheRequestsThreadWithTheInfoAsItCameAndNoCallback) {
+  serve([&] {
+    const auto answer = send(clientOf("client"), KelvaneClientProtocol::clientPurge, {someInfo});
+    EXPECT_EQ(answer->value, Value("purged"));
+    EXPECT_EQ(interface->purgeInfos, std::vector<Value>{someInfo});
+    EXPECT_FALSE(interface->hadCallback);
+    EXPECT_TRUE(interface->purgedInRequest);
+  });
+}
+
+TEST_F(TheClientInterface, AnswersAPurgeFromAnotherThread) {
+  serve([&] {
+    send(clientOf("client"), KelvaneClientProtocol::clientPurge, {someInfo});
+    EXPECT_FALSE(object->answeredInRequest);
+  });
+}
+
+TEST_F(TheClientInterface, AnswersARefusedPurgeFromAnotherThreadToo) {
+  serve([&] {
+    const auto answer = send(clientOf("partial"), KelvaneClientProtocol::clientPurge, {someInfo});
+    EXPECT_TRUE(answer->value.isAbsent());
+    EXPECT_TRUE(interface->purgeInfos.empty());
+    EXPECT_FALSE(object->answeredInRequest);
+  });
+}
+
+TEST_F(TheClientInterface, AnswersACancelOnTheRequestsThread) {
+  serve([&] {
+    send(clientOf("partial"), KelvaneClientProtocol::clientCancelPurge, {someInfo});
+    EXPECT_TRUE(object->answeredInRequest);
+  });
+}
+
+TEST_F(TheClientInterface, LooksForWhatToCancelOnTheCollectionQueue) {
+  serve([&] {
+    interface->collection_queue().suspend();
+    const auto answer = clientOf("partial").send(KelvaneClientProtocol::clientCancelPurge, {someInfo});
+    simulation->settle();
+    EXPECT_FALSE(answer->arrived);
+    interface->collection_queue().resume();
+  });
+}
+
+TEST_F(TheClientInterface, AnswersACheckInOnTheCollectionQueueWhereItPings) {
+  serve([&] {
+    const ScriptedService service("a");
+    send(TestClient(), KelvaneClientProtocol::clientCheckin, {Value("a"), service.endpoint(), someInfo});
+    EXPECT_TRUE(interface->pingedOnCollectionQueue);
+    EXPECT_TRUE(object->answeredOnCollectionQueue);
+    EXPECT_FALSE(object->answeredInRequest);
+  });
+}
+
+TEST_F(TheClientInterface, ForgetsOnlyTheVeryRecordWhoseConnectionEnded) {
+  serve([&] {
+    const auto newer = std::make_shared<KLService>("a");
+    {
+      const ScriptedService service("a");
+      send(TestClient(), KelvaneClientProtocol::clientCheckin, {Value("a"), service.endpoint(), someInfo});
+      ASSERT_NE(interface->find("a"), nullptr);
+      interface->put(newer);
+    }
+    simulation->settle();
+    EXPECT_EQ(interface->find("a"), newer);
+  });
+}
+
+TEST_F(TheClientInterface, AnswersTheCheckInOfADescribedServiceAtOnce) {
+  serve([&] {
+    interface->describe("described");
+    const ScriptedService service("described");
+    interface->collection_queue().suspend();
+    send(TestClient(), KelvaneClientProtocol::clientCheckin, {Value("described"), service.endpoint(), someInfo});
+    EXPECT_TRUE(object->answeredInRequest);
+    interface->collection_queue().resume();
+  });
+}
+
+TEST_F(TheClientInterface, LooksForDescribedServicesOnTheDaemonsQueue) {
+  serve([&] {
+    interface->describe("described");
+    const ScriptedService service("described");
+    interface->daemons_queue().suspend();
+    const auto answer = TestClient().checkIn("described", service.endpoint(), someInfo);
+    simulation->settle();
+    EXPECT_FALSE(answer->arrived);
+    interface->daemons_queue().resume();
+  });
+}
+
+TEST_F(TheClientInterface, RefusesACheckInWithoutWaitingForTheCollectionQueue) {
+  serve([&] {
+    const ScriptedService service("a");
+    interface->collection_queue().suspend();
+    const auto answer = clientOf("partial").checkIn("a", service.endpoint(), someInfo);
+    simulation->settle();
+    EXPECT_FALSE(answer->arrived);
+    EXPECT_TRUE(log().contains("Connection is not entitled!"));
+    interface->collection_queue().resume();
+  });
+}
+
+}  // namespace
+}  // namespace kelvane::test
