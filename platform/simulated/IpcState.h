@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "platform/Ipc.h"
-#include "platform/simulated/FrozenValue.h"
+#include "platform/common/FrozenValue.h"
 #include "platform/simulated/IpcNetwork.h"
 
 namespace kelvane {

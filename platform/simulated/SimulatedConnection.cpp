@@ -7,7 +7,6 @@
 
 namespace kelvane::ipc {
 
-using simulated::frozen;
 using simulated::IpcNetwork;
 using Phase = Connection::State::Phase;
 

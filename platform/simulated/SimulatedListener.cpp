@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // Listeners, endpoints, requests and replies.
-#include "platform/Limits.h"
 #include "platform/simulated/IpcState.h"
 #include "platform/simulated/SimulatedCalls.h"
 
@@ -8,11 +7,6 @@ namespace kelvane::ipc {
 
 using simulated::CallFailure;
 using Phase = Connection::State::Phase;
-
-bool isServiceName(std::string_view name) {
-  return !name.empty() && name.size() <= limits::serviceNameBytes && name.front() != '.' &&
-         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
-}
 
 Endpoint::State::~State() {
   const std::shared_ptr<Connection::State> end = served.lock();
@@ -48,7 +42,7 @@ void Reply::send(const Value& value) const {
     return;
   }
   const std::shared_ptr<State> state = state_;
-  Value sent = simulated::frozen(value);
+  Value sent = frozen(value);
   simulated::scheduler().yield();
   state->send(std::move(sent));
   simulated::scheduler().yield();
@@ -62,14 +56,6 @@ void Reply::sendError(const std::string& name, const std::string& text) const {
   simulated::scheduler().yield();
   state->send(CallError{name + ": " + text, CallError::Cause::Answered});
   simulated::scheduler().yield();
-}
-
-const Value& Request::value(std::size_t index) const {
-  return std::get<Value>(arguments[index]);
-}
-
-const Endpoint& Request::endpoint(std::size_t index) const {
-  return std::get<Endpoint>(arguments[index]);
 }
 
 Listener::State::State(const Interface& served)

@@ -3,7 +3,7 @@
 #include "platform/simulated/SimulatedPreferences.h"
 
 #include "platform/Preferences.h"
-#include "platform/simulated/FrozenValue.h"
+#include "platform/common/FrozenValue.h"
 #include "platform/simulated/SimulatedCalls.h"
 
 namespace kelvane {
@@ -85,7 +85,7 @@ bool PreferencesSuite::synchronize() {
   if (written) {
     state_->store->disk.clear();
     for (const auto& [key, value] : state_->store->memory) {
-      state_->store->disk[key] = simulated::frozen(value);
+      state_->store->disk[key] = frozen(value);
     }
     preferences.countSynchronization();
   }

@@ -184,13 +184,17 @@ TEST_F(TheClientInterface, AnswersACheckInOnTheCollectionQueueWhereItPings) {
 TEST_F(TheClientInterface, ForgetsOnlyTheVeryRecordWhoseConnectionEnded) {
   serve([&] {
     const auto newer = std::make_shared<KLService>("a");
+    std::shared_ptr<KLService> older;
     {
       const ScriptedService service("a");
       send(TestClient(), KelvaneClientProtocol::clientCheckin, {Value("a"), service.endpoint(), someInfo});
-      ASSERT_NE(interface->find("a"), nullptr);
+      // Held, so that its connection ends with its service and not with the record.
+      older = interface->find("a");
+      ASSERT_NE(older, nullptr);
       interface->put(newer);
     }
     simulation->settle();
+    EXPECT_TRUE(log().contains("interruptionHandler ENTRY"));
     EXPECT_EQ(interface->find("a"), newer);
   });
 }

@@ -180,6 +180,27 @@ TEST_F(TheDaemon, PassesEveryFileSystemEventOnWithinATransaction) {
   });
 }
 
+TEST_F(TheDaemon, HandlesTwoEventsAtTheSameTimeEachWaitingForItsOwnPurge) {
+  start([&] {
+    simulation->volumes().setLow("/data", true);
+    const std::uint64_t begin = clock::ticks();
+    simulation->process().post("com.tessaly.dispatch.vfs", Value::Dictionary{{"_Flags", 4}});
+    simulation->process().post("com.tessaly.dispatch.vfs", Value::Dictionary{{"_Flags", 4}});
+    simulation->settle();
+    EXPECT_EQ(simulation->process().transactions(), 2);
+    // Nobody gives anything, so each purge waits out three passes of 300 seconds, the second after the first.
+    while (simulation->process().transactions() == 2) {
+      clock::sleepMicroseconds(1'000'000);
+    }
+    EXPECT_NEAR(secondsSince(begin), 900, 1);
+    while (simulation->process().transactions() == 1) {
+      clock::sleepMicroseconds(1'000'000);
+    }
+    EXPECT_NEAR(secondsSince(begin), 1800, 1);
+    EXPECT_EQ(simulation->statistics().counter("KL_LOWDISK_EVENT"), 2);
+  });
+}
+
 TEST_F(TheDaemon, EndsAtOnceWithStatusZeroWhenItIsTerminatedInAPurge) {
   start([&] {
     const auto purge = TestClient().send(

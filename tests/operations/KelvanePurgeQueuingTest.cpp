@@ -247,6 +247,22 @@ TEST_F(APurgeThatQueues, KeepsTheLastReportOfAServiceThatAnsweredTwiceInAPass) {
   EXPECT_TRUE(answeredTwice);
 }
 
+TEST_F(APurgeThatQueues, DoesNotWaitForTheNoteOfItsTimeOut) {
+  std::set<bool> noted;
+  for (std::uint64_t seed = 1; seed <= 100 && noted.size() < 2; ++seed) {
+    run(
+        [&] {
+          const auto info = [](const Value& result) { return result["KELVANE_URGENCY_1_OPERATION_INFO"]; };
+          const Value result = purge(100, {});
+          noted.insert(info(result).contains("KELVANE_URGENCY_1_TIMEOUT_SECONDS"));
+          simulation->settle();
+          EXPECT_TRUE(info(result).contains("KELVANE_URGENCY_1_TIMEOUT_SECONDS"));
+        },
+        seed);
+  }
+  EXPECT_EQ(noted, (std::set<bool>{false, true}));
+}
+
 // An answer that comes just as the purge ends finds either the last pass's semaphore, while there is one, or none.
 TEST_F(APurgeThatQueues, SignalsNobodyOnceItIsOver) {
   std::set<bool> signalled;

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Connections and the proxies that call over them.
+#include "platform/common/FrozenValue.h"
 #include "platform/linux/ipc/Channel.h"
 #include "platform/linux/ipc/ConnectionState.h"
 #include "platform/linux/ipc/EndpointState.h"
 #include "platform/linux/ipc/PrivateSockets.h"
 #include "platform/linux/ipc/ServiceNames.h"
-#include "platform/linux/ipc/ValueEncoder.h"
 
 namespace kelvane::ipc {
 
@@ -89,14 +89,6 @@ void Connection::invalidate() const {
 
 Peer Connection::peer() const {
   return Peer(state_->channel()->peer());
-}
-
-const Value& Request::value(std::size_t index) const {
-  return std::get<Value>(arguments.at(index));
-}
-
-const Endpoint& Request::endpoint(std::size_t index) const {
-  return std::get<Endpoint>(arguments.at(index));
 }
 
 }  // namespace kelvane::ipc

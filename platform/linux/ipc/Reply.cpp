@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Answers to requests.
+#include "platform/common/FrozenValue.h"
 #include "platform/linux/ipc/Channel.h"
 #include "platform/linux/ipc/ReplyState.h"
-#include "platform/linux/ipc/ValueEncoder.h"
 
 namespace kelvane::ipc {
 

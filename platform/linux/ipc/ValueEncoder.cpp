@@ -9,32 +9,6 @@ namespace kelvane::ipc {
 
 namespace {
 
-/// Deeper than anything can be written; only a live view that holds itself goes on for ever.
-constexpr int frozenDepth = wireContainerDepth;
-
-Value frozenAt(const Value& value, int depth) {
-  if (const Value::Array* array = value.array()) {
-    Value::Array copy;
-    if (depth < frozenDepth) {
-      copy.reserve(array->size());
-      for (const Value& element : *array) {
-        copy.push_back(frozenAt(element, depth + 1));
-      }
-    }
-    return Value(std::move(copy));
-  }
-  if (const auto dictionary = value.dictionary()) {
-    Value::Dictionary copy;
-    if (depth < frozenDepth) {
-      for (const auto& [key, entry] : *dictionary) {
-        copy.emplace_hint(copy.end(), key, frozenAt(entry, depth + 1));
-      }
-    }
-    return Value(std::move(copy));
-  }
-  return value;
-}
-
 bool canTravel(const std::string& string) {
   return string.find('\0') == std::string::npos && utf8::isValid(string);
 }
@@ -74,10 +48,6 @@ Written writtenAs(const Value& value) {
 }
 
 }  // namespace
-
-Value frozen(const Value& value) {
-  return frozenAt(value, 0);
-}
 
 std::string wireText(std::string_view rest) {
   std::string text;

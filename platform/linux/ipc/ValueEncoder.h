@@ -12,10 +12,6 @@
 
 namespace kelvane::ipc {
 
-/// A value with the contents of this moment, which no change of a live view alters any more. To be called
-/// where a value is handed over, since it is written later and on another thread. Any thread.
-Value frozen(const Value& value);
-
 /// The string as D-Bus can carry it: bytes that are no valid UTF-8, and NULs, become U+FFFD.
 std::string wireText(std::string_view text);
 

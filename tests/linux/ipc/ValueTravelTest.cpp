@@ -7,7 +7,6 @@
 #include <limits>
 
 #include "platform/Limits.h"
-#include "platform/MutableDictionary.h"
 #include "platform/linux/ipc/PrivateSockets.h"
 #include "platform/linux/ipc/ValueDecoder.h"
 #include "platform/linux/ipc/ValueEncoder.h"
@@ -140,21 +139,6 @@ TEST(AValueThatTravels, IsAbsentWhereItLiesTooDeepForDBus) {
   }
   EXPECT_EQ(depth, 21);
   EXPECT_TRUE(value->isAbsent());
-}
-
-TEST(AValueThatTravels, CanHoldItself) {
-  MutableDictionary dictionary;
-  dictionary.set("self", Value(dictionary));
-  EXPECT_FALSE(ipc::frozen(Value(dictionary))["self"].isAbsent());
-  dictionary.remove("self");
-}
-
-TEST(AFrozenValue, DoesNotSeeLaterChanges) {
-  MutableDictionary dictionary;
-  dictionary.set("key", Value(1));
-  const Value value = ipc::frozen(Value(Value::Array{Value(dictionary)}));
-  dictionary.set("key", Value(2));
-  EXPECT_EQ((*value.array())[0]["key"], Value(1));
 }
 
 template <typename... Arguments>
