@@ -31,7 +31,7 @@ struct KelvaneServiceConfiguration {
   /// Declares periodic work. The daemon sends its periodic requests to services that purge and do not declare it.
   bool periodic = false;
   /// Names of the notifications that the service wants.
-  std::vector<std::string> notifications;
+  std::vector<std::string> notifications = {};
 
   /// Whose processes may connect to a named service: the daemon's user, by name or decimal number.
   std::string daemonUser = "root";
