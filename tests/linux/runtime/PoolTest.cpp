@@ -26,7 +26,15 @@ std::size_t workers() {
   return threadsNamed("kelvane-worker").size();
 }
 
+/// A pool that nobody has used yet has no threads at all, not even the reserve.
+void usePool() {
+  const Semaphore used(0);
+  globalQueue::async([used] { used.signal(); });
+  used.wait();
+}
+
 bool becomesQuiet() {
+  usePool();
   return eventually([] {
     const auto remaining = threadsNamed("kelvane-worker");
     const auto monitors = threadsNamed("kelvane-monitor");
@@ -181,6 +189,7 @@ TEST(ThePool, ReturnsToFewThreadsWhenManyItemsWakeAtOnce) {
 }
 
 TEST(ThePool, LosesNothingWhenTheSystemRefusesThreads) {
+  usePool();
   const Refusal refusal(0);
   const Group group;
   const SerialQueue queue("refused");
@@ -221,6 +230,7 @@ TEST(ThePool, AsksAgainForAThreadThatWasRefused) {
 }
 
 TEST(ThePool, SurvivesRefusalsAtRandom) {
+  usePool();
   for (int grants = 0; grants < 20; ++grants) {
     const Refusal refusal(grants);
     const Semaphore semaphore(0);
