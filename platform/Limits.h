@@ -16,15 +16,32 @@ inline constexpr int propertyListDepth = 64;
 inline constexpr std::size_t propertyListEntries = 128 * 1024;
 inline constexpr std::size_t propertyListContentBytes = 8 * 1024 * 1024;
 
+// Archives
+inline constexpr std::size_t archiveBytes = 1024 * 1024;
+/// Objects, fields, and values within values.
+inline constexpr std::size_t archiveEntries = 128 * 1024;
+inline constexpr std::size_t archiveClasses = 16;
+
+// The record of recent answers
+inline constexpr std::size_t recentVolumes = 256;
+
 // The wire, both directions
 inline constexpr int wireDictionaryDepth = 20;
 /// How many containers within one another a value's description shows.
 inline constexpr int descriptionDepth = wireDictionaryDepth + 4;
 inline constexpr std::size_t serviceNameBytes = 90;
 
+/// What a peer may say before its first message.
+inline constexpr std::size_t handshakeBytes = 4096;
+/// What each message takes that waits for a peer to read, besides what is in it; so many may wait on a connection.
+inline constexpr std::size_t unsentMessageBytes = 1024;
+inline constexpr std::size_t unsentMessagesPerConnection = 2048;
+
 // The daemon's listener
 inline constexpr int unansweredRequestsPerConnection = 64;
 inline constexpr int connections = 8192;
+/// Of these, so many are for the superuser alone.
+inline constexpr int connectionsKeptForRoot = 64;
 inline constexpr int connectionsPerUser = 4096;
 /// Endpoints that one user, and all users together, can have this process hold.
 inline constexpr int endpoints = 2048;
@@ -34,6 +51,8 @@ inline constexpr std::size_t requestBytes = 2 * 1024 * 1024;
 /// What waits for a peer that does not read; beyond it the peer is dropped. No single message is longer.
 inline constexpr std::size_t unsentBytesPerConnection = 4 * 1024 * 1024;
 inline constexpr std::size_t unsentBytesPerUser = 32 * 1024 * 1024;
+/// Descriptors that came with malformed messages, which stay open; beyond these the user can send none.
+inline constexpr int lostDescriptorsPerUser = 64;
 /// Connections on which a message has begun to arrive but has not ended.
 inline constexpr int partialMessagesPerUser = 16;
 /// Requests of one kind being delivered at once: over all users, and of one user.
@@ -56,7 +75,26 @@ inline constexpr int directoryDepth = 64;
 /// Names of notifications and preferences suites, which are file names.
 inline constexpr std::size_t fileNameBytes = 200;
 
+// The state that clients store
+/// One value: the bytes of its strings, keys and data, and stateElementBytes for each element of its arrays and
+/// dictionaries.
+inline constexpr std::size_t stateValueBytes = 1024 * 1024;
+inline constexpr std::size_t stateElementBytes = 64;
+/// All values with their keys, each an element; the record of recent answers is not among them.
+inline constexpr std::size_t stateBytes = 8 * 1024 * 1024;
+inline constexpr std::size_t stateKeys = 4096;
+/// A value travels within one more dictionary, to those who are notified of it and as part of the whole state: so
+/// many dictionaries, and D-Bus containers, it may have within each other itself.
+inline constexpr int stateDictionaryDepth = wireDictionaryDepth - 1;
+inline constexpr int stateContainerDepth = 61;
+
 // Preferences
+/// The contents of one suite as a binary property list. Enough for all of the state, whose strings may take twice
+/// their bytes there, and for the record of recent answers.
+inline constexpr std::size_t preferencesBytes = 2 * stateBytes + archiveBytes + 1024 * 1024;
+inline constexpr std::size_t preferencesEntries = 2 * propertyListEntries;
+/// What a suite can always be written with, however full the disk: room for the record and for 256 KiB besides.
+inline constexpr std::size_t preferencesRoom = archiveBytes + 256 * 1024;
 /// Damaged stores of one suite that are kept; the last takes the place of the one before it.
 inline constexpr int damagedPreferences = 8;
 

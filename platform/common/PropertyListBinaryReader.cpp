@@ -19,7 +19,7 @@ using Head = BinaryObjects::Head;
 /// budget the doubling that arrays which hold the next one twice would bring.
 class BinaryReader {
  public:
-  explicit BinaryReader(Bytes bytes) : objects_(bytes) {}
+  BinaryReader(Bytes bytes, const Bounds& bounds) : objects_(bytes), budget_(bounds) {}
 
   Result read() {
     const std::optional<std::uint64_t> top = objects_.readTrailer();
@@ -164,8 +164,8 @@ class BinaryReader {
 
 }  // namespace
 
-Result readBinary(std::span<const std::uint8_t> bytes) {
-  return BinaryReader(bytes).read();
+Result readBinary(std::span<const std::uint8_t> bytes, const Bounds& bounds) {
+  return BinaryReader(bytes, bounds).read();
 }
 
 }  // namespace kelvane::propertyList

@@ -44,6 +44,8 @@ std::u16string toUtf16(std::string_view string) {
 /// depends on how many objects there are; the second joins the two.
 class BinaryWriter {
  public:
+  explicit BinaryWriter(const Bounds& bounds) : maximumBytes_(bounds.bytes), budget_(bounds) {}
+
   std::variant<Data, Error> write(const Value& value) {
     if (!addObject(value, 0)) {
       return error_;
@@ -85,7 +87,7 @@ class BinaryWriter {
   std::optional<std::uint32_t> finishObject() {
     objects_.push_back({contents_.size(), {}});
     // Each object has an offset besides its bytes.
-    if (contents_.size() + objects_.size() > limits::propertyListBytes) {
+    if (contents_.size() + objects_.size() > maximumBytes_) {
       return fail(tooLarge);
     }
     return static_cast<std::uint32_t>(objects_.size() - 1);
@@ -107,7 +109,7 @@ class BinaryWriter {
       return value.isArray() ? addArray(*value.array(), depth + 1) : addDictionary(value.dictionary(), depth + 1);
     }
     if (const Data* data = value.data()) {
-      if (data->size() > limits::propertyListBytes) {
+      if (data->size() > maximumBytes_) {
         return fail(tooLarge);
       }
       if (!budget_.addContent(data->size())) {
@@ -226,7 +228,7 @@ class BinaryWriter {
     const std::size_t table = magic.size() + contents_.size() + referenceCount_ * referenceSize;
     const unsigned offsetSize = bytesFor(table);
     const std::size_t size = table + objects_.size() * offsetSize + trailerSize;
-    if (size > limits::propertyListBytes) {
+    if (size > maximumBytes_) {
       return Error{tooLarge};
     }
     Data file(magic.begin(), magic.end());
@@ -254,6 +256,7 @@ class BinaryWriter {
     return file;
   }
 
+  const std::size_t maximumBytes_;
   Data contents_;
   std::vector<Object> objects_;
   std::size_t referenceCount_ = 0;
@@ -265,7 +268,11 @@ class BinaryWriter {
 }  // namespace
 
 std::variant<Data, Error> writeBinary(const Value& value) {
-  return BinaryWriter().write(value);
+  return writeBinary(value, {});
+}
+
+std::variant<Data, Error> writeBinary(const Value& value, const Bounds& bounds) {
+  return BinaryWriter(bounds).write(value);
 }
 
 }  // namespace kelvane::propertyList

@@ -15,10 +15,20 @@
 
 namespace kelvane::propertyList {
 
+/// What a list may come to.
+struct Bounds {
+  /// Of a binary list's file.
+  std::size_t bytes = limits::propertyListBytes;
+  std::size_t entries = limits::propertyListEntries;
+  std::size_t contentBytes = limits::propertyListContentBytes;
+};
+
 /// What a list may still come to. The readers keep to it so that a small file cannot fill the memory (a
 /// binary list may refer to one array many times over); the writers, so that what they write can be read.
 class Budget {
  public:
+  explicit Budget(const Bounds& bounds = {}) : entries_(bounds.entries), contentBytes_(bounds.contentBytes) {}
+
   /// Takes account of so many more entries of arrays and dictionaries; false when they are too many.
   [[nodiscard]] bool addEntries(std::size_t count) { return take(entries_, count); }
   /// Takes account of so many more bytes of a key, string or data; false when they are too many.
@@ -36,8 +46,8 @@ class Budget {
     return true;
   }
 
-  std::size_t entries_ = limits::propertyListEntries;
-  std::size_t contentBytes_ = limits::propertyListContentBytes;
+  std::size_t entries_;
+  std::size_t contentBytes_;
 };
 
 inline constexpr const char* tooDeep = "nested too deeply";
@@ -48,8 +58,10 @@ inline constexpr const char* notUtf8 = "a string that is not UTF-8";
 
 /// bytes may be in any encoding that expat knows, begin with a byte order mark and with white space.
 [[nodiscard]] Result readXml(std::string_view bytes);
-/// bytes begin with "bplist".
-[[nodiscard]] Result readBinary(std::span<const std::uint8_t> bytes);
+/// bytes begin with "bplist", else they are refused. The caller has seen to their number.
+[[nodiscard]] Result readBinary(std::span<const std::uint8_t> bytes, const Bounds& bounds = {});
+/// As writeBinary() does within the bounds of every list.
+[[nodiscard]] std::variant<Data, Error> writeBinary(const Value& value, const Bounds& bounds);
 /// Text is UTF-8 without a byte order mark.
 [[nodiscard]] Result readText(std::string_view text);
 
