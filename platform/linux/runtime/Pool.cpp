@@ -98,21 +98,29 @@ bool Pool::awaitItem(Worker& self, Lock& lock) {
     return true;
   }
   idle_.push_back(&self);
-  if (self.assigned.wait_for(lock, idleLife, given))
-    return true;
-  std::erase(idle_, &self);
-  return false;
+  while (!self.assigned.wait_for(lock, idleLife, given)) {
+    if (self.wakers == 0) {
+      std::erase(idle_, &self);
+      return false;
+    }
+  }
+  return true;
 }
 
-// Gives waiting items to workers as far as processors are free. May let go of the lock meanwhile.
+// Gives waiting items to workers as far as processors are free. Returns with the lock released: a worker that is woken
+// under it would only wait for it, two more switches between threads.
 void Pool::dispatch(Lock& lock) {
-  while (!items_.empty() && running_ < processors_ && assignItem(lock)) {
+  Worker* toWake = nullptr;
+  while (!items_.empty() && running_ < processors_ && assignItem(lock, toWake)) {
   }
   watchWaitingItems();
+  lock.unlock();
+  wake(toWake);
 }
 
-// False when the system refuses a thread and the reserve is in use.
-bool Pool::assignItem(Lock& lock) {
+// False when the system refuses a thread and the reserve is in use. An idle worker that got the item is the one to wake
+// from now on. May let go of the lock meanwhile.
+bool Pool::assignItem(Lock& lock, Worker*& toWake) {
   if (idle_.empty() && startWorker(lock))
     return true;
   Worker* worker = nullptr;
@@ -126,8 +134,16 @@ bool Pool::assignItem(Lock& lock) {
     return false;
   }
   give(*worker);
-  worker->assigned.notify_one();
+  ++worker->wakers;
+  wake(std::exchange(toWake, worker));
   return true;
+}
+
+void Pool::wake(Worker* worker) {
+  if (worker) {
+    worker->assigned.notify_one();
+    --worker->wakers;
+  }
 }
 
 // False, with the item back in its place, when the system refuses a thread. Lets go of the lock meanwhile.
@@ -195,6 +211,7 @@ void Pool::monitor() {
       if (taken_ == taken)
         presumeBlocked();
       dispatch(lock);
+      lock.lock();
     }
     watching_ = false;
   }

@@ -31,6 +31,8 @@ struct Worker {
   Block item;
   /// The thread's own.
   int blockedScopes = 0;
+  /// Threads that are about to wake this one, without the mutex: it must not end meanwhile.
+  std::atomic<int> wakers = 0;
 };
 
 /// Runs items on as many threads as there are processors, not counting those that wait for something.
@@ -69,10 +71,11 @@ class Pool {
   bool awaitItem(Worker& self, Lock& lock);
 
   void dispatch(Lock& lock);
-  bool assignItem(Lock& lock);
+  bool assignItem(Lock& lock, Worker*& toWake);
   bool startWorker(Lock& lock);
   void pushItem(Block item);
   void give(Worker& worker);
+  static void wake(Worker* worker);
   void setActivity(Worker& worker, Worker::Activity activity);
 
   void watchWaitingItems();
