@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/Process.h"
+#include "platform/linux/system/VolumeMonitor.h"
 
 namespace kelvane {
 
@@ -99,6 +100,9 @@ void registerActivity(const std::string& name, std::function<void(const Activity
 }
 
 void setEventStreamHandler(const std::string& stream, std::function<void(const Value&)> handler) {
+  if (stream == VolumeMonitor::stream) {
+    handler = VolumeMonitor::shared().attend(std::move(handler));
+  }
   handlers::eventStreams().add(stream, std::move(handler));
 }
 

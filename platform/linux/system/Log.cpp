@@ -1,9 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // The log: the journal with structured fields when it is there, else standard error.
+#include <pthread.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <string>
 
@@ -56,7 +59,31 @@ bool writeToJournal(std::int32_t level, std::string_view category, std::string_v
   return sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) == 0;
 }
 
+/// While it lives, this thread's writes to a pipe that nobody reads fail and do not end the process.
+class PipeSignalHeldOff {
+ public:
+  PipeSignalHeldOff() {
+    sigemptyset(&pipeSignal_);
+    sigaddset(&pipeSignal_, SIGPIPE);
+    pthread_sigmask(SIG_BLOCK, &pipeSignal_, &before_);
+  }
+  ~PipeSignalHeldOff() {
+    if (sigismember(&before_, SIGPIPE) == 0) {
+      const timespec atOnce = {};
+      sigtimedwait(&pipeSignal_, nullptr, &atOnce);
+      pthread_sigmask(SIG_SETMASK, &before_, nullptr);
+    }
+  }
+  PipeSignalHeldOff(const PipeSignalHeldOff&) = delete;
+  PipeSignalHeldOff& operator=(const PipeSignalHeldOff&) = delete;
+
+ private:
+  sigset_t pipeSignal_;
+  sigset_t before_;
+};
+
 void writeToStandardError(const std::string& message) {
+  const PipeSignalHeldOff heldOff;
   const std::string line =
       std::string(program_invocation_short_name) + "[" + std::to_string(getpid()) + "]: " + message + "\n";
   // One write keeps the lines of several threads apart; only a pipe that is nearly full splits it.

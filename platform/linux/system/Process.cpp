@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/system/AtomicFile.h"
 #include "platform/linux/system/FileNames.h"
 #include "platform/linux/system/Paths.h"
@@ -25,6 +26,8 @@ namespace {
 void changeTransactions(int difference) {
   static std::mutex mutex;
   static unsigned count = 0;
+  // The service manager may be slow to read.
+  const runtime::BlockedScope blocked;
   const std::lock_guard lock(mutex);
   count += static_cast<unsigned>(difference);
   serviceManager::notifyTransactions(count);

@@ -10,6 +10,7 @@
 #include "platform/Reporting.h"
 #include "platform/linux/system/ControlSocket.h"
 #include "platform/linux/system/Handlers.h"
+#include "platform/linux/system/VolumeMonitor.h"
 
 namespace kelvane::serviceManager {
 
@@ -20,6 +21,7 @@ void notifyReady() {
     }
   }
   sd_notify(0, "READY=1");
+  VolumeMonitor::shared().start();
 }
 
 void notifyTransactions(unsigned count) {

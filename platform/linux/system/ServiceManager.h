@@ -5,7 +5,7 @@
 namespace kelvane::serviceManager {
 
 /// The main loop is about to be entered: opens the control socket if anything was registered that it could
-/// reach, and reports the process as started up.
+/// reach, reports the process as started up, and begins to watch the volumes if there is a handler for it.
 void notifyReady();
 
 /// The process holds this many keep-alive transactions now.

@@ -36,9 +36,11 @@ VolumeLevels::Bounds boundsFrom(const Value& entries, const VolumeLevels::Bounds
           .veryLowBytes = bytesOr(entries["VeryLowBytes"], otherwise.veryLowBytes)};
 }
 
-bool isBelow(const VolumeSpace& space, double percent, std::uint64_t bytes) {
-  return space.available < bytes &&
-         static_cast<double>(space.available) < static_cast<double>(space.size) * percent / 100;
+/// A volume is below both bounds exactly when it is below the lesser one. Where a share is no whole number of
+/// bytes, the next above it separates the same amounts.
+std::uint64_t markOf(std::uint64_t size, double percent, std::uint64_t bytes) {
+  const double share = std::ceil(static_cast<double>(size) * percent / 100);
+  return share < static_cast<double>(bytes) ? static_cast<std::uint64_t>(share) : bytes;
 }
 
 /// Logs an unusable configuration when it differs from what was logged last.
@@ -89,16 +91,14 @@ VolumeLevels VolumeLevels::current() {
   return VolumeLevels(configuration);
 }
 
-SpaceLevel VolumeLevels::level(const std::string& volume, const VolumeSpace& space) const {
-  if (space.size < smallestWatchedBytes) {
-    return SpaceLevel::Ample;
+SpaceMarks VolumeLevels::marks(const std::string& volume, std::uint64_t size) const {
+  if (size < smallestWatchedBytes) {
+    return {};
   }
   const auto single = single_.find(volume);
   const Bounds& bounds = single == single_.end() ? general_ : single->second;
-  if (isBelow(space, bounds.veryLowPercent, bounds.veryLowBytes)) {
-    return SpaceLevel::VeryLow;
-  }
-  return isBelow(space, bounds.lowPercent, bounds.lowBytes) ? SpaceLevel::Low : SpaceLevel::Ample;
+  return {.low = markOf(size, bounds.lowPercent, bounds.lowBytes),
+          .veryLow = markOf(size, bounds.veryLowPercent, bounds.veryLowBytes)};
 }
 
 }  // namespace kelvane

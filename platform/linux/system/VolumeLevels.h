@@ -12,6 +12,17 @@ namespace kelvane {
 
 enum class SpaceLevel { Ample, Low, VeryLow };
 
+/// The bytes below which a volume enters a level; 0 for a level that it never enters.
+struct SpaceMarks {
+  std::uint64_t low = 0;
+  std::uint64_t veryLow = 0;
+
+  std::uint64_t highest() const { return low > veryLow ? low : veryLow; }
+  SpaceLevel levelAt(std::uint64_t available) const {
+    return available < veryLow ? SpaceLevel::VeryLow : available < low ? SpaceLevel::Low : SpaceLevel::Ample;
+  }
+};
+
 /// How much of a volume there is, in bytes; what is available is available to unprivileged users.
 struct VolumeSpace {
   std::uint64_t size = 0;
@@ -41,7 +52,8 @@ class VolumeLevels {
   /// changes, and gives the defaults.
   [[nodiscard]] static VolumeLevels current();
 
-  [[nodiscard]] SpaceLevel level(const std::string& volume, const VolumeSpace& space) const;
+  /// Of a volume of this size.
+  [[nodiscard]] SpaceMarks marks(const std::string& volume, std::uint64_t size) const;
 
  private:
   Bounds general_;

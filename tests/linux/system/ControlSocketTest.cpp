@@ -12,7 +12,9 @@
 #include <string>
 #include <thread>
 
+#include "platform/Control.h"
 #include "platform/Process.h"
+#include "platform/Queues.h"
 #include "platform/linux/system/Paths.h"
 #include "platform/linux/system/ServiceManager.h"
 
@@ -91,14 +93,34 @@ TEST_F(TheControlSocket, AnswersWhenTheActivityHasReturned) {
   releaser.join();
 }
 
+/// What comes of a request by this library's own means: nothing, or the error's text.
+std::string outcomeOf(const std::string& activity) {
+  std::string outcome = "none";
+  const Semaphore finished(0);
+  control::requestActivity(activity, [&outcome, finished](const std::optional<ipc::CallError>& error) {
+    outcome = error ? error->text : "";
+    finished.signal();
+  });
+  finished.wait();
+  return outcome;
+}
+
+TEST_F(TheControlSocket, RunsActivitiesForWhoeverHoldsThisLibrary) {
+  std::atomic<int> runs = 0;
+  registerActivity("counted", [&runs](const Activity& activity) { runs += activity.state == ActivityState::Run; });
+  EXPECT_EQ(outcomeOf("counted"), "");
+  EXPECT_EQ(runs, 1);
+  EXPECT_EQ(outcomeOf("weekly"), "com.tessaly.KelvanePlatform.Error.Unknown: No activity named weekly");
+}
+
 TEST_F(TheControlSocket, DeliversEventsWithTheirEntries) {
   Value received;
-  setEventStreamHandler("com.tessaly.dispatch.vfs", [&received](const Value& event) { received = event; });
-  EXPECT_EQ(Caller().call("postEvent", "sa{sv}", "com.tessaly.dispatch.vfs", 2, "_Flags", "t", std::uint64_t{4},
+  setEventStreamHandler("com.tessaly.dispatch.test", [&received](const Value& event) { received = event; });
+  EXPECT_EQ(Caller().call("postEvent", "sa{sv}", "com.tessaly.dispatch.test", 2, "_Flags", "t", std::uint64_t{4},
                           "Volume", "s", "/data"),
             "");
   EXPECT_EQ(received, Value(Value::Dictionary{{"_Flags", std::uint64_t{4}}, {"Volume", "/data"}}));
-  setEventStreamHandler("com.tessaly.dispatch.vfs", [](const Value&) {});
+  setEventStreamHandler("com.tessaly.dispatch.test", [](const Value&) {});
 }
 
 TEST_F(TheControlSocket, RefusesNamesThatNobodyRegistered) {

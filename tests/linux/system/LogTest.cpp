@@ -11,7 +11,7 @@
 #include "platform/Reporting.h"
 #include "platform/linux/system/LogText.h"
 #include "platform/linux/system/Paths.h"
-#include "tests/linux/system/DatagramSocket.h"
+#include "tests/linux/testing/DatagramSocket.h"
 
 namespace kelvane {
 namespace {

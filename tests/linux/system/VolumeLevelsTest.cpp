@@ -15,7 +15,7 @@ constexpr std::uint64_t gibibyte = std::uint64_t{1} << 30;
 
 SpaceLevel levelOf(const VolumeLevels& levels, std::uint64_t size, std::uint64_t available,
                    const std::string& volume = "/data") {
-  return levels.level(volume, {.size = size, .available = available});
+  return levels.marks(volume, size).levelAt(available);
 }
 
 TEST(AVolume, IsLowBelowATenthOfItsSize) {

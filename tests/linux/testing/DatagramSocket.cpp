@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The receiving end of what the process sends its service manager and the journal.
-#include "tests/linux/system/DatagramSocket.h"
+#include "tests/linux/testing/DatagramSocket.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -1,0 +1,37 @@
+// SPDX-License-Identifier: Apache-2.0
+// This process's mount table, read no more often than it changes.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/system/MountTable.h"
+
+namespace kelvane {
+
+/// Keeps what volumeMounts() says of this process, because reading the table again would cost each purge as much as
+/// sending eight services their requests. The kernel tells of every mount and unmount, but not of mounts and file
+/// systems that become read-only or writable. One per process, never destroyed. Any thread.
+class KnownMounts {
+ public:
+  using Mounts = std::shared_ptr<const std::vector<VolumeMount>>;
+
+  static KnownMounts& shared();
+  KnownMounts(const KnownMounts&) = delete;
+  KnownMounts& operator=(const KnownMounts&) = delete;
+
+  [[nodiscard]] Mounts current();
+
+ private:
+  KnownMounts() = default;
+  bool haveChanged();
+
+  std::mutex mutex_;
+  // Guarded by mutex_:
+  FileDescriptor table_;
+  Mounts mounts_;
+};
+
+}  // namespace kelvane

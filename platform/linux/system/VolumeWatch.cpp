@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+// When volumes are looked at, and when a shortage of theirs is announced.
+#include "platform/linux/system/VolumeWatch.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace kelvane {
+
+namespace {
+
+using Duration = VolumeWatch::Duration;
+
+Duration seconds(double count) {
+  return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(count));
+}
+
+double inSeconds(Duration duration) {
+  return std::chrono::duration<double>(duration).count();
+}
+
+std::uint64_t difference(std::uint64_t one, std::uint64_t other) {
+  return one > other ? one - other : other - one;
+}
+
+}  // namespace
+
+VolumeWatch::Sight::Sight(const VolumeMount& mount, const VolumeSpace& volumeSpace, const VolumeLevels& levels)
+    : volume(mount.path), device(mount.device), space(volumeSpace), marks(levels.marks(mount.path, volumeSpace.size)) {}
+
+void VolumeWatch::look(Time now, const std::vector<Sight>& sights) {
+  const bool isFirst = lastLook_ == Time::min();
+  lastLook_ = now;
+  std::map<std::string, Volume> seen;
+  for (const Sight& sight : sights) {
+    auto known = volumes_.extract(sight.volume);
+    if (known && known.mapped().device == sight.device) {
+      seen.insert(std::move(known));
+    }
+    Volume& volume = seen[sight.volume];
+    see(volume, now, sight);
+    if (isFirst && volume.level != SpaceLevel::Ample) {
+      // Nothing was crossed just now.
+      volume.pausedUntil = now + pauseAtStart;
+      volume.wasVeryLow = volume.level == SpaceLevel::VeryLow;
+    }
+  }
+  volumes_ = std::move(seen);
+
+  for (auto entry = runs_.begin(); entry != runs_.end();) {
+    const auto [run, times] = *entry;
+    if (!times.ended || *times.ended > now) {
+      ++entry;
+      continue;
+    }
+    for (auto& [name, volume] : volumes_) {
+      if (volume.run == run) {
+        judge(volume, times);
+      }
+    }
+    if (run == ownRun_) {
+      ownRun_ = noRun;
+    }
+    entry = runs_.erase(entry);
+  }
+  for (auto& [name, volume] : volumes_) {
+    considerRecovery(volume, now);
+  }
+}
+
+void VolumeWatch::see(Volume& volume, Time now, const Sight& sight) {
+  const std::uint64_t available = sight.space.available;
+  if (volume.device != sight.device) {
+    volume.device = sight.device;
+    volume.seen = volume.changed = now;
+    volume.available = volume.availableThen = available;
+  }
+  if (now > volume.seen) {
+    const double filled = static_cast<double>(volume.available) - static_cast<double>(available);
+    // A burst is not over with the first quiet moment.
+    volume.bytesPerSecond = std::max(filled / inSeconds(now - volume.seen), volume.bytesPerSecond / 2);
+  }
+  if (difference(available, volume.availableThen) >= leastGain) {
+    volume.changed = now;
+    volume.availableThen = available;
+  }
+  volume.seen = now;
+  volume.available = available;
+  volume.marks = sight.marks;
+  volume.level = sight.level();
+  if (volume.level != SpaceLevel::Ample) {
+    volume.lastLow = now;
+  }
+  // Also while the run is under way: by its end a writer may have used the gain up again.
+  if (volume.isTaken && available >= volume.availableAtBegin + leastGain) {
+    volume.hasGained = true;
+  }
+}
+
+void VolumeWatch::judge(Volume& volume, const RunTimes& times) {
+  const bool wasOwn = volume.run == ownRun_;
+  volume.run = noRun;
+  if (!std::exchange(volume.isTaken, false)) {
+    if (wasOwn) {
+      // By the time it was to be relieved it was no longer low; it may be to and fro about its mark.
+      volume.pausedUntil = std::max(volume.pausedUntil, *times.ended + shortestPause);
+    }
+    return;
+  }
+  volume.ended = *times.ended;
+  volume.took = *times.ended - times.begun;
+  if (std::exchange(volume.hasGained, false)) {
+    volume.fruitless = {};
+    volume.wasVeryLow = volume.level == SpaceLevel::VeryLow;
+    if (volume.level == SpaceLevel::Ample) {
+      volume.pausedUntil = volume.ended;
+      return;
+    }
+  } else {
+    volume.fruitless = std::clamp(2 * volume.fruitless, shortestPause, longestPause);
+  }
+  volume.pausedUntil = volume.ended + std::max({volume.took, volume.fruitless, shortestPause});
+}
+
+void VolumeWatch::considerRecovery(Volume& volume, Time now) {
+  if (volume.level != SpaceLevel::Ample || volume.run != noRun || !volume.lastLow) {
+    return;
+  }
+  if (now - *volume.lastLow >= std::max({volume.fruitless, volume.took, pauseAfterRecovery})) {
+    volume.lastLow.reset();
+    volume.fruitless = {};
+    volume.took = {};
+    volume.wasVeryLow = false;
+    volume.pausedUntil = now;
+  } else if (volume.available >= volume.marks.highest() + volume.marks.highest() / 4) {
+    // Not merely to and fro about the mark. Yet neither may files that come and go cause a storm of events.
+    volume.pausedUntil = std::min(volume.pausedUntil, volume.ended + std::max(volume.took, pauseAfterRecovery));
+  }
+}
+
+bool VolumeWatch::isDue(const Volume& volume, Time now) {
+  return volume.level != SpaceLevel::Ample && volume.run == noRun && now >= dueTime(volume);
+}
+
+VolumeWatch::Time VolumeWatch::dueTime(const Volume& volume) {
+  return volume.level == SpaceLevel::VeryLow && !volume.wasVeryLow ? Time::min() : volume.pausedUntil;
+}
+
+bool VolumeWatch::isPromising(const Volume& volume, Time now) {
+  // One that has had to stand back for so long is given the chance, too.
+  return volume.fruitless == Duration::zero() || now - longestPause >= dueTime(volume);
+}
+
+std::optional<VolumeWatch::Event> VolumeWatch::nextEvent(Time now) {
+  if (ownRun_ != noRun) {
+    return std::nullopt;
+  }
+  std::vector<Volume*> chosen;
+  Volume* fruitless = nullptr;
+  for (auto& [name, volume] : volumes_) {
+    if (!isDue(volume, now)) {
+      continue;
+    }
+    if (isPromising(volume, now)) {
+      chosen.push_back(&volume);
+    } else if (fruitless == nullptr || dueTime(volume) < dueTime(*fruitless)) {
+      fruitless = &volume;
+    }
+  }
+  if (chosen.empty() && fruitless != nullptr) {
+    chosen.push_back(fruitless);
+  }
+  if (chosen.empty()) {
+    return std::nullopt;
+  }
+  Event event{++lastRun_, SpaceLevel::Low};
+  ownRun_ = event.run;
+  runs_[event.run] = {now, std::nullopt};
+  for (Volume* volume : chosen) {
+    volume->run = event.run;
+    if (volume->level == SpaceLevel::VeryLow) {
+      volume->wasVeryLow = true;
+      event.level = SpaceLevel::VeryLow;
+    }
+  }
+  return event;
+}
+
+VolumeWatch::Run VolumeWatch::beginOutside(Time now) {
+  const Run run = ++lastRun_;
+  runs_[run] = {now, std::nullopt};
+  for (auto& [name, volume] : volumes_) {
+    volume.pausedUntil = std::min(volume.pausedUntil, now);
+    if (volume.level != SpaceLevel::Ample && volume.run == noRun) {
+      volume.run = run;
+    }
+  }
+  return run;
+}
+
+bool VolumeWatch::take(Run run, Time now, const Sight& sight) {
+  const auto known = volumes_.find(sight.volume);
+  const bool isKnown = known != volumes_.end() && known->second.device == sight.device;
+  const bool pauses = isKnown && now < dueTime(known->second);
+  if (run == noRun) {
+    return !pauses;
+  }
+  // One that nobody has seen low yet may join.
+  const bool isFree = !isKnown || (known->second.run == noRun && !pauses && isPromising(known->second, now));
+  if (run == ownRun_ && !isFree && known->second.run != run) {
+    return false;
+  }
+  Volume& volume = isKnown ? known->second : volumes_[sight.volume] = {};
+  see(volume, now, sight);
+  volume.run = run;
+  volume.isTaken = true;
+  volume.hasGained = false;
+  volume.availableAtBegin = sight.space.available;
+  volume.wasVeryLow = volume.wasVeryLow || volume.level == SpaceLevel::VeryLow;
+  return true;
+}
+
+void VolumeWatch::end(Run run, Time now) {
+  const auto entry = runs_.find(run);
+  if (entry != runs_.end()) {
+    entry->second.ended = now;
+  }
+}
+
+VolumeWatch::Duration VolumeWatch::interval(const Volume& volume) {
+  const SpaceMarks& marks = volume.marks;
+  std::uint64_t next = 0;
+  if (volume.level == SpaceLevel::Ample) {
+    next = marks.highest();
+    if (next == 0) {
+      return longestInterval;
+    }
+  } else if (volume.level == SpaceLevel::Low && !volume.wasVeryLow) {
+    next = marks.veryLow;
+  }
+  if (next == 0) {
+    // There is no crossing to be missed, only a recovery to be noticed.
+    constexpr Duration shortest = std::chrono::seconds(1);
+    return std::clamp(volume.seen - volume.changed, shortest, longestInterval / 2);
+  }
+  const double above = static_cast<double>(volume.available) - static_cast<double>(next);
+  // It may still be getting faster.
+  const double rate = std::max(expectedBytesPerSecond, 2 * volume.bytesPerSecond);
+  const Duration byRate = std::min<Duration>(seconds(std::min(above / rate, 1e6)) + tolerance, longestInterval);
+  return above > farBytes ? std::max(byRate, farInterval) : byRate;
+}
+
+VolumeWatch::Time VolumeWatch::nextLook() const {
+  Time next = lastLook_ + longestInterval;
+  for (const auto& [name, volume] : volumes_) {
+    next = std::min(next, volume.seen + interval(volume));
+    if (volume.level != SpaceLevel::Ample && volume.run == noRun && ownRun_ == noRun) {
+      next = std::min(next, dueTime(volume));
+    }
+  }
+  return next;
+}
+
+}  // namespace kelvane

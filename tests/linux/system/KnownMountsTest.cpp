@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: Apache-2.0
+// What is known of the mounts is never older than the last mount or unmount.
+#include "platform/linux/system/KnownMounts.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <algorithm>
+
+#include "platform/Volumes.h"
+#include "tests/linux/system/PrivateNamespace.h"
+
+namespace kelvane {
+namespace {
+
+bool isKnown(const std::string& path) {
+  const KnownMounts::Mounts mounts = KnownMounts::shared().current();
+  return std::any_of(mounts->begin(), mounts->end(), [&path](const VolumeMount& mount) { return mount.path == path; });
+}
+
+void remount(const char* path, unsigned long flags) {
+  ASSERT_EQ(mount(nullptr, path, nullptr, MS_REMOUNT | flags, nullptr), 0);
+}
+
+TEST(KnownMounts, AreTheSameUntilSomethingIsMounted) {
+  const KnownMounts::Mounts before = KnownMounts::shared().current();
+  EXPECT_EQ(KnownMounts::shared().current(), before);
+  test::mountTmpfs("/mnt/known", "size=1m");
+  EXPECT_NE(KnownMounts::shared().current(), before);
+  EXPECT_TRUE(isKnown("/mnt/known"));
+  ASSERT_EQ(umount2("/mnt/known", MNT_DETACH), 0);
+  EXPECT_FALSE(isKnown("/mnt/known"));
+}
+
+TEST(AVolumeThatIsKnown, IsUsableOnlyWhileItIsMountedAndWritable) {
+  test::mountTmpfs("/mnt/known", "size=1m");
+  EXPECT_TRUE(volumes::isUsable("/mnt/known"));
+  for (const unsigned long kind : {0UL, static_cast<unsigned long>(MS_BIND)}) {
+    remount("/mnt/known", MS_RDONLY | kind);
+    EXPECT_FALSE(volumes::isUsable("/mnt/known")) << kind;
+    // Read while it cannot be written, so that it is not among what is known.
+    test::mountTmpfs("/mnt/other", "size=1m");
+    EXPECT_FALSE(volumes::isUsable("/mnt/known")) << kind;
+    remount("/mnt/known", kind);
+    EXPECT_TRUE(volumes::isUsable("/mnt/known")) << kind;
+    ASSERT_EQ(umount2("/mnt/other", MNT_DETACH), 0);
+  }
+  ASSERT_EQ(umount2("/mnt/known", MNT_DETACH), 0);
+  EXPECT_FALSE(volumes::isUsable("/mnt/known"));
+}
+
+}  // namespace
+}  // namespace kelvane

@@ -1,0 +1,203 @@
+// SPDX-License-Identifier: Apache-2.0
+// The volume monitor on real mounts.
+#include "platform/linux/system/VolumeMonitor.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+#include "platform/Process.h"
+#include "platform/Queues.h"
+#include "platform/Volumes.h"
+#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/system/Handlers.h"
+#include "platform/linux/system/LocalVolumes.h"
+#include "platform/linux/system/ServiceManager.h"
+#include "tests/linux/system/PrivateNamespace.h"
+
+namespace kelvane {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto patience = 20s;
+
+/// An event as the handler finds it: its flags, and which volumes below /mnt are low on space then.
+struct SeenEvent {
+  std::uint64_t flags;
+  std::vector<std::string> volumes;
+};
+
+std::vector<std::string> lowBelowMnt() {
+  std::vector<std::string> ours;
+  for (const std::string& volume : volumes::lowOnSpace()) {
+    if (volume.starts_with("/mnt/")) {
+      ours.push_back(volume);
+    }
+  }
+  return ours;
+}
+
+/// A handler that notes its events. They are compared with what a test waits for, as this system's own volumes may
+/// be low, too.
+class TheVolumeMonitor : public testing::Test {
+ protected:
+  TheVolumeMonitor() {
+    setEventStreamHandler("com.tessaly.dispatch.vfs", [this](const Value& event) {
+      EXPECT_EQ(event.dictionary()->size(), 1u);
+      SeenEvent seen{event["_Flags"].uint64Value(), lowBelowMnt()};
+      const std::lock_guard lock(mutex_);
+      events_.push_back(std::move(seen));
+      noted_.notify_all();
+    });
+  }
+  ~TheVolumeMonitor() override {
+    setEventStreamHandler("com.tessaly.dispatch.vfs", [](const Value&) {});
+    for (const std::string& path : mounted_) {
+      EXPECT_EQ(umount2(path.c_str(), MNT_DETACH), 0) << path;
+    }
+  }
+
+  static void start() { serviceManager::notifyReady(); }
+
+  void mountVolume(const std::string& path) {
+    test::mountTmpfs(path, "size=64m");
+    mounted_.push_back(path);
+  }
+  /// A volume that is full when it appears.
+  void mountFullVolume(const std::string& path) {
+    const FileDescriptor context(fsopen("tmpfs", FSOPEN_CLOEXEC));
+    ASSERT_EQ(fsconfig(context.get(), FSCONFIG_SET_STRING, "size", "64m", 0), 0);
+    ASSERT_EQ(fsconfig(context.get(), FSCONFIG_CMD_CREATE, nullptr, nullptr, 0), 0);
+    const FileDescriptor tree(fsmount(context.get(), FSMOUNT_CLOEXEC, 0));
+    const FileDescriptor file(openat(tree.get(), "filler", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    ASSERT_EQ(posix_fallocate(file.get(), 0, 63 << 20), 0);
+    std::filesystem::create_directories(path);
+    ASSERT_EQ(move_mount(tree.get(), "", AT_FDCWD, path.c_str(), MOVE_MOUNT_F_EMPTY_PATH), 0);
+    mounted_.push_back(path);
+  }
+  static void fill(const std::string& path, off_t mebibytes) {
+    const FileDescriptor file(open((path + "/filler").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+    ASSERT_EQ(posix_fallocate(file.get(), 0, mebibytes << 20), 0);
+  }
+
+  /// The first event, even if it has come already, for exactly these volumes.
+  std::optional<SeenEvent> await(const std::vector<std::string>& volumes) {
+    std::unique_lock lock(mutex_);
+    std::optional<SeenEvent> found;
+    noted_.wait_for(lock, patience, [&] {
+      for (const SeenEvent& event : events_) {
+        if (event.volumes == volumes) {
+          found = event;
+        }
+      }
+      return found.has_value();
+    });
+    return found;
+  }
+
+ private:
+  std::vector<std::string> mounted_;
+  std::mutex mutex_;
+  // Guarded by mutex_:
+  std::condition_variable noted_;
+  std::vector<SeenEvent> events_;
+};
+
+TEST_F(TheVolumeMonitor, PostsALowDiskEventWhenAVolumeFillsUp) {
+  mountVolume("/mnt/low");
+  start();
+  fill("/mnt/low", 60);
+  const auto event = await({"/mnt/low"});
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->flags, 0x4u);
+}
+
+TEST_F(TheVolumeMonitor, PostsAVeryLowDiskEventByItsBitAlone) {
+  mountVolume("/mnt/very-low");
+  start();
+  fill("/mnt/very-low", 63);
+  const auto event = await({"/mnt/very-low"});
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->flags, 0x200u);
+}
+
+TEST_F(TheVolumeMonitor, SeesAtOnceWhatIsMounted) {
+  start();
+  mountFullVolume("/mnt/full");
+  const auto event = await({"/mnt/full"});
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->flags, 0x200u);
+}
+
+TEST_F(TheVolumeMonitor, EndsPausesForAnEventOfSomebodyElse) {
+  mountVolume("/mnt/pausing");
+  start();
+  fill("/mnt/pausing", 63);
+  ASSERT_TRUE(await({"/mnt/pausing"}));
+  const Semaphore handled(0);
+  ASSERT_TRUE(handlers::postEvent("com.tessaly.dispatch.vfs", Value::Dictionary{{"_Flags", 0x204}},
+                                  [handled] { handled.signal(); }));
+  handled.wait();
+  const auto event = await({"/mnt/pausing"});
+  ASSERT_TRUE(event);
+  EXPECT_EQ(event->flags, 0x204u);
+}
+
+/// Holds up whoever asks one volume.
+class SilentVolume {
+ public:
+  SilentVolume() {
+    volumeSpaceReader = [](const std::string& volume) {
+      if (volume == "/mnt/silent") {
+        std::unique_lock lock(mutex);
+        isAsked = true;
+        changed.notify_all();
+        changed.wait(lock, [] { return mayAnswer; });
+      }
+      return spaceOf(volume);
+    };
+  }
+  ~SilentVolume() {
+    answer();
+    volumeSpaceReader = spaceOf;
+  }
+
+  void awaitQuestion() {
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, patience, [] { return isAsked; }));
+  }
+  void answer() {
+    const std::lock_guard lock(mutex);
+    mayAnswer = true;
+    changed.notify_all();
+  }
+
+ private:
+  static inline std::mutex mutex;
+  // Guarded by mutex:
+  static inline std::condition_variable changed;
+  static inline bool isAsked = false;
+  static inline bool mayAnswer = false;
+};
+
+TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswers) {
+  mountVolume("/mnt/silent");
+  mountVolume("/mnt/talkative");
+  fill("/mnt/silent", 63);
+  SilentVolume silent;
+  start();
+  silent.awaitQuestion();
+  fill("/mnt/talkative", 60);
+  ASSERT_TRUE(await({"/mnt/talkative"})) << "one that does not answer holds up none that do, nor is it asked again";
+  silent.answer();
+  ASSERT_TRUE(await({"/mnt/silent"}));
+}
+
+}  // namespace
+}  // namespace kelvane

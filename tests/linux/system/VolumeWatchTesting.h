@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: Apache-2.0
+// Volumes and a clock by hand, for tests of when volumes are looked at and announced.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "platform/linux/system/VolumeWatch.h"
+
+namespace kelvane::test {
+
+using namespace std::chrono_literals;
+
+inline constexpr std::uint64_t mebibyte = std::uint64_t{1} << 20;
+inline constexpr std::uint64_t gibibyte = std::uint64_t{1} << 30;
+/// Of the volumes here, which have a terabyte and the default levels.
+inline constexpr std::uint64_t lowMark = gibibyte;
+inline constexpr std::uint64_t veryLowMark = 256 * mebibyte;
+
+/// A watch, its clock, and volumes that a test fills and empties.
+class WatchedVolumes : public testing::Test {
+ protected:
+  /// The first look finds nothing.
+  WatchedVolumes() { watch_.look(now_ - 1h, {}); }
+
+  using Time = VolumeWatch::Time;
+  using Duration = VolumeWatch::Duration;
+  using Names = std::vector<std::string>;
+
+  void set(const std::string& volume, std::uint64_t available) {
+    const auto [entry, isNew] = volumes_.try_emplace(volume, Entry{nextDevice_, 0});
+    nextDevice_ += isNew ? 1 : 0;
+    entry->second.available = available;
+  }
+  void unmount(const std::string& volume) { volumes_.erase(volume); }
+
+  void pass(Duration time) { now_ += time; }
+
+  void look() {
+    std::vector<VolumeWatch::Sight> sights;
+    for (const auto& [name, entry] : volumes_) {
+      sights.push_back(sight(name));
+    }
+    watch_.look(now_, sights);
+  }
+  /// Looks; the level of the event that is posted then.
+  std::optional<SpaceLevel> announced() {
+    look();
+    const auto event = watch_.nextEvent(now_);
+    if (!event) {
+      return std::nullopt;
+    }
+    run_ = event->run;
+    return event->level;
+  }
+  /// What a handler of the run is given, the emptiest first.
+  Names taken(VolumeWatch::Run run) {
+    std::multimap<std::uint64_t, std::string> low;
+    for (const auto& [name, entry] : volumes_) {
+      if (sight(name).level() != SpaceLevel::Ample) {
+        low.emplace(entry.available, name);
+      }
+    }
+    Names result;
+    for (const auto& [available, name] : low) {
+      if (watch_.take(run, now_, sight(name))) {
+        result.push_back(name);
+      }
+    }
+    return result;
+  }
+  Names taken() { return taken(run_); }
+  /// The handler of the last event returns after this time.
+  void endAfter(Duration time) {
+    pass(time);
+    watch_.end(run_, now_);
+  }
+  /// The whole handling of an event that has been posted.
+  void handleInVain(Duration time) {
+    taken();
+    endAfter(time);
+  }
+  Duration untilNextLook() { return watch_.nextLook() - now_; }
+
+  /// Looks when the watch wants to, for so long, and handles every event without any gain in no time; how long each
+  /// was posted after the beginning.
+  std::vector<Duration> eventsWithin(Duration time) {
+    std::vector<Duration> events;
+    const Time begin = now_;
+    while (now_ - begin <= time) {
+      if (announced()) {
+        events.push_back(now_ - begin);
+        handleInVain(0s);
+        look();
+      }
+      now_ = std::max(watch_.nextLook(), now_);
+    }
+    return events;
+  }
+
+  VolumeWatch watch_;
+  Time now_{1000h};
+  VolumeWatch::Run run_ = VolumeWatch::noRun;
+
+ private:
+  struct Entry {
+    dev_t device;
+    std::uint64_t available;
+  };
+
+  VolumeWatch::Sight sight(const std::string& name) const {
+    const Entry& entry = volumes_.at(name);
+    return {VolumeMount{name, entry.device, true}, VolumeSpace{.size = 1000 * gibibyte, .available = entry.available},
+            VolumeLevels()};
+  }
+
+  std::map<std::string, Entry> volumes_;
+  dev_t nextDevice_ = 1;
+};
+
+}  // namespace kelvane::test
