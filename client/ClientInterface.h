@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The registry as its clients see it: check-in and space requests.
+// The registry as its clients see it: check-in, space requests and the state store.
 #pragma once
 
 #include <functional>
@@ -10,6 +10,8 @@
 
 #include "operations/KelvaneOperation.h"
 #include "operations/SharedRegistry.h"
+#include "platform/Preferences.h"
+#include "protocols/Keys.h"
 #include "support/KelvaneExportedObject.h"
 #include "support/KelvaneServiceProxy.h"
 #include "support/LiveServiceTable.h"
@@ -28,6 +30,11 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
                      CheckinReply reply) override;
 
+  /// Need "PURGEABLE_ENTITLEMENT" and "ITEMIZED_PURGEABLE_ENTITLEMENT", and are the same in everything else: they
+  /// block until the query has run, and are answered from the global queue with its result, or with none.
+  void clientPurgeableSpace(const Value& info, ValueReply replyBlock) override;
+  void clientItemizedPurgeableSpace(const Value& info, ValueReply replyBlock) override;
+
   /// Needs "PURGE_ENTITLEMENT", blocks for as long as the purge takes, and is answered from the global queue
   /// with the purge's result, or with none.
   void clientPurge(const Value& info, ValueReply replyBlock) override;
@@ -36,11 +43,32 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   /// exist, so all this does is reply.
   void clientCancelPurge(const Value& info, Reply replyBlock) override;
 
+  /// Stores a value in the state store, or removes the entry when the value is absent. Returns at once; answered when
+  /// the disk has it. Without a suite what is set is lost, and answered all the same.
+  void clientSetState(const Value& value, const std::string& key, SetReply replyBlock) override;
+  /// Answers with a value of the state store, or its default, or none. The key "KELVANE_USER_DEFAULTS" stands for the
+  /// whole store, filled in with the defaults, but for none while nothing is stored. Returns at once.
+  void clientGetState(const Value& key, ValueReply replyBlock) override;
+
+  /// The same on the defaults queue; off it they stop the process. The setter's reply comes when the value is stored
+  /// in memory, and before the disk has it.
+  void _clientSetState(const Value& value, const std::string& key, const SetReply& replyBlock);
+  void _clientGetState(const Value& key, const ValueReply& replyBlock);
+  StateObject clientGetStateSync(const Value& key) override;
+  void clientSetStateSync(const StateObject& value, const std::string& key) override;
+
  protected:
   ClientInterface() = default;
 
+  virtual Value totalAvailable(const Value& info) = 0;
   virtual Value purge(const Value& info, const ResultCallback& callback) = 0;
+  virtual void notifyRecipients(const std::string& name, const Value& value) = 0;
   virtual bool pingService(const KelvaneServiceProxy& proxy) = 0;
+
+  /// The preferences suite; null when it could not be opened. Set once, before anybody asks.
+  std::unique_ptr<PreferencesSuite> userDefaults_;
+  /// State values that hold until others are set; never stored.
+  const Value default_values_ = Value::Dictionary{{keys::cacheEnabled, true}};
 
   /// The service table. Everything known from descriptions is in it from the start; check-ins come and go.
   LiveServiceTable services_ KELVANE_GUARDED_BY(queues_.collection_queue);
@@ -56,6 +84,27 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   std::shared_ptr<KLService> connectService(const std::string& identifier, const ipc::Endpoint& endpoint)
       KELVANE_REQUIRES(queues_.collection_queue);
   void removeService(const std::string& identifier, const std::weak_ptr<KLService>& record);
+
+  using SpaceRequest = Value (ClientInterface::*)(const Value& info);
+  void answerSpaceRequest(const char* name, const char* entitlement, const Value& info, const ValueReply& replyBlock,
+                          SpaceRequest work);
+  Value purgeWithoutCallback(const Value& info) { return purge(info, nullptr); }
+
+  Value storedState() const;
+  std::optional<StateError> whyNotStored(const Value::Dictionary& state, const Value& value, const std::string& key);
+  Value stateValue(const std::string& key) const;
+  std::shared_ptr<KelvaneRecentInfo> decoded(const Value& data) KELVANE_REQUIRES(queues_.defaults_queue);
+
+  /// What an archive in the store means, remembered by the identity of its bytes so that they need not be decoded
+  /// at every reply of every service.
+  struct RememberedArchive {
+    Value data;
+    /// Null when the bytes are no archive of a record.
+    std::shared_ptr<KelvaneRecentInfo> record;
+    /// The record's number of changes when it was what the bytes say.
+    std::uint64_t changes = 0;
+  };
+  RememberedArchive rememberedArchive_ KELVANE_GUARDED_BY(queues_.defaults_queue);
 };
 
 }  // namespace kelvane

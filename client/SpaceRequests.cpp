@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The clients' space requests: purge and cancel.
+// The clients' space requests: query, purge and cancel.
 #include "client/ClientInterface.h"
 #include "protocols/Keys.h"
 #include "protocols/Names.h"
@@ -8,14 +8,31 @@
 
 namespace kelvane {
 
+void ClientInterface::clientPurgeableSpace(const Value& info, ValueReply replyBlock) {
+  answerSpaceRequest("-[Kelvane clientPurgeableSpace:replyBlock:]", entitlements::purgeable, info, replyBlock,
+                     &ClientInterface::totalAvailable);
+}
+
+void ClientInterface::clientItemizedPurgeableSpace(const Value& info, ValueReply replyBlock) {
+  answerSpaceRequest("-[Kelvane clientItemizedPurgeableSpace:replyBlock:]", entitlements::itemizedPurgeable, info,
+                     replyBlock, &ClientInterface::totalAvailable);
+}
+
 void ClientInterface::clientPurge(const Value& info, ValueReply replyBlock) {
+  answerSpaceRequest("-[Kelvane clientPurge:replyBlock:]", entitlements::purge, info, replyBlock,
+                     &ClientInterface::purgeWithoutCallback);
+}
+
+/// The answer is always made, and never on the request's thread.
+void ClientInterface::answerSpaceRequest(const char* name, const char* entitlement, const Value& info,
+                                         const ValueReply& replyBlock, SpaceRequest work) {
   Value result;
-  if (connectionIsEntitled(currentConnection(), {entitlements::purge})) {
-    result = purge(info, nullptr);
+  if (connectionIsEntitled(currentConnection(), {entitlement})) {
+    result = (this->*work)(info);
   } else {
-    KELVANE_ERROR("%s Connection is not entitled!", "-[Kelvane clientPurge:replyBlock:]");
+    KELVANE_ERROR("%s Connection is not entitled!", name);
   }
-  globalQueue::async([result, replyBlock = std::move(replyBlock)] { replyBlock(result); });
+  globalQueue::async([result, replyBlock] { replyBlock(result); });
 }
 
 void ClientInterface::clientCancelPurge(const Value& info, Reply replyBlock) {

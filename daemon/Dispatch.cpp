@@ -3,6 +3,7 @@
 #include "daemon/Kelvane.h"
 #include "operations/KelvanePeriodicOperation.h"
 #include "operations/KelvanePurgeOperation.h"
+#include "operations/KelvanePurgeableOperation.h"
 #include "protocols/Keys.h"
 #include "support/AtomicProperty.h"
 #include "support/KelvaneLog.h"
@@ -39,6 +40,20 @@ Value Kelvane::purge(const Value& info, const ResultCallback& callback) {
         purgeOperations_->erase(token);
       }
     });
+  });
+  group.wait();
+  return kept->load();
+}
+
+Value Kelvane::totalAvailable(const Value& info) {
+  const auto kept = std::make_shared<AtomicProperty<Value>>();
+  const Group group;
+  group.async(purgeable_queue(), [this, info, kept] {
+    // The live table: a check-in that waits for a pong does not hold queries up.
+    const auto operation = KelvanePurgeableOperation::initWithInfo(info, *services());
+    if (operation) {
+      operation->startOperation([kept](const Value& result) { kept->store(result); });
+    }
   });
   group.wait();
   return kept->load();

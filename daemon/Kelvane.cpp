@@ -23,7 +23,7 @@ std::unique_ptr<Kelvane> Kelvane::init() {
   return registry;
 }
 
-Kelvane::Kelvane() : default_values_(Value::Dictionary{{keys::cacheEnabled, true}}) {
+Kelvane::Kelvane() {
   // The root's own slash makes two, here and in the paths logged beneath it.
   const std::string systemDirectory = formatted("%s%@", rootPath_, names::systemDescriptions);
   KELVANE_TRACE("%s plistDir: %@", initName, systemDirectory);

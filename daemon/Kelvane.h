@@ -37,6 +37,9 @@ class Kelvane final : public ClientInterface {
   /// The live table: what is known at this moment, without waiting behind check-ins.
   std::shared_ptr<const ServiceTable> services() const KELVANE_NO_THREAD_SAFETY_ANALYSIS;
 
+  /// Runs a purgeable-space query on its queue and waits for it and for all queued before it. None when the info
+  /// was refused.
+  Value totalAvailable(const Value& info) override;
   /// Runs a purge on the purge queue and waits for it and for all queued before it. The callback, if any,
   /// gets everything that the operation delivers, single services' answers too and even after this has
   /// returned. Gives what was delivered last before it returned; none when the info was refused.
@@ -49,8 +52,9 @@ class Kelvane final : public ClientInterface {
   /// Purges every volume that is low on space, one after the other, by a fixed amount.
   void handleVFSStreamVEXEvent(const Value& event);
 
-  /// Tells the services that asked for this notification about a value, which may be absent. Returns at once.
-  void notifyRecipients(const std::string& name, const Value& value);
+  /// Tells the services that asked for this notification about a value, which may be absent. Waits its turn on the
+  /// collection queue, but for no service.
+  void notifyRecipients(const std::string& name, const Value& value) override;
   /// Waits, without limit, until the service has answered a ping; true.
   bool pingService(const KelvaneServiceProxy& proxy) override;
 
@@ -65,8 +69,6 @@ class Kelvane final : public ClientInterface {
   Kelvane();
 
   const std::string rootPath_ = "/";
-  const Value default_values_;
-  std::unique_ptr<PreferencesSuite> userDefaults_;
   std::unique_ptr<KelvaneListener> listener_;
 };
 

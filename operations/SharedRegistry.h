@@ -3,8 +3,12 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <variant>
 
 #include "platform/Queues.h"
+#include "platform/Value.h"
+#include "support/KelvaneRecentInfo.h"
 
 namespace kelvane {
 
@@ -21,6 +25,10 @@ struct WorkQueues {
   SerialQueue defaults_queue{"com.tessaly.kelvane_defaults"};
 };
 
+/// A value of the state store as the daemon itself deals with it: the record of recent answers is an object, and
+/// whatever is data there is the archive of one.
+using StateObject = std::variant<Value, std::shared_ptr<KelvaneRecentInfo>>;
+
 /// The part of the one registry that operations use; the registry derives from it.
 class SharedRegistry {
  public:
@@ -30,6 +38,13 @@ class SharedRegistry {
 
   /// The process's one registry. Start-up publishes it before anything can ask.
   static SharedRegistry& sharedKelvane();
+
+  /// A value of the state store. Data is decoded as an archive, whoever stored it: a null object when it is none.
+  /// Stops the process off the defaults queue.
+  virtual StateObject clientGetStateSync(const Value& key) = 0;
+  /// Stores a value, a record as its archive; an absent value removes the entry. What does not fit is logged and
+  /// not stored. Stops the process off the defaults queue.
+  virtual void clientSetStateSync(const StateObject& value, const std::string& key) = 0;
 
   const SerialQueue& purge_queue() const KELVANE_RETURN_CAPABILITY(queues_.purge_queue) { return queues_.purge_queue; }
   const SerialQueue& purgeable_queue() const KELVANE_RETURN_CAPABILITY(queues_.purgeable_queue) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "platform/Ipc.h"
@@ -10,7 +11,7 @@
 
 namespace kelvane {
 
-/// One function per operation of KelvaneClientProtocol that is available. Each is called on a thread that delivers
+/// One function per operation of KelvaneClientProtocol. Each is called on a thread that delivers
 /// requests and may block; requests of one connection come one at a time. While it runs, currentConnection() is the
 /// connection of the request.
 ///
@@ -24,12 +25,29 @@ class KelvaneExportedObject {
   using CheckinReply = std::function<void(const Value& dictionary, const Value& error)>;
   using Reply = std::function<void()>;
 
+  /// Why a state value was not stored, in words.
+  struct StateError {
+    enum class Cause : char {
+      TooMuch,     ///< a limit would be passed; the state is as it was
+      Unstorable,  ///< it is no value that can be stored; the state is as it was
+      NotWritten,  ///< the disk would not take it
+    };
+    Cause cause;
+    std::string text;
+  };
+  /// Without an error when the value is stored.
+  using SetReply = std::function<void(const std::optional<StateError>&)>;
+
   virtual ~KelvaneExportedObject() = default;
 
   virtual void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
                              CheckinReply reply) = 0;
+  virtual void clientPurgeableSpace(const Value& info, ValueReply replyBlock) = 0;
+  virtual void clientItemizedPurgeableSpace(const Value& info, ValueReply replyBlock) = 0;
   virtual void clientPurge(const Value& info, ValueReply replyBlock) = 0;
   virtual void clientCancelPurge(const Value& info, Reply replyBlock) = 0;
+  virtual void clientSetState(const Value& value, const std::string& key, SetReply replyBlock) = 0;
+  virtual void clientGetState(const Value& key, ValueReply replyBlock) = 0;
 };
 
 /// The connection of the request that the calling thread is delivering. Calling it elsewhere stops the process.

@@ -30,6 +30,19 @@ class DeliveryScope {
   const ipc::Connection* const outer_;
 };
 
+void answerSet(const ipc::Reply& reply, const std::optional<KelvaneExportedObject::StateError>& error) {
+  using Cause = KelvaneExportedObject::StateError::Cause;
+  if (!error) {
+    reply.send();
+  } else if (error->cause == Cause::TooMuch) {
+    reply.sendError("org.freedesktop.DBus.Error.LimitsExceeded", error->text);
+  } else if (error->cause == Cause::Unstorable) {
+    reply.sendError("org.freedesktop.DBus.Error.InvalidArgs", error->text);
+  } else {
+    reply.sendError("org.freedesktop.DBus.Error.IOError", error->text);
+  }
+}
+
 void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
   namespace protocol = KelvaneClientProtocol;
   const DeliveryScope scope(request.connection);
@@ -40,13 +53,21 @@ void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
   if (operation == &protocol::clientCheckin) {
     object.clientCheckin(*request.value(0).string(), request.endpoint(1), request.value(2),
                          [reply = request.reply](const Value& dictionary, const Value&) { reply.send(dictionary); });
+  } else if (operation == &protocol::clientPurgeableSpace) {
+    object.clientPurgeableSpace(request.value(0), replyValue);
+  } else if (operation == &protocol::clientItemizedPurgeableSpace) {
+    object.clientItemizedPurgeableSpace(request.value(0), replyValue);
   } else if (operation == &protocol::clientPurge) {
     object.clientPurge(request.value(0), replyValue);
   } else if (operation == &protocol::clientCancelPurge) {
     object.clientCancelPurge(request.value(0), replyDone);
-  } else {
-    request.reply.sendError("org.freedesktop.DBus.Error.NotSupported",
-                            std::string(operation->member) + " is not available yet");
+  } else if (operation == &protocol::clientSetState) {
+    object.clientSetState(request.value(0), *request.value(1).string(),
+                          [reply = request.reply](const std::optional<KelvaneExportedObject::StateError>& error) {
+                            answerSet(reply, error);
+                          });
+  } else if (operation == &protocol::clientGetState) {
+    object.clientGetState(request.value(0), replyValue);
   }
 }
 

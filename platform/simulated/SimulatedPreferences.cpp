@@ -3,6 +3,7 @@
 #include "platform/simulated/SimulatedPreferences.h"
 
 #include "platform/Preferences.h"
+#include "platform/Queues.h"
 #include "platform/common/FrozenValue.h"
 #include "platform/simulated/SimulatedCalls.h"
 
@@ -77,20 +78,24 @@ void PreferencesSuite::set(const std::string& key, Value value) {
   }
 }
 
-bool PreferencesSuite::synchronize() {
-  simulated::Scheduler& scheduler = simulated::scheduler();
-  simulated::Preferences& preferences = simulated::world().preferences;
-  scheduler.yield();
-  const bool written = !preferences.failing();
-  if (written) {
-    state_->store->disk.clear();
-    for (const auto& [key, value] : state_->store->memory) {
-      state_->store->disk[key] = frozen(value);
+void PreferencesSuite::whenDurable(OutcomeHandler handler) {
+  globalQueue::async([store = state_->store, handler = std::move(handler)] {
+    simulated::Preferences& preferences = simulated::world().preferences;
+    const bool written = !preferences.failing();
+    if (written) {
+      store->disk.clear();
+      for (const auto& [key, value] : store->memory) {
+        store->disk[key] = frozen(value);
+      }
+      preferences.countWrite();
     }
-    preferences.countSynchronization();
-  }
-  scheduler.yield();
-  return written;
+    simulated::scheduler().yield();
+    handler(written ? std::nullopt : Outcome("Input/output error"));
+  });
+}
+
+PreferencesSuite::Outcome PreferencesSuite::makeRoom(std::size_t bytes) {
+  return bytes <= simulated::world().preferences.room() ? std::nullopt : Outcome("No space left on device");
 }
 
 }  // namespace kelvane

@@ -2,6 +2,8 @@
 // The preferences suites as a test scripts them.
 #pragma once
 
+#include <cstddef>
+#include <limits>
 #include <map>
 #include <memory>
 #include <string>
@@ -22,21 +24,24 @@ class Preferences {
   /// False makes every later opening give none.
   void setOpenable(bool openable) { openable_ = openable; }
   bool openable() const { return openable_; }
-  /// Makes every synchronize() fail until it is called with false.
+  /// Makes every write fail until it is called with false.
   void setFailing(bool failing) { failing_ = failing; }
   bool failing() const { return failing_; }
+  /// What the disk has room for, in bytes of one suite's contents.
+  void setRoom(std::size_t bytes) { room_ = bytes; }
+  std::size_t room() const { return room_; }
 
   /// Puts a value in memory and on disk, as if an earlier process had.
   void set(const std::string& suite, const std::string& key, const Value& value);
   /// The values that readers see, and those that a crash would leave.
   Value contents(const std::string& suite) const;
   Value onDisk(const std::string& suite) const;
-  /// How often a suite was opened, and how often one was synchronized with success.
+  /// How often a suite was opened, and how often one was written with success.
   int openings() const { return openings_; }
-  int synchronizations() const { return synchronizations_; }
+  int writes() const { return writes_; }
 
   std::shared_ptr<Store> open(const std::string& suite);
-  void countSynchronization() { ++synchronizations_; }
+  void countWrite() { ++writes_; }
   void loseMemory();
 
  private:
@@ -44,8 +49,9 @@ class Preferences {
 
   bool openable_ = true;
   bool failing_ = false;
+  std::size_t room_ = std::numeric_limits<std::size_t>::max();
   int openings_ = 0;
-  int synchronizations_ = 0;
+  int writes_ = 0;
   std::map<std::string, std::shared_ptr<Store>> stores_;
 };
 

@@ -42,7 +42,7 @@
 // Objects destroyed after run() may call the platform; what they submit is dropped.
 //
 // Another run() on the same Simulation is a restart after a crash: files, volumes, log, statistics, time and
-// what preferences have on disk are as they were; connections, names, registrations and unsynchronized
+// what preferences have on disk are as they were; connections, names, registrations and unwritten
 // preferences are gone.
 //
 // Processes. All services and clients live in the one process. ActingAs says as whom a thread connects;

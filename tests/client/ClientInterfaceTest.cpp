@@ -29,7 +29,7 @@ class RequestScope {
   RequestScope& operator=(const RequestScope&) = delete;
 };
 
-/// Purges and pings are the test's; the rest is as it is in the daemon.
+/// Queries, purges, notifications and pings are the test's; the rest is as it is in the daemon.
 class PlainInterface : public ClientInterface {
  public:
   PlainInterface() { setSharedKelvane(this); }
@@ -41,6 +41,12 @@ class PlainInterface : public ClientInterface {
     hadCallback = static_cast<bool>(callback);
     return "purged";
   }
+  Value totalAvailable(const Value& info) override {
+    queriedInRequest = isInRequest();
+    queryInfos.push_back(info);
+    return "available";
+  }
+  void notifyRecipients(const std::string&, const Value&) override {}
   bool pingService(const KelvaneServiceProxy&) override {
     pingedOnCollectionQueue = collection_queue().isCurrent();
     return true;
@@ -51,6 +57,8 @@ class PlainInterface : public ClientInterface {
   }
   void describe(const std::string& identifier) KELVANE_NO_THREAD_SAFETY_ANALYSIS { daemons_.insert(identifier); }
 
+  bool queriedInRequest = false;
+  std::vector<Value> queryInfos;
   bool purgedInRequest = false;
   std::vector<Value> purgeInfos;
   bool hadCallback = false;
@@ -71,12 +79,17 @@ class WatchingObject : public KelvaneExportedObject {
       reply(dictionary, error);
     });
   }
+  void clientPurgeableSpace(const Value& info, ValueReply replyBlock) override {
+    const RequestScope scope;
+    interface_.clientPurgeableSpace(info, watched(replyBlock));
+  }
+  void clientItemizedPurgeableSpace(const Value& info, ValueReply replyBlock) override {
+    const RequestScope scope;
+    interface_.clientItemizedPurgeableSpace(info, watched(replyBlock));
+  }
   void clientPurge(const Value& info, ValueReply replyBlock) override {
     const RequestScope scope;
-    interface_.clientPurge(info, [this, replyBlock](const Value& value) {
-      answer();
-      replyBlock(value);
-    });
+    interface_.clientPurge(info, watched(replyBlock));
   }
   void clientCancelPurge(const Value& info, Reply replyBlock) override {
     const RequestScope scope;
@@ -86,13 +99,33 @@ class WatchingObject : public KelvaneExportedObject {
     });
   }
 
+  void clientSetState(const Value& value, const std::string& key, SetReply replyBlock) override {
+    const RequestScope scope;
+    interface_.clientSetState(value, key, [this, replyBlock](const std::optional<StateError>& error) {
+      answer();
+      replyBlock(error);
+    });
+  }
+  void clientGetState(const Value& key, ValueReply replyBlock) override {
+    const RequestScope scope;
+    interface_.clientGetState(key, watched(replyBlock));
+  }
+
   bool answeredInRequest = false;
   bool answeredOnCollectionQueue = false;
+  bool answeredOnDefaultsQueue = false;
 
  private:
+  ValueReply watched(const ValueReply& replyBlock) {
+    return [this, replyBlock](const Value& value) {
+      answer();
+      replyBlock(value);
+    };
+  }
   void answer() {
     answeredInRequest = isInRequest();
     answeredOnCollectionQueue = interface_.collection_queue().isCurrent();
+    answeredOnDefaultsQueue = interface_.defaults_queue().isCurrent();
   }
 
   PlainInterface& interface_;
@@ -150,6 +183,48 @@ TEST_F(TheClientInterface, AnswersARefusedPurgeFromAnotherThreadToo) {
     const auto answer = send(clientOf("partial"), KelvaneClientProtocol::clientPurge, {someInfo});
     EXPECT_TRUE(answer->value.isAbsent());
     EXPECT_TRUE(interface->purgeInfos.empty());
+    EXPECT_FALSE(object->answeredInRequest);
+  });
+}
+
+TEST_F(TheClientInterface, QueriesOnTheRequestsThreadWithTheInfoAsItCame) {
+  serve([&] {
+    for (const ipc::Operation* operation :
+         {&KelvaneClientProtocol::clientPurgeableSpace, &KelvaneClientProtocol::clientItemizedPurgeableSpace}) {
+      interface->queryInfos.clear();
+      EXPECT_EQ(send(clientOf("client"), *operation, {someInfo})->value, Value("available"));
+      EXPECT_EQ(interface->queryInfos, std::vector<Value>{someInfo});
+      EXPECT_TRUE(interface->queriedInRequest);
+      EXPECT_FALSE(object->answeredInRequest);
+    }
+  });
+}
+
+TEST_F(TheClientInterface, AnswersARefusedQueryFromAnotherThreadToo) {
+  serve([&] {
+    for (const ipc::Operation* operation :
+         {&KelvaneClientProtocol::clientPurgeableSpace, &KelvaneClientProtocol::clientItemizedPurgeableSpace}) {
+      EXPECT_TRUE(send(clientOf("partial"), *operation, {someInfo})->value.isAbsent());
+      EXPECT_TRUE(interface->queryInfos.empty());
+      EXPECT_FALSE(object->answeredInRequest);
+    }
+  });
+}
+
+TEST_F(TheClientInterface, ReadsStateOnTheDefaultsQueueWithoutHoldingTheRequestsThread) {
+  serve([&] {
+    interface->defaults_queue().suspend();
+    bool returned = false;
+    globalQueue::async([&] {
+      interface->clientGetState("key", [](const Value&) {});
+      interface->clientSetState(1, "key", [](const std::optional<KelvaneExportedObject::StateError>&) {});
+      returned = true;
+    });
+    simulation->settle();
+    EXPECT_TRUE(returned);
+    interface->defaults_queue().resume();
+    send(clientOf("partial"), KelvaneClientProtocol::clientGetState, {Value("key")});
+    EXPECT_TRUE(object->answeredOnDefaultsQueue);
     EXPECT_FALSE(object->answeredInRequest);
   });
 }

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Purge and cancel as clients ask for them.
+// Query, purge and cancel as clients ask for them.
 #include <gtest/gtest.h>
 
 #include "protocols/KelvaneClientProtocol.h"
@@ -23,6 +23,38 @@ TEST_F(AClient, GetsThePurgesResult) {
     const Value result = clientOf("client").purge(purgeInfo(100));
     EXPECT_EQ(result[keys::amount], Value(std::uint64_t{100}));
     EXPECT_EQ(result[keys::freespaceEnd], Value(std::uint64_t{1100}));
+  });
+}
+
+TEST_F(AClient, GetsTheQuerysResultPlainOrItemized) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    service.onPurgeable = ScriptedService::gives(100);
+    checkIn(TestClient(), service);
+    const Value info = Value::Dictionary{{keys::volume, volume}};
+    const Value result = Value::Dictionary{{"a", 100}, {"KELVANE_TOTAL_AVAILABLE", 100}, {"KELVANE_VOLUME", volume}};
+    EXPECT_EQ(clientOf("client").purgeableSpace(info), result);
+    EXPECT_EQ(clientOf("client").itemizedPurgeableSpace(info), result);
+  });
+}
+
+TEST_F(AClient, NeedsForEachKindOfQueryItsOwnEntitlement) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    service.onPurgeable = ScriptedService::gives(100);
+    checkIn(TestClient(), service);
+    const Value info = Value::Dictionary{{keys::volume, volume}};
+    const TestClient itemizing = clientOf("itemizing");
+    EXPECT_TRUE(itemizing.purgeableSpace(info).isAbsent());
+    EXPECT_EQ(service.count("servicePurgeable 3"), 0u);
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[Kelvane clientPurgeableSpace:replyBlock:] Connection is not entitled!"});
+    EXPECT_EQ(itemizing.itemizedPurgeableSpace(info), clientOf("client").purgeableSpace(info));
+
+    log().clear();
+    EXPECT_TRUE(clientOf("partial").itemizedPurgeableSpace(info).isAbsent());
+    EXPECT_EQ(log().texts(3), std::vector<std::string>{
+                                  "-[Kelvane clientItemizedPurgeableSpace:replyBlock:] Connection is not entitled!"});
   });
 }
 
@@ -52,6 +84,8 @@ TEST_F(AClient, WhoseInfoIsRefusedGetsNoneAndNotTheError) {
   runDaemon([&] {
     EXPECT_TRUE(TestClient().purge(Value::Dictionary{{keys::amount, 100}}).isAbsent());
     EXPECT_TRUE(TestClient().purge(Value::Dictionary{{keys::volume, "/nowhere"}}).isAbsent());
+    EXPECT_TRUE(TestClient().purgeableSpace(Value::Dictionary{}).isAbsent());
+    EXPECT_TRUE(TestClient().itemizedPurgeableSpace(Value::Dictionary{{keys::volume, "/nowhere"}}).isAbsent());
     EXPECT_TRUE(log().contains("No Volume key in info"));
     EXPECT_TRUE(log().contains("Unable to validate volume: /nowhere"));
   });

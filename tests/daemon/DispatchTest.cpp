@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Dispatch: purges one after the other, what their callers get, periodic work.
+// Dispatch: purges and queries one after the other, what their callers get, periodic work.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -18,6 +18,7 @@ class Dispatch : public DaemonTest {
     more[keys::urgency] = 1;
     return more;
   }
+  static Value queryInfo() { return Value::Dictionary{{keys::volume, volume}}; }
 };
 
 TEST_F(Dispatch, RunsAPurgeWithoutATokenAndMakesNoneUp) {
@@ -166,6 +167,68 @@ TEST_F(Dispatch, HandsAPurgeASnapshotOfTheServices) {
     purge.wait();
     // It checked in during the first pass; the second pass does not know of it.
     EXPECT_EQ(second.calls(), std::vector<std::string>{"servicePing"});
+  });
+}
+
+TEST_F(Dispatch, RunsQueriesOneAfterTheOtherOnTheirQueue) {
+  runDaemon([&] {
+    ScriptedService silent("silent");
+    silent.onPurgeable = ScriptedService::silence();
+    checkIn(TestClient(), silent);
+    const std::uint64_t start = clock::ticks();
+    std::vector<double> ends;
+    const Group group;
+    kelvane->purgeable_queue().suspend();
+    for (int i = 0; i < 2; ++i) {
+      group.asyncGlobal([&] {
+        EXPECT_TRUE(kelvane->totalAvailable(queryInfo()).isDictionary());
+        ends.push_back(secondsSince(start));
+      });
+    }
+    simulation->settle();
+    EXPECT_FALSE(log().contains("KelvanePurgeableOperation"));
+    kelvane->purgeable_queue().resume();
+    group.wait();
+    EXPECT_EQ(ends, (std::vector<double>{0.15, 0.3}));
+  });
+}
+
+TEST_F(Dispatch, LetsAQueryRunBesideAPurge) {
+  runDaemon([&] {
+    const Group purge;
+    purge.asyncGlobal([&] { kelvane->purge(purgeInfo(100, {{keys::purgeTimeout, 300}}), nullptr); });
+    simulation->settle();
+    const std::uint64_t start = clock::ticks();
+    EXPECT_TRUE(kelvane->totalAvailable(queryInfo()).isDictionary());
+    EXPECT_EQ(secondsSince(start), 0.0);
+    purge.wait();
+    EXPECT_EQ(secondsSince(start), 300.0);
+  });
+}
+
+TEST_F(Dispatch, HandsAQueryTheServicesOfTheMomentItRuns) {
+  runDaemon([&] {
+    kelvane->purgeable_queue().suspend();
+    Value result;
+    const Group query;
+    query.asyncGlobal([&] { result = kelvane->totalAvailable(queryInfo()); });
+    simulation->settle();
+    ScriptedService service("a");
+    service.onPurgeable = ScriptedService::gives(7);
+    checkIn(TestClient(), service);
+    kelvane->purgeable_queue().resume();
+    query.wait();
+    EXPECT_EQ(result["a"], Value(7));
+  });
+}
+
+TEST_F(Dispatch, GivesAQueryNoResultAndDoesNotBlockWhenTheInfoIsRefused) {
+  runDaemon([&] {
+    const std::uint64_t start = clock::ticks();
+    EXPECT_TRUE(kelvane->totalAvailable("no dictionary").isAbsent());
+    EXPECT_TRUE(kelvane->totalAvailable(Value::Dictionary{}).isAbsent());
+    EXPECT_TRUE(kelvane->totalAvailable(Value::Dictionary{{keys::volume, "/nowhere"}}).isAbsent());
+    EXPECT_EQ(clock::ticks(), start);
   });
 }
 

@@ -90,6 +90,48 @@ TEST_F(ALowDiskEvent, WithNeitherFlagPurgesAllTheSameAndCountsWithoutAName) {
   });
 }
 
+TEST_F(ALowDiskEvent, WithFlagsThatAreNoNumberHasNone) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    for (const Value& event : {eventWith(0), Value(Value::Dictionary{{"_Flags", "4"}}), Value("4"), Value()}) {
+      kelvane->handleVFSStreamVEXEvent(event);
+    }
+    EXPECT_EQ(counter(""), 4);
+    EXPECT_FALSE(log().contains("caught"));
+  });
+}
+
+TEST_F(ALowDiskEvent, HasSixtyFourFlagsOfWhichTwoCount) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    kelvane->handleVFSStreamVEXEvent(eventWith(~std::uint64_t{0x204}));
+    EXPECT_EQ(counter(""), 1);
+    kelvane->handleVFSStreamVEXEvent(eventWith(~std::uint64_t{0x4}));
+    EXPECT_EQ(counter("KL_VERYLOWDISK_EVENT"), 1);
+    kelvane->handleVFSStreamVEXEvent(eventWith(~std::uint64_t{0}));
+    EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 1);
+  });
+}
+
+TEST_F(ALowDiskEvent, IsDoneWithAVolumeBeforeItTurnsToTheNext) {
+  runDaemon([&] {
+    simulation->volumes().setAvailable(volume, 30);
+    simulation->volumes().setLow(volume, true);
+    simulation->volumes().add("/more", 20);
+    simulation->volumes().setLow("/more", true);
+    ScriptedService service("a");
+    service.onPurge = ScriptedService::gives(0);
+    checkIn(TestClient(), service);
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x4));
+    std::vector<std::string> asked;
+    for (const Value& info : service.infos()) {
+      asked.push_back(*info[keys::volume].string());
+    }
+    // The emptiest first, and each at every urgency up to the usual limit.
+    EXPECT_EQ(asked, (std::vector<std::string>{"/more", "/more", "/more", volume, volume, volume}));
+  });
+}
+
 TEST_F(ALowDiskEvent, PurgesThreeLowVolumesOneAfterTheOther) {
   runDaemon([&] {
     simulation->volumes().setLow(volume, true);

@@ -2,7 +2,6 @@
 // The registry: what it is made of and the snapshots of its table.
 #include <gtest/gtest.h>
 
-#include "protocols/KelvaneClientProtocol.h"
 #include "tests/harness/DaemonTest.h"
 
 namespace kelvane::test {
@@ -86,15 +85,6 @@ TEST_F(TheRegistry, GivesSnapshotsThatLaterCheckInsDoNotChange) {
     changeable = kelvane->mutableServices();
     changeable.clear();
     EXPECT_EQ(kelvane->copyServices()->size(), 1u);
-  });
-}
-
-TEST_F(TheRegistry, AnswersOperationsThatAreNotAvailableWithNone) {
-  runDaemon([&] {
-    const auto answer = TestClient().send(KelvaneClientProtocol::clientGetState, {Value("key")});
-    simulation->settle();
-    EXPECT_TRUE(answer->arrived);
-    EXPECT_TRUE(answer->value.isAbsent());
   });
 }
 

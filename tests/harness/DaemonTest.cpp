@@ -31,7 +31,8 @@ void writeEntitlements(Simulation& simulation) {
       plist("<array>" +
             rule("root", {entitlements::client, service, purgeable, itemizedPurgeable, entitlements::purge}) +
             rule("client", {entitlements::client, purgeable, itemizedPurgeable, entitlements::purge}) +
-            rule("partial", {entitlements::client}) + "</array>"));
+            rule("itemizing", {entitlements::client, itemizedPurgeable}) + rule("partial", {entitlements::client}) +
+            "</array>"));
 }
 
 TestClient::TestClient() : connection_(ipc::Connection::toService(names::daemon)) {
@@ -54,16 +55,45 @@ std::shared_ptr<Answer> TestClient::checkIn(const std::string& identifier, const
   return send(KelvaneClientProtocol::clientCheckin, {Value(identifier), endpoint, info});
 }
 
-Value TestClient::purge(const Value& info) const {
+std::variant<Value, ipc::CallError> TestClient::outcome(const ipc::Operation& operation,
+                                                        ipc::Arguments arguments) const {
   const Semaphore arrived(0);
-  Value result;
+  std::variant<Value, ipc::CallError> result = ipc::CallError{"the connection failed"};
   connection_.remoteProxy([arrived](const std::optional<ipc::CallError>&) { arrived.signal(); })
-      .call(KelvaneClientProtocol::clientPurge, {info}, [&, arrived](const Value& value) {
-        result = value;
-        arrived.signal();
-      });
+      .callForOutcome(operation, std::move(arguments),
+                      [&, arrived](const std::variant<Value, ipc::CallError>& outcome) {
+                        result = outcome;
+                        arrived.signal();
+                      });
   arrived.wait();
   return result;
+}
+
+Value TestClient::answer(const ipc::Operation& operation, ipc::Arguments arguments) const {
+  const auto result = outcome(operation, std::move(arguments));
+  return std::holds_alternative<Value>(result) ? std::get<Value>(result) : Value();
+}
+
+Value TestClient::purge(const Value& info) const {
+  return answer(KelvaneClientProtocol::clientPurge, {info});
+}
+
+Value TestClient::purgeableSpace(const Value& info) const {
+  return answer(KelvaneClientProtocol::clientPurgeableSpace, {info});
+}
+
+Value TestClient::itemizedPurgeableSpace(const Value& info) const {
+  return answer(KelvaneClientProtocol::clientItemizedPurgeableSpace, {info});
+}
+
+std::optional<std::string> TestClient::setState(const std::string& key, const Value& value) const {
+  const auto result = outcome(KelvaneClientProtocol::clientSetState, {value, Value(key)});
+  const auto* error = std::get_if<ipc::CallError>(&result);
+  return error != nullptr ? std::optional(error->text) : std::nullopt;
+}
+
+Value TestClient::state(const std::string& key) const {
+  return answer(KelvaneClientProtocol::clientGetState, {Value(key)});
 }
 
 void DaemonTest::runDaemon(const std::function<void()>& body, std::uint64_t seed) {

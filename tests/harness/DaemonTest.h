@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "daemon/Kelvane.h"
@@ -31,15 +33,25 @@ class TestClient {
                                   const Value& info) const;
   /// Sends and waits for the answer.
   Value purge(const Value& info) const;
+  Value purgeableSpace(const Value& info) const;
+  Value itemizedPurgeableSpace(const Value& info) const;
+  /// Sets or removes a state value and waits for the answer: none, or the error's text.
+  std::optional<std::string> setState(const std::string& key, const Value& value) const;
+  Value state(const std::string& key) const;
 
   const ipc::Connection& connection() const { return connection_; }
 
  private:
+  /// Sends and waits for the answer.
+  std::variant<Value, ipc::CallError> outcome(const ipc::Operation& operation, ipc::Arguments arguments) const;
+  /// Absent when there was an error.
+  Value answer(const ipc::Operation& operation, ipc::Arguments arguments) const;
+
   ipc::Connection connection_;
 };
 
 /// A simulated machine on which the registry runs. The user "root" holds every entitlement, "client" those of
-/// clients, "nobody" none, and "partial" only the right to connect.
+/// clients, "nobody" none, "partial" only the right to connect, and "itemizing" that and to ask for itemized space.
 class DaemonTest : public OperationTest {
  protected:
   /// Prepares the machine, makes the registry and runs body with it.
@@ -50,6 +62,9 @@ class DaemonTest : public OperationTest {
 
   /// Connects as another user than root.
   TestClient clientOf(const std::string& user);
+
+  /// Runs the body on the registry's defaults queue.
+  void onDefaultsQueue(const std::function<void()>& body) const { kelvane->defaults_queue().sync(body); }
 
   /// Checks a service in and returns when it is known.
   void checkIn(const TestClient& client, const ScriptedService& service, Value::Dictionary info = {{"PURGE", true}});

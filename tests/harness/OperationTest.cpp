@@ -9,6 +9,33 @@
 
 namespace kelvane::test {
 
+namespace {
+
+/// A record that changes without the original.
+StateObject copied(const StateObject& object) {
+  const auto* record = std::get_if<std::shared_ptr<KelvaneRecentInfo>>(&object);
+  return record != nullptr && *record ? std::make_shared<KelvaneRecentInfo>(**record) : object;
+}
+
+}  // namespace
+
+StateObject PlainRegistry::clientGetStateSync(const Value& key) {
+  defaults_queue().assertCurrent();
+  const auto found = state.find(*key.string());
+  return found != state.end() ? copied(found->second) : StateObject();
+}
+
+void PlainRegistry::clientSetStateSync(const StateObject& value, const std::string& key) {
+  defaults_queue().assertCurrent();
+  if (value == StateObject(Value())) {
+    state.erase(key);
+    changes.push_back("-" + key);
+  } else {
+    state[key] = copied(value);
+    changes.push_back(key);
+  }
+}
+
 void logEverything(Simulation& simulation) {
   simulation.files().write("/etc/kelvane/log.plist",
                            "<plist><dict><key>Threshold</key><integer>5</integer></dict></plist>");
@@ -28,7 +55,8 @@ void OperationTest::run(const std::function<void()>& body, std::uint64_t seed) {
   simulation->run([&] {
     logEverything(*simulation);
     readTimebase();
-    const QueuesOnlyRegistry registry;
+    PlainRegistry plain;
+    registry = &plain;
     body();
     simulation->settle();
   });

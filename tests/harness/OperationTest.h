@@ -6,7 +6,10 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "operations/SharedRegistry.h"
 #include "platform/simulated/Simulation.h"
@@ -15,11 +18,19 @@
 
 namespace kelvane::test {
 
-/// A registry with nothing but its queues.
-class QueuesOnlyRegistry : public SharedRegistry {
+/// A registry with nothing but its queues, and a state store in memory.
+class PlainRegistry : public SharedRegistry {
  public:
-  QueuesOnlyRegistry() { setSharedKelvane(this); }
-  ~QueuesOnlyRegistry() override { setSharedKelvane(nullptr); }
+  PlainRegistry() { setSharedKelvane(this); }
+  ~PlainRegistry() override { setSharedKelvane(nullptr); }
+
+  StateObject clientGetStateSync(const Value& key) override;
+  void clientSetStateSync(const StateObject& value, const std::string& key) override;
+
+  /// What is stored. A record there is nobody else's.
+  std::map<std::string, StateObject> state;
+  /// The keys that were set, in order; those that were removed with a '-' before them.
+  std::vector<std::string> changes;
 };
 
 /// Sets up the log so that tracing is written too.
@@ -28,7 +39,7 @@ void logEverything(Simulation& simulation);
 /// The tick clock's factor as start-up sets it.
 void readTimebase();
 
-/// A simulated machine with one volume of 1,000 available bytes, and a registry of queues.
+/// A simulated machine with one volume of 1,000 available bytes, and a plain registry.
 class OperationTest : public testing::Test {
  protected:
   static constexpr char volume[] = "/data";
@@ -46,6 +57,7 @@ class OperationTest : public testing::Test {
   double secondsSince(std::uint64_t startTicks) const;
 
   std::unique_ptr<Simulation> simulation;
+  PlainRegistry* registry = nullptr;
 };
 
 }  // namespace kelvane::test

@@ -191,6 +191,18 @@ TEST(AnUnreadableDirectory, IsListedWithoutWhatIsInIt) {
   EXPECT_EQ(files::entriesBeneath("/library"), (Texts{"closed"}));
 }
 
+/// Has the suite written, and waits for it.
+PreferencesSuite::Outcome written(PreferencesSuite& suite) {
+  const Semaphore done(0);
+  PreferencesSuite::Outcome result;
+  suite.whenDurable([&](const PreferencesSuite::Outcome& outcome) {
+    result = outcome;
+    done.signal();
+  });
+  done.wait();
+  return result;
+}
+
 TEST(ASuite, ShowsWhatWasSetAtOnceAndOnDiskOnceSynchronized) {
   Simulation simulation;
   simulation.run([&] {
@@ -199,21 +211,21 @@ TEST(ASuite, ShowsWhatWasSetAtOnceAndOnDiskOnceSynchronized) {
     suite->set("state", Value(1));
     EXPECT_EQ((*suite)["state"], Value(1));
     EXPECT_TRUE(simulation.preferences().onDisk("com.tessaly.kelvane")["state"].isAbsent());
-    EXPECT_TRUE(suite->synchronize());
+    EXPECT_EQ(written(*suite), std::nullopt);
     EXPECT_EQ(simulation.preferences().onDisk("com.tessaly.kelvane")["state"], Value(1));
     suite->set("state", Value());
     EXPECT_TRUE((*suite)["state"].isAbsent());
-    EXPECT_EQ(simulation.preferences().synchronizations(), 1);
+    EXPECT_EQ(simulation.preferences().writes(), 1);
   });
 }
 
-TEST(ASuite, KeepsOnDiskWhatASharedDictionaryHeldWhenSynchronized) {
+TEST(ASuite, KeepsOnDiskWhatASharedDictionaryHeldWhenItWasWritten) {
   Simulation simulation;
   simulation.run([&] {
     const auto suite = PreferencesSuite::open("suite");
     MutableDictionary dictionary;
     suite->set("live", Value::Array{dictionary});
-    EXPECT_TRUE(suite->synchronize());
+    EXPECT_EQ(written(*suite), std::nullopt);
     dictionary.set("later", Value(1));
     EXPECT_TRUE((*simulation.preferences().onDisk("suite")["live"].array())[0]["later"].isAbsent());
   });
@@ -225,11 +237,22 @@ TEST(ASuite, ThatCannotBeWrittenStaysInMemory) {
     const auto suite = PreferencesSuite::open("suite");
     suite->set("key", Value("value"));
     simulation.preferences().setFailing(true);
-    EXPECT_FALSE(suite->synchronize());
+    EXPECT_EQ(written(*suite), "Input/output error");
     EXPECT_EQ((*suite)["key"], Value("value"));
     simulation.preferences().setFailing(false);
-    EXPECT_TRUE(suite->synchronize());
+    EXPECT_EQ(written(*suite), std::nullopt);
     EXPECT_EQ(simulation.preferences().onDisk("suite")["key"], Value("value"));
+  });
+}
+
+TEST(ASuite, HasTheRoomThatATestSays) {
+  Simulation simulation;
+  simulation.run([&] {
+    const auto suite = PreferencesSuite::open("suite");
+    EXPECT_EQ(suite->makeRoom(1'000'000'000), std::nullopt);
+    simulation.preferences().setRoom(100);
+    EXPECT_EQ(suite->makeRoom(100), std::nullopt);
+    EXPECT_EQ(suite->makeRoom(101), "No space left on device");
   });
 }
 
@@ -249,7 +272,7 @@ TEST(ASuite, BeginsAfterARestartWithWhatWasOnDisk) {
     const auto suite = PreferencesSuite::open("suite");
     EXPECT_EQ((*suite)["earlier"], Value(0));
     suite->set("kept", Value(1));
-    EXPECT_TRUE(suite->synchronize());
+    EXPECT_EQ(written(*suite), std::nullopt);
     suite->set("lost", Value(2));
     EXPECT_EQ(simulation.preferences().contents("suite")["lost"], Value(2));
   });

@@ -6,8 +6,8 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "protocols/KelvaneClientProtocol.h"
@@ -29,6 +29,22 @@ class RememberingObject : public KelvaneExportedObject {
     endpointGiven = endpoint.state() != nullptr;
     reply(Value::Dictionary{{"answer", identifier}}, {});
   }
+  void clientPurgeableSpace(const Value& info, ValueReply replyBlock) override {
+    remember("query", info);
+    replyBlock("plain");
+  }
+  void clientItemizedPurgeableSpace(const Value& info, ValueReply replyBlock) override {
+    remember("itemized query", info);
+    replyBlock("itemized");
+  }
+  void clientSetState(const Value& value, const std::string& key, SetReply replyBlock) override {
+    remember("set " + key, value);
+    replyBlock(setError);
+  }
+  void clientGetState(const Value& key, ValueReply replyBlock) override {
+    remember("get", key);
+    replyBlock({});
+  }
   void clientPurge(const Value& info, ValueReply replyBlock) override {
     remember("purge", info);
     onPurge();
@@ -40,6 +56,7 @@ class RememberingObject : public KelvaneExportedObject {
   }
 
   std::function<void()> onPurge = [] {};
+  std::optional<StateError> setError;
   std::vector<std::string> calls;
   std::vector<Value> infos;
   std::vector<std::string> callers;
@@ -129,9 +146,19 @@ TEST_F(TheListener, BringsEachRequestToItsFunctionAndTheAnswerBack) {
     const auto checkin = client.checkIn("a", service.endpoint(), info);
     const auto purge = client.send(protocol::clientPurge, {info});
     const auto cancel = client.send(protocol::clientCancelPurge, {Value(Value::Dictionary{})});
+    const auto query = client.send(protocol::clientPurgeableSpace, {info});
+    const auto itemized = client.send(protocol::clientItemizedPurgeableSpace, {info});
+    const auto set = client.send(protocol::clientSetState, {Value(7), Value("key")});
+    const auto get = client.send(protocol::clientGetState, {Value("key")});
     simulation->settle();
-    EXPECT_EQ(object.calls, (std::vector<std::string>{"checkin a", "purge", "cancel"}));
-    EXPECT_EQ(object.infos, (std::vector<Value>{info, info, Value::Dictionary{}}));
+    EXPECT_EQ(object.calls,
+              (std::vector<std::string>{"checkin a", "purge", "cancel", "query", "itemized query", "set key", "get"}));
+    EXPECT_EQ(object.infos, (std::vector<Value>{info, info, Value::Dictionary{}, info, info, 7, "key"}));
+    EXPECT_EQ(query->value, Value("plain"));
+    EXPECT_EQ(itemized->value, Value("itemized"));
+    EXPECT_TRUE(set->arrived);
+    EXPECT_TRUE(get->arrived);
+    EXPECT_TRUE(get->value.isAbsent());
     EXPECT_TRUE(object.endpointGiven);
     EXPECT_EQ(checkin->value, Value(Value::Dictionary{{"answer", "a"}}));
     EXPECT_EQ(purge->value, Value(Value::Dictionary{{"purged", 5}}));
@@ -140,29 +167,17 @@ TEST_F(TheListener, BringsEachRequestToItsFunctionAndTheAnswerBack) {
   });
 }
 
-TEST_F(TheListener, SaysWhatIsNotAvailable) {
+TEST_F(TheListener, SaysWhyAStateValueWasNotStored) {
+  using Cause = KelvaneExportedObject::StateError::Cause;
   serve({}, [&] {
     const TestClient client;
-    const Value info = Value::Dictionary{};
-    const std::vector<std::pair<const ipc::Operation*, ipc::Arguments>> requests = {
-        {&protocol::clientPurgeableSpace, {info}},
-        {&protocol::clientItemizedPurgeableSpace, {info}},
-        {&protocol::clientSetState, {Value(1), Value("key")}},
-        {&protocol::clientGetState, {Value("key")}},
-    };
-    for (const auto& [operation, arguments] : requests) {
-      std::string error;
-      client.connection()
-          .remoteProxy([](const std::optional<ipc::CallError>&) { ADD_FAILURE() << "the connection stands"; })
-          .callForOutcome(*operation, arguments, [&](const std::variant<Value, ipc::CallError>& outcome) {
-            const auto* failure = std::get_if<ipc::CallError>(&outcome);
-            error = failure != nullptr ? failure->text : "answered";
-          });
-      simulation->settle();
-      EXPECT_EQ(error,
-                "org.freedesktop.DBus.Error.NotSupported: " + std::string(operation->member) + " is not available yet");
-    }
-    EXPECT_TRUE(object.calls.empty());
+    EXPECT_EQ(client.setState("key", 1), std::nullopt);
+    object.setError = {Cause::TooMuch, "too much"};
+    EXPECT_EQ(client.setState("key", 1), "org.freedesktop.DBus.Error.LimitsExceeded: too much");
+    object.setError = {Cause::Unstorable, "odd"};
+    EXPECT_EQ(client.setState("key", 1), "org.freedesktop.DBus.Error.InvalidArgs: odd");
+    object.setError = {Cause::NotWritten, "no disk"};
+    EXPECT_EQ(client.setState("key", 1), "org.freedesktop.DBus.Error.IOError: no disk");
   });
 }
 

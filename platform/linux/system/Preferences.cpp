@@ -43,7 +43,7 @@ std::unique_ptr<PreferencesSuite> PreferencesSuite::open(const std::string& name
   DelayedItem writer(writingDelay, [weak = std::weak_ptr(core)] {
     if (const auto suite = weak.lock()) {
       // A failure is logged, and what was set stays for the next time.
-      static_cast<void>(suite->synchronize());
+      suite->whenDurable([](const Outcome&) {});
     }
   });
   return std::make_unique<PreferencesSuite>(
@@ -65,8 +65,12 @@ void PreferencesSuite::set(const std::string& key, Value value) {
   state_->writer.request();
 }
 
-bool PreferencesSuite::synchronize() {
-  return state_->core->synchronize();
+void PreferencesSuite::whenDurable(OutcomeHandler handler) {
+  state_->core->whenDurable(std::move(handler));
+}
+
+PreferencesSuite::Outcome PreferencesSuite::makeRoom(std::size_t bytes) {
+  return state_->core->makeRoom(bytes);
 }
 
 }  // namespace kelvane

@@ -60,6 +60,22 @@ bool writeAll(int file, const std::uint8_t* bytes, std::size_t length, std::size
   return true;
 }
 
+/// Fills bytes from the start of the file; false when it is shorter or cannot be read.
+bool readAll(int file, Data& bytes) {
+  std::size_t length = 0;
+  while (length < bytes.size()) {
+    const ssize_t count = pread(file, bytes.data() + length, bytes.size() - length, static_cast<off_t>(length));
+    if (count < 0 && errno == EINTR) {
+      continue;
+    }
+    if (count <= 0) {
+      return false;
+    }
+    length += static_cast<std::size_t>(count);
+  }
+  return true;
+}
+
 }  // namespace
 
 Data encodeSlotRecord(std::uint64_t generation, std::span<const std::uint8_t> contents) {
@@ -106,25 +122,24 @@ std::optional<PreferencesSlot> PreferencesSlot::open(int directory, const char* 
   return slot;
 }
 
-std::optional<SlotRecord> PreferencesSlot::read() const {
-  struct stat status;
-  if (fstat(file_.get(), &status) != 0) {
+std::optional<SlotRecord> PreferencesSlot::read() {
+  Data record(headerBytes);
+  if (!readAll(file_.get(), record)) {
     return std::nullopt;
   }
-  const std::size_t longest = headerBytes + limits::propertyListBytes;
-  Data bytes(std::min(static_cast<std::size_t>(status.st_size), longest));
-  std::size_t length = 0;
-  while (length < bytes.size()) {
-    const ssize_t count = pread(file_.get(), bytes.data() + length, bytes.size() - length, static_cast<off_t>(length));
-    if (count < 0 && errno == EINTR) {
-      continue;
-    }
-    if (count <= 0) {
-      return std::nullopt;
-    }
-    length += static_cast<std::size_t>(count);
+  const std::uint64_t length = integerAt(record.data() + lengthOffset, 8);
+  if (length > limits::preferencesBytes) {
+    return std::nullopt;
   }
-  return decodeSlotRecord(bytes);
+  record.resize(headerBytes + static_cast<std::size_t>(length));
+  if (!readAll(file_.get(), record)) {
+    return std::nullopt;
+  }
+  std::optional<SlotRecord> decoded = decodeSlotRecord(record);
+  if (decoded) {
+    written_ = std::max(written_, record.size());
+  }
+  return decoded;
 }
 
 bool PreferencesSlot::write(std::span<const std::uint8_t> record) {
@@ -132,15 +147,16 @@ bool PreferencesSlot::write(std::span<const std::uint8_t> record) {
     return false;
   }
   written_ = std::max(written_, record.size());
-  // Room for the next writes is taken while there still may be some; going without is no failure yet.
-  static_cast<void>(reserve(std::max(initialCapacity, 2 * record.size())));
   return true;
 }
 
-bool PreferencesSlot::reserve(std::size_t capacity) {
+std::size_t PreferencesSlot::room() const {
+  return std::max(written_, headerBytes) - headerBytes;
+}
+
+bool PreferencesSlot::reserve(std::size_t contentBytes) {
   constexpr std::size_t step = 4096;
-  const std::size_t rounded = (std::min(capacity, headerBytes + limits::propertyListBytes) + step - 1) / step * step;
-  return written_ >= rounded || fill(written_, rounded);
+  return room() >= contentBytes || fill(written_, (headerBytes + contentBytes + step - 1) / step * step);
 }
 
 bool PreferencesSlot::fill(std::size_t from, std::size_t to) {

@@ -28,20 +28,20 @@ struct SlotRecord {
 /// that a write neither allocates nor can fail for want of space. Not safe for concurrent use.
 class PreferencesSlot {
  public:
-  /// Room that a new slot has, and the least that a later one is brought to, in bytes.
-  static constexpr std::size_t initialCapacity = 128 * 1024;
-
   PreferencesSlot() = default;
   /// Opens the file, making an empty one when it is missing; none, with errno set, when that fails.
   [[nodiscard]] static std::optional<PreferencesSlot> open(int directory, const char* name);
 
   /// None when the file holds no whole record, or cannot be read.
-  [[nodiscard]] std::optional<SlotRecord> read() const;
-  /// Writes an encoded record over what the slot held and tries for twice its room. Not yet durable. False
-  /// when not all of the record could be written; the slot then holds anything.
+  [[nodiscard]] std::optional<SlotRecord> read();
+  /// Writes an encoded record over what the slot held. Not yet durable. False when not all of the record could be
+  /// written; the slot then holds anything.
   [[nodiscard]] bool write(std::span<const std::uint8_t> record);
-  /// Brings the slot to this capacity, in written blocks; false when there is not the space for it.
-  [[nodiscard]] bool reserve(std::size_t capacity);
+  /// Gives the slot room for contents of so many bytes, in written blocks; false when there is not the space for
+  /// it. The record in it stays as it is.
+  [[nodiscard]] bool reserve(std::size_t contentBytes);
+  /// How many bytes of contents there is room for.
+  std::size_t room() const;
 
   int descriptor() const { return file_.get(); }
 
@@ -49,7 +49,7 @@ class PreferencesSlot {
   [[nodiscard]] bool fill(std::size_t from, std::size_t to);
 
   FileDescriptor file_;
-  /// Up to here the file's blocks have been written.
+  /// Up to here the file's blocks have been written, or hold the record that was read.
   std::size_t written_ = 0;
 };
 

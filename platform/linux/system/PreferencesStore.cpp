@@ -6,6 +6,7 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -17,12 +18,15 @@
 #include "platform/Limits.h"
 #include "platform/PropertyList.h"
 #include "platform/Reporting.h"
+#include "platform/common/PropertyListReaders.h"
 
 namespace kelvane {
 
 namespace {
 
 constexpr std::array<const char*, 2> slotNames = {"slot-a", "slot-b"};
+constexpr propertyList::Bounds bounds = {limits::preferencesBytes, limits::preferencesEntries,
+                                         limits::preferencesBytes};
 
 void report(const std::string& text) {
   reporting::writeLog(3, "Kelvane", "PreferencesStore::open", text);
@@ -53,14 +57,14 @@ struct Newest {
   Value::Dictionary contents;
 };
 
-std::optional<Newest> newestRecord(const std::array<PreferencesSlot, 2>& slots) {
+std::optional<Newest> newestRecord(std::array<PreferencesSlot, 2>& slots) {
   std::optional<Newest> newest;
   for (std::size_t index = 0; index < slots.size(); ++index) {
     const std::optional<SlotRecord> record = slots[index].read();
     if (!record || (newest && newest->generation > record->generation)) {
       continue;
     }
-    const propertyList::Result parsed = propertyList::parse(record->contents);
+    const propertyList::Result parsed = propertyList::readBinary(record->contents, bounds);
     const Value* value = std::get_if<Value>(&parsed);
     if (value != nullptr && value->isDictionary()) {
       newest = Newest{index, record->generation, *value->dictionary()};
@@ -83,8 +87,8 @@ bool create(int parent, const std::string& directory, const std::string& name, P
   auto second = made ? PreferencesSlot::open(made.get(), slotNames[1]) : std::nullopt;
   const auto empty = propertyList::writeBinary(Value::Dictionary());
   return first && second && std::holds_alternative<Data>(empty) &&
-         first->write(encodeSlotRecord(1, std::get<Data>(empty))) && first->reserve(PreferencesSlot::initialCapacity) &&
-         second->reserve(PreferencesSlot::initialCapacity) && flush(first->descriptor()) == 0 &&
+         first->write(encodeSlotRecord(1, std::get<Data>(empty))) && first->reserve(limits::preferencesRoom) &&
+         second->reserve(limits::preferencesRoom) && flush(first->descriptor()) == 0 &&
          flush(second->descriptor()) == 0 && fsync(made.get()) == 0 &&
          renameat(parent, temporary.c_str(), parent, name.c_str()) == 0 && fsync(parent) == 0;
 }
@@ -133,8 +137,10 @@ PreferencesStore::Condition PreferencesStore::load() {
     return Condition::Good;
   }
   next_ = 1 - newest->slot;
-  // Room that cannot be had now is asked for again by each write.
-  static_cast<void>(slots_[next_].reserve(PreferencesSlot::initialCapacity));
+  // As a copying program may have left them without. What cannot be had now may not be needed.
+  for (PreferencesSlot& slot : slots_) {
+    static_cast<void>(slot.reserve(limits::preferencesRoom));
+  }
   return Condition::Good;
 }
 
@@ -173,8 +179,28 @@ std::unique_ptr<PreferencesStore> PreferencesStore::open(const std::string& dire
   return store;
 }
 
+std::size_t PreferencesStore::room() const {
+  return std::min(slots_[0].room(), slots_[1].room());
+}
+
+std::optional<std::string> PreferencesStore::makeRoom(std::size_t bytes) {
+  // In steps, so that not every little more has to be flushed.
+  constexpr std::size_t step = 256 * 1024;
+  const std::size_t rounded = (bytes + step - 1) / step * step;
+  for (PreferencesSlot& slot : slots_) {
+    if (slot.room() >= bytes) {
+      continue;
+    }
+    const bool isThere = slot.reserve(rounded) || slot.room() >= bytes;
+    if (!isThere || flush_(slot.descriptor()) != 0) {
+      return std::strerror(errno);
+    }
+  }
+  return std::nullopt;
+}
+
 std::optional<std::string> PreferencesStore::write(const Value::Dictionary& contents) {
-  const auto encoded = propertyList::writeBinary(contents);
+  const auto encoded = propertyList::writeBinary(contents, bounds);
   if (const auto* error = std::get_if<propertyList::Error>(&encoded)) {
     return error->text;
   }

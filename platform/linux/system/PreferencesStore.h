@@ -29,8 +29,13 @@ class PreferencesStore {
 
   /// What the store held when it was opened.
   const Value::Dictionary& contents() const { return contents_; }
+  /// How many bytes the binary property list of contents may take that can be written without any more space.
+  std::size_t room() const;
+  /// Brings the room to at least so many bytes. Otherwise says what went wrong; the contents are as they were in
+  /// any case.
+  [[nodiscard]] std::optional<std::string> makeRoom(std::size_t bytes);
   /// Replaces the contents, durably when it returns none. Otherwise says what went wrong, for instance that
-  /// they do not fit into limits::propertyListBytes; the old contents then are what a later opening finds,
+  /// they do not fit into limits::preferencesBytes; the old contents then are what a later opening finds,
   /// unless the new got through all the same, and nothing of the failed write is relied on again.
   [[nodiscard]] std::optional<std::string> write(const Value::Dictionary& contents);
 

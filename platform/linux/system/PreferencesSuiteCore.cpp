@@ -2,16 +2,16 @@
 // The values of one preferences suite, and who writes them.
 #include "platform/linux/system/PreferencesSuiteCore.h"
 
-#include <optional>
 #include <utility>
 
+#include "platform/Queues.h"
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/BlockedScope.h"
 
 namespace kelvane {
 
 PreferencesSuiteCore::PreferencesSuiteCore(std::string name, std::unique_ptr<PreferencesStore> store)
-    : name_(std::move(name)), store_(std::move(store)), values_(store_->contents()) {}
+    : name_(std::move(name)), values_(store->contents()), room_(store->room()), store_(std::move(store)) {}
 
 Value PreferencesSuiteCore::value(const std::string& key) const {
   const std::lock_guard lock(mutex_);
@@ -20,63 +20,77 @@ Value PreferencesSuiteCore::value(const std::string& key) const {
 }
 
 void PreferencesSuiteCore::set(const std::string& key, Value value) {
+  // The value replaced goes after the lock is released: it may be large.
   const std::lock_guard lock(mutex_);
-  if (value.isAbsent()) {
-    values_.erase(key);
-  } else {
-    values_.insert_or_assign(key, std::move(value));
+  if (!value.isAbsent()) {
+    std::swap(values_[key], value);
+  } else if (auto removed = values_.extract(key)) {
+    value = std::move(removed.mapped());
   }
   ++changes_;
 }
 
-bool PreferencesSuiteCore::synchronize() {
-  const runtime::BlockedScope blocked;
-  std::unique_lock lock(mutex_);
-  const std::uint64_t wanted = changes_;
-  while (durable_ < wanted) {
-    if (!isWriting_) {
-      writeAll(lock);
-    } else {
-      written_.wait(lock, [this, attempts = attempts_] { return attempts_ != attempts; });
-    }
-    // Whoever wrote, if it was begun after the caller's changes then its outcome is the caller's.
-    if (attempted_ >= wanted) {
-      return durable_ >= wanted;
-    }
+void PreferencesSuiteCore::whenDurable(PreferencesSuite::OutcomeHandler handler) {
+  const std::lock_guard lock(mutex_);
+  waiting_.push_back(std::move(handler));
+  if (!std::exchange(isFlushing_, true)) {
+    globalQueue::async([self = shared_from_this()] { self->flush(); });
   }
-  return true;
+}
+
+PreferencesSuite::Outcome PreferencesSuiteCore::makeRoom(std::size_t bytes) {
+  // Without the lock, which is held as long as a write takes.
+  if (room_ >= bytes) {
+    return std::nullopt;
+  }
+  const runtime::BlockedScope blocked;
+  const std::lock_guard lock(storeMutex_);
+  const PreferencesSuite::Outcome outcome = store_->makeRoom(bytes);
+  room_ = store_->room();
+  return outcome;
 }
 
 void PreferencesSuiteCore::close() {
   const runtime::BlockedScope blocked;
   std::unique_lock lock(mutex_);
-  written_.wait(lock, [this] { return !isWriting_; });
+  flushed_.wait(lock, [this] { return !isFlushing_; });
+  const std::lock_guard storeLock(storeMutex_);
   store_.reset();
 }
 
-void PreferencesSuiteCore::writeAll(std::unique_lock<std::mutex>& lock) {
-  isWriting_ = true;
-  const std::uint64_t covered = changes_;
-  const Value::Dictionary snapshot = values_;
-  lock.unlock();
-  const std::optional<std::string> error = store_ ? store_->write(snapshot) : "the store is closed";
-  lock.lock();
-  isWriting_ = false;
-  attempted_ = covered;
-  ++attempts_;
-  if (!error) {
-    durable_ = covered;
+void PreferencesSuiteCore::flush() {
+  std::unique_lock lock(mutex_);
+  while (!waiting_.empty()) {
+    const auto handlers = std::exchange(waiting_, {});
+    const std::uint64_t covered = changes_;
+    const bool isDurable = durable_ == covered;
+    const Value::Dictionary values = isDurable ? Value::Dictionary() : values_;
+    lock.unlock();
+    const PreferencesSuite::Outcome outcome = isDurable ? std::nullopt : write(values);
+    for (const auto& handler : handlers) {
+      handler(outcome);
+    }
+    lock.lock();
+    durable_ = outcome ? durable_ : covered;
   }
-  // A disk that stays full is worth one line, not one for every attempt.
-  const bool isNew = error && !hasFailed_;
-  hasFailed_ = error.has_value();
-  written_.notify_all();
-  lock.unlock();
-  if (isNew) {
-    reporting::writeLog(3, "Kelvane", "PreferencesSuite::synchronize",
-                        "Unable to write the preferences " + name_ + ": " + *error);
+  isFlushing_ = false;
+  flushed_.notify_all();
+}
+
+PreferencesSuite::Outcome PreferencesSuiteCore::write(const Value::Dictionary& values) {
+  const runtime::BlockedScope blocked;
+  const std::lock_guard lock(storeMutex_);
+  const PreferencesSuite::Outcome outcome = store_ ? store_->write(values) : "the store is closed";
+  report(outcome);
+  return outcome;
+}
+
+/// A disk that keeps failing is worth one line, not one for every attempt.
+void PreferencesSuiteCore::report(const PreferencesSuite::Outcome& outcome) {
+  if (!std::exchange(hasFailed_, outcome.has_value()) && outcome) {
+    reporting::writeLog(3, "Kelvane", "PreferencesSuite::whenDurable",
+                        "Unable to write the preferences " + name_ + ": " + *outcome);
   }
-  lock.lock();
 }
 
 }  // namespace kelvane

@@ -2,51 +2,60 @@
 // The values of one preferences suite, and who writes them.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
+#include "platform/Preferences.h"
 #include "platform/Value.h"
 #include "platform/linux/system/PreferencesStore.h"
 
 namespace kelvane {
 
-/// A suite's values in memory in front of its store. Callers that synchronise at once share writes: one of
-/// them writes what all have set so far while the others wait, and whoever came too late for that write
-/// shares the next. Any thread may call any function.
-class PreferencesSuiteCore {
+/// A suite's values in memory in front of its store. One item at a time, the flusher, writes what all have set so
+/// far, again and again until nobody waits: whoever comes too late for one write shares the next. It is on the
+/// global queue only while there is something to do. Any thread may call any function.
+class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuiteCore> {
  public:
   PreferencesSuiteCore(std::string name, std::unique_ptr<PreferencesStore> store);
 
   Value value(const std::string& key) const;
   void set(const std::string& key, Value value);
-  /// Waits until what was set before the call is on disk; false when the write that was to do so failed.
-  [[nodiscard]] bool synchronize();
-  /// Waits for a write under way and closes the store; synchronising fails from then on.
+  /// The handler runs on the flusher's thread once what was set before the call is on disk, or could not be written.
+  void whenDurable(PreferencesSuite::OutcomeHandler handler);
+  [[nodiscard]] PreferencesSuite::Outcome makeRoom(std::size_t bytes);
+  /// Waits for the flusher and closes the store; writing fails from then on.
   void close();
 
  private:
-  /// Writes all values, without the lock while it lasts.
-  void writeAll(std::unique_lock<std::mutex>& lock);
+  void flush();
+  PreferencesSuite::Outcome write(const Value::Dictionary& values);
+  void report(const PreferencesSuite::Outcome& outcome);
 
   const std::string name_;
-  /// Touched by the one thread that writes, or under mutex_ when none does.
-  std::unique_ptr<PreferencesStore> store_;
 
   mutable std::mutex mutex_;
   // Guarded by mutex_:
   Value::Dictionary values_;
-  /// How many changes there were, and how many of them the last write covered or, when it succeeded, made
-  /// durable.
+  /// How many changes there were, and how many of them are on disk.
   std::uint64_t changes_ = 0;
-  std::uint64_t attempted_ = 0;
   std::uint64_t durable_ = 0;
-  std::uint64_t attempts_ = 0;
-  bool isWriting_ = false;
+  std::vector<PreferencesSuite::OutcomeHandler> waiting_;
+  bool isFlushing_ = false;
+  std::condition_variable flushed_;
+
+  /// The store's; it only grows.
+  std::atomic<std::size_t> room_;
+
+  std::mutex storeMutex_;
+  // Guarded by storeMutex_:
+  std::unique_ptr<PreferencesStore> store_;
   bool hasFailed_ = false;
-  std::condition_variable written_;
 };
 
 }  // namespace kelvane

@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/Limits.h"
 #include "platform/linux/system/PreferencesStore.h"
 #include "tests/linux/system/PrivateNamespace.h"
 
@@ -25,7 +26,7 @@ const std::string disk = "/mnt/disk";
 bool mountExt4() {
   const std::string image = "/mnt/disk.image";
   test::writeFile(image, "");
-  std::filesystem::resize_file(image, 16 << 20);
+  std::filesystem::resize_file(image, 32 << 20);
   const FileDescriptor control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
   const FileDescriptor file(open(image.c_str(), O_RDWR | O_CLOEXEC));
   if (std::system(("mkfs.ext4 -q -m 0 " + image + " 2>/dev/null").c_str()) != 0 || !control) {
@@ -67,7 +68,7 @@ class AFullDisk : public testing::Test {
  protected:
   AFullDisk() {
     if (!test::isTrulyRoot() || !mountExt4()) {
-      test::mountTmpfs(disk, "size=4m");
+      test::mountTmpfs(disk, "size=8m");
     }
   }
   ~AFullDisk() override { EXPECT_EQ(umount2(disk.c_str(), MNT_DETACH), 0); }
@@ -81,42 +82,45 @@ class AFullDisk : public testing::Test {
 };
 
 TEST_F(AFullDisk, TakesWhatFitsIntoTheRoomKept) {
+  constexpr std::size_t most = limits::preferencesRoom - 100;
   auto store = openStore();
   ASSERT_TRUE(store);
   fill();
-  for (std::size_t length = 1; length < PreferencesSlot::initialCapacity; length += 10'000) {
+  for (std::size_t length = 1; length < most; length += 100'000) {
     ASSERT_EQ(store->write(dictionary(length, 'x')), std::nullopt) << length;
   }
-  ASSERT_EQ(store->write(dictionary(100'000, 'y')), std::nullopt);
+  ASSERT_EQ(store->write(dictionary(most, 'y')), std::nullopt);
   store.reset();
   store = openStore();
   ASSERT_TRUE(store) << "opening needs no space either";
-  EXPECT_EQ(store->contents(), dictionary(100'000, 'y'));
-  EXPECT_EQ(store->write(dictionary(100'000, 'z')), std::nullopt);
+  EXPECT_EQ(store->contents(), dictionary(most, 'y'));
+  EXPECT_EQ(store->write(dictionary(most, 'z')), std::nullopt);
 }
 
 TEST_F(AFullDisk, LosesNothingWhenItRefusesMore) {
+  constexpr std::size_t more = 2 * limits::preferencesRoom;
   auto store = openStore();
   ASSERT_EQ(store->write(dictionary(1000, 'a')), std::nullopt);
   fill();
+  EXPECT_EQ(store->makeRoom(more), "No space left on device");
   for (int count = 0; count < 3; ++count) {
-    EXPECT_EQ(store->write(dictionary(500'000, 'b')), "No space left on device");
+    EXPECT_EQ(store->write(dictionary(more, 'b')), "No space left on device");
   }
   store.reset();
   store = openStore();
   ASSERT_TRUE(store);
   EXPECT_EQ(store->contents(), dictionary(1000, 'a'));
   std::filesystem::remove(disk + "/filler");
-  EXPECT_EQ(store->write(dictionary(500'000, 'b')), std::nullopt) << "with space again it goes on";
+  EXPECT_EQ(store->write(dictionary(more, 'b')), std::nullopt) << "with space again it goes on";
 }
 
-TEST_F(AFullDisk, KeepsTheRoomThatGrewAheadOfNeed) {
+TEST_F(AFullDisk, TakesWhatRoomWasMadeForBefore) {
+  constexpr std::size_t more = limits::preferencesRoom + 500'000;
   const auto store = openStore();
-  ASSERT_EQ(store->write(dictionary(100'000, 'a')), std::nullopt);
-  ASSERT_EQ(store->write(dictionary(100'000, 'b')), std::nullopt);
+  ASSERT_EQ(store->makeRoom(more), std::nullopt);
   fill();
-  EXPECT_EQ(store->write(dictionary(190'000, 'c')), std::nullopt);
-  EXPECT_EQ(store->write(dictionary(190'000, 'd')), std::nullopt);
+  EXPECT_EQ(store->write(dictionary(more - 100, 'c')), std::nullopt);
+  EXPECT_EQ(store->write(dictionary(more - 100, 'd')), std::nullopt);
 }
 
 TEST_F(AFullDisk, HasNoRoomForANewStore) {

@@ -99,30 +99,50 @@ TEST_F(AStore, HoldsWhatWasWrittenLast) {
 TEST_F(AStore, HasItsRoomInWrittenBlocksFromTheStart) {
   open();
   for (const std::string& slot : {slotA, slotB}) {
-    EXPECT_GE(std::filesystem::file_size(slot), PreferencesSlot::initialCapacity);
-    EXPECT_GE(firstHole(slot), static_cast<off_t>(PreferencesSlot::initialCapacity));
+    EXPECT_GE(std::filesystem::file_size(slot), limits::preferencesRoom);
+    EXPECT_GE(firstHole(slot), static_cast<off_t>(limits::preferencesRoom));
   }
 }
 
-TEST_F(AStore, GrowsToTwiceWhatItHolds) {
+TEST_F(AStore, HasTheRoomItIsAskedForInBothSlots) {
   const auto store = open();
-  constexpr std::size_t length = 200'000;
-  ASSERT_EQ(store->write(dictionary(std::string(length, 'x'))), std::nullopt);
-  ASSERT_EQ(store->write(dictionary(std::string(length, 'y'))), std::nullopt);
-  EXPECT_GE(firstHole(slotA), static_cast<off_t>(2 * length));
-  EXPECT_GE(firstHole(slotB), static_cast<off_t>(2 * length));
+  EXPECT_GE(store->room(), limits::preferencesRoom);
+  constexpr std::size_t more = limits::preferencesRoom + 500'000;
+  EXPECT_LT(store->room(), more);
+  EXPECT_EQ(store->makeRoom(more), std::nullopt);
+  EXPECT_GE(store->room(), more);
+  EXPECT_GE(firstHole(slotA), static_cast<off_t>(more));
+  EXPECT_GE(firstHole(slotB), static_cast<off_t>(more));
+  EXPECT_EQ(storedText(), "(none)") << "it is still open";
+}
+
+TEST_F(AStore, KeepsWhatItHoldsWhenItGetsMoreRoom) {
+  write({"older", "newer"});
+  {
+    const auto store = open();
+    ASSERT_EQ(store->makeRoom(2 * limits::preferencesRoom), std::nullopt);
+  }
+  EXPECT_EQ(storedText(), "newer");
+  writeFile(slotA, "damage");
+  EXPECT_EQ(storedText(), "older");
+}
+
+TEST_F(AStore, SaysWhenTheRoomCannotBeFlushed) {
+  const auto store = open();
+  failingFlushes = 1;
+  EXPECT_EQ(store->makeRoom(2 * limits::preferencesRoom), "Input/output error");
 }
 
 TEST_F(AStore, RefusesMoreThanTheLimit) {
   write({"kept"});
   const auto store = open();
-  const std::string most(limits::propertyListBytes - 100, 'x');
-  EXPECT_NE(store->write(dictionary(std::string(limits::propertyListBytes, 'x'))), std::nullopt);
+  const std::string most(limits::preferencesBytes - 100, 'x');
+  EXPECT_NE(store->write(dictionary(std::string(limits::preferencesBytes, 'x'))), std::nullopt);
   EXPECT_EQ(store->write(dictionary(most)), std::nullopt);
 }
 
 TEST_F(AStore, ReadsTheLargestContentsBack) {
-  const std::string most(limits::propertyListBytes - 100, 'x');
+  const std::string most(limits::preferencesBytes - 100, 'x');
   write({most});
   EXPECT_EQ(storedText(), most);
 }
@@ -235,7 +255,7 @@ TEST_F(AStore, MakesALostSlotAnew) {
   std::filesystem::remove(slotB);
   EXPECT_EQ(storedText(), "newer");
   write({"newest"});
-  EXPECT_GE(firstHole(slotB), static_cast<off_t>(PreferencesSlot::initialCapacity));
+  EXPECT_GE(firstHole(slotB), static_cast<off_t>(limits::preferencesRoom));
   EXPECT_EQ(storedText(), "newest");
 }
 
@@ -243,12 +263,12 @@ TEST_F(AStore, FillsHolesBeforeItReliesOnThem) {
   write({"older", "newer"});
   for (const std::string& slot : {slotA, slotB}) {  // as a copying program leaves them
     std::filesystem::resize_file(slot, recordLength(slot));
-    std::filesystem::resize_file(slot, PreferencesSlot::initialCapacity);
-    ASSERT_LT(firstHole(slot), static_cast<off_t>(PreferencesSlot::initialCapacity));
+    std::filesystem::resize_file(slot, limits::preferencesRoom);
+    ASSERT_LT(firstHole(slot), static_cast<off_t>(limits::preferencesRoom));
   }
   write({"one", "two"});
-  EXPECT_GE(firstHole(slotA), static_cast<off_t>(PreferencesSlot::initialCapacity));
-  EXPECT_GE(firstHole(slotB), static_cast<off_t>(PreferencesSlot::initialCapacity));
+  EXPECT_GE(firstHole(slotA), static_cast<off_t>(limits::preferencesRoom));
+  EXPECT_GE(firstHole(slotB), static_cast<off_t>(limits::preferencesRoom));
 }
 
 TEST_F(AStore, WritesAgainToTheSameSlotAfterAFailedFlush) {
@@ -258,7 +278,7 @@ TEST_F(AStore, WritesAgainToTheSameSlotAfterAFailedFlush) {
   failingFlushes = 1;
   EXPECT_EQ(store->write(dictionary("lost")), "Input/output error");
   // What the flush did not write may be gone from memory too, although the next flush succeeds.
-  writeFile(slotA, std::string(PreferencesSlot::initialCapacity, '\0'));
+  writeFile(slotA, std::string(limits::preferencesRoom, '\0'));
   EXPECT_EQ(readFile(slotB), good) << "the good record is left alone";
   EXPECT_EQ(store->write(dictionary("written again")), std::nullopt);
   EXPECT_EQ(readFile(slotB), good);

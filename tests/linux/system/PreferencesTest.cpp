@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Preferences suites, and how synchronising callers share writes.
+// Preferences suites, and how those who wait for the disk share writes.
 #include "platform/Preferences.h"
 
 #include <gtest/gtest.h>
@@ -10,16 +10,25 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <future>
 #include <latch>
 #include <thread>
 #include <vector>
 
+#include "platform/Limits.h"
 #include "platform/linux/system/Paths.h"
 #include "platform/linux/system/PreferencesSuiteCore.h"
 #include "tests/linux/system/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {
+
+/// Has a suite, or its core, written, and waits for it.
+PreferencesSuite::Outcome written(auto& suite) {
+  std::promise<PreferencesSuite::Outcome> promise;
+  suite.whenDurable([&](const PreferencesSuite::Outcome& outcome) { promise.set_value(outcome); });
+  return promise.get_future().get();
+}
 
 TEST(ASuite, ShowsAtOnceWhatIsSet) {
   const auto suite = PreferencesSuite::open("shows");
@@ -31,14 +40,14 @@ TEST(ASuite, ShowsAtOnceWhatIsSet) {
   EXPECT_TRUE((*suite)["key"].isAbsent());
 }
 
-TEST(ASuite, FindsWhatWasSynchronisedWhenItIsOpenedAgain) {
+TEST(ASuite, FindsWhatWasWrittenWhenItIsOpenedAgain) {
   auto suite = PreferencesSuite::open("com.tessaly.kelvane");
   ASSERT_TRUE(suite);
   suite->set("kept", Value::Dictionary{{"a", "b"}});
   suite->set("removed", true);
-  EXPECT_TRUE(suite->synchronize());
+  EXPECT_EQ(written(*suite), std::nullopt);
   suite->set("removed", Value());
-  EXPECT_TRUE(suite->synchronize());
+  EXPECT_EQ(written(*suite), std::nullopt);
   suite.reset();
   suite = PreferencesSuite::open("com.tessaly.kelvane");
   ASSERT_TRUE(suite);
@@ -55,7 +64,7 @@ TEST(ASuite, NeedsANameThatAFileCanHave) {
   EXPECT_NE(PreferencesSuite::open(std::string(200, 'x')), nullptr);
 }
 
-TEST(ASuite, IsWrittenBehindWhenNobodySynchronises) {
+TEST(ASuite, IsWrittenBehindWhenNobodyWaitsForIt) {
   auto suite = PreferencesSuite::open("behind");
   ASSERT_TRUE(suite);
   const int watch = inotify_init1(IN_CLOEXEC);
@@ -92,78 +101,95 @@ int countedFlush(int descriptor) {
   return fdatasync(descriptor);
 }
 
-class SynchronisingCallers : public testing::Test {
+class WaitingCallers : public testing::Test {
  protected:
-  SynchronisingCallers() {
+  WaitingCallers() {
     disk.fails = false;
     std::filesystem::remove_all("/mnt/shared");
-    core_ = std::make_unique<PreferencesSuiteCore>("suite", openStore());
+    core_ = std::make_shared<PreferencesSuiteCore>("suite", openStore());
     disk.flushes = 0;
   }
   static std::unique_ptr<PreferencesStore> openStore() {
     return PreferencesStore::open("/mnt/shared", "suite", countedFlush);
   }
 
-  std::unique_ptr<PreferencesSuiteCore> core_;
+  /// Lets the store be opened again.
+  void close() {
+    core_->close();
+    core_.reset();
+  }
+
+  std::shared_ptr<PreferencesSuiteCore> core_;
 };
 
-TEST_F(SynchronisingCallers, ShareOneFlush) {
+TEST_F(WaitingCallers, ShareOneFlush) {
   constexpr int count = 20;
   std::latch entered(1);
   std::latch released(1);
   disk.released = &released;
   disk.entered = &entered;
+  std::latch answered(1 + count);
+  const auto answer = [&](const PreferencesSuite::Outcome& outcome) {
+    EXPECT_EQ(outcome, std::nullopt);
+    answered.count_down();
+  };
   core_->set("first", true);
-  std::thread first([this] { EXPECT_TRUE(core_->synchronize()); });
+  core_->whenDurable(answer);
   entered.wait();
-
-  std::latch set(count);
-  std::vector<std::thread> others;
   for (int index = 0; index < count; ++index) {
-    others.emplace_back([this, index, &set] {
-      core_->set(std::to_string(index), index);
-      set.count_down();
-      EXPECT_TRUE(core_->synchronize());
-    });
+    core_->set(std::to_string(index), index);
+    core_->whenDurable(answer);
   }
-  set.wait();
   released.count_down();
-  first.join();
-  for (std::thread& thread : others) {
-    thread.join();
-  }
+  answered.wait();
   EXPECT_EQ(disk.flushes, 2) << "one for the first caller, one for all that set meanwhile";
-  core_.reset();
+  close();
   const auto contents = openStore()->contents();
   EXPECT_EQ(contents.size(), count + 1u);
 }
 
-TEST_F(SynchronisingCallers, PayNothingWhenNothingHasChanged) {
-  EXPECT_TRUE(core_->synchronize());
+TEST_F(WaitingCallers, AreNotAnsweredBeforeTheDiskHasTheirChange) {
+  std::latch entered(1);
+  std::latch released(1);
+  disk.released = &released;
+  disk.entered = &entered;
   core_->set("key", 1);
-  EXPECT_TRUE(core_->synchronize());
-  EXPECT_TRUE(core_->synchronize());
+  std::atomic<bool> isAnswered = false;
+  core_->whenDurable([&](const PreferencesSuite::Outcome&) { isAnswered = true; });
+  entered.wait();
+  EXPECT_FALSE(isAnswered);
+  EXPECT_EQ(core_->value("key"), Value(1)) << "readers have it at once";
+  released.count_down();
+  EXPECT_EQ(written(*core_), std::nullopt);
+  EXPECT_TRUE(isAnswered);
+}
+
+TEST_F(WaitingCallers, PayNothingWhenNothingHasChanged) {
+  EXPECT_EQ(written(*core_), std::nullopt);
+  core_->set("key", 1);
+  EXPECT_EQ(written(*core_), std::nullopt);
+  EXPECT_EQ(written(*core_), std::nullopt);
   EXPECT_EQ(disk.flushes, 1);
 }
 
-TEST_F(SynchronisingCallers, LearnOfAFailureAndTheNextAttemptWritesAgain) {
+TEST_F(WaitingCallers, LearnOfAFailureAndTheNextAttemptWritesAgain) {
   disk.fails = true;
   core_->set("key", "value");
   testing::internal::CaptureStderr();
-  EXPECT_FALSE(core_->synchronize());
-  EXPECT_FALSE(core_->synchronize());
+  EXPECT_EQ(written(*core_), "Input/output error");
+  EXPECT_EQ(written(*core_), "Input/output error");
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_EQ(log.find("Unable to write the preferences suite: Input/output error"),
             log.rfind("Unable to write the preferences suite: Input/output error"));
   EXPECT_NE(log.find("Unable to write"), std::string::npos);
   EXPECT_EQ(core_->value("key"), Value("value")) << "what was set stays in memory";
   disk.fails = false;
-  EXPECT_TRUE(core_->synchronize());
-  core_.reset();
+  EXPECT_EQ(written(*core_), std::nullopt);
+  close();
   EXPECT_EQ(openStore()->contents().at("key"), Value("value"));
 }
 
-TEST_F(SynchronisingCallers, AndSettersMayComeFromAnyThread) {
+TEST_F(WaitingCallers, AndSettersMayComeFromAnyThread) {
   constexpr int threads = 8;
   constexpr int rounds = 50;
   std::vector<std::thread> callers;
@@ -171,7 +197,7 @@ TEST_F(SynchronisingCallers, AndSettersMayComeFromAnyThread) {
     callers.emplace_back([this, index] {
       for (int round = 1; round <= rounds; ++round) {
         core_->set(std::to_string(index), round);
-        EXPECT_TRUE(core_->synchronize());
+        EXPECT_EQ(written(*core_), std::nullopt);
         EXPECT_EQ(core_->value(std::to_string(index)), Value(round));
       }
     });
@@ -179,17 +205,33 @@ TEST_F(SynchronisingCallers, AndSettersMayComeFromAnyThread) {
   for (std::thread& caller : callers) {
     caller.join();
   }
-  core_.reset();
+  close();
   const auto contents = openStore()->contents();
   for (int index = 0; index < threads; ++index) {
     EXPECT_EQ(contents.at(std::to_string(index)), Value(rounds));
   }
 }
 
-TEST_F(SynchronisingCallers, FailOnceTheStoreIsClosed) {
+TEST_F(WaitingCallers, GetTheRoomTheyAskForWhileOthersWrite) {
+  constexpr int rounds = 20;
+  std::thread writer([this] {
+    for (int round = 0; round < rounds; ++round) {
+      core_->set("key", round);
+      EXPECT_EQ(written(*core_), std::nullopt);
+    }
+  });
+  for (std::size_t round = 0; round < rounds; ++round) {
+    EXPECT_EQ(core_->makeRoom(limits::preferencesRoom + round * 100'000), std::nullopt);
+  }
+  writer.join();
+  close();
+  EXPECT_GE(openStore()->room(), limits::preferencesRoom + (rounds - 1) * 100'000);
+}
+
+TEST_F(WaitingCallers, FailOnceTheStoreIsClosed) {
   core_->set("key", 1);
   core_->close();
-  EXPECT_FALSE(core_->synchronize());
+  EXPECT_EQ(written(*core_), "the store is closed");
 }
 
 }  // namespace

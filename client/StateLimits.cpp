@@ -1,0 +1,119 @@
+// SPDX-License-Identifier: Apache-2.0
+// What clients may store, and how much of it.
+#include "client/StateLimits.h"
+
+#include <algorithm>
+#include <string>
+
+#include "platform/Limits.h"
+#include "protocols/Keys.h"
+
+namespace kelvane {
+
+namespace {
+
+using StateError = KelvaneExportedObject::StateError;
+
+/// Adds up what values come to.
+class Measure {
+ public:
+  void addKey(const std::string& key) {
+    bytes += limits::stateElementBytes + key.size();
+    room += limits::stateElementBytes + 2 * key.size();
+  }
+
+  /// The value is in so many dictionaries and D-Bus containers.
+  void add(const Value& value, int dictionaries, int containers) {
+    isTooDeep = isTooDeep || dictionaries > limits::stateDictionaryDepth || containers > limits::stateContainerDepth;
+    if (isTooDeep) {
+      return;
+    }
+    if (const Value::Array* array = value.array()) {
+      reach(containers + 3);
+      for (const Value& element : *array) {
+        bytes += limits::stateElementBytes;
+        room += limits::stateElementBytes;
+        add(element, dictionaries, containers + 2);
+      }
+    } else if (const auto dictionary = value.dictionary()) {
+      reach(containers + 4);
+      isTooDeep = isTooDeep || dictionaries == limits::stateDictionaryDepth;
+      for (const auto& [key, entry] : *dictionary) {
+        addKey(key);
+        add(entry, dictionaries + 1, containers + 3);
+      }
+    } else {
+      addPlain(value, containers);
+    }
+  }
+
+  std::size_t bytes = 0;
+  /// What they take at most in a binary property list, which may write a string with two bytes for each of its own;
+  /// an element's share has what surrounds it there.
+  std::size_t room = 0;
+  bool isTooDeep = false;
+  bool holdsNone = false;
+
+ private:
+  void addPlain(const Value& value, int containers) {
+    reach(containers + (value.isData() || value.isDate() ? 2 : 1));
+    holdsNone = holdsNone || value.isAbsent();
+    if (const std::string* string = value.string()) {
+      bytes += string->size();
+      room += 2 * string->size();
+    } else if (const Data* data = value.data()) {
+      bytes += data->size();
+      room += data->size();
+    }
+  }
+
+  void reach(int containers) { isTooDeep = isTooDeep || containers > limits::stateContainerDepth; }
+};
+
+/// All but the record of recent answers.
+Measure measureOf(const Value::Dictionary& state) {
+  Measure measure;
+  for (const auto& [key, value] : state) {
+    if (key != keys::recentServiceStats) {
+      measure.addKey(key);
+      measure.add(value, 0, 0);
+    }
+  }
+  return measure;
+}
+
+}  // namespace
+
+std::optional<StateError> whyUnstorable(const Value& value) {
+  Measure measure;
+  measure.add(value, 0, 0);
+  if (measure.isTooDeep) {
+    return StateError{StateError::Cause::TooMuch, "The value has more than " +
+                                                      std::to_string(limits::stateDictionaryDepth) +
+                                                      " dictionaries, or too many arrays, within each other"};
+  }
+  if (measure.bytes > limits::stateValueBytes) {
+    return StateError{StateError::Cause::TooMuch,
+                      "The value takes more than " + std::to_string(limits::stateValueBytes) + " bytes"};
+  }
+  if (measure.holdsNone) {
+    return StateError{StateError::Cause::Unstorable, "The value holds none, which cannot be stored"};
+  }
+  return std::nullopt;
+}
+
+std::variant<std::size_t, StateError> roomFor(const Value::Dictionary& state) {
+  if (state.size() > limits::stateKeys) {
+    return StateError{StateError::Cause::TooMuch,
+                      "The state has more than " + std::to_string(limits::stateKeys) + " keys"};
+  }
+  const Measure measure = measureOf(state);
+  if (measure.bytes > limits::stateBytes) {
+    return StateError{StateError::Cause::TooMuch,
+                      "All state takes more than " + std::to_string(limits::stateBytes) + " bytes"};
+  }
+  // The record, and what is around it all.
+  return measure.room + limits::archiveBytes + 1024;
+}
+
+}  // namespace kelvane

@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: Apache-2.0
+// What clients may store, and how much of it.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <variant>
+
+#include "platform/Value.h"
+#include "support/KelvaneExportedObject.h"
+
+namespace kelvane {
+
+/// Why a value can be no part of the state: it is too large or too deep to travel on, or holds none somewhere.
+std::optional<KelvaneExportedObject::StateError> whyUnstorable(const Value& value);
+
+/// The most bytes that the state may take as a binary property list, with the largest record of recent answers in it;
+/// or why it is more than the store takes. The record has room of its own.
+std::variant<std::size_t, KelvaneExportedObject::StateError> roomFor(const Value::Dictionary& state);
+
+}  // namespace kelvane
