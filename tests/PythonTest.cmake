@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Tests written in Python, with nothing but its standard library.
+# Tests written in Python, with its standard library and, where D-Bus is spoken, GLib.
 
 find_program(KELVANE_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 

@@ -40,8 +40,9 @@ STANDARD_HEADERS = frozenset("""
     valarray variant vector version
 """.split())
 
-# What only platform/ may know of, and the tests of its Linux binding, which speak to it through the same library.
-SYSTEM_LIBRARY_USERS = ("platform/", "tests/linux/")
+# What only platform/ may know of, and the tests of its Linux binding and of the daemon on it, which speak to it through
+# the same library, as do the peers it is measured beside.
+SYSTEM_LIBRARY_USERS = ("platform/", "tests/linux/", "tests/hostile/", "bench/")
 SYSTEM_LIBRARIES = re.compile(r"^(systemd/|expat|libmount|sd-)")
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
