@@ -102,6 +102,17 @@ std::optional<StateError> whyUnstorable(const Value& value) {
   return std::nullopt;
 }
 
+std::optional<StateError> whyTooLargeForRecord(const Value& value) {
+  Measure measure;
+  measure.add(value, 0, 0);
+  if (measure.room > limits::archiveBytes) {
+    return StateError{StateError::Cause::TooMuch, "The value takes more than the " +
+                                                      std::to_string(limits::archiveBytes) +
+                                                      " bytes that are kept for the record of recent answers"};
+  }
+  return std::nullopt;
+}
+
 std::variant<std::size_t, StateError> roomFor(const Value::Dictionary& state) {
   if (state.size() > limits::stateKeys) {
     return StateError{StateError::Cause::TooMuch,

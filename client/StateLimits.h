@@ -14,6 +14,9 @@ namespace kelvane {
 /// Why a value can be no part of the state: it is too large or too deep to travel on, or holds none somewhere.
 std::optional<KelvaneExportedObject::StateError> whyUnstorable(const Value& value);
 
+/// Why a value cannot be stored in the place of the record of recent answers, for which room is kept.
+std::optional<KelvaneExportedObject::StateError> whyTooLargeForRecord(const Value& value);
+
 /// The most bytes that the state may take as a binary property list, with the largest record of recent answers in it;
 /// or why it is more than the store takes. The record has room of its own.
 std::variant<std::size_t, KelvaneExportedObject::StateError> roomFor(const Value::Dictionary& state);

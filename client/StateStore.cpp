@@ -115,7 +115,7 @@ std::optional<ClientInterface::StateError> ClientInterface::whyNotStored(const V
   }
   if (key == keys::recentServiceStats) {
     // Its room is there whatever else is stored.
-    return std::nullopt;
+    return whyTooLargeForRecord(value);
   }
   const auto room = roomFor(state);
   if (const auto* error = std::get_if<StateError>(&room)) {

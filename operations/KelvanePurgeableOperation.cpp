@@ -3,6 +3,8 @@
 #include "operations/KelvanePurgeableOperation.h"
 
 #include "platform/Clock.h"
+#include "platform/Limits.h"
+#include "platform/PropertyList.h"
 #include "protocols/Keys.h"
 #include "protocols/Names.h"
 #include "support/CallService.h"
@@ -24,6 +26,16 @@ constexpr std::uint32_t tickMicroseconds = 10'000;
 constexpr int extensions = 5;
 constexpr std::uint64_t extendedTick = 14;
 constexpr std::uint64_t resumedTick = 1;
+
+/// Whether the record has room for an amount, which may be anything.
+bool isRemembered(const Value& amount) {
+  if (amount.isNumber()) {
+    return true;
+  }
+  const auto written = propertyList::writeBinary(amount);
+  const Data* bytes = std::get_if<Data>(&written);
+  return bytes != nullptr && bytes->size() <= limits::recentAmountBytes;
+}
 
 }  // namespace
 
@@ -94,7 +106,7 @@ void KelvanePurgeableOperation::handleReply(const std::string& identifier, const
     optOutService(identifier, true);
     KELVANE_TRACE("%s %@ has %@, skipping", blockName, identifier, reply);
   }
-  if (amount.isAbsent()) {
+  if (!isRemembered(amount)) {
     KELVANE_ERROR("%s %@ answered without an amount: %@", blockName, identifier, reply);
   } else {
     // Queued before the service leaves the in-flight set, so that whoever finds the set empty finds the answer too.

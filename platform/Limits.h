@@ -24,6 +24,9 @@ inline constexpr std::size_t archiveClasses = 16;
 
 // The record of recent answers
 inline constexpr std::size_t recentVolumes = 256;
+/// An amount that is no number, as a binary property list. A longer one is none, so that a few services' cannot take
+/// up the record's room.
+inline constexpr std::size_t recentAmountBytes = 256;
 
 // The wire, both directions
 inline constexpr int wireDictionaryDepth = 20;

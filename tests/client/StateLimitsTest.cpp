@@ -170,6 +170,21 @@ TEST_F(TheStateStore, NeverOutgrowsItsSuite) {
   }
 }
 
+TEST_F(TheStateStore, RefusesInTheRecordsPlaceWhatItsRoomDoesNotHold) {
+  runDaemon([&] {
+    const TestClient client;
+    simulation->preferences().setRoom(limits::preferencesRoom);
+    // Takes two bytes for each of its own when it is written.
+    const std::string wide = "\u00e4" + std::string(limits::archiveBytes / 2, 'x');
+    const auto error = client.setState(keys::recentServiceStats, wide);
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->rfind(tooMuch, 0), 0u) << *error;
+    EXPECT_EQ(client.state(keys::recentServiceStats), Value());
+    EXPECT_EQ(client.setState(keys::recentServiceStats, wide.substr(0, limits::archiveBytes / 4)), std::nullopt);
+    EXPECT_EQ(client.setState("x", 1), std::nullopt);
+  });
+}
+
 TEST_F(TheStateStore, RefusesWhatAFullDiskHasNoRoomFor) {
   runDaemon([&] {
     const TestClient client;

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "platform/Clock.h"
+#include "platform/Limits.h"
 #include "protocols/Keys.h"
 #include "tests/harness/OperationTest.h"
 
@@ -357,6 +358,20 @@ TEST_F(PurgeableSpace, LeavesOutAnAnswerWithoutAnAmount) {
     EXPECT_TRUE(registry->changes.empty());
     query(services);
     EXPECT_EQ(odd.count("servicePurgeable 3"), 2u);
+  });
+}
+
+TEST_F(PurgeableSpace, RemembersNoAmountThatIsNeitherANumberNorSmall) {
+  run([&] {
+    ScriptedService greedy("greedy");
+    greedy.onPurgeable = ScriptedService::gives(std::string(limits::recentAmountBytes, 'x'));
+    ScriptedService small("small");
+    small.onPurgeable = ScriptedService::gives(std::string(limits::recentAmountBytes / 2, 'x'));
+    const Value answer = query(tableOf({greedy.record(), small.record()}));
+    EXPECT_FALSE(answer.contains("greedy"));
+    EXPECT_TRUE(answer.contains("small"));
+    EXPECT_EQ(operation->inFlightCount(), 0u);
+    EXPECT_TRUE(log().contains(" greedy answered without an amount: "));
   });
 }
 

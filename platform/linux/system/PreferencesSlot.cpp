@@ -61,7 +61,7 @@ bool writeAll(int file, const std::uint8_t* bytes, std::size_t length, std::size
 }
 
 /// Fills bytes from the start of the file; false when it is shorter or cannot be read.
-bool readAll(int file, Data& bytes) {
+bool readAll(int file, std::span<std::uint8_t> bytes) {
   std::size_t length = 0;
   while (length < bytes.size()) {
     const ssize_t count = pread(file, bytes.data() + length, bytes.size() - length, static_cast<off_t>(length));
@@ -140,6 +140,12 @@ std::optional<SlotRecord> PreferencesSlot::read() {
     written_ = std::max(written_, record.size());
   }
   return decoded;
+}
+
+bool PreferencesSlot::isBlank() const {
+  std::array<std::uint8_t, headerBytes> header;
+  return readAll(file_.get(), header) &&
+         std::all_of(header.begin(), header.end(), [](std::uint8_t byte) { return byte == 0; });
 }
 
 bool PreferencesSlot::write(std::span<const std::uint8_t> record) {

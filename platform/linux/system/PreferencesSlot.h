@@ -34,6 +34,8 @@ class PreferencesSlot {
 
   /// None when the file holds no whole record, or cannot be read.
   [[nodiscard]] std::optional<SlotRecord> read();
+  /// Whether no record was ever written to it.
+  [[nodiscard]] bool isBlank() const;
   /// Writes an encoded record over what the slot held. Not yet durable. False when not all of the record could be
   /// written; the slot then holds anything.
   [[nodiscard]] bool write(std::span<const std::uint8_t> record);

@@ -55,20 +55,26 @@ struct Newest {
   std::size_t slot;
   std::uint64_t generation;
   Value::Dictionary contents;
+  /// Something was written to the other slot, but it is no whole record.
+  bool otherIsBroken;
 };
 
 std::optional<Newest> newestRecord(std::array<PreferencesSlot, 2>& slots) {
   std::optional<Newest> newest;
+  bool oneIsBroken = false;
   for (std::size_t index = 0; index < slots.size(); ++index) {
     const std::optional<SlotRecord> record = slots[index].read();
-    if (!record || (newest && newest->generation > record->generation)) {
-      continue;
-    }
-    const propertyList::Result parsed = propertyList::readBinary(record->contents, bounds);
+    const propertyList::Result parsed =
+        record ? propertyList::readBinary(record->contents, bounds) : propertyList::Result();
     const Value* value = std::get_if<Value>(&parsed);
-    if (value != nullptr && value->isDictionary()) {
-      newest = Newest{index, record->generation, *value->dictionary()};
+    if (value == nullptr || !value->isDictionary()) {
+      oneIsBroken = !slots[index].isBlank();
+    } else if (!newest || newest->generation <= record->generation) {
+      newest = Newest{index, record->generation, *value->dictionary(), false};
     }
+  }
+  if (newest) {
+    newest->otherIsBroken = oneIsBroken;
   }
   return newest;
 }
@@ -115,7 +121,7 @@ bool keepAside(int parent, const std::string& directory, const std::string& name
 
 }  // namespace
 
-PreferencesStore::Condition PreferencesStore::load() {
+PreferencesStore::Condition PreferencesStore::load(const std::string& name) {
   for (std::size_t index = 0; index < slots_.size(); ++index) {
     auto slot = PreferencesSlot::open(directory_.get(), slotNames[index]);
     if (!slot) {
@@ -127,6 +133,10 @@ PreferencesStore::Condition PreferencesStore::load() {
   std::optional<Newest> newest = newestRecord(slots_);
   if (!newest) {
     return Condition::Damaged;
+  }
+  if (newest->otherIsBroken) {
+    report("The preferences " + name + ": " + slotNames[1 - newest->slot] +
+           " holds no whole record, as after a write that was cut off; " + slotNames[newest->slot] + " is used");
   }
   generation_ = newest->generation;
   contents_ = std::move(newest->contents);
@@ -156,7 +166,7 @@ std::unique_ptr<PreferencesStore> PreferencesStore::openExisting(int parent, con
     return nullptr;
   }
   auto store = std::unique_ptr<PreferencesStore>(new PreferencesStore(std::move(directory), flush));
-  condition = store->load();
+  condition = store->load(name);
   return condition == Condition::Good ? std::move(store) : nullptr;
 }
 

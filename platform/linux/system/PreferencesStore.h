@@ -45,7 +45,7 @@ class PreferencesStore {
   PreferencesStore(FileDescriptor directory, Flush flush) : directory_(std::move(directory)), flush_(flush) {}
   [[nodiscard]] static std::unique_ptr<PreferencesStore> openExisting(int parent, const std::string& name, Flush flush,
                                                                       Condition& condition);
-  [[nodiscard]] Condition load();
+  [[nodiscard]] Condition load(const std::string& name);
 
   /// Holds the lock.
   FileDescriptor directory_;

@@ -172,6 +172,27 @@ TEST_F(AStore, GoesBackOneWriteWhenTheLastIsTruncatedAnywhere) {
   EXPECT_FALSE(isAside(1));
 }
 
+TEST_F(AStore, SaysThatItGoesBackOneWrite) {
+  write({"older", "newer"});
+  const std::string image = readFile(slotA);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(storedText(), "newer");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+  writeFile(slotA, image.substr(0, recordLength(slotA) - 1));
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(storedText(), "older");
+  EXPECT_NE(testing::internal::GetCapturedStderr().find(
+                "slot-a holds no whole record, as after a write that was cut off; slot-b is used"),
+            std::string::npos);
+}
+
+TEST_F(AStore, SaysNothingOfASlotThatWasNeverWritten) {
+  open();
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(storedText(), "(empty)");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
 TEST_F(AStore, GoesBackOneWriteWhenAnyByteOfTheLastIsChanged) {
   write({"older", "newer"});
   const std::string image = readFile(slotA);
