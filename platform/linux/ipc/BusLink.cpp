@@ -5,19 +5,31 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <string>
+#include <string_view>
+
 #include "platform/Limits.h"
+#include "platform/linux/ipc/Handshake.h"
+#include "platform/linux/ipc/LibraryInput.h"
 
 namespace kelvane::ipc {
 
 namespace {
 
 constexpr std::uint32_t hangUpEvents = EPOLLHUP | EPOLLRDHUP | EPOLLERR;
-/// How many reads and writes one connection gets in a turn before the others have theirs.
-constexpr int stepsPerTurn = 64;
+/// How many messages of one connection, and about how many bytes of them, are taken in a turn before the others have
+/// theirs.
+constexpr int messagesPerTurn = 64;
+constexpr std::size_t bytesPerTurn = std::size_t{256} * 1024;
+/// What is read at once while it is not known how long a message is; so much may wait while reading is paused.
+constexpr std::size_t readBytes = std::size_t{8} * 1024;
+/// A turn of the library reads part of a line and sends what is to be answered; so many are always enough.
+constexpr int turnsPerLine = 64;
+/// Longer than any message that the library takes.
+constexpr std::size_t longestMessage = std::size_t{128} * 1024 * 1024;
 /// The library asks for 8 MiB, which nobody would count; what it does not fit waits where it is counted.
 constexpr int socketSendBytes = 128 * 1024;
-/// About how long an answer is that the library gives by itself.
-constexpr std::size_t ownAnswerBytes = 256;
 /// What messages are from; peers do not look at it.
 constexpr char senderName[] = ":1.0";
 
@@ -26,41 +38,60 @@ bool hasHungUp(int socket) {
   return poll(&state, 1, 0) != 0;
 }
 
-/// A bus object that owns the socket; null when something is refused.
-sd_bus* makeBus(FileDescriptor& socket, BusLink::Role role) {
+/// A bus object that owns the socket, to which it writes; null when something is refused.
+sd_bus* makeBus(FileDescriptor& socket, BusLink::Role role, bool takesDescriptors) {
+  FileDescriptor input = LibraryInput::shared().end();
   sd_bus* bus = nullptr;
   sd_id128_t id;
-  if (sd_bus_new(&bus) < 0) {
+  if (!input || sd_bus_new(&bus) < 0) {
     return nullptr;
   }
   const bool isServer = role == BusLink::Role::Server;
-  if (sd_bus_negotiate_fds(bus, 1) < 0 || (isServer && sd_id128_randomize(&id) < 0) ||
-      (isServer && sd_bus_set_server(bus, 1, id) < 0) || (isServer && sd_bus_set_sender(bus, senderName) < 0) ||
-      sd_bus_set_fd(bus, socket.get(), socket.get()) < 0) {
+  // What the peer says of itself is compared here: the library sees this process at the other end of its input.
+  if (sd_bus_negotiate_fds(bus, !isServer || takesDescriptors ? 1 : 0) < 0 ||
+      (isServer && sd_id128_randomize(&id) < 0) || (isServer && sd_bus_set_server(bus, 1, id) < 0) ||
+      (isServer && sd_bus_set_anonymous(bus, 1) < 0) || (isServer && sd_bus_set_sender(bus, senderName) < 0) ||
+      sd_bus_set_fd(bus, input.get(), socket.get()) < 0) {
     sd_bus_unref(bus);
     return nullptr;
   }
-  [[maybe_unused]] const int owned = socket.release();
+  [[maybe_unused]] const int owned[] = {input.release(), socket.release()};
   return bus;
+}
+
+uid_t userOf(int socket) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 ? credentials.uid
+                                                                               : static_cast<uid_t>(-1);
+}
+
+std::span<const std::uint8_t> bytesOf(std::string_view text) {
+  return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
 
 }  // namespace
 
-bool BusLink::open(FileDescriptor socket, Role role) {
+bool BusLink::open(FileDescriptor socket, Role role, bool takesDescriptors) {
   const int fd = socket.get();
-  bus_ = makeBus(socket, role);
+  role_ = role;
+  bus_ = makeBus(socket, role, takesDescriptors);
   if (bus_ == nullptr) {
+    return false;
+  }
+  // A start that fails has closed the socket, whose number another thread may be given; so it is watched only after.
+  if (sd_bus_start(bus_) < 0) {
+    bus_ = sd_bus_unref(bus_);
     return false;
   }
   socket_ = fd;
   events_ = EPOLLIN | EPOLLRDHUP;
-  if (!loop_.watch(fd, events_, *this) || sd_bus_start(bus_) < 0 ||
-      sd_bus_add_filter(bus_, nullptr, receive, this) < 0) {
+  if (!loop_.watch(fd, events_, *this) || sd_bus_add_filter(bus_, nullptr, receive, this) < 0) {
     destroy();
     return false;
   }
   setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &socketSendBytes, sizeof socketSendBytes);
-  meter_.start(fd);
+  input_.start(fd, role == Role::Server && takesDescriptors);
   startHandshakeTimer();
   loop_.runAgain(*this);
   return true;
@@ -88,17 +119,45 @@ void BusLink::ready(std::uint32_t events) {
   }
 }
 
-/// Reads and writes what can be; false when the connection has failed, everything before that being read.
+/// Reads and writes what can be; false when the connection has failed, everything before that being taken.
 bool BusLink::process(std::uint32_t events) {
-  for (int step = 0; !closing_; ++step) {
-    // The library reads whenever it is given a turn; so while that has to wait, it only gets one to write.
-    if (paused_ && !hungUp_ && (step > 0 || (events & EPOLLOUT) == 0)) {
-      break;
-    }
-    if (step == stepsPerTurn) {
+  if ((!ready_ || (events & EPOLLOUT) != 0) && !runLibrary(ready_ ? turnsPerLine : 2)) {
+    return false;
+  }
+  int messages = 0;
+  std::size_t bytes = 0;
+  bool mayRead = true;
+  while (!closing_ && (!paused_ || hungUp_)) {
+    if (messages == messagesPerTurn || bytes >= bytesPerTurn) {
       loop_.runAgain(*this);
       break;
     }
+    const std::size_t before = input_.waiting().size();
+    const Step step = ready_ ? takeMessage() : takeLine();
+    if (step == Step::Failed) {
+      return false;
+    }
+    if (step == Step::Taken) {
+      ++messages;
+    } else if (!mayRead || isWriting()) {
+      break;
+    } else if (const auto arrival = input_.read(wantedBytes()); arrival == PeerInput::Arrival::Bytes) {
+      // A peer that has hung up sends nothing more, and its end is to be seen now.
+      mayRead = !input_.isExhausted() || hungUp_;
+      bytes += input_.waiting().size() - before;
+    } else if (arrival == PeerInput::Arrival::Nothing) {
+      break;
+    } else {
+      return false;
+    }
+  }
+  countPart();
+  return true;
+}
+
+/// Lets the library write; false when it has failed.
+bool BusLink::runLibrary(int turns) {
+  for (; turns > 0 && !closing_; --turns) {
     const int result = sd_bus_process(bus_, nullptr);
     if (result < 0 || sd_bus_is_open(bus_) <= 0) {
       return false;
@@ -106,32 +165,131 @@ bool BusLink::process(std::uint32_t events) {
     if (!ready_ && sd_bus_is_ready(bus_) > 0) {
       ready_ = true;
       stopHandshakeTimer();
-      meter_.mark();
       owner_.linkOpened();
     }
     if (result == 0) {
       break;
     }
   }
-  countPart();
   return true;
+}
+
+/// Whether the handshake waits for the peer to read: the library takes the last line only then.
+bool BusLink::isWriting() const {
+  const int events = ready_ ? 0 : sd_bus_get_events(bus_);
+  return events > 0 && (events & POLLOUT) != 0;
+}
+
+/// One line of the handshake.
+BusLink::Step BusLink::takeLine() {
+  const auto waiting = input_.waiting();
+  const std::string_view text(reinterpret_cast<const char*>(waiting.data()), waiting.size());
+  const std::size_t end = text.find("\r\n");
+  const std::size_t length = end == std::string_view::npos ? text.size() : end + 2;
+  const bool isWrongStart = role_ == Role::Server && handshakeBytes_ == 0 && !text.empty() && text.front() != '\0';
+  if (isWrongStart || handshakeBytes_ + length > limits::handshakeBytes ||
+      (length != 0 && input_.takeDescriptor(length))) {
+    return Step::Failed;
+  }
+  if (end == std::string_view::npos || isWriting()) {
+    return Step::Incomplete;
+  }
+  handshakeBytes_ += length;
+  const std::string line = role_ == Role::Server ? vouchedLine(text.substr(0, length), userOf(socket_))
+                                                 : std::string(text.substr(0, length));
+  input_.drop(length);
+  LibraryInput& library = LibraryInput::shared();
+  if (library.put(bytesOf(line), -1) != line.size() || !runLibrary(turnsPerLine) || !library.isEmpty()) {
+    library.drain();
+    return Step::Failed;
+  }
+  return Step::Taken;
+}
+
+/// One message.
+BusLink::Step BusLink::takeMessage() {
+  const auto waiting = input_.waiting();
+  if (waiting.size() < PeerInput::messageHeaderBytes) {
+    return Step::Incomplete;
+  }
+  const auto length = input_.messageLength();
+  if (!length || *length > longestMessage) {
+    return Step::Failed;
+  }
+  if (waiting.size() < *length) {
+    return Step::Incomplete;
+  }
+  tellPart(0);
+  const FileDescriptor descriptor = input_.takeDescriptor(*length);
+  if (closing_ || (descriptor && !owner_.linkTakesDescriptor())) {
+    return Step::Failed;
+  }
+  messageBytes_ = *length;
+  if (!giveMessage(waiting.first(*length), descriptor.get())) {
+    LibraryInput::shared().drain();
+    if (descriptor) {
+      owner_.linkLostDescriptor();
+    }
+    // A malformed message is passed over.
+    if (descriptor || sd_bus_is_open(bus_) <= 0) {
+      return Step::Failed;
+    }
+  }
+  input_.drop(*length);
+  return Step::Taken;
+}
+
+/// Has the library make a message of these bytes; false when it makes none, by which it may lose the descriptor.
+bool BusLink::giveMessage(std::span<const std::uint8_t> bytes, int descriptor) {
+  received_ = false;
+  LibraryInput& library = LibraryInput::shared();
+  for (int result = 1; result > 0 && !received_;) {
+    if (!bytes.empty()) {
+      const std::size_t size = library.put(bytes, descriptor);
+      descriptor = size > 0 ? -1 : descriptor;
+      bytes = bytes.subspan(size);
+    }
+    result = sd_bus_process(bus_, nullptr);
+  }
+  // A bus object that has failed tells so with a message of its own.
+  return received_ && sd_bus_is_open(bus_) > 0;
 }
 
 int BusLink::receive(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
-  const std::size_t bytes = self.meter_.sinceMark();
-  self.meter_.mark();
-  return self.closing_ || self.owner_.linkReceived(message, bytes) ? 1 : 0;
+  self.received_ = true;
+  if (!self.closing_) {
+    self.owner_.linkReceived(message, self.messageBytes_);
+  }
+  // The library would answer by itself, at any length.
+  return 1;
 }
 
+/// How much to read at once: of a long message the rest, and nothing of the next.
+std::size_t BusLink::wantedBytes() const {
+  const std::size_t size = input_.waiting().size();
+  if (!ready_ || size < PeerInput::messageHeaderBytes) {
+    return readBytes;
+  }
+  const auto length = input_.messageLength();
+  return length && *length > size ? std::max(readBytes, *length - size) : readBytes;
+}
+
+/// Messages that are complete wait for a turn, and an incomplete one while reading is paused is not the peer's doing.
 void BusLink::countPart() {
   if (closing_ || !ready_) {
     return;
   }
-  const std::size_t part = meter_.sinceMark();
-  if (part != 0 || inPart_) {
-    inPart_ = part != 0;
-    owner_.linkReceivedPart(part);
+  const std::size_t size = input_.waiting().size();
+  const auto length = size < PeerInput::messageHeaderBytes ? std::nullopt : input_.messageLength();
+  const bool isComplete = length && *length <= size;
+  tellPart(isComplete || paused_ || size == 0 ? 0 : (length ? *length : size));
+}
+
+void BusLink::tellPart(std::size_t bytes) {
+  if (bytes != 0 || inPart_) {
+    inPart_ = bytes != 0;
+    owner_.linkReceivedPart(bytes);
   }
 }
 
@@ -145,8 +303,8 @@ std::optional<std::uint64_t> BusLink::send(sd_bus_message* message, std::size_t 
     loop_.runAgain(*this);
     return std::nullopt;
   }
-  unsent_.push_back(bytes);
-  unsentBytes_ += bytes;
+  unsent_.push_back(bytes + limits::unsentMessageBytes);
+  unsentBytes_ += unsent_.back();
   if (!processing_) {
     countUnsent();
   }
@@ -161,14 +319,9 @@ void BusLink::countUnsent() {
     unsentBytes_ -= unsent_.front();
     unsent_.pop_front();
   }
-  // The library answers a few calls by itself.
-  while (unsent_.size() < queued) {
-    unsent_.push_back(ownAnswerBytes);
-    unsentBytes_ += ownAnswerBytes;
-  }
   refreshEvents();
   if (wereUnsent || !unsent_.empty()) {
-    owner_.linkUnsent(unsentBytes_);
+    owner_.linkUnsent(unsent_.size(), unsentBytes_);
   }
 }
 
@@ -176,7 +329,7 @@ void BusLink::refreshEvents() {
   const int wanted = sd_bus_get_events(bus_);
   std::uint32_t events = EPOLLRDHUP;
   events |= wanted >= 0 && (wanted & POLLOUT) != 0 ? EPOLLOUT : 0U;
-  events |= paused_ ? 0U : EPOLLIN;
+  events |= paused_ || isWriting() ? 0U : EPOLLIN;
   if (events != events_) {
     events_ = events;
     loop_.change(socket_, events, *this);

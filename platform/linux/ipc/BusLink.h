@@ -5,19 +5,21 @@
 #include <systemd/sd-bus.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <list>
 #include <optional>
-#include <string>
+#include <span>
 
 #include "platform/linux/ipc/EventLoop.h"
-#include "platform/linux/ipc/StreamMeter.h"
+#include "platform/linux/ipc/PeerInput.h"
 #include "platform/linux/system/FileDescriptor.h"
 
 namespace kelvane::ipc {
 
 /// Drives a bus object of the library by hand, because what the library offers for that costs time in
 /// proportion to all connections and can miss a first message. Owned by a channel; lives on the event
-/// loop's thread.
+/// loop's thread. The library writes to the socket, but reads only what the link gives it: whole messages, with
+/// descriptors where they are allowed.
 ///
 /// It ends once: by close(), or by the peer, which is told to the owner after everything that had arrived
 /// before was.
@@ -29,12 +31,16 @@ class BusLink final : private EventLoop::Source {
    public:
     /// The handshake is over: calls that carry descriptors can be sent now.
     virtual void linkOpened() = 0;
-    /// A message of this many bytes, which is freed afterwards; false leaves it to the library.
-    virtual bool linkReceived(sd_bus_message* message, std::size_t bytes) = 0;
-    /// A message of which this much has arrived is not complete yet; 0 when none is any more.
+    /// A message of this many bytes, which is freed afterwards.
+    virtual void linkReceived(sd_bus_message* message, std::size_t bytes) = 0;
+    /// A message has arrived in part, which is to have this many bytes, as far as is known; 0 when none has any more.
     virtual void linkReceivedPart(std::size_t bytes) = 0;
-    /// This much waits now for the peer to read.
-    virtual void linkUnsent(std::size_t bytes) = 0;
+    /// Whether one more message may bring a descriptor.
+    virtual bool linkTakesDescriptor() = 0;
+    /// A malformed message brought a descriptor, which stays open for good. The link ends.
+    virtual void linkLostDescriptor() = 0;
+    /// So many messages, which take this much, wait now for the peer to read.
+    virtual void linkUnsent(std::size_t messages, std::size_t bytes) = 0;
     /// To be followed by close().
     virtual void linkEnded() = 0;
 
@@ -47,13 +53,16 @@ class BusLink final : private EventLoop::Source {
   BusLink(const BusLink&) = delete;
   BusLink& operator=(const BusLink&) = delete;
 
-  /// Starts the handshake on a connected socket; false when the system refuses.
-  [[nodiscard]] bool open(FileDescriptor socket, Role role);
+  /// Starts the handshake on a connected socket; false when the system refuses. A server's peer may send
+  /// descriptors when told so, at most one with each message; a client's may not.
+  [[nodiscard]] bool open(FileDescriptor socket, Role role, bool takesDescriptors);
   /// The owner is told nothing more.
   void close();
 
   bool isOpen() const { return bus_ != nullptr && !closing_; }
   bool isReady() const { return isOpen() && ready_; }
+  /// Whether messages wait for the peer to read.
+  bool hasUnsent() const { return !unsent_.empty(); }
   /// For making messages, while isOpen().
   sd_bus* bus() const { return bus_; }
 
@@ -71,8 +80,16 @@ class BusLink final : private EventLoop::Source {
 
  private:
   void ready(std::uint32_t events) override;
+  enum class Step { Taken, Incomplete, Failed };
   bool process(std::uint32_t events);
+  bool runLibrary(int turns);
+  bool isWriting() const;
+  Step takeLine();
+  Step takeMessage();
+  bool giveMessage(std::span<const std::uint8_t> bytes, int descriptor);
+  std::size_t wantedBytes() const;
   void countPart();
+  void tellPart(std::size_t bytes);
   void countUnsent();
   void refreshEvents();
   void startHandshakeTimer();
@@ -85,9 +102,14 @@ class BusLink final : private EventLoop::Source {
   sd_bus* bus_ = nullptr;
   int socket_ = -1;
   std::uint32_t events_ = 0;
-  StreamMeter meter_;
+  Role role_ = Role::Client;
+  PeerInput input_;
+  std::size_t handshakeBytes_ = 0;
+  /// The message that the library is making, and whether it has.
+  std::size_t messageBytes_ = 0;
+  bool received_ = false;
   std::optional<EventLoop::Timer> handshakeTimer_;
-  /// The lengths of the messages in the library's queue, which tells only how many they are.
+  /// What the messages take that are in the library's queue, which tells only how many they are.
   std::list<std::size_t> unsent_;
   std::size_t unsentBytes_ = 0;
   bool inPart_ = false;

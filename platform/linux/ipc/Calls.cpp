@@ -37,21 +37,23 @@ void failCall(Call call, const CallError& error) {
 
 void Calls::add(Call call) {
   maximumReplyBytes_ = std::max(maximumReplyBytes_, call.interface->maximumReplyBytes);
-  if (link_.isReady() && waiting_.empty()) {
-    send(std::move(call));
-  } else {
-    waiting_.push_back(std::move(call));
-  }
+  waiting_.push_back(std::move(call));
+  sendWaiting();
 }
 
 void Calls::sendWaiting() {
-  while (!waiting_.empty() && link_.isReady()) {
+  // Sending may tell at once that the peer has read it.
+  if (std::exchange(isSending_, true)) {
+    return;
+  }
+  while (!waiting_.empty() && maySend()) {
     Call call = std::move(waiting_.front());
     waiting_.pop_front();
     if (!send(std::move(call))) {
-      return;
+      break;
     }
   }
+  isSending_ = false;
 }
 
 /// False when the link is about to end; the call then fails with it.

@@ -33,7 +33,8 @@ class Calls {
 
   std::size_t count() const { return waiting_.size() + sent_.size(); }
   void add(Call call);
-  /// The handshake is over.
+  /// The handshake is over, or the peer has read everything: until then calls wait, whose values may be shared,
+  /// which messages are not.
   void sendWaiting();
   /// A reply or a D-Bus error came.
   void answer(sd_bus_message* reply);
@@ -45,11 +46,13 @@ class Calls {
 
  private:
   bool send(Call call);
+  bool maySend() const { return link_.isReady() && !link_.hasUnsent(); }
 
   BusLink& link_;
   std::list<Call> waiting_;
   std::map<std::uint64_t, Call> sent_;
   std::size_t maximumReplyBytes_ = 0;
+  bool isSending_ = false;
 };
 
 }  // namespace kelvane::ipc

@@ -2,6 +2,7 @@
 // A connection's working half, on the event loop's thread.
 #include "platform/linux/ipc/Channel.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -21,6 +22,13 @@ constexpr auto connectTime = std::chrono::seconds(30);
 constexpr auto partTime = std::chrono::seconds(30);
 /// A request that is too long is answered with an error, but not at any length.
 constexpr std::size_t longestMessage = 2 * limits::requestBytes;
+
+bool takesEndpoints(const Interface& interface) {
+  return std::ranges::any_of(interface.operations, [](const Operation* operation) {
+    return std::ranges::find(operation->arguments, ArgumentKind::Endpoint, &Argument::kind) !=
+           operation->arguments.end();
+  });
+}
 
 }  // namespace
 
@@ -75,8 +83,9 @@ void Channel::begin(FileDescriptor socket, BusLink::Role role) {
   }
   connected_ = true;
   peer_->read(socket.get());
-  user_ = peer_->user();
-  if (!link_.open(std::move(socket), role)) {
+  // Whoever made the pair of sockets chose who is at its ends; who sent one of them did not.
+  user_ = place_ ? *place_ : peer_->user();
+  if (!link_.open(std::move(socket), role, requests_ && takesEndpoints(requests_->listener().interface()))) {
     end(End::Interruption, std::string(SD_BUS_ERROR_NO_MEMORY) + ": The system refuses a connection");
   } else if (role == BusLink::Role::Client) {
     link_.watchHangUpFirst();
@@ -116,21 +125,22 @@ void Channel::linkOpened() {
   calls_.sendWaiting();
 }
 
-bool Channel::linkReceived(sd_bus_message* message, std::size_t bytes) {
+void Channel::linkReceived(sd_bus_message* message, std::size_t bytes) {
   const std::size_t most = maximumMessageBytes();
   if (most != 0 && bytes > most) {
     endForLimit("A message is too long");
-    return true;
+    return;
   }
   std::uint8_t type = 0;
   sd_bus_message_get_type(message, &type);
   if (type == SD_BUS_MESSAGE_METHOD_CALL) {
-    return requests_ && requests_->receive(message, bytes);
-  }
-  if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) {
+    // Nothing is served to services; an answer to those who call all the same would only wait for them to read it.
+    if (requests_) {
+      requests_->receive(message, bytes);
+    }
+  } else if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) {
     calls_.answer(message);
   }
-  return true;
 }
 
 std::size_t Channel::maximumMessageBytes() const {
@@ -158,12 +168,28 @@ void Channel::linkReceivedPart(std::size_t bytes) {
   }
 }
 
-void Channel::linkUnsent(std::size_t bytes) {
+bool Channel::linkTakesDescriptor() {
+  return hub_.quota.mayLoseDescriptor(user_);
+}
+
+void Channel::linkLostDescriptor() {
+  hub_.quota.loseDescriptor(user_);
+}
+
+void Channel::linkUnsent(std::size_t messages, std::size_t bytes) {
+  // What goes to a service is what others make this process send, of which one message at a time waits here.
+  const bool isCounted = requests_.has_value();
   hub_.quota.removeUnsent(user_, countedUnsent_);
-  const bool fits = bytes <= limits::unsentBytesPerConnection && hub_.quota.addUnsent(user_, bytes);
-  countedUnsent_ = fits ? bytes : 0;
+  const bool fits = messages <= limits::unsentMessagesPerConnection && bytes <= limits::unsentBytesPerConnection &&
+                    (!isCounted || hub_.quota.addUnsent(user_, bytes));
+  countedUnsent_ = fits && isCounted ? bytes : 0;
   if (!fits) {
     endForLimit("The peer does not read");
+  } else if (messages == 0) {
+    calls_.sendWaiting();
+    if (ended_) {
+      calls_.fail(endError_);
+    }
   }
 }
 

@@ -59,9 +59,11 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
 
  private:
   void linkOpened() override;
-  bool linkReceived(sd_bus_message* message, std::size_t bytes) override;
+  void linkReceived(sd_bus_message* message, std::size_t bytes) override;
   void linkReceivedPart(std::size_t bytes) override;
-  void linkUnsent(std::size_t bytes) override;
+  bool linkTakesDescriptor() override;
+  void linkLostDescriptor() override;
+  void linkUnsent(std::size_t messages, std::size_t bytes) override;
   void linkEnded() override;
 
   void tryConnect(const std::string& path, EventLoop::Clock::time_point giveUp);

@@ -58,7 +58,10 @@ EndpointPlace takeEndpointPlace(uid_t user) {
   if (!EndpointPlaces::shared().take(user)) {
     return nullptr;
   }
-  return {&EndpointPlaces::shared(), [user](EndpointPlaces* places) { places->free(user); }};
+  return {new uid_t(user), [](const uid_t* place) {
+            EndpointPlaces::shared().free(*place);
+            delete place;
+          }};
 }
 
 std::optional<std::string> faultOfEndpoint(int fd) {

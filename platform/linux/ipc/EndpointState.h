@@ -14,8 +14,9 @@
 
 namespace kelvane::ipc {
 
-/// One of the places for descriptors that peers may have this process hold. Freed with the last reference.
-using EndpointPlace = std::shared_ptr<const void>;
+/// One of the places for descriptors that peers may have this process hold, and whose it is. Freed with the last
+/// reference.
+using EndpointPlace = std::shared_ptr<const uid_t>;
 
 /// A place on behalf of this user; null when the user, or all users together, have too many. Any thread.
 [[nodiscard]] EndpointPlace takeEndpointPlace(uid_t user);

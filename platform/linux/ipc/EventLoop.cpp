@@ -2,6 +2,7 @@
 // The one thread that does all input and output of the IPC facility.
 #include "platform/linux/ipc/EventLoop.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
 
@@ -12,13 +13,19 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "platform/Limits.h"
+
 namespace kelvane::ipc {
 
 namespace {
 
 constexpr std::uint32_t hangUpEvents = EPOLLHUP | EPOLLRDHUP | EPOLLERR;
-/// More hang-ups than rounds times ready_'s size wait for the next turn.
-constexpr int hangUpRounds = 16;
+/// Each is of ready_'s size, and so many that all services may hang up at once, some with much left to read.
+constexpr int hangUpRounds = 2 * limits::endpointsOfAllUsers / 256;
+
+/// Serving so many descriptors and tasks leaves behind memory that is worth giving back, after so long without one.
+constexpr std::uint64_t muchWork = 500;
+constexpr int restMilliseconds = 4000;
 
 [[noreturn]] void stopForWantOf(const char* what) {
   std::fprintf(stderr, "kelvane: IPC needs %s: %s\n", what, std::strerror(errno));
@@ -39,7 +46,8 @@ EventLoop::EventLoop()
   if (!poll_ || !hangUpPoll_ || !wake_) {
     stopForWantOf("descriptors");
   }
-  epoll_event event{.events = EPOLLIN, .data = {.ptr = nullptr}};
+  // Every write is an event of its own, so none needs to be read.
+  epoll_event event{.events = EPOLLIN | EPOLLET, .data = {.ptr = nullptr}};
   if (epoll_ctl(poll_.get(), EPOLL_CTL_ADD, wake_.get(), &event) < 0) {
     stopForWantOf("epoll");
   }
@@ -48,20 +56,50 @@ EventLoop::EventLoop()
   sigset_t before;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, &before);
-  std::thread([this] { run(); }).detach();
+  if ((errno = start()) != 0) {
+    stopForWantOf("a thread");
+  }
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void EventLoop::run() {
-  thread_ = std::this_thread::get_id();
+/// 0, or why the system refuses.
+int EventLoop::start() {
+  pthread_t runner;
+  return pthread_create(&runner, nullptr, runnerMain, this);
+}
+
+void* EventLoop::runnerMain(void* loop) {
+  auto& self = *static_cast<EventLoop*>(loop);
+  // Before the other thread has ended, whose identity may then be given to any.
+  self.thread_ = std::this_thread::get_id();
   pthread_setname_np(pthread_self(), "kelvane-ipc");
+  if (self.predecessor_) {
+    // What the allocator kept for that thread is free when it has ended, and not before.
+    pthread_join(*self.predecessor_, nullptr);
+    self.predecessor_.reset();
+    malloc_trim(0);
+  }
+  self.run();
+  return nullptr;
+}
+
+/// Returns when another thread has been started to go on.
+void EventLoop::run() {
   for (;;) {
     turn();
+    if (std::exchange(isAtRest_, false)) {
+      served_ = 0;
+      predecessor_ = pthread_self();
+      if (start() == 0) {
+        return;
+      }
+      predecessor_.reset();
+    }
   }
 }
 
 void EventLoop::turn() {
-  const int count = epoll_wait(poll_.get(), ready_.data(), static_cast<int>(ready_.size()), timeoutMilliseconds());
+  const int count = awaitEvents();
   serve(count, true);
   serve(count, false);
   serveAgain();
@@ -75,6 +113,24 @@ void EventLoop::turn() {
   }
 }
 
+int EventLoop::awaitEvents() {
+  const int wanted = timeoutMilliseconds();
+  bool sleeps = false;
+  {
+    const std::lock_guard lock(mutex_);
+    sleeps = posted_.empty() && wanted != 0;
+    asleep_ = sleeps;
+  }
+  const int count = epoll_wait(poll_.get(), ready_.data(), static_cast<int>(ready_.size()), sleeps ? wanted : 0);
+  served_ += static_cast<std::uint64_t>(std::max(count, 0));
+  if (sleeps) {
+    const std::lock_guard lock(mutex_);
+    isAtRest_ = count == 0 && wanted == restMilliseconds;
+    asleep_ = false;
+  }
+  return count;
+}
+
 /// Serves those of the first count entries that have hung up, or those that have not.
 void EventLoop::serve(int count, bool hungUp) {
   for (int index = 0; index < count; ++index) {
@@ -82,11 +138,8 @@ void EventLoop::serve(int count, bool hungUp) {
     if (((event.events & hangUpEvents) != 0) != hungUp) {
       continue;
     }
-    if (event.data.ptr == nullptr) {
-      // The tasks that this stands for run later in the turn.
-      std::uint64_t ignored;
-      [[maybe_unused]] const ssize_t size = read(wake_.get(), &ignored, sizeof ignored);
-    } else if (event.data.ptr != this) {
+    // None stands for the tasks that were posted, which run later in the turn, and the loop itself for nobody.
+    if (event.data.ptr != nullptr && event.data.ptr != this) {
       static_cast<Source*>(event.data.ptr)->ready(event.events);
     }
   }
@@ -124,6 +177,7 @@ void EventLoop::runPosted() {
     const std::lock_guard lock(mutex_);
     tasks.swap(posted_);
   }
+  served_ += tasks.size();
   for (const Task& task : tasks) {
     task();
   }
@@ -133,21 +187,23 @@ int EventLoop::timeoutMilliseconds() const {
   if (!again_.empty()) {
     return 0;
   }
+  const int rest = served_ >= muchWork ? restMilliseconds : -1;
   if (timers_.empty()) {
-    return -1;
+    return rest;
   }
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(timers_.begin()->first.first - Clock::now());
-  return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, 24 * 60 * 60 * 1000));
+  const int longest = rest >= 0 ? rest : 24 * 60 * 60 * 1000;
+  return static_cast<int>(std::clamp<std::int64_t>(left.count(), 0, longest));
 }
 
 void EventLoop::post(Task task) {
-  bool first;
+  bool wakes = false;
   {
     const std::lock_guard lock(mutex_);
-    first = posted_.empty();
     posted_.push_back(std::move(task));
+    wakes = std::exchange(asleep_, false);
   }
-  if (first) {
+  if (wakes) {
     const std::uint64_t one = 1;
     [[maybe_unused]] const ssize_t size = write(wake_.get(), &one, sizeof one);
   }
@@ -171,7 +227,7 @@ void EventLoop::watchHangUp(int fd, Source& source) {
 void EventLoop::forget(int fd, Source& source) {
   epoll_ctl(poll_.get(), EPOLL_CTL_DEL, fd, nullptr);
   epoll_ctl(hangUpPoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
-  // What this turn still has to serve must not find the source; the loop's own address stands for nobody.
+  // What this turn still has to serve must not find the source.
   for (epoll_event& event : ready_) {
     if (event.data.ptr == &source) {
       event.data.ptr = this;

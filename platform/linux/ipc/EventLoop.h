@@ -2,6 +2,7 @@
 // The one thread that does all input and output of the IPC facility.
 #pragma once
 
+#include <pthread.h>
 #include <sys/epoll.h>
 
 #include <array>
@@ -10,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -24,6 +26,9 @@ namespace kelvane::ipc {
 /// A turn serves the connections that have hung up first, then the other descriptors, deadlines and tasks,
 /// and last what was put off with afterReading(), before which it looks for hang-ups once more: so whatever
 /// was read in a turn is acted upon after every hang-up that preceded it. With nothing under way it sleeps.
+///
+/// When it has been quiet for some seconds after much work, it gives back the memory that the work took. What the
+/// allocator keeps for a thread goes only with the thread, so another thread goes on in its place.
 ///
 /// One per process, started at its first use and never ended. Functions are for the loop's thread, except
 /// where they say otherwise.
@@ -67,8 +72,11 @@ class EventLoop {
 
  private:
   EventLoop();
+  static void* runnerMain(void* loop);
+  int start();
   void run();
   void turn();
+  int awaitEvents();
   int timeoutMilliseconds() const;
   void serve(int count, bool hungUp);
   void serveAgain();
@@ -84,9 +92,17 @@ class EventLoop {
   std::vector<Task> afterReading_;
   std::map<Timer, Task> timers_;
   std::uint64_t lastTimer_ = 0;
+  /// Descriptors and tasks since memory was given back.
+  std::uint64_t served_ = 0;
+  bool isAtRest_ = false;
+  /// The thread that ran the loop before this one, until it has ended.
+  std::optional<pthread_t> predecessor_;
 
   std::mutex mutex_;
-  std::vector<Task> posted_;  // guarded by mutex_
+  // Guarded by mutex_:
+  std::vector<Task> posted_;
+  /// Whether the loop has to be woken for what is posted.
+  bool asleep_ = false;
   std::atomic<std::thread::id> thread_;
 };
 

@@ -4,6 +4,7 @@
 
 #include "platform/linux/ipc/DeliveryGate.h"
 #include "platform/linux/ipc/EventLoop.h"
+#include "platform/linux/ipc/LibraryInput.h"
 #include "platform/linux/ipc/Quota.h"
 
 namespace kelvane::ipc {
@@ -17,6 +18,8 @@ struct Hub {
   }
 
   EventLoop& loop = EventLoop::shared();
+  /// Made at once: the first connection may come when there are no descriptors left.
+  LibraryInput& libraryInput = LibraryInput::shared();
   Quota quota;
   DeliveryGate gate;
 };

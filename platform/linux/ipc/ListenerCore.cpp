@@ -16,11 +16,12 @@ namespace {
 
 /// Connections accepted in one turn before other descriptors have theirs.
 constexpr int acceptedPerTurn = 64;
-/// When the system has no descriptors to give, it is asked again after this.
+/// When the system gives none, as for want of descriptors, it is asked again after this.
 constexpr auto acceptPause = std::chrono::milliseconds(100);
 
-bool isForWantOfResources(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+/// The next connection may be better than this one was.
+bool isOfOneConnection(int error) {
+  return error == ECONNABORTED || error == EINTR || error == EPERM || error == EPROTO;
 }
 
 }  // namespace
@@ -84,11 +85,11 @@ void ListenerCore::ready(std::uint32_t) {
     FileDescriptor socket(accept4(socket_->get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
     if (socket) {
       consider(std::move(socket));
-    } else if (isForWantOfResources(errno)) {
+    } else if (errno == EAGAIN) {
+      return;
+    } else if (!isOfOneConnection(errno)) {
       hub_.loop.forget(socket_->get(), *this);
       pauseAccepting();
-      return;
-    } else if (errno == EAGAIN) {
       return;
     }
   }

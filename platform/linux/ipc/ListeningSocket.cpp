@@ -20,6 +20,7 @@ namespace kelvane::ipc {
 
 namespace {
 
+constexpr char listensText[] = ": another process listens there, or it cannot be told whether one does";
 /// How often another process may come in between before this one gives up.
 constexpr int attempts = 8;
 
@@ -48,11 +49,12 @@ FileDescriptor makeListening(const std::string& path, mode_t mode) {
   return FileDescriptor();
 }
 
+/// Also when that cannot be found out: a socket that is taken from under a listener makes it unreachable.
 bool isListenedAt(const std::string& path) {
   const auto address = SocketAddress::at(path);
   const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-  // A full queue (EAGAIN) is a listener's too.
-  return address && (connect(socket.get(), address->get(), address->size()) == 0 || errno == EAGAIN);
+  return !address || !socket || connect(socket.get(), address->get(), address->size()) == 0 ||
+         (errno != ECONNREFUSED && errno != ENOENT);
 }
 
 bool renameIfFree(const std::string& from, const std::string& to) {
@@ -63,14 +65,14 @@ bool renameIfFree(const std::string& from, const std::string& to) {
 /// may put its own socket there at any time: what was moved is looked at once more and moved back.
 std::optional<std::string> removeStale(const std::string& path) {
   if (isListenedAt(path)) {
-    return path + ": another process listens there";
+    return path + listensText;
   }
   const std::string aside = temporaryPath(path);
   if (!renameIfFree(path, aside)) {
     return errno == ENOENT ? std::nullopt : std::optional(errorText(path));
   }
   if (isListenedAt(aside) && renameIfFree(aside, path)) {
-    return path + ": another process listens there";
+    return path + listensText;
   }
   unlink(aside.c_str());
   return std::nullopt;

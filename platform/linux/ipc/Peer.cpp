@@ -65,6 +65,7 @@ bool Peer::isInGroup(std::string_view group) const {
 }
 
 bool Peer::runsExecutable(const std::string& path) const {
+  const runtime::BlockedScope blocked;
   const State::Pinned process = state_->pinned();
   struct stat running {};
   struct stat wanted {};
@@ -74,6 +75,7 @@ bool Peer::runsExecutable(const std::string& path) const {
 }
 
 bool Peer::runsInUnit(std::string_view unit) const {
+  const runtime::BlockedScope blocked;
   const State::Pinned process = state_->pinned();
   if (!process.descriptor || unit.empty()) {
     return false;

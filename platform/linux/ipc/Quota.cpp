@@ -6,7 +6,8 @@ namespace kelvane::ipc {
 
 bool Quota::addConnection(uid_t user) {
   const auto found = users_.find(user);
-  if (connections_ >= limits_.connections ||
+  const int kept = user == 0 ? 0 : limits_.connectionsKeptForRoot;
+  if (connections_ >= limits_.connections - kept ||
       (found != users_.end() && found->second.connections >= limits_.connectionsPerUser)) {
     return false;
   }
@@ -67,6 +68,15 @@ bool Quota::addPartial(uid_t user) {
 void Quota::removePartial(uid_t user) {
   --users_[user].partialMessages;
   forgetIfIdle(user);
+}
+
+void Quota::loseDescriptor(uid_t user) {
+  ++users_[user].lostDescriptors;
+}
+
+bool Quota::mayLoseDescriptor(uid_t user) const {
+  const auto found = users_.find(user);
+  return found == users_.end() || found->second.lostDescriptors < limits_.lostDescriptorsPerUser;
 }
 
 void Quota::forgetIfIdle(uid_t user) {

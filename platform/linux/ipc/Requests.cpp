@@ -14,8 +14,6 @@ namespace kelvane::ipc {
 
 namespace {
 
-constexpr std::string_view peerInterface = "org.freedesktop.DBus.Peer";
-
 std::string_view textOf(const char* text) {
   return text == nullptr ? std::string_view() : std::string_view(text);
 }
@@ -55,11 +53,8 @@ uid_t Requests::user() const {
   return channel_.user();
 }
 
-bool Requests::receive(sd_bus_message* call, std::size_t bytes) {
+void Requests::receive(sd_bus_message* call, std::size_t bytes) {
   const Interface& interface = listener_->interface();
-  if (textOf(sd_bus_message_get_interface(call)) == peerInterface) {
-    return false;
-  }
   if (const auto answer = answerStandardCall(call, interface)) {
     const CallFault* fault = std::get_if<CallFault>(&*answer);
     if (fault != nullptr) {
@@ -67,17 +62,17 @@ bool Requests::receive(sd_bus_message* call, std::size_t bytes) {
     } else {
       channel_.send(std::get<OutgoingMessage>(*answer));
     }
-    return true;
+    return;
   }
   const auto operation = operationOf(call, interface);
   if (const auto* fault = std::get_if<CallFault>(&operation)) {
     refuse(call, *fault);
-    return true;
+    return;
   }
   if (bytes > limits::requestBytes) {
     refuse(call, {SD_BUS_ERROR_LIMITS_EXCEEDED, "A request of " + std::to_string(bytes) + " bytes is longer than " +
                                                     std::to_string(limits::requestBytes)});
-    return true;
+    return;
   }
   const Operation& known = *std::get<const Operation*>(operation);
   auto decoded = decodeArguments(call, known, user(), Hub::shared().quota.holdable(user()));
@@ -86,7 +81,6 @@ bool Requests::receive(sd_bus_message* call, std::size_t bytes) {
   } else {
     take(call, known, std::get<DecodedArguments>(std::move(decoded)));
   }
-  return true;
 }
 
 void Requests::refuse(sd_bus_message* call, const CallFault& fault) {

@@ -2,6 +2,8 @@
 // The interfaces that every D-Bus peer is expected to have.
 #include "platform/linux/ipc/StandardInterfaces.h"
 
+#include <systemd/sd-id128.h>
+
 #include <atomic>
 #include <string>
 #include <string_view>
@@ -15,6 +17,7 @@ namespace {
 using Answer = std::variant<OutgoingMessage, CallFault>;
 
 constexpr std::string_view busName = "org.freedesktop.DBus";
+constexpr std::string_view peerName = "org.freedesktop.DBus.Peer";
 constexpr std::string_view introspectableName = "org.freedesktop.DBus.Introspectable";
 constexpr std::string_view propertiesName = "org.freedesktop.DBus.Properties";
 
@@ -44,6 +47,27 @@ Answer answerBusCall(sd_bus_message* call) {
   }
   static std::atomic<unsigned> lastName = 0;
   return answerWithText(call, ":1." + std::to_string(++lastName));
+}
+
+/// At every path.
+Answer answerPeerCall(sd_bus_message* call) {
+  const std::string_view member = textOf(sd_bus_message_get_member(call));
+  if (member == "Ping") {
+    OutgoingMessage reply;
+    if (sd_bus_message_new_method_return(call, &reply.message) < 0) {
+      return CallFault{SD_BUS_ERROR_NO_MEMORY, "No memory"};
+    }
+    return reply;
+  }
+  if (member != "GetMachineId") {
+    return unknownMethod(call);
+  }
+  sd_id128_t id;
+  if (sd_id128_get_machine(&id) < 0) {
+    return CallFault{SD_BUS_ERROR_FAILED, "This machine has no identifier"};
+  }
+  char text[SD_ID128_STRING_MAX];
+  return answerWithText(call, sd_id128_to_string(id, text));
 }
 
 Answer answerIntrospectableCall(sd_bus_message* call, const Interface& interface) {
@@ -95,6 +119,9 @@ std::optional<Answer> answerStandardCall(sd_bus_message* call, const Interface& 
   const std::string_view name = textOf(sd_bus_message_get_interface(call));
   if (name == busName) {
     return answerBusCall(call);
+  }
+  if (name == peerName) {
+    return answerPeerCall(call);
   }
   if (name == introspectableName) {
     return answerIntrospectableCall(call, interface);

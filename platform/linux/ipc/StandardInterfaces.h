@@ -12,7 +12,7 @@
 
 namespace kelvane::ipc {
 
-/// The answer to a call of org.freedesktop.DBus (Hello, with which stock tools begin), of Introspectable or
+/// The answer to a call of org.freedesktop.DBus (Hello, with which stock tools begin), of Peer, of Introspectable or
 /// of Properties (there are none); none when the call is of another interface. The event loop's thread.
 std::optional<std::variant<OutgoingMessage, CallFault>> answerStandardCall(sd_bus_message* call,
                                                                            const Interface& interface);

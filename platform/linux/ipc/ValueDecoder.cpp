@@ -203,7 +203,12 @@ bool ValueDecoder::readEntries(const std::string& entry, Value::Dictionary& entr
 }
 
 bool ValueDecoder::readVariant(const std::string& contents, Value& value) {
-  return enter(SD_BUS_TYPE_VARIANT, contents) && read(value) && leave();
+  if (!enter(SD_BUS_TYPE_VARIANT, contents)) {
+    return false;
+  }
+  // One letter names a basic type, or a variant; asking for the former once more is a tenth of the reading.
+  const bool isBasic = contents.size() == 1 && contents.front() != SD_BUS_TYPE_VARIANT;
+  return (isBasic ? readBasic(contents.front(), value) : read(value)) && leave();
 }
 
 bool ValueDecoder::readDate(const std::string& contents, Value& value) {

@@ -11,6 +11,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <set>
 
 #include "platform/linux/ipc/PrivateSockets.h"
@@ -33,15 +34,25 @@ bool sleepsWithoutLimit(const std::filesystem::path& thread) {
   return (call == SYS_epoll_wait || call == SYS_epoll_pwait) && static_cast<std::int32_t>(timeout) == -1;
 }
 
-bool loopSleepsWithoutLimit() {
+/// The thread that runs the loop; none while one hands over to another.
+std::optional<std::filesystem::path> loopThread() {
+  std::optional<std::filesystem::path> found;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
     std::string name;
     std::getline(std::ifstream(task.path() / "comm"), name);
     if (name == "kelvane-ipc") {
-      return sleepsWithoutLimit(task.path());
+      if (found) {
+        return std::nullopt;
+      }
+      found = task.path();
     }
   }
-  return false;
+  return found;
+}
+
+bool loopSleepsWithoutLimit() {
+  const auto thread = loopThread();
+  return thread && sleepsWithoutLimit(*thread);
 }
 
 TEST(TheEventLoop, SleepsWithoutLimitWhenNothingIsUnderWay) {
@@ -54,6 +65,25 @@ TEST(TheEventLoop, SleepsWithoutLimitWhenNothingIsUnderWay) {
   ASSERT_TRUE(caller.ask(sample::ping, {}));
   // The connections stay, idle.
   EXPECT_TRUE(test::eventually(loopSleepsWithoutLimit));
+}
+
+TEST(TheEventLoop, GoesOnInAnotherThreadWhenItHasComeToRestAfterMuchWork) {
+  EventLoop& loop = EventLoop::shared();
+  test::Mailbox<std::string> events;
+  loop.post([&] { events.put("first"); });
+  ASSERT_EQ(events.take(), "first");
+  const auto before = loopThread();
+  ASSERT_TRUE(before);
+  for (int task = 0; task < 1000; ++task) {
+    loop.post([] {});
+  }
+  // Nothing is posted meanwhile: that would be work.
+  EXPECT_TRUE(test::eventually([&before] { return loopSleepsWithoutLimit() && loopThread() != before; }));
+  loop.post([&] {
+    EXPECT_TRUE(loop.isCurrent());
+    loop.runAt(EventLoop::Clock::now(), [&] { events.put("timer"); });
+  });
+  EXPECT_EQ(events.take(), "timer");
 }
 
 TEST(TheEventLoop, RunsTasksInTheOrderPostedAndTimersWhenTheyAreDue) {

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <future>
-#include <thread>
 
 #include "platform/linux/ipc/EventLoop.h"
 #include "platform/linux/ipc/PrivateSockets.h"
@@ -22,17 +21,6 @@ TemporaryDirectory::TemporaryDirectory() {
 TemporaryDirectory::~TemporaryDirectory() {
   std::error_code ignored;
   std::filesystem::remove_all(path_, ignored);
-}
-
-bool eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + patience;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) {
-      return false;
-    }
-    std::this_thread::yield();
-  }
-  return true;
 }
 
 void settleEventLoop() {

@@ -2,20 +2,17 @@
 // What the tests of the IPC facility share.
 #pragma once
 
-#include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "platform/Ipc.h"
 #include "tests/linux/ipc/SampleInterface.h"
+#include "tests/linux/testing/Eventually.h"
 
 namespace kelvane::test {
-
-inline constexpr auto patience = std::chrono::seconds(60);
 
 /// A directory of its own under /tmp, removed with all that is in it.
 class TemporaryDirectory {
@@ -62,9 +59,6 @@ class Mailbox {
   std::condition_variable changed_;
   std::deque<Item> items_;
 };
-
-/// Polls until the condition holds; false when it does not in time.
-[[nodiscard]] bool eventually(const std::function<bool()>& condition);
 
 /// Waits until everything that the event loop was given before has been done.
 void settleEventLoop();

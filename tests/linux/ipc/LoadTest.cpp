@@ -15,6 +15,7 @@
 #include "platform/linux/system/FileDescriptor.h"
 #include "tests/linux/ipc/IpcTesting.h"
 #include "tests/linux/ipc/RawClient.h"
+#include "tests/linux/testing/BusServer.h"
 
 namespace kelvane {
 namespace {
@@ -81,16 +82,15 @@ TEST(APeerThatDoesNotRead, IsDropped) {
   EXPECT_TRUE(ended.take());
 }
 
-TEST(APeerThatDoesNotRead, IsDroppedForAnswersThatTheLibraryGives) {
+TEST(APeerThatDoesNotRead, IsDroppedForManyShortAnswers) {
   test::Mailbox<bool> ended;
   SampleListener listener(answer);
   listener.listener().setDisconnectHandler([&ended](const ipc::Connection&) { ended.put(true); });
   listener.resume();
   RawClient client(listener.path());
   ASSERT_EQ(client.call("ping").error, "");
-  // A ping's answer is counted as 256 bytes, besides what the kernel takes.
   bool sent = true;
-  for (int ping = 0; sent && ping < 200'000 && ended.size() == 0; ++ping) {
+  for (int ping = 0; sent && ping < 100'000 && ended.size() == 0; ++ping) {
     sd_bus_message* message = nullptr;
     std::uint64_t cookie = 0;
     ASSERT_GE(sd_bus_message_new_method_call(client.bus(), &message, nullptr, "/", "org.freedesktop.DBus.Peer", "Ping"),
@@ -108,44 +108,64 @@ class IdleServer {
     int ends[2];
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
     endpoint_.emplace(std::make_shared<ipc::Endpoint::State>(FileDescriptor(ends[0])));
-    EXPECT_GE(sd_bus_new(&bus_), 0);
-    EXPECT_GE(sd_bus_set_server(bus_, 1, sd_id128_t{}), 0);
-    EXPECT_GE(sd_bus_set_fd(bus_, ends[1], ends[1]), 0);
-    EXPECT_GE(sd_bus_start(bus_), 0);
+    server_.emplace(ends[1]);
   }
-  ~IdleServer() { sd_bus_close_unref(bus_); }
-  IdleServer(const IdleServer&) = delete;
-  IdleServer& operator=(const IdleServer&) = delete;
 
   const ipc::Endpoint& endpoint() const { return *endpoint_; }
-  void shakeHands() {
-    while (sd_bus_is_ready(bus_) == 0) {
-      ASSERT_GE(sd_bus_process(bus_, nullptr), 0);
-      sd_bus_wait(bus_, 1000);
-    }
-  }
+  void shakeHands() { ASSERT_TRUE(server_->shakeHands()); }
+  bool takesCall() { return server_->nextCall() != nullptr; }
 
  private:
-  sd_bus* bus_ = nullptr;
+  std::optional<test::BusServer> server_;
   std::optional<ipc::Endpoint> endpoint_;
 };
 
-TEST(AServiceThatDoesNotRead, HasItsConnectionInvalidatedAndEveryCallFailed) {
+TEST(AServiceThatDoesNotRead, HasItsCallsWaitUntilThereAreTooMany) {
   IdleServer service;
-  SampleCaller caller(ipc::Connection::toEndpoint(service.endpoint()));
+  SampleCaller caller(ipc::Connection::toEndpoint(service.endpoint()), sample::limitedInterface);
   caller.connection().resume();
   service.shakeHands();
   const Value large(std::string(limits::requestBytes / 2, 'x'));
-  const auto most = static_cast<int>(limits::unsentBytesPerConnection / large.string()->size());
-  for (int call = 0; call < most + 2; ++call) {
+  const int most = sample::limitedInterface.maximumOutstandingCalls;
+  for (int call = 0; call < most; ++call) {
     caller.call(sample::echo, {large});
   }
+  test::settleEventLoop();
+  EXPECT_EQ(caller.ends().size(), 0U);
+  caller.call(sample::echo, {large});
   EXPECT_EQ(caller.ends().take(), "invalidation");
-  for (int call = 0; call < most + 2; ++call) {
+  for (int call = 0; call < most + 1; ++call) {
     const auto outcome = caller.outcomes().take();
     ASSERT_TRUE(outcome);
-    EXPECT_THAT(outcome->error, testing::HasSubstr("does not read"));
+    EXPECT_THAT(outcome->error, testing::HasSubstr("Too many calls"));
   }
+}
+
+TEST(ServicesThatAreSentMuchAtOnce, KeepTheirConnectionsHoweverSlowlyTheyRead) {
+  constexpr int count = 40;
+  std::deque<IdleServer> services(count);
+  std::deque<SampleCaller> callers;
+  const Value large(std::string(limits::requestBytes - 4096, 'x'));
+  ASSERT_GT(count * limits::requestBytes, limits::unsentBytesPerUser);
+  for (IdleServer& service : services) {
+    callers.emplace_back(ipc::Connection::toEndpoint(service.endpoint()));
+    callers.back().connection().resume();
+    service.shakeHands();
+    callers.back().call(sample::echo, {large});
+    callers.back().call(sample::echo, {large});
+  }
+  test::settleEventLoop();
+  for (int index = 0; index < count; ++index) {
+    EXPECT_EQ(callers[static_cast<std::size_t>(index)].ends().size(), 0U) << index;
+  }
+  // Each gets both calls when it reads at last.
+  for (int call = 0; call < 2; ++call) {
+    EXPECT_TRUE(services.front().takesCall());
+  }
+  // Outstanding calls hold their connections until the services are gone.
+  callers.clear();
+  services.clear();
+  test::settleEventLoop();
 }
 
 TEST(APeerThatEndsNoMessage, IsDroppedWhenThatGrowsTooLong) {

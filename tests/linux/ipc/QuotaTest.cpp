@@ -16,7 +16,7 @@ namespace sample = test::sample;
 using testing::ElementsAre;
 
 TEST(AQuota, LimitsConnectionsOfAllUsersAndOfEach) {
-  ipc::Quota quota({.connections = 5, .connectionsPerUser = 3});
+  ipc::Quota quota({.connections = 5, .connectionsKeptForRoot = 0, .connectionsPerUser = 3});
   EXPECT_TRUE(quota.addConnection(1));
   EXPECT_TRUE(quota.addConnection(1));
   EXPECT_TRUE(quota.addConnection(1));
@@ -27,6 +27,23 @@ TEST(AQuota, LimitsConnectionsOfAllUsersAndOfEach) {
   EXPECT_FALSE(quota.addConnection(3));
   quota.removeConnection(1);
   EXPECT_TRUE(quota.addConnection(3));
+}
+
+TEST(AQuota, KeepsSomeConnectionsForTheSuperuser) {
+  ipc::Quota quota({.connections = 2, .connectionsKeptForRoot = 1});
+  EXPECT_TRUE(quota.addConnection(1));
+  EXPECT_FALSE(quota.addConnection(2));
+  EXPECT_TRUE(quota.addConnection(0));
+  EXPECT_FALSE(quota.addConnection(0));
+}
+
+TEST(AQuota, LimitsTheDescriptorsThatAreLostToEachUser) {
+  ipc::Quota quota({.lostDescriptorsPerUser = 2});
+  quota.loseDescriptor(1);
+  EXPECT_TRUE(quota.mayLoseDescriptor(1));
+  quota.loseDescriptor(1);
+  EXPECT_FALSE(quota.mayLoseDescriptor(1));
+  EXPECT_TRUE(quota.mayLoseDescriptor(2));
 }
 
 TEST(AQuota, LimitsTheBytesHeldForEachUser) {

@@ -68,6 +68,17 @@ TEST_F(AListenersPeer, IsGreetedWithANameOfItsOwn) {
             SD_BUS_ERROR_UNKNOWN_METHOD);
 }
 
+TEST_F(AListenersPeer, MayPingAtAnyPathAndAskForTheMachine) {
+  RawClient client(listener.path());
+  const std::string peer = "org.freedesktop.DBus.Peer";
+  EXPECT_EQ(client.callAt("/anywhere", peer, "Ping").error, "");
+  // Not every machine has an identifier.
+  const auto machine = client.callAt("/", peer, "GetMachineId");
+  EXPECT_TRUE(machine.signature == "s" ? machine.text.size() == 32 : machine.error == SD_BUS_ERROR_FAILED);
+  EXPECT_EQ(client.callAt("/", peer, "Other").error, SD_BUS_ERROR_UNKNOWN_METHOD);
+  EXPECT_EQ(client.callAt("/", peer, "Ping").error, "");
+}
+
 TEST_F(AListenersPeer, FindsTheObjectFromTheRoot) {
   RawClient client(listener.path());
   const std::string introspectable = "org.freedesktop.DBus.Introspectable";
