@@ -92,15 +92,13 @@ void VolumeMonitor::watch() {
   }();
   CurrentVolumes volumes;
   while (true) {
-    const std::vector<VolumeMount>& mounts = volumes.list();
-    const Time now = Clock::now();
-    const auto sights = lookAround(mounts, generation);
-    if (!sights) {
+    const auto look = lookAround(volumes.list(), generation);
+    if (!look) {
       return;
     }
     setGuard(std::chrono::seconds(0));
     pollfd events[] = {{wake_.get(), POLLIN, 0}, {volumes.descriptor(), POLLIN, 0}};
-    poll(events, 2, pollTimeout(decide(now, *sights)));
+    poll(events, 2, pollTimeout(decide(*look)));
     if (events[0].revents != 0) {
       eventfd_t count;
       eventfd_read(wake_.get(), &count);
@@ -111,75 +109,122 @@ void VolumeMonitor::watch() {
   }
 }
 
-std::optional<std::vector<VolumeWatch::Sight>> VolumeMonitor::lookAround(const std::vector<VolumeMount>& mounts,
-                                                                         unsigned generation) {
+/// None when a file system took so long that the thread has been replaced.
+std::optional<VolumeMonitor::Look> VolumeMonitor::lookAround(const std::vector<VolumeMount>& mounts,
+                                                             unsigned generation) {
   const VolumeLevels levels = VolumeLevels::current();
-  std::vector<VolumeWatch::Sight> sights;
+  Look look{Clock::now(), {}, {}};
   for (const VolumeMount& mount : mounts) {
     if (!beginAsking(mount)) {
+      look.unasked.push_back(mount);
       continue;
     }
-    const auto space = volumeSpaceReader.load(std::memory_order_relaxed)(mount.path);
-    if (!endAsking(mount.device, generation)) {
+    const Time asked = Clock::now();
+    std::optional<VolumeWatch::Sight> sight;
+    if (const auto space = volumeSpaceReader.load(std::memory_order_relaxed)(mount.path)) {
+      sight.emplace(mount, *space, levels);
+    }
+    if (!endAsking(mount.device, sight, asked, generation)) {
       return std::nullopt;
     }
-    if (space) {
-      sights.emplace_back(mount, *space, levels);
+    if (sight) {
+      look.sights.push_back(std::move(*sight));
     }
   }
-  return sights;
+  return look;
 }
 
 bool VolumeMonitor::beginAsking(const VolumeMount& mount) {
   const std::lock_guard lock(mutex_);
-  if (silent_.contains(mount.device)) {
+  const Time now = Clock::now();
+  const auto slow = slow_.find(mount.device);
+  if (slow != slow_.end() && (slow->second.isAwaited || now < slow->second.restsUntil)) {
     return false;
   }
   asked_ = mount;
+  askedSince_ = now;
   setGuard(patience);
   return true;
 }
 
-/// False when the file system took so long that the thread has been replaced.
-bool VolumeMonitor::endAsking(dev_t device, unsigned generation) {
+/// False when the thread has been replaced; then what it saw last is handed on here.
+bool VolumeMonitor::endAsking(dev_t device, const std::optional<VolumeWatch::Sight>& sight, Time asked,
+                              unsigned generation) {
   const std::lock_guard lock(mutex_);
-  if (generation == generation_) {
+  const auto slow = slow_.find(device);
+  if (slow != slow_.end() && slow->second.isAwaited) {
+    const Time now = Clock::now();
+    slow->second.noteAnswer(now, now - asked);
+  } else {
     asked_.reset();
+    slow_.erase(device);
+  }
+  if (generation == generation_) {
     return true;
   }
-  silent_.erase(device);
+  if (sight) {
+    watch_.seeLate(asked, *sight);
+  }
   wake();
   return false;
+}
+
+void VolumeMonitor::SlowAnswers::noteAnswer(Time now, VolumeWatch::Duration took) {
+  isAwaited = false;
+  rest = std::min<VolumeWatch::Duration>(std::max(2 * rest, took), longestRest);
+  restsUntil = now + rest;
 }
 
 void VolumeMonitor::guard() {
   std::uint64_t expirations = 0;
   while (read(guard_.get(), &expirations, sizeof expirations) == sizeof expirations) {
     std::string volume;
+    bool isNew = false;
+    bool isReplaced = false;
     {
       const std::lock_guard lock(mutex_);
-      if (!asked_) {
+      // The timer may have expired for one that has answered since.
+      if (!asked_ || Clock::now() - askedSince_ < patience) {
         continue;
       }
       volume = asked_->path;
-      silent_.insert(asked_->device);
+      const auto slow = slow_.try_emplace(asked_->device);
+      isNew = slow.second;
+      slow.first->second.isAwaited = true;
       asked_.reset();
-      ++generation_;
+      isReplaced = runtime::startThread(watchMain, this);
+      // If there is none, the thread that waits goes on when it can.
+      generation_ += isReplaced ? 1 : 0;
     }
-    reportFailure(volume + " does not answer; it is not watched until it does");
-    if (!runtime::startThread(watchMain, this)) {
-      reportFailure("Unable to watch the volumes");
+    if (isNew) {
+      reportFailure(volume + " does not answer; it is watched less until it answers in time");
+    }
+    if (!isReplaced) {
+      reportFailure("Unable to watch the other volumes until " + volume + " answers");
     }
   }
 }
 
-Time VolumeMonitor::decide(Time now, const std::vector<VolumeWatch::Sight>& sights) {
+Time VolumeMonitor::decide(const Look& look) {
   const std::lock_guard lock(mutex_);
-  watch_.look(now, sights);
-  if (const auto event = watch_.nextEvent(now)) {
+  watch_.look(look.begun, look.sights, look.unasked);
+  if (const auto event = watch_.nextEvent(look.begun)) {
     post(*event, handler_);
   }
-  return watch_.nextLook();
+  Time next = watch_.nextLook();
+  for (const VolumeMount& mount : look.unasked) {
+    const auto slow = slow_.find(mount.device);
+    if (slow != slow_.end() && !slow->second.isAwaited) {
+      next = std::min(next, slow->second.restsUntil);
+    }
+  }
+  // The device number of one that is gone may be given to another.
+  std::erase_if(slow_, [&look](const auto& entry) {
+    const auto isIt = [&entry](const auto& volume) { return volume.device == entry.first; };
+    return !entry.second.isAwaited && std::none_of(look.unasked.begin(), look.unasked.end(), isIt) &&
+           std::none_of(look.sights.begin(), look.sights.end(), isIt);
+  });
+  return next;
 }
 
 void VolumeMonitor::post(const VolumeWatch::Event& event, const Handler& handler) {
@@ -212,7 +257,8 @@ std::vector<std::string> VolumeMonitor::volumesToRelieve(const std::vector<Volum
 
 bool VolumeMonitor::isSilent(dev_t device) {
   const std::lock_guard lock(mutex_);
-  return silent_.contains(device);
+  const auto slow = slow_.find(device);
+  return slow != slow_.end() && slow->second.isAwaited;
 }
 
 void VolumeMonitor::setGuard(std::chrono::seconds time) const {

@@ -7,9 +7,9 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -26,13 +26,28 @@ extern std::atomic<std::optional<VolumeSpace> (*)(const std::string&)> volumeSpa
 ///
 /// There is one in a process, and it is never destroyed. Any thread may call it. The thread that looks at the
 /// volumes asks them itself, which costs one wake-up a look; should a file system keep it waiting, another thread
-/// takes its place and leaves that file system out for as long as it is silent.
+/// takes its place and leaves that file system out for as long as it is silent. What it then says counts, and it is
+/// asked again after a rest.
 class VolumeMonitor {
  public:
   using Handler = std::function<void(const Value&)>;
   static constexpr char stream[] = "com.tessaly.dispatch.vfs";
   /// A file system that has not answered within this time counts as silent.
   static constexpr std::chrono::seconds patience{2};
+
+  static constexpr std::chrono::seconds longestRest{60};
+
+  /// A file system that has not answered in time; forgotten when it does.
+  struct SlowAnswers {
+    /// Whether a thread waits for it.
+    bool isAwaited = true;
+    /// When it may be asked again.
+    VolumeWatch::Time restsUntil;
+    VolumeWatch::Duration rest{};
+
+    /// It rests for at least as long as it took, and twice as long each time, as asking it takes a thread.
+    void noteAnswer(VolumeWatch::Time now, VolumeWatch::Duration took);
+  };
 
   static VolumeMonitor& shared();
 
@@ -55,11 +70,16 @@ class VolumeMonitor {
 
   void watch();
   void guard();
-  [[nodiscard]] std::optional<std::vector<VolumeWatch::Sight>> lookAround(const std::vector<VolumeMount>& mounts,
-                                                                          unsigned generation);
+  struct Look {
+    VolumeWatch::Time begun;
+    std::vector<VolumeWatch::Sight> sights;
+    std::vector<VolumeMount> unasked;
+  };
+  [[nodiscard]] std::optional<Look> lookAround(const std::vector<VolumeMount>& mounts, unsigned generation);
   bool beginAsking(const VolumeMount& mount);
-  bool endAsking(dev_t device, unsigned generation);
-  VolumeWatch::Time decide(VolumeWatch::Time now, const std::vector<VolumeWatch::Sight>& sights);
+  bool endAsking(dev_t device, const std::optional<VolumeWatch::Sight>& sight, VolumeWatch::Time asked,
+                 unsigned generation);
+  VolumeWatch::Time decide(const Look& look);
   void post(const VolumeWatch::Event& event, const Handler& handler);
   void endRun(VolumeWatch::Run run);
   void setGuard(std::chrono::seconds time) const;
@@ -77,7 +97,8 @@ class VolumeMonitor {
   /// Counts the threads that have watched; only the last still does.
   unsigned generation_ = 0;
   std::optional<VolumeMount> asked_;
-  std::set<dev_t> silent_;
+  VolumeWatch::Time askedSince_;
+  std::map<dev_t, SlowAnswers> slow_;
 };
 
 }  // namespace kelvane

@@ -3,6 +3,7 @@
 #include "platform/linux/system/VolumeWatch.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace kelvane {
@@ -28,7 +29,7 @@ std::uint64_t difference(std::uint64_t one, std::uint64_t other) {
 VolumeWatch::Sight::Sight(const VolumeMount& mount, const VolumeSpace& volumeSpace, const VolumeLevels& levels)
     : volume(mount.path), device(mount.device), space(volumeSpace), marks(levels.marks(mount.path, volumeSpace.size)) {}
 
-void VolumeWatch::look(Time now, const std::vector<Sight>& sights) {
+void VolumeWatch::look(Time now, const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked) {
   const bool isFirst = lastLook_ == Time::min();
   lastLook_ = now;
   std::map<std::string, Volume> seen;
@@ -39,32 +40,55 @@ void VolumeWatch::look(Time now, const std::vector<Sight>& sights) {
     }
     Volume& volume = seen[sight.volume];
     see(volume, now, sight);
+    volume.isUnasked = false;
     if (isFirst && volume.level != SpaceLevel::Ample) {
       // Nothing was crossed just now.
       volume.pausedUntil = now + pauseAtStart;
       volume.wasVeryLow = volume.level == SpaceLevel::VeryLow;
     }
   }
+  for (const VolumeMount& mount : unasked) {
+    auto known = volumes_.extract(mount.path);
+    if (known && known.mapped().device == mount.device) {
+      known.mapped().isUnasked = true;
+      seen.insert(std::move(known));
+    }
+  }
   volumes_ = std::move(seen);
 
+  judgeRuns(now);
+  for (auto& [name, volume] : volumes_) {
+    considerRecovery(volume);
+  }
+}
+
+void VolumeWatch::seeLate(Time asked, const Sight& sight) {
+  Volume& volume = volumes_[sight.volume];
+  // Another file system may have taken its place.
+  if (volume.device == 0 || volume.device == sight.device) {
+    see(volume, asked, sight);
+    volume.isUnasked = true;
+  }
+}
+
+void VolumeWatch::judgeRuns(Time now) {
   for (auto entry = runs_.begin(); entry != runs_.end();) {
-    const auto [run, times] = *entry;
+    const auto& [run, times] = *entry;
     if (!times.ended || *times.ended > now) {
       ++entry;
       continue;
     }
-    for (auto& [name, volume] : volumes_) {
-      if (volume.run == run) {
-        judge(volume, times);
-      }
-    }
     if (run == ownRun_) {
       ownRun_ = noRun;
     }
-    entry = runs_.erase(entry);
-  }
-  for (auto& [name, volume] : volumes_) {
-    considerRecovery(volume, now);
+    bool isJudged = true;
+    for (auto& [name, volume] : volumes_) {
+      if (volume.run == run && volume.seen >= *times.ended) {
+        judge(volume, times);
+      }
+      isJudged = isJudged && volume.run != run;
+    }
+    entry = isJudged ? runs_.erase(entry) : std::next(entry);
   }
 }
 
@@ -98,10 +122,9 @@ void VolumeWatch::see(Volume& volume, Time now, const Sight& sight) {
 }
 
 void VolumeWatch::judge(Volume& volume, const RunTimes& times) {
-  const bool wasOwn = volume.run == ownRun_;
   volume.run = noRun;
   if (!std::exchange(volume.isTaken, false)) {
-    if (wasOwn) {
+    if (times.isOwn) {
       // By the time it was to be relieved it was no longer low; it may be to and fro about its mark.
       volume.pausedUntil = std::max(volume.pausedUntil, *times.ended + shortestPause);
     }
@@ -117,21 +140,21 @@ void VolumeWatch::judge(Volume& volume, const RunTimes& times) {
       return;
     }
   } else {
-    volume.fruitless = std::clamp(2 * volume.fruitless, shortestPause, longestPause);
+    volume.fruitless = std::clamp(std::max(2 * volume.fruitless, volume.took), shortestPause, longestPause);
   }
   volume.pausedUntil = volume.ended + std::max({volume.took, volume.fruitless, shortestPause});
 }
 
-void VolumeWatch::considerRecovery(Volume& volume, Time now) {
+void VolumeWatch::considerRecovery(Volume& volume) {
   if (volume.level != SpaceLevel::Ample || volume.run != noRun || !volume.lastLow) {
     return;
   }
-  if (now - *volume.lastLow >= std::max({volume.fruitless, volume.took, pauseAfterRecovery})) {
+  if (volume.seen - *volume.lastLow >= std::max({volume.fruitless, volume.took, pauseAfterRecovery})) {
     volume.lastLow.reset();
     volume.fruitless = {};
     volume.took = {};
     volume.wasVeryLow = false;
-    volume.pausedUntil = now;
+    volume.pausedUntil = volume.seen;
   } else if (volume.available >= volume.marks.highest() + volume.marks.highest() / 4) {
     // Not merely to and fro about the mark. Yet neither may files that come and go cause a storm of events.
     volume.pausedUntil = std::min(volume.pausedUntil, volume.ended + std::max(volume.took, pauseAfterRecovery));
@@ -175,7 +198,7 @@ std::optional<VolumeWatch::Event> VolumeWatch::nextEvent(Time now) {
   }
   Event event{++lastRun_, SpaceLevel::Low};
   ownRun_ = event.run;
-  runs_[event.run] = {now, std::nullopt};
+  runs_[event.run] = {now, std::nullopt, true};
   for (Volume* volume : chosen) {
     volume->run = event.run;
     if (volume->level == SpaceLevel::VeryLow) {
@@ -188,7 +211,7 @@ std::optional<VolumeWatch::Event> VolumeWatch::nextEvent(Time now) {
 
 VolumeWatch::Run VolumeWatch::beginOutside(Time now) {
   const Run run = ++lastRun_;
-  runs_[run] = {now, std::nullopt};
+  runs_[run] = {now, std::nullopt, false};
   for (auto& [name, volume] : volumes_) {
     volume.pausedUntil = std::min(volume.pausedUntil, now);
     if (volume.level != SpaceLevel::Ample && volume.run == noRun) {
@@ -253,7 +276,9 @@ VolumeWatch::Duration VolumeWatch::interval(const Volume& volume) {
 VolumeWatch::Time VolumeWatch::nextLook() const {
   Time next = lastLook_ + longestInterval;
   for (const auto& [name, volume] : volumes_) {
-    next = std::min(next, volume.seen + interval(volume));
+    if (!volume.isUnasked) {
+      next = std::min(next, volume.seen + interval(volume));
+    }
     if (volume.level != SpaceLevel::Ample && volume.run == noRun && ownRun_ == noRun) {
       next = std::min(next, dueTime(volume));
     }

@@ -61,8 +61,11 @@ class VolumeWatch {
     SpaceMarks marks;
   };
 
-  /// All volumes there are, seen at this time or later. Judges the runs that had ended by then.
-  void look(Time now, const std::vector<Sight>& sights);
+  /// All volumes there are: those seen at this time or later, and those that could not be asked, which stay as they
+  /// were last seen. Judges the runs that had ended by then, each volume once it has been seen after the end.
+  void look(Time now, const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked = {});
+  /// What came of asking a volume at this time, when the look in question is long over.
+  void seeLate(Time asked, const Sight& sight);
 
   struct Event {
     Run run;
@@ -88,6 +91,8 @@ class VolumeWatch {
     SpaceMarks marks;
     SpaceLevel level = SpaceLevel::Ample;
     Time seen;
+    /// Whether the last look was without it; when it is seen next is not decided here.
+    bool isUnasked = false;
     /// When the available bytes last changed by more than trifles.
     Time changed;
     std::uint64_t availableThen = 0;
@@ -112,11 +117,14 @@ class VolumeWatch {
   struct RunTimes {
     Time begun;
     std::optional<Time> ended;
+    /// Whether its event was posted here.
+    bool isOwn = false;
   };
 
   void see(Volume& volume, Time now, const Sight& sight);
-  void judge(Volume& volume, const RunTimes& times);
-  static void considerRecovery(Volume& volume, Time now);
+  static void judge(Volume& volume, const RunTimes& times);
+  void judgeRuns(Time now);
+  static void considerRecovery(Volume& volume);
   static bool isDue(const Volume& volume, Time now);
   static Time dueTime(const Volume& volume);
   static bool isPromising(const Volume& volume, Time now);
@@ -125,7 +133,7 @@ class VolumeWatch {
   std::map<std::string, Volume> volumes_;
   std::map<Run, RunTimes> runs_;
   Run lastRun_ = noRun;
-  /// The run of the event that was posted here, until it is judged.
+  /// The run of the event that was posted here, until a look after its end.
   Run ownRun_ = noRun;
   Time lastLook_ = Time::min();
 };

@@ -17,12 +17,17 @@ namespace kelvane::volumes {
 
 namespace {
 
-/// The table holds each mount point in its one canonical form, so comparing the text is enough to refuse every
-/// other spelling.
-bool isAmong(const std::vector<VolumeMount>& mounts, const std::string& path) {
+/// None when there is no such mount point. The table holds each in its one canonical form, so comparing the text is
+/// enough to refuse every other spelling.
+const VolumeMount* find(const std::vector<VolumeMount>& mounts, const std::string& path) {
   const auto mount = std::find_if(mounts.begin(), mounts.end(),
                                   [&path](const VolumeMount& candidate) { return candidate.path == path; });
-  return mount != mounts.end() && isDirectory(*mount);
+  return mount == mounts.end() ? nullptr : &*mount;
+}
+
+/// Whether asking it would keep this thread waiting, too.
+bool isSilent(const VolumeMount& mount) {
+  return VolumeMonitor::shared().isSilent(mount.device);
 }
 
 /// The mount and the file system both.
@@ -36,8 +41,18 @@ bool isWritable(const std::string& path) {
 bool isUsable(const std::string& path) {
   const runtime::BlockedScope blocked;
   // Only what is known to be usable is quick to tell: a mount that has become writable is no change of the table.
-  return (isAmong(*KnownMounts::shared().current(), path) && isWritable(path)) ||
-         isAmong(volumeMounts(paths::mountInfo), path);
+  const KnownMounts::Mounts known = KnownMounts::shared().current();
+  if (const VolumeMount* mount = find(*known, path)) {
+    if (isSilent(*mount)) {
+      return false;
+    }
+    if (isDirectory(*mount) && isWritable(path)) {
+      return true;
+    }
+  }
+  const std::vector<VolumeMount> mounts = volumeMounts(paths::mountInfo);
+  const VolumeMount* mount = find(mounts, path);
+  return mount != nullptr && !isSilent(*mount) && isDirectory(*mount);
 }
 
 std::vector<std::string> local() {
@@ -51,11 +66,10 @@ std::vector<std::string> local() {
 
 std::vector<std::string> lowOnSpace() {
   const runtime::BlockedScope blocked;
-  VolumeMonitor& monitor = VolumeMonitor::shared();
   const VolumeLevels levels = VolumeLevels::current();
   std::vector<VolumeWatch::Sight> low;
   for (const VolumeMount& mount : localVolumes()) {
-    if (monitor.isSilent(mount.device)) {
+    if (isSilent(mount)) {
       continue;
     }
     if (const auto space = spaceOf(mount.path)) {
@@ -68,11 +82,15 @@ std::vector<std::string> lowOnSpace() {
   std::stable_sort(low.begin(), low.end(), [](const VolumeWatch::Sight& left, const VolumeWatch::Sight& right) {
     return left.space.available < right.space.available;
   });
-  return monitor.volumesToRelieve(low);
+  return VolumeMonitor::shared().volumesToRelieve(low);
 }
 
 std::uint64_t availableBytes(const std::string& path) {
   const runtime::BlockedScope blocked;
+  const KnownMounts::Mounts known = KnownMounts::shared().current();
+  if (const VolumeMount* mount = find(*known, path); mount != nullptr && isSilent(*mount)) {
+    return 0;
+  }
   const auto space = spaceOf(path);
   return space ? space->available : 0;
 }

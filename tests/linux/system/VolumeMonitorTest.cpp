@@ -7,14 +7,18 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 #include <mutex>
 
 #include "platform/Process.h"
 #include "platform/Queues.h"
 #include "platform/Volumes.h"
+#include "platform/linux/runtime/Thread.h"
 #include "platform/linux/system/FileDescriptor.h"
 #include "platform/linux/system/Handlers.h"
 #include "platform/linux/system/LocalVolumes.h"
@@ -149,32 +153,39 @@ TEST_F(TheVolumeMonitor, EndsPausesForAnEventOfSomebodyElse) {
   EXPECT_EQ(event->flags, 0x204u);
 }
 
-/// Holds up whoever asks one volume.
+/// Holds up whoever asks one volume, until the question is answered or this goes.
 class SilentVolume {
  public:
   SilentVolume() {
+    mayAnswer = questions = answers = 0;
     volumeSpaceReader = [](const std::string& volume) {
       if (volume == "/mnt/silent") {
         std::unique_lock lock(mutex);
-        isAsked = true;
+        const int question = questions++;
         changed.notify_all();
-        changed.wait(lock, [] { return mayAnswer; });
+        changed.wait(lock, [question] { return question < mayAnswer; });
+        ++answers;
+        changed.notify_all();
       }
       return spaceOf(volume);
     };
   }
   ~SilentVolume() {
-    answer();
     volumeSpaceReader = spaceOf;
+    std::unique_lock lock(mutex);
+    mayAnswer = std::numeric_limits<int>::max();
+    changed.notify_all();
+    EXPECT_TRUE(changed.wait_for(lock, patience, [] { return answers == questions; }));
   }
 
   void awaitQuestion() {
     std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, patience, [] { return isAsked; }));
+    EXPECT_TRUE(changed.wait_for(lock, patience, [] { return questions > mayAnswer; }));
   }
+  /// The questions after this one are left open, too.
   void answer() {
     const std::lock_guard lock(mutex);
-    mayAnswer = true;
+    ++mayAnswer;
     changed.notify_all();
   }
 
@@ -182,11 +193,12 @@ class SilentVolume {
   static inline std::mutex mutex;
   // Guarded by mutex:
   static inline std::condition_variable changed;
-  static inline bool isAsked = false;
-  static inline bool mayAnswer = false;
+  static inline int questions = 0;
+  static inline int answers = 0;
+  static inline int mayAnswer = 0;
 };
 
-TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswers) {
+TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswersAndCountsWhatItThenSays) {
   mountVolume("/mnt/silent");
   mountVolume("/mnt/talkative");
   fill("/mnt/silent", 63);
@@ -196,7 +208,63 @@ TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswers) {
   fill("/mnt/talkative", 60);
   ASSERT_TRUE(await({"/mnt/talkative"})) << "one that does not answer holds up none that do, nor is it asked again";
   silent.answer();
+  ASSERT_TRUE(await({"/mnt/silent"})) << "though the next question is open";
+}
+
+TEST_F(TheVolumeMonitor, LetsNobodyElseAskASilentFileSystem) {
+  mountVolume("/mnt/silent");
+  mountVolume("/mnt/talkative");
+  EXPECT_TRUE(volumes::isUsable("/mnt/silent"));
+  EXPECT_GT(volumes::availableBytes("/mnt/silent"), 0u);
+  fill("/mnt/silent", 63);
+  SilentVolume silent;
+  start();
+  silent.awaitQuestion();
+  fill("/mnt/talkative", 60);
+  ASSERT_TRUE(await({"/mnt/talkative"}));
+  EXPECT_FALSE(volumes::isUsable("/mnt/silent"));
+  EXPECT_EQ(volumes::availableBytes("/mnt/silent"), 0u);
+  EXPECT_TRUE(volumes::isUsable("/mnt/talkative"));
+  silent.answer();
   ASSERT_TRUE(await({"/mnt/silent"}));
+  EXPECT_TRUE(volumes::isUsable("/mnt/silent"));
+  EXPECT_GT(volumes::availableBytes("/mnt/silent"), 0u);
+}
+
+TEST_F(TheVolumeMonitor, GoesOnWithTheSameThreadWhenThereIsNoOther) {
+  mountVolume("/mnt/silent");
+  mountVolume("/mnt/talkative");
+  SilentVolume silent;
+  start();
+  silent.awaitQuestion();
+  static std::atomic<bool> wasRefused;
+  wasRefused = false;
+  runtime::threadCreator = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
+    runtime::threadCreator = &pthread_create;
+    wasRefused = true;
+    wasRefused.notify_one();
+    return EAGAIN;
+  };
+  wasRefused.wait(false);
+  silent.answer();
+  fill("/mnt/talkative", 60);
+  ASSERT_TRUE(await({"/mnt/talkative"}));
+}
+
+TEST(AFileSystemThatAnswersLate, RestsAsLongAsItTookAndTwiceAsLongEachTimeUpToAMinute) {
+  VolumeMonitor::SlowAnswers answers;
+  const VolumeWatch::Time now(1000h);
+  for (const auto rest : {3s, 6s, 12s, 24s, 48s, 60s, 60s}) {
+    answers.isAwaited = true;
+    answers.noteAnswer(now, 3s);
+    EXPECT_FALSE(answers.isAwaited);
+    EXPECT_EQ(answers.restsUntil, now + rest);
+  }
+  VolumeMonitor::SlowAnswers others;
+  others.noteAnswer(now, 20s);
+  EXPECT_EQ(others.restsUntil, now + 20s);
+  others.noteAnswer(now, 10min);
+  EXPECT_EQ(others.restsUntil, now + 1min);
 }
 
 }  // namespace

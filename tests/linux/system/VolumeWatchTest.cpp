@@ -20,6 +20,7 @@ class AVolumeThatGainsNothing : public WatchedVolumes {};
 class AVolumeThatGains : public WatchedVolumes {};
 class SeveralLowVolumes : public WatchedVolumes {};
 class AnEventFromOutside : public WatchedVolumes {};
+class AVolumeThatAnswersLate : public WatchedVolumes {};
 
 TEST_F(AVolumeThatRunsLow, IsAnnouncedWhenItEntersALevel) {
   set("/data", lowMark);
@@ -128,13 +129,15 @@ TEST_F(AVolumeThatGainsNothing, PausesTwiceAsLongEachTimeUpToAnHour) {
 TEST_F(AVolumeThatGainsNothing, PausesAtLeastAsLongAsTheHandlerTook) {
   set("/data", veryLowMark - 1);
   EXPECT_EQ(announced(), SpaceLevel::VeryLow);
-  handleInVain(900s);
-  EXPECT_EQ(announced(), std::nullopt);
-  EXPECT_LE(untilNextLook(), 900s);
-  pass(900s - 1ns);
-  EXPECT_EQ(announced(), std::nullopt);
-  pass(1ns);
-  EXPECT_EQ(announced(), SpaceLevel::VeryLow);
+  for (const Duration pause : {900s, 1800s, 3600s, 3600s}) {
+    handleInVain(900s);
+    EXPECT_EQ(announced(), std::nullopt);
+    EXPECT_LE(untilNextLook(), 900s);
+    pass(pause - 1ns);
+    EXPECT_EQ(announced(), std::nullopt) << "it doubles from there on";
+    pass(1ns);
+    EXPECT_EQ(announced(), SpaceLevel::VeryLow);
+  }
   handleInVain(2h);
   pass(2h - 1ns);
   EXPECT_EQ(announced(), std::nullopt) << "even beyond an hour";
@@ -411,6 +414,87 @@ TEST_F(AnEventFromOutside, WithoutAnyVolumeLeavesNothingBehind) {
   look();
   watch_.end(watch_.beginOutside(now_), now_);
   EXPECT_EQ(announced(), SpaceLevel::VeryLow);
+}
+
+TEST_F(AVolumeThatAnswersLate, IsAnnouncedByThatAnswer) {
+  set("/data", lowMark - 1);
+  silence("/data");
+  EXPECT_EQ(announced(), std::nullopt) << "nothing is known of it";
+  pass(3s);
+  seeLate("/data", 3s);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  EXPECT_THAT(taken(), ElementsAre("/data"));
+}
+
+TEST_F(AVolumeThatAnswersLate, KeepsItsPauseMeanwhile) {
+  set("/data", veryLowMark - 1);
+  EXPECT_EQ(announced(), SpaceLevel::VeryLow);
+  handleInVain(100s);
+  EXPECT_EQ(announced(), std::nullopt);
+  silence("/data");
+  for (int count = 1; count < 50; ++count) {
+    pass(2s);
+    seeLate("/data", 2s);
+    EXPECT_EQ(announced(), std::nullopt) << count;
+  }
+  pass(2s);
+  EXPECT_EQ(announced(), SpaceLevel::VeryLow);
+}
+
+TEST_F(AVolumeThatAnswersLate, IsJudgedByAnAnswerAfterTheHandlersReturnAndHoldsUpNoOther) {
+  set("/data", lowMark - 1);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  taken();
+  silence("/data");
+  set("/data", 2 * lowMark);
+  endAfter(600s);
+  set("/other", lowMark - 1);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  EXPECT_THAT(taken(), ElementsAre("/other"));
+  endAfter(0s);
+  EXPECT_EQ(announced(), std::nullopt);
+  pass(3s);
+  seeLate("/data", 2s);
+  EXPECT_EQ(announced(), std::nullopt);
+  set("/data", lowMark - 1);
+  pass(3s - 1ns);
+  seeLate("/data", 2s);
+  EXPECT_EQ(announced(), SpaceLevel::Low) << "it had gained, so that it is in no pause";
+  EXPECT_THAT(taken(), ElementsAre("/data"));
+}
+
+TEST_F(AVolumeThatAnswersLate, CausesNoMoreThanOneEventAnAnswer) {
+  set("/data", lowMark - 1);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  handleInVain(0s);
+  EXPECT_EQ(announced(), std::nullopt);
+  silence("/data");
+  int events = 0;
+  for (int second = 0; second < 3600; ++second, pass(1s)) {
+    if (announced()) {
+      // Its handler leaves out what does not answer.
+      endAfter(0s);
+      ++events;
+    }
+  }
+  EXPECT_EQ(events, 1);
+  EXPECT_GT(untilNextLook(), 30s) << "nor is it looked for";
+  silence("/data", false);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+}
+
+TEST_F(AVolumeThatAnswersLate, IsForgottenWhenItIsUnmountedOrReplaced) {
+  set("/data", lowMark - 1);
+  silence("/data");
+  seeLate("/data", 2s);
+  const auto replaced = VolumeWatch::Sight({"/data", 1000, true}, {.size = 1000 * gibibyte, .available = 0}, {});
+  watch_.seeLate(now_, replaced);
+  EXPECT_EQ(announced(), SpaceLevel::Low) << "not as low as the one that was there before";
+  handleInVain(0s);
+  unmount("/data");
+  EXPECT_EQ(announced(), std::nullopt);
+  watch_.seeLate(now_, replaced);
+  EXPECT_EQ(announced(), std::nullopt);
 }
 
 }  // namespace

@@ -32,20 +32,28 @@ class WatchedVolumes : public testing::Test {
   using Names = std::vector<std::string>;
 
   void set(const std::string& volume, std::uint64_t available) {
-    const auto [entry, isNew] = volumes_.try_emplace(volume, Entry{nextDevice_, 0});
+    const auto [entry, isNew] = volumes_.try_emplace(volume, Entry{nextDevice_, 0, false});
     nextDevice_ += isNew ? 1 : 0;
     entry->second.available = available;
   }
   void unmount(const std::string& volume) { volumes_.erase(volume); }
+  /// Looks are without it, or with it again.
+  void silence(const std::string& volume, bool isSilent = true) { volumes_.at(volume).isSilent = isSilent; }
+  void seeLate(const std::string& volume, Duration took) { watch_.seeLate(now_ - took, sight(volume)); }
 
   void pass(Duration time) { now_ += time; }
 
   void look() {
     std::vector<VolumeWatch::Sight> sights;
+    std::vector<VolumeMount> unasked;
     for (const auto& [name, entry] : volumes_) {
-      sights.push_back(sight(name));
+      if (entry.isSilent) {
+        unasked.push_back({name, entry.device, true});
+      } else {
+        sights.push_back(sight(name));
+      }
     }
-    watch_.look(now_, sights);
+    watch_.look(now_, sights, unasked);
   }
   /// Looks; the level of the event that is posted then.
   std::optional<SpaceLevel> announced() {
@@ -110,6 +118,7 @@ class WatchedVolumes : public testing::Test {
   struct Entry {
     dev_t device;
     std::uint64_t available;
+    bool isSilent = false;
   };
 
   VolumeWatch::Sight sight(const std::string& name) const {
