@@ -92,6 +92,77 @@ TEST(TheCancelCommand, TakesAToken) {
   EXPECT_EQ(message({"cancel"}).status, ExitStatus::Usage);
 }
 
+TEST(TheDailyCommand, TakesNothingButQuiet) {
+  const Command command = parse({"run-daily"});
+  ASSERT_TRUE(std::holds_alternative<DailyCommand>(command));
+  EXPECT_FALSE(std::get<DailyCommand>(command).quiet);
+  EXPECT_TRUE(std::get<DailyCommand>(parse({"run-daily", "-q"})).quiet);
+  EXPECT_EQ(message({"run-daily", "/data"}).status, ExitStatus::Usage);
+}
+
+template <typename Kind>
+Kind commandOf(const std::vector<const char*>& arguments) {
+  const Command command = parse(arguments);
+  if (const auto* wanted = std::get_if<Kind>(&command)) {
+    return *wanted;
+  }
+  ADD_FAILURE() << message(arguments).text;
+  return {};
+}
+
+TEST(ThePurgeableCommand, TakesAnyNumberOfVolumes) {
+  const auto all = commandOf<QueryCommand>({"purgeable"});
+  EXPECT_THAT(all.order.volumes, testing::IsEmpty());
+  EXPECT_EQ(all.order.urgency, std::nullopt);
+  EXPECT_FALSE(all.isItemized);
+  EXPECT_FALSE(all.json);
+  const auto two = commandOf<QueryCommand>({"purgeable", "/data", "-u", "4", "--itemized", "/home", "--json"});
+  EXPECT_THAT(two.order.volumes, testing::ElementsAre("/data", "/home"));
+  EXPECT_EQ(two.order.urgency, 4);
+  EXPECT_TRUE(two.isItemized);
+  EXPECT_TRUE(two.json);
+}
+
+TEST(ThePurgeableCommand, HasUrgenciesFrom1To4) {
+  for (const char* urgency : {"0", "5", "high"}) {
+    EXPECT_EQ(message({"purgeable", "--urgency", urgency}).status, ExitStatus::Usage) << urgency;
+  }
+}
+
+TEST(TheStateCommand, GetsSetsUnsetsAndLists) {
+  using Action = StateCommand::Action;
+  const auto get = commandOf<StateCommand>({"state", "get", "k", "--json"});
+  EXPECT_EQ(get.action, Action::Get);
+  EXPECT_EQ(get.key, "k");
+  EXPECT_TRUE(get.json);
+  const auto set = commandOf<StateCommand>({"state", "set", "k", "5"});
+  EXPECT_EQ(set.action, Action::Set);
+  EXPECT_EQ(set.key, "k");
+  EXPECT_EQ(set.value, "5");
+  EXPECT_FALSE(set.isString);
+  EXPECT_TRUE(commandOf<StateCommand>({"state", "set", "--string", "k", "5"}).isString);
+  const auto unset = commandOf<StateCommand>({"state", "unset", "k"});
+  EXPECT_EQ(unset.action, Action::Unset);
+  EXPECT_EQ(unset.key, "k");
+  EXPECT_EQ(commandOf<StateCommand>({"state", "list"}).action, Action::List);
+  EXPECT_TRUE(commandOf<StateCommand>({"state", "list", "--json"}).json);
+}
+
+TEST(TheStateCommand, TakesNumbersBelow0AndStandardInput) {
+  EXPECT_EQ(commandOf<StateCommand>({"state", "set", "k", "-5"}).value, "-5");
+  EXPECT_EQ(commandOf<StateCommand>({"state", "set", "k", "-"}).value, "-");
+}
+
+TEST(TheStateCommand, RefusesWhatIsMissingOrTooMuch) {
+  EXPECT_EQ(message({"state"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"state", "get"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"state", "set", "k"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"state", "unset"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"state", "list", "k"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"state", "list", "get", "k"}).status, ExitStatus::Usage);
+  EXPECT_EQ(message({"state", "unset", "k", "--json"}).status, ExitStatus::Usage);
+}
+
 TEST(TheCommandLine, NeedsACommand) {
   EXPECT_EQ(message({}).status, ExitStatus::Usage);
   EXPECT_EQ(message({"free"}).status, ExitStatus::Usage);

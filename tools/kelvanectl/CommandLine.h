@@ -7,6 +7,7 @@
 
 #include "tools/kelvanectl/ExitStatus.h"
 #include "tools/kelvanectl/PurgeReport.h"
+#include "tools/kelvanectl/Query.h"
 
 namespace kelvane::ctl {
 
@@ -23,13 +24,35 @@ struct CancelCommand {
   bool quiet = false;
 };
 
+struct DailyCommand {
+  bool quiet = false;
+};
+
+/// The order's volumes are as typed; none stand for all.
+struct QueryCommand {
+  QueryOrder order;
+  bool isItemized = false;
+  bool json = false;
+};
+
+struct StateCommand {
+  enum class Action { Get, Set, Unset, List };
+  Action action = Action::List;
+  std::string key;
+  /// As typed: "-" stands for standard input.
+  std::string value;
+  /// The value is the text itself.
+  bool isString = false;
+  bool json = false;
+};
+
 /// Nothing to run: help or the version was asked for, or the command line is wrong.
 struct Message {
   ExitStatus status;
   std::string text;
 };
 
-using Command = std::variant<PurgeCommand, CancelCommand, Message>;
+using Command = std::variant<PurgeCommand, CancelCommand, DailyCommand, QueryCommand, StateCommand, Message>;
 
 [[nodiscard]] Command parseCommandLine(int argc, const char* const* argv);
 

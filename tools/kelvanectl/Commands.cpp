@@ -12,6 +12,7 @@
 
 #include "platform/Volumes.h"
 #include "support/Token.h"
+#include "tools/kelvanectl/CommandOutput.h"
 #include "tools/kelvanectl/DaemonSite.h"
 #include "tools/kelvanectl/Escalation.h"
 #include "tools/kelvanectl/Interruption.h"
@@ -24,12 +25,6 @@ namespace kelvane::ctl {
 namespace {
 
 constexpr char eraseToEnd[] = "\x1b[K";
-
-void printError(const std::string& text) {
-  if (!text.empty()) {
-    fmt::print(stderr, "kelvanectl: {}\n", text);
-  }
-}
 
 /// Redraws one line of the terminal that standard error is; does nothing when it is none.
 std::function<void()> progressOf(const PurgeOrder& order) {
@@ -94,14 +89,29 @@ ExitStatus run(const PurgeCommand& command, const Interruption& interruption) {
 ExitStatus run(const CancelCommand& command) {
   const auto outcome = sendCancel(command.token);
   if (const auto* failure = std::get_if<RequestFailure>(&outcome)) {
-    PurgeReport report;
-    report.ending = failure->ending;
-    report.detail = failure->detail;
-    printError(errorText(report));
-    return exitStatusOf(failure->ending);
+    return reportFailure(*failure);
   }
   if (!command.quiet) {
     fmt::print("The daemon has taken note.\n");
+  }
+  return ExitStatus::Done;
+}
+
+ExitStatus run(const DailyCommand& command, const Interruption& interruption) {
+  if (geteuid() != 0) {
+    printError("the daily maintenance is for root to run");
+    return ExitStatus::NotEntitled;
+  }
+  const auto outcome = runDaily(interruption);
+  if (const auto* failure = std::get_if<RequestFailure>(&outcome)) {
+    if (failure->ending == Ending::Interrupted) {
+      printError("interrupted; the daemon goes on by itself");
+      return ExitStatus::Interrupted;
+    }
+    return reportFailure(*failure);
+  }
+  if (!command.quiet) {
+    fmt::print("The daily maintenance is done.\n");
   }
   return ExitStatus::Done;
 }

@@ -12,6 +12,9 @@ class Interruption;
 /// Each writes what there is to say to standard output and errors to standard error.
 ExitStatus run(const PurgeCommand& command, const Interruption& interruption);
 ExitStatus run(const CancelCommand& command);
+ExitStatus run(const DailyCommand& command, const Interruption& interruption);
+ExitStatus run(const QueryCommand& command, const Interruption& interruption);
+ExitStatus run(const StateCommand& command, const Interruption& interruption);
 ExitStatus run(const Message& message);
 
 }  // namespace kelvane::ctl

@@ -2,14 +2,14 @@
 // The real daemon and a mounted volume.
 #include "tools/kelvanectl/DaemonSite.h"
 
-#include <poll.h>
-
 #include <memory>
 #include <optional>
 #include <utility>
 
+#include "platform/Control.h"
 #include "platform/Volumes.h"
 #include "protocols/Keys.h"
+#include "protocols/Names.h"
 #include "tools/kelvanectl/AnswerSlot.h"
 #include "tools/kelvanectl/Interruption.h"
 
@@ -23,25 +23,18 @@ constexpr auto progressInterval = 100ms;
 /// A cancel is answered at once; a daemon that is too busy for that gets no more of a person's time.
 constexpr auto cancelPatience = 2s;
 
-bool isReadable(int descriptor) {
-  pollfd event{descriptor, POLLIN, 0};
-  return poll(&event, 1, 0) == 1;
-}
-
-Ending endingFor(Status status) {
-  switch (status) {
-    case Status::NoDaemon:
-      return Ending::NoDaemon;
-    case Status::NotAdmitted:
-      return Ending::NotAdmitted;
-    case Status::ConnectionLost:
-      return Ending::ConnectionLost;
-    case Status::Answered:
-    case Status::Refused:
-    case Status::Failed:
+Status statusFor(ipc::CallError::Cause cause) {
+  switch (cause) {
+    case ipc::CallError::Cause::NotReached:
+      return Status::NoDaemon;
+    case ipc::CallError::Cause::NotAdmitted:
+      return Status::NotAdmitted;
+    case ipc::CallError::Cause::Lost:
+      return Status::ConnectionLost;
+    case ipc::CallError::Cause::Answered:
       break;
   }
-  return Ending::Failed;
+  return Status::Failed;
 }
 
 }  // namespace
@@ -49,7 +42,7 @@ Ending endingFor(Status status) {
 DaemonSite::DaemonSite(std::string volume, const Interruption& interruption, std::function<void()> progress)
     : volume_(std::move(volume)), interruption_(interruption), progress_(std::move(progress)) {}
 
-std::variant<Value, RequestFailure> DaemonSite::purge(const Value& info) {
+Outcome DaemonSite::purge(const Value& info) {
   const auto slot = std::make_shared<AnswerSlot>();
   client_.purge(info, [slot](const KelvaneClientResult& result) { slot->put(result); });
 
@@ -57,7 +50,7 @@ std::variant<Value, RequestFailure> DaemonSite::purge(const Value& info) {
   while (!result) {
     result = slot->wait(interruption_.descriptor(),
                         progress_ ? std::optional<std::chrono::milliseconds>(progressInterval) : std::nullopt);
-    if (!result && isReadable(interruption_.descriptor())) {
+    if (!result && interruption_.comesWithin(0ms)) {
       sendCancel(info[keys::token]);
       return RequestFailure{Ending::Interrupted, ""};
     }
@@ -65,17 +58,14 @@ std::variant<Value, RequestFailure> DaemonSite::purge(const Value& info) {
       progress_();
     }
   }
-  if (result->status == Status::Answered || result->status == Status::Refused) {
-    return result->value;
-  }
-  return RequestFailure{endingFor(result->status), result->text};
+  return result->status == Status::Refused ? result->value : outcomeOf(*result);
 }
 
 std::uint64_t DaemonSite::available() {
   return volumes::availableBytes(volume_);
 }
 
-std::variant<Value, RequestFailure> sendCancel(const Value& token) {
+Outcome sendCancel(const Value& token) {
   // A connection of its own: requests of one connection are worked on in turn.
   const KelvaneClient client;
   const auto slot = std::make_shared<AnswerSlot>();
@@ -85,10 +75,17 @@ std::variant<Value, RequestFailure> sendCancel(const Value& token) {
   if (!result) {
     return RequestFailure{Ending::ConnectionLost, "no answer"};
   }
-  if (result->status != Status::Answered) {
-    return RequestFailure{endingFor(result->status), result->text};
-  }
-  return result->value;
+  return outcomeOf(*result);
+}
+
+Outcome runDaily(const Interruption& interruption) {
+  const auto send = [](const KelvaneClient::Handler& handler) {
+    control::requestActivity(names::dailyActivity, [handler](const std::optional<ipc::CallError>& error) {
+      handler(error ? KelvaneClientResult{statusFor(error->cause), {}, error->text}
+                    : KelvaneClientResult{Status::Answered, {}, {}});
+    });
+  };
+  return await(send, interruption);
 }
 
 }  // namespace kelvane::ctl

@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <string>
-#include <variant>
 
 #include "support/KelvaneClient.h"
 #include "tools/kelvanectl/Escalation.h"
@@ -20,7 +19,7 @@ class DaemonSite : public PurgeSite {
   DaemonSite(std::string volume, const Interruption& interruption, std::function<void()> progress);
 
   /// Ends early when the process is interrupted: then it has told the daemon to cancel.
-  std::variant<Value, RequestFailure> purge(const Value& info) override;
+  Outcome purge(const Value& info) override;
   std::uint64_t available() override;
 
  private:
@@ -31,6 +30,10 @@ class DaemonSite : public PurgeSite {
 };
 
 /// Tells the daemon that a purge is not wanted any more and waits a moment for its answer.
-std::variant<Value, RequestFailure> sendCancel(const Value& token);
+Outcome sendCancel(const Value& token);
+
+/// Has the daemon do its daily maintenance and waits until it has, or until the process is interrupted: the daemon
+/// then goes on by itself.
+Outcome runDaily(const Interruption& interruption);
 
 }  // namespace kelvane::ctl

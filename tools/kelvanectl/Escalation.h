@@ -3,27 +3,19 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
-#include <string>
-#include <variant>
 
 #include "platform/Value.h"
 #include "tools/kelvanectl/PurgeReport.h"
+#include "tools/kelvanectl/Requests.h"
 
 namespace kelvane::ctl {
-
-/// Why a request got no answer.
-struct RequestFailure {
-  Ending ending;
-  std::string detail;
-};
 
 /// The daemon and the volume, as an escalation sees them.
 class PurgeSite {
  public:
   virtual ~PurgeSite() = default;
   /// Sends one purge request and waits for the daemon's answer, absent for none.
-  virtual std::variant<Value, RequestFailure> purge(const Value& info) = 0;
+  virtual Outcome purge(const Value& info) = 0;
   /// Bytes of the volume that are available now.
   virtual std::uint64_t available() = 0;
 };

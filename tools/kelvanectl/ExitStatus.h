@@ -2,13 +2,13 @@
 // What the process tells the script that ran it.
 #pragma once
 
-#include "tools/kelvanectl/PurgeReport.h"
+#include "tools/kelvanectl/Failure.h"
 
 namespace kelvane::ctl {
 
 enum class ExitStatus : int {
-  Done = 0,          ///< freed what was asked, or the cancel was delivered
-  Short = 1,         ///< freed less than was asked
+  Done = 0,          ///< freed what was asked, or did it
+  Short = 1,         ///< freed less than was asked, or there is no such value
   Usage = 2,         ///< the command line is wrong
   NoDaemon = 3,      ///< kelvaned is not there, or the connection to it was lost
   NotEntitled = 4,   ///< the daemon refused the request

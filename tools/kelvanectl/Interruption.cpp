@@ -2,6 +2,7 @@
 // SIGINT and SIGTERM as something to wait for.
 #include "tools/kelvanectl/Interruption.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <sys/signalfd.h>
@@ -18,6 +19,11 @@ Interruption::Interruption() {
   if (descriptor_ >= 0) {
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   }
+}
+
+bool Interruption::comesWithin(std::chrono::milliseconds duration) const {
+  pollfd event{descriptor_, POLLIN, 0};
+  return poll(&event, 1, static_cast<int>(duration.count())) == 1;
 }
 
 Interruption::~Interruption() {

@@ -2,6 +2,8 @@
 // SIGINT and SIGTERM as something to wait for.
 #pragma once
 
+#include <chrono>
+
 namespace kelvane::ctl {
 
 /// Keeps both signals from ending the process while it lives. Made before the process has other threads, which would
@@ -15,6 +17,8 @@ class Interruption {
 
   /// Readable once one of the signals has come; -1 when the system refused it.
   int descriptor() const { return descriptor_; }
+  /// Waits for one of the signals for so long at most; whether one has come.
+  bool comesWithin(std::chrono::milliseconds duration) const;
 
  private:
   int descriptor_ = -1;

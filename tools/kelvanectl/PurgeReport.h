@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/Value.h"
+#include "tools/kelvanectl/Failure.h"
 
 namespace kelvane::ctl {
 
@@ -51,18 +52,6 @@ struct RequestReport {
   /// Bytes that services said they gave; absent when the daemon's answer does not tell.
   std::optional<std::uint64_t> reported;
   std::vector<PassReport> passes;
-};
-
-enum class Ending {
-  Freed,           ///< at least what was asked
-  Short,           ///< less, after the last request
-  Interrupted,     ///< by a signal
-  Refused,         ///< the daemon answered with nothing
-  NotAdmitted,     ///< the daemon is there and does not talk to this user
-  NoDaemon,        ///< nobody listens
-  ConnectionLost,  ///< in mid request
-  Failed,          ///< the daemon answered with an error
-  NoVolume,        ///< nothing was asked: the daemon would refuse the volume
 };
 
 struct PurgeReport {

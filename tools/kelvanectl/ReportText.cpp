@@ -4,23 +4,15 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
 #include <iterator>
 
 #include "tools/kelvanectl/ByteSize.h"
+#include "tools/kelvanectl/Printable.h"
 
 namespace kelvane::ctl {
 namespace {
 
 using Output = std::back_insert_iterator<std::string>;
-
-/// Peers choose identifiers and the terminal obeys control characters, so none is passed on.
-std::string printable(std::string_view text) {
-  std::string result(text);
-  std::replace_if(
-      result.begin(), result.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
-  return result;
-}
 
 std::string formatElapsed(std::chrono::duration<double> elapsed) {
   const double seconds = elapsed.count();
@@ -86,17 +78,13 @@ std::string errorText(const PurgeReport& report) {
           "the daemon refused: this user does not hold PURGE_ENTITLEMENT, or {} is no volume to the daemon",
           report.order.volume);
     case Ending::NotAdmitted:
-      return "the daemon closed the connection: this user does not hold CLIENT_ENTITLEMENT";
     case Ending::NoDaemon:
-      return fmt::format("no daemon: {}", report.detail);
     case Ending::ConnectionLost:
-      return fmt::format("connection to the daemon lost: {}", report.detail);
     case Ending::Failed:
-      return fmt::format("the daemon answered with an error: {}", report.detail);
     case Ending::NoVolume:
-      return report.detail;
+      break;
   }
-  return "";
+  return failureText({report.ending, report.detail});
 }
 
 }  // namespace kelvane::ctl

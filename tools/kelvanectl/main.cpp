@@ -13,6 +13,12 @@ int main(int argc, char** argv) {
     status = run(*purge, interruption);
   } else if (const auto* cancel = std::get_if<CancelCommand>(&command)) {
     status = run(*cancel);
+  } else if (const auto* daily = std::get_if<DailyCommand>(&command)) {
+    status = run(*daily, interruption);
+  } else if (const auto* query = std::get_if<QueryCommand>(&command)) {
+    status = run(*query, interruption);
+  } else if (const auto* state = std::get_if<StateCommand>(&command)) {
+    status = run(*state, interruption);
   } else {
     status = run(std::get<Message>(command));
   }

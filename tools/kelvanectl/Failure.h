@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: Apache-2.0
+// How a command ended, and why a request got no answer.
+#pragma once
+
+#include <string>
+
+namespace kelvane::ctl {
+
+enum class Ending {
+  Freed,           ///< at least what was asked
+  Short,           ///< less, after the last request
+  Interrupted,     ///< by a signal
+  Refused,         ///< the daemon answered with nothing
+  NotAdmitted,     ///< the daemon is there and does not talk to this user
+  NoDaemon,        ///< nobody listens
+  ConnectionLost,  ///< in mid request
+  Failed,          ///< the daemon answered with an error
+  NoVolume,        ///< nothing was asked: the daemon would refuse the volume
+};
+
+struct RequestFailure {
+  Ending ending;
+  /// Why, in words, where the ending alone does not tell.
+  std::string detail;
+};
+
+/// What went wrong, for standard error.
+std::string failureText(const RequestFailure& failure);
+
+}  // namespace kelvane::ctl
