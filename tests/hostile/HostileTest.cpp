@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+// What every test of hostile peers begins and ends with.
+#include "tests/hostile/HostileTest.h"
+
+#include <sys/mount.h>
+#include <sys/statvfs.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "protocols/Keys.h"
+#include "tests/linux/testing/Eventually.h"
+
+namespace kelvane::test {
+
+namespace {
+
+/// More would be of no use to a reader.
+constexpr std::size_t shownLogBytes = 16 * 1024;
+
+std::uint64_t availableBytes() {
+  struct statvfs status {};
+  EXPECT_EQ(statvfs(volume, &status), 0);
+  return std::uint64_t{status.f_bavail} * status.f_frsize;
+}
+
+}  // namespace
+
+bool hasOtherUsers() {
+  const char* const kind = std::getenv("KELVANE_SANDBOX");
+  return kind != nullptr && std::string_view(kind) == "root";
+}
+
+void writeFile(const std::string& path, std::string_view contents) {
+  std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  file << contents;
+  ASSERT_TRUE(file.flush().good()) << path;
+}
+
+void HostileTest::entitleThisUser() {
+  writeFile(std::string(entitlementRules) + "root.plist",
+            "{ User = 0; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT, PURGE_ENTITLEMENT); }");
+}
+
+void HostileTest::SetUp() {
+  std::filesystem::remove_all("/run/test");
+  for (const char* directory : {"/run/kelvane", descriptions, entitlementRules, "/var/lib/kelvane"}) {
+    std::filesystem::create_directories(directory);
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+      std::filesystem::remove_all(entry);
+    }
+  }
+  entitleThisUser();
+  std::filesystem::create_directories(volume);
+  ASSERT_EQ(mount("test", volume, "tmpfs", 0, "size=16m"), 0);
+}
+
+void HostileTest::TearDown() {
+  if (daemon_.isRunning()) {
+    purgeForAnotherClient();
+  }
+  EXPECT_TRUE(daemon_.isRunning()) << daemon_.wait();
+  if (daemon_.isRunning()) {
+    daemon_.send(SIGTERM);
+    EXPECT_EQ(daemon_.wait(), "exit 0");
+  }
+  umount2(volume, MNT_DETACH);
+  if (HasFailure()) {
+    const std::string log = daemon_.log();
+    std::cerr << "The daemon's log:\n" << log.substr(log.size() - std::min(log.size(), shownLogBytes)) << std::endl;
+  }
+}
+
+void HostileTest::purgeForAnotherClient() const {
+  const BehavingService service("com.example.behaving", 4 * mebibyte);
+  Client client;
+  const std::uint64_t goal = availableBytes() + mebibyte;
+  for (int request = 0; request < requests_ && availableBytes() < goal; ++request) {
+    const Value result = client.purge(purgeOf(goal - availableBytes()));
+    EXPECT_GT(result[keys::amount].uint64Value(), 0U) << result.description();
+  }
+  EXPECT_GE(availableBytes(), goal);
+}
+
+bool HostileTest::eventuallyLogs(const std::string& text) const {
+  return eventually([&] { return daemon_.log().find(text) != std::string::npos; });
+}
+
+void HostileServiceTest::SetUp() {
+  HostileTest::SetUp();
+  startDaemon();
+  service_.emplace("com.example.hostile");
+  service_->checkIn();
+}
+
+void HostileServiceTest::TearDown() {
+  service_.reset();
+  HostileTest::TearDown();
+}
+
+Message HostileServiceTest::nextPurge(Client& client) {
+  EXPECT_TRUE(client.send("clientPurge", purgeOf(mebibyte)));
+  return service_->expect("servicePurge");
+}
+
+}  // namespace kelvane::test
