@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: Apache-2.0
-# Clients of the running daemon: kelvanectl as a person and a script see it, and stock tools.
+# Clients of the running daemon: kelvanectl as a person and a script see it, and what clients may do.
 
 import json
 import os
@@ -11,13 +11,6 @@ import unittest
 
 from kelvane_system import DAEMON_SOCKET, DIRECTORY_CACHE, ENTITLEMENTS, HAS_SYSTEM_ROOT, KELVANECTL, KELVANED, MIB
 from kelvane_system import TOP, SystemTest, files_for_urgency, hold, run, until
-
-INTERFACE = "com.tessaly.KelvaneClientProtocol"
-OBJECT = ("com.tessaly.kelvane", "/com/tessaly/Kelvane")
-
-
-def busctl(*arguments):
-    return run("busctl", f"--address=unix:path={DAEMON_SOCKET}", *arguments)
 
 
 class Kelvanectl(SystemTest):
@@ -193,40 +186,6 @@ class Entitlements(SystemTest):
         until(lambda: "Connection is not entitled!" in daemon.log(), "the daemon's note")
         self.assertEqual(1, self.purge(data, "1M", "--urgency=1", "--timeout=1")[0])
         self.assertEqual(4, files_for_urgency(directory, 1))
-
-
-class StockTools(SystemTest):
-    def test_busctl_introspects_the_daemon(self):
-        self.start_daemon()
-        result = busctl("introspect", *OBJECT)
-        self.assertEqual(0, result.returncode, result.stderr)
-        rows = {fields[0]: fields[1:4] for fields in map(str.split, result.stdout.splitlines()) if len(fields) > 3}
-        self.assertEqual(["method", "a{sv}", "v"], rows[".clientPurge"])
-        self.assertEqual(["method", "sha{sv}", "v"], rows[".clientCheckin"])
-        self.assertEqual(["method", "a{sv}", "-"], rows[".clientCancelPurge"])
-
-    def test_busctl_frees_space(self):
-        data = self.volume()
-        self.start_daemon()
-        directory = self.fill(data, "com.example.web")
-        self.start_service("com.example.web", directory)
-        before = data.available()
-        result = busctl("call", *OBJECT, INTERFACE, "clientPurge", "a{sv}", "3", "KELVANE_VOLUME", "s", str(data),
-                        "KELVANE_AMOUNT", "t", str(MIB), "KELVANE_URGENCY", "i", "1")
-        self.assertEqual(0, result.returncode, result.stderr)
-        self.assertTrue(result.stdout.startswith("v a{sv} "), result.stdout)
-        self.assertGreaterEqual(data.available() - before, MIB)
-
-    def test_busctl_gets_none_for_what_is_no_volume(self):
-        self.start_daemon()
-        result = busctl("call", *OBJECT, INTERFACE, "clientPurge", "a{sv}", "1", "KELVANE_VOLUME", "s", "/nowhere")
-        self.assertEqual((0, 'v o "/"\n'), (result.returncode, result.stdout), result.stderr)
-
-    def test_busctl_gets_an_error_for_a_wrong_signature(self):
-        self.start_daemon()
-        result = busctl("call", *OBJECT, INTERFACE, "clientPurge", "s", "hello")
-        self.assertNotEqual(0, result.returncode)
-        self.assertNotEqual("", result.stderr)
 
 
 if __name__ == "__main__":

@@ -49,7 +49,7 @@ class Failures(SystemTest):
         self.maps.send(signal.SIGKILL)
         self.maps.wait()
         self.start_service("com.example.maps", self.maps_directory)
-        status, report = self.purge(self.data, "8M", "--urgency=1", "--timeout=5")
+        status, report = self.purge(self.data, "8M", "--timeout=2")
         self.assertEqual(0, status, report)
         self.assertEqual(0, files_for_urgency(self.maps_directory, 1))
 
@@ -87,7 +87,7 @@ class Failures(SystemTest):
         self.start_daemon()
         self.await_checkin(self.web, times=2)
         self.await_checkin(self.maps, times=2)
-        status, report = self.purge(self.data, "8M", "--urgency=1", "--timeout=5")
+        status, report = self.purge(self.data, "8M", "--timeout=2")
         self.assertEqual(0, status, report)
 
     def test_services_check_in_again_after_a_kill_in_mid_purge(self):

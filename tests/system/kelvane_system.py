@@ -61,19 +61,19 @@ def run(*command, **options):
 
 
 @functools.cache
-def say_why_not_ext4():
-    print("No loop devices without this system's root: tmpfs takes the place of ext4.", file=sys.stderr)
+def say_why_not(kind):
+    print(f"No loop devices without this system's root: tmpfs takes the place of {kind}.", file=sys.stderr)
 
 
 class Process:
-    """A process that a test started, with what it wrote to standard error in a file."""
+    """A process that a test started, with what it wrote in a file."""
 
-    def __init__(self, name, *command):
+    def __init__(self, name, *command, **options):
         self.log_path = LOGS / f"{name}.log"
         with open(self.log_path, "ab") as log:
             self.log_begin = log.tell()
-            self.process = subprocess.Popen([str(part) for part in command], stdin=subprocess.DEVNULL, stdout=log,
-                                            stderr=log)
+            self.process = subprocess.Popen([str(part) for part in command],
+                                            **{"stdin": subprocess.DEVNULL, "stdout": log, "stderr": log, **options})
 
     @property
     def pid(self):
@@ -101,19 +101,25 @@ class Process:
 class Volume:
     """A mounted file system of its own."""
 
+    # How an image becomes a file system, and the least MiB that it must have.
+    MAKERS = {"ext4": (("mkfs.ext4", "-q"), 64), "xfs": (("mkfs.xfs", "-q"), 300),
+              "btrfs": (("mkfs.btrfs", "-q"), 128)}
+
     def __init__(self, name, kind="tmpfs", mib=64):
         self.path = VOLUMES / name
         self.path.mkdir(parents=True)
-        if kind == "ext4" and not HAS_SYSTEM_ROOT:
-            say_why_not_ext4()
+        if kind != "tmpfs" and not HAS_SYSTEM_ROOT:
+            say_why_not(kind)
             kind = "tmpfs"
+        self.kind = kind
         if kind == "tmpfs":
             self.must_run("mount", "-t", "tmpfs", "-o", f"size={mib}M", "tmpfs", self.path)
         else:
+            maker, least = self.MAKERS[kind]
             image = LOGS / f"{name}.image"
             with open(image, "wb") as file:
-                file.truncate(mib * MIB)
-            self.must_run("mkfs.ext4", "-q", image)
+                file.truncate(max(mib, least) * MIB)
+            self.must_run(*maker, image)
             self.must_run("mount", "-o", "loop", image, self.path)
 
     @staticmethod
@@ -164,8 +170,8 @@ class SystemTest(unittest.TestCase):
         self.volumes.append(volume)
         return volume
 
-    def start(self, name, *command):
-        process = Process(name, *command)
+    def start(self, name, *command, **options):
+        process = Process(name, *command, **options)
         self.processes.append(process)
         return process
 
@@ -179,15 +185,15 @@ class SystemTest(unittest.TestCase):
         until(lambda: not daemon.is_running() or run(KELVANECTL, "cancel", "none").returncode == 0, "a daemon")
         self.assertTrue(daemon.is_running(), daemon.log())
 
-    def fill(self, volume, service, urgencies=(1, 2), mib=4):
-        """Gives a service files of 1 MiB: this many MiB for each of the urgencies. Returns its directory."""
+    def fill(self, volume, service, urgencies=(1, 2), mib=4, files_per_mib=1):
+        """Gives a service files: this many MiB for each of the urgencies. Returns its directory."""
         directory = volume.path / service
         directory.mkdir(exist_ok=True)
         now = time.time()
         for urgency in urgencies:
-            for number in range(mib):
+            for number in range(mib * files_per_mib):
                 file = directory / f"urgency{urgency}-{number}"
-                file.write_bytes(os.urandom(MIB))
+                file.write_bytes(os.urandom(MIB // files_per_mib))
                 used = now - AGED_FOR_URGENCY[urgency]
                 os.utime(file, (used, used))
         shutil.chown(directory, CACHE_USER)
@@ -224,8 +230,13 @@ class SystemTest(unittest.TestCase):
         socket = SOCKETS / service
         starter = self.start(service, "systemd-socket-activate", f"--listen={socket}", DIRECTORY_CACHE,
                              self.configure(service, directory, "Named"))
-        until(socket.is_socket, "a listening socket")
+        self.await_listening(starter)
         return starter
+
+    def await_listening(self, starter, sockets=1):
+        """Until systemd-socket-activate says so: a socket of one before it may be in the place."""
+        until(lambda: starter.log().count("Listening on ") >= sockets or not starter.is_running(), "a listening socket")
+        self.assertTrue(starter.is_running(), starter.log())
 
     @staticmethod
     def purge_command(volume, size, *options):

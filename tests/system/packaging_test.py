@@ -67,12 +67,30 @@ class Installation(unittest.TestCase):
 
     def test_has_units_that_systemd_understands(self):
         units = sorted((self.root / "usr/lib/systemd/system").iterdir())
-        self.assertLessEqual({"kelvaned.service", "kelvaned.socket", "kelvaned-control.socket"},
+        self.assertLessEqual({"kelvaned.service", "kelvaned.socket", "kelvaned-control.socket", "kelvane-daily.service",
+                              "kelvane-daily.timer"},
                              {unit.name for unit in units})
         for unit in units:
             # Other units that these refer to are not in this root.
             result = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", f"--root={self.root}", unit)
             self.assertEqual((0, ""), (result.returncode, result.stderr), unit.name)
+
+    def unit(self, name):
+        """The settings of a unit, as "Name=value"."""
+        return (self.root / "usr/lib/systemd/system" / name).read_text().splitlines()
+
+    def test_has_a_daemon_that_is_started_again_whatever_ends_it(self):
+        self.assertLessEqual({"Type=notify", "Restart=always", "StartLimitIntervalSec=0", "WatchdogSec=5min",
+                              "WatchdogSignal=SIGKILL"}, set(self.unit("kelvaned.service")))
+
+    def test_has_a_daily_maintenance_that_is_made_up_for(self):
+        self.assertLessEqual({"OnCalendar=daily", "Persistent=true", "WantedBy=timers.target"},
+                             set(self.unit("kelvane-daily.timer")))
+        (command,) = (line for line in self.unit("kelvane-daily.service") if line.startswith("ExecStart="))
+        program, *arguments = command.removeprefix("ExecStart=").split()
+        result = run(self.root / program.lstrip("/"), *arguments, "--help")
+        self.assertEqual((0, ""), (result.returncode, result.stderr))
+        self.assertIn("daily maintenance", result.stdout)
 
     def test_refuses_units_with_mistakes(self):
         """Or the test above could not fail."""

@@ -3,21 +3,19 @@
 
 import unittest
 
-from kelvane_system import MIB, KELVANED, DIRECTORY_CACHE, SystemTest, executable, files_for_urgency, until
-from kelvane_system import CONTROL_SOCKET, DAEMON_SOCKET
+from kelvane_system import MIB, DIRECTORY_CACHE, SystemTest, executable, files_for_urgency, run
 
 
 class PurgeOf:
     """What holds on every kind of volume."""
 
-    def prepare(self, *services, urgencies=(1, 2)):
-        """A volume, the daemon, and services that have checked in, with 4 MiB for each urgency. Returns the volume and
-        the services' directories."""
+    def prepare(self, *services, **filling):
+        """A volume, the daemon, and services that have checked in. Returns the volume and the services' directories."""
         volume = self.volume(kind=self.kind)
         self.start_daemon()
         directories = []
         for service in services:
-            directories.append(self.fill(volume, service, urgencies))
+            directories.append(self.fill(volume, service, **filling))
             self.start_service(service, directories[-1])
         return volume, directories
 
@@ -34,30 +32,63 @@ class PurgeOf:
         # Nothing goes that a higher urgency is needed for.
         self.assertEqual([4, 4], [files_for_urgency(web, 2), files_for_urgency(maps, 2)])
 
+    def purge_and_count(self, volume, directory, mib, files):
+        """A purge by which a service frees this many MiB, which are so many files of its directory, and tells so."""
+        before, held = volume.available(), files_for_urgency(directory, 1)
+        status, report = self.purge(volume, f"{mib}M", "--urgency=1", "--timeout=5")
+        self.assertEqual((0, "freed"), (status, report["ending"]), report)
+        gained = volume.available() - before
+        self.assertGreaterEqual(gained, mib * MIB)
+        # A file system may take a little for its own accounts; a file more makes good for that.
+        self.assertIn(held - files_for_urgency(directory, 1), (files, files + 1))
+        # It may also give some of its own beside the files, which is not the service's merit.
+        for request in report["requests"]:
+            if request["reported"] is not None:
+                self.assertGreaterEqual(request["reported"], mib * MIB)
+                self.assertLessEqual(request["reported"], gained)
+
+    def test_frees_what_was_asked_time_after_time(self):
+        volume = self.volume(kind=self.kind)
+        self.assertEqual(volume.kind, run("findmnt", "--noheadings", "--output=FSTYPE", volume).stdout.strip())
+        self.start_daemon()
+        directory = self.fill(volume, "com.example.web", urgencies=(1,), mib=16)
+        self.start_service("com.example.web", directory)
+        for mib in (2, 3, 1, 2, 4):
+            self.purge_and_count(volume, directory, mib, files=mib)
+
+    def test_frees_what_was_asked_of_small_files(self):
+        volume = self.volume(kind=self.kind)
+        self.start_daemon()
+        directory = self.fill(volume, "com.example.web", urgencies=(1,), mib=8, files_per_mib=64)
+        self.start_service("com.example.web", directory)
+        for _ in range(3):
+            self.purge_and_count(volume, directory, 2, files=128)
+
     def test_tells_what_each_service_gave(self):
-        volume, _ = self.prepare("com.example.web", "com.example.maps")
-        # A service's own answer may overtake the result and stand in its place; not time after time.
-        reports = (self.purge(volume, "2M", "--urgency=1", "--timeout=1")[1] for _ in range(4))
-        request = next(request for report in reports for request in report["requests"] if request["passes"])
-        self.assertEqual(1, request["urgency_limit"])
-        (one,) = request["passes"]
-        self.assertEqual(1, one["urgency"])
+        volume, _ = self.prepare("com.example.web", "com.example.maps", urgencies=(1,), mib=8)
+        # A service's own answer may overtake the result and stand in its place, and a pass may end before the second
+        # service is asked; not time after time.
+        reports = (self.purge(volume, "2M", "--urgency=1", "--timeout=1")[1] for _ in range(7))
+        passes = ((request["urgency_limit"], one) for report in reports for request in report["requests"]
+                  for one in request["passes"])
+        limit, one = next((limit, one) for limit, one in passes if len(one["services"]) == 2)
+        self.assertEqual((1, 1), (limit, one["urgency"]))
         self.assertEqual({"com.example.web", "com.example.maps"}, {service["id"] for service in one["services"]})
         self.assertGreaterEqual(max(service["reported"] for service in one["services"]), MIB)
 
     def test_raises_the_urgency_for_the_rest(self):
         volume, (web, maps) = self.prepare("com.example.web", "com.example.maps")
         before = volume.available()
-        status, report = self.purge(volume, "12M", "--timeout=1")
+        status, report = self.purge(volume, "12M", "--timeout=5")
         self.assertEqual(0, status, report)
         self.assertGreaterEqual(volume.available() - before, 12 * MIB)
-        self.assertEqual([1, 2], [request["urgency_limit"] for request in report["requests"]])
+        self.assertEqual([1, 2], [request["urgency_limit"] for request in report["requests"]][:2])
         self.assertEqual([0, 0], [files_for_urgency(web, 1), files_for_urgency(maps, 1)])
         self.assertGreater(files_for_urgency(web, 2) + files_for_urgency(maps, 2), 0)
 
     def test_says_when_services_have_no_more_to_give(self):
         volume, (web,) = self.prepare("com.example.web")
-        status, report = self.purge(volume, "32M", "--urgency=1", "--timeout=1")
+        status, report = self.purge(volume, "32M", "--urgency=1", "--timeout=5")
         self.assertEqual(1, status)
         self.assertEqual("short", report["ending"])
         self.assertGreaterEqual(report["freed"], 4 * MIB)
@@ -105,20 +136,12 @@ class PurgeOfExt4(PurgeOf, SystemTest):
     kind = "ext4"
 
 
-class Activation(SystemTest):
-    def test_starts_the_daemon_when_a_client_calls(self):
-        volume = self.volume()
-        directory = self.fill(volume, "com.example.described")
-        self.describe("com.example.described")
-        self.start_on_demand("com.example.described", directory)
-        daemon = self.start("kelvaned", "systemd-socket-activate", f"--listen={DAEMON_SOCKET}",
-                            f"--listen={CONTROL_SOCKET}", KELVANED)
-        until(DAEMON_SOCKET.is_socket, "a listening socket")
-        self.assertEqual("systemd-socket-activate", executable(daemon.pid).name)
-        # The call that starts the daemon is served like any other.
-        status, report = self.purge(volume, "3M", "--urgency=1")
-        self.assertEqual(0, status, report)
-        self.assertEqual(KELVANED.resolve(), executable(daemon.pid))
+class PurgeOfXfs(PurgeOf, SystemTest):
+    kind = "xfs"
+
+
+class PurgeOfBtrfs(PurgeOf, SystemTest):
+    kind = "btrfs"
 
 
 if __name__ == "__main__":
