@@ -31,10 +31,7 @@ Status statusFor(ipc::CallError::Cause cause) {
 }
 
 KelvaneClientResult resultOf(const std::optional<ipc::CallError>& error) {
-  if (!error) {
-    return {Status::ConnectionLost, {}, {}};
-  }
-  return {statusFor(error->cause), {}, error->text};
+  return error ? KelvaneClientResult::of(*error) : KelvaneClientResult{Status::ConnectionLost, {}, {}};
 }
 
 /// Runs a request's form with a handler and waits for what the handler is given.
@@ -51,6 +48,10 @@ KelvaneClientResult resultOfWaiting(const Request& request) {
 }
 
 }  // namespace
+
+KelvaneClientResult KelvaneClientResult::of(const ipc::CallError& error) {
+  return {statusFor(error.cause), {}, error.text};
+}
 
 KelvaneClient::KelvaneClient() : connection_(ipc::Connection::toService(names::daemon)) {
   connection_.setRemoteInterface(KelvaneClientProtocol::interface);
@@ -120,7 +121,7 @@ void KelvaneClient::send(const ipc::Operation& operation, ipc::Arguments argumen
       .callForOutcome(operation, std::move(arguments),
                       [shared, mayBeRefused](const std::variant<Value, ipc::CallError>& outcome) {
                         if (const auto* error = std::get_if<ipc::CallError>(&outcome)) {
-                          (*shared)(resultOf(*error));
+                          (*shared)(KelvaneClientResult::of(*error));
                           return;
                         }
                         const Value& value = std::get<Value>(outcome);

@@ -26,6 +26,9 @@ struct KelvaneClientResult {
   Value value;
   /// What went wrong, in words, where the status alone does not tell.
   std::string text;
+
+  /// Of a request that ended in an error.
+  static KelvaneClientResult of(const ipc::CallError& error);
 };
 
 /// One connection to the daemon.

@@ -23,20 +23,6 @@ constexpr auto progressInterval = 100ms;
 /// A cancel is answered at once; a daemon that is too busy for that gets no more of a person's time.
 constexpr auto cancelPatience = 2s;
 
-Status statusFor(ipc::CallError::Cause cause) {
-  switch (cause) {
-    case ipc::CallError::Cause::NotReached:
-      return Status::NoDaemon;
-    case ipc::CallError::Cause::NotAdmitted:
-      return Status::NotAdmitted;
-    case ipc::CallError::Cause::Lost:
-      return Status::ConnectionLost;
-    case ipc::CallError::Cause::Answered:
-      break;
-  }
-  return Status::Failed;
-}
-
 }  // namespace
 
 DaemonSite::DaemonSite(std::string volume, const Interruption& interruption, std::function<void()> progress)
@@ -81,8 +67,7 @@ Outcome sendCancel(const Value& token) {
 Outcome runDaily(const Interruption& interruption) {
   const auto send = [](const KelvaneClient::Handler& handler) {
     control::requestActivity(names::dailyActivity, [handler](const std::optional<ipc::CallError>& error) {
-      handler(error ? KelvaneClientResult{statusFor(error->cause), {}, error->text}
-                    : KelvaneClientResult{Status::Answered, {}, {}});
+      handler(error ? KelvaneClientResult::of(*error) : KelvaneClientResult{Status::Answered, {}, {}});
     });
   };
   return await(send, interruption);
