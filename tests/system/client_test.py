@@ -140,12 +140,8 @@ class Entitlements(SystemTest):
 
     def setUp(self):
         super().setUp()
-        if HAS_SYSTEM_ROOT:
-            self.user, self.prefix = "12345", ("setpriv", "--reuid=12345", "--regid=12345", "--clear-groups")
-        else:
-            # There is only root here; it has what it has by a rule alone.
-            (ENTITLEMENTS / "50-root.plist").unlink()
-            self.user, self.prefix = "root", ()
+        self.user, self.prefix = self.plain_user()
+        if not HAS_SYSTEM_ROOT:
             self.entitle(self.user)
 
     def purge_as_user(self):

@@ -165,6 +165,14 @@ class SystemTest(unittest.TestCase):
         (ENTITLEMENTS / f"test-{user}.plist").write_text(
             f"{{ User = \"{user}\"; Entitlements = ({', '.join(names)}); }}")
 
+    def plain_user(self):
+        """A user who has what rules give and no more, and what to put before its commands."""
+        if HAS_SYSTEM_ROOT:
+            return "12345", ("setpriv", "--reuid=12345", "--regid=12345", "--clear-groups")
+        # There is only root here; it has what it has by a rule alone.
+        (ENTITLEMENTS / "50-root.plist").unlink()
+        return "root", ()
+
     def volume(self, name="data", **options):
         volume = Volume(name, **options)
         self.volumes.append(volume)

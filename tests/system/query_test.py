@@ -9,7 +9,7 @@ import signal
 import subprocess
 import unittest
 
-from kelvane_system import ENTITLEMENTS, HAS_SYSTEM_ROOT, KELVANECTL, MIB, PATIENCE_SECONDS, TOP, SystemTest, hold
+from kelvane_system import KELVANECTL, MIB, PATIENCE_SECONDS, TOP, SystemTest, hold
 from kelvane_system import run, until
 
 RECORD = "KELVANE_RECENT_SERVICE_STATS"
@@ -147,12 +147,7 @@ class Rights(ClientTest):
 
     def setUp(self):
         super().setUp()
-        if HAS_SYSTEM_ROOT:
-            self.user, self.prefix = "12345", ("setpriv", "--reuid=12345", "--regid=12345", "--clear-groups")
-        else:
-            # There is only root here; it has what it has by a rule alone.
-            (ENTITLEMENTS / "50-root.plist").unlink()
-            self.user = "root"
+        self.user, self.prefix = self.plain_user()
         self.data = self.volume()
 
     def start_for(self, *names):
