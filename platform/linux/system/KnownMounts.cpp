@@ -16,7 +16,9 @@ KnownMounts& KnownMounts::shared() {
 
 KnownMounts::Mounts KnownMounts::current() {
   const std::lock_guard lock(mutex_);
-  if (haveChanged()) {
+  const auto now = std::chrono::steady_clock::now();
+  if (haveChanged() || now - read_ >= longestAge) {
+    read_ = now;
     mounts_ = std::make_shared<const std::vector<VolumeMount>>(volumeMounts(paths::mountInfo));
   }
   return mounts_;

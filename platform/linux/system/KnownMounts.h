@@ -2,6 +2,7 @@
 // This process's mount table, read no more often than it changes.
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -13,10 +14,12 @@ namespace kelvane {
 
 /// Keeps what volumeMounts() says of this process, because reading the table again would cost each purge as much as
 /// sending eight services their requests. The kernel tells of every mount and unmount, but not of mounts and file
-/// systems that become read-only or writable. One per process, never destroyed. Any thread.
+/// systems that become read-only or writable; these are known within a minute. One per process, never destroyed. Any
+/// thread.
 class KnownMounts {
  public:
   using Mounts = std::shared_ptr<const std::vector<VolumeMount>>;
+  static constexpr std::chrono::minutes longestAge{1};
 
   static KnownMounts& shared();
   KnownMounts(const KnownMounts&) = delete;
@@ -32,6 +35,7 @@ class KnownMounts {
   // Guarded by mutex_:
   FileDescriptor table_;
   Mounts mounts_;
+  std::chrono::steady_clock::time_point read_;
 };
 
 }  // namespace kelvane

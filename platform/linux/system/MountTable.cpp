@@ -144,6 +144,7 @@ std::vector<VolumeMount> volumeMounts(const char* mountInfoFile) {
       volumes.push_back(mount.volume);
     }
   }
+  std::stable_partition(volumes.begin(), volumes.end(), [](const VolumeMount& volume) { return volume.isWhole; });
   return volumes;
 }
 

@@ -17,10 +17,10 @@ struct VolumeMount {
   bool isWhole;
 };
 
-/// The mounts of such file systems in mount order, duplicates of one file system included; read from a file
-/// in the format of /proc/self/mountinfo. Mounts that no path leads to, because a later one covers them,
-/// are left out. Decided by the table alone: asking the file systems could wait for a dead server.
-/// Empty when the table cannot be read.
+/// The mounts of such file systems, duplicates of one file system included; read from a file in the format of
+/// /proc/self/mountinfo. Whole file systems come first, as their mount points are the better names, otherwise the
+/// order is that of mounting. Mounts that no path leads to, because a later one covers them, are left out. Decided by
+/// the table alone: asking the file systems could wait for a dead server. Empty when the table cannot be read.
 [[nodiscard]] std::vector<VolumeMount> volumeMounts(const char* mountInfoFile);
 
 }  // namespace kelvane

@@ -2,23 +2,27 @@
 // Watches the volumes of this system and announces those that run low on space.
 #include "platform/linux/system/VolumeMonitor.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <set>
+#include <thread>
 #include <utility>
 
 #include "platform/Queues.h"
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/Thread.h"
-#include "platform/linux/system/CurrentVolumes.h"
-#include "platform/linux/system/LocalVolumes.h"
+#include "platform/linux/system/KnownMounts.h"
+#include "platform/linux/system/Paths.h"
+#include "platform/linux/system/VolumeSpace.h"
 
 namespace kelvane {
 
-std::atomic<std::optional<VolumeSpace> (*)(const std::string&)> volumeSpaceReader{&spaceOf};
+std::atomic<std::optional<VolumeSpace> (*)(const VolumeMount&)> volumeSpaceReader{&spaceOf};
 
 namespace {
 
@@ -27,6 +31,8 @@ using Time = VolumeWatch::Time;
 
 constexpr std::uint64_t lowFlag = 0x4;
 constexpr std::uint64_t veryLowFlag = 0x200;
+/// Reading the mount table takes milliseconds where there are thousands of mounts, which come in bursts.
+constexpr std::chrono::milliseconds shortestInterval{100};
 /// The run whose handler this thread is in.
 thread_local VolumeWatch::Run currentRun = VolumeWatch::noRun;
 
@@ -90,21 +96,22 @@ void VolumeMonitor::watch() {
     const std::lock_guard lock(mutex_);
     return generation_;
   }();
-  CurrentVolumes volumes;
+  // The kernel tells each descriptor of a change once.
+  const FileDescriptor mounts(open(paths::mountInfo, O_RDONLY | O_CLOEXEC));
   while (true) {
-    const auto look = lookAround(volumes.list(), generation);
+    const auto look = lookAround(*KnownMounts::shared().current(), generation);
     if (!look) {
       return;
     }
     setGuard(std::chrono::seconds(0));
-    pollfd events[] = {{wake_.get(), POLLIN, 0}, {volumes.descriptor(), POLLIN, 0}};
+    pollfd events[] = {{wake_.get(), POLLIN, 0}, {mounts.get(), POLLPRI, 0}};
     poll(events, 2, pollTimeout(decide(*look)));
     if (events[0].revents != 0) {
       eventfd_t count;
       eventfd_read(wake_.get(), &count);
     }
     if (events[1].revents != 0) {
-      volumes.noteChange();
+      std::this_thread::sleep_until(look->begun + shortestInterval);
     }
   }
 }
@@ -114,20 +121,25 @@ std::optional<VolumeMonitor::Look> VolumeMonitor::lookAround(const std::vector<V
                                                              unsigned generation) {
   const VolumeLevels levels = VolumeLevels::current();
   Look look{Clock::now(), {}, {}};
+  std::set<dev_t> seen;
   for (const VolumeMount& mount : mounts) {
+    if (seen.contains(mount.device)) {
+      continue;
+    }
     if (!beginAsking(mount)) {
       look.unasked.push_back(mount);
       continue;
     }
     const Time asked = Clock::now();
     std::optional<VolumeWatch::Sight> sight;
-    if (const auto space = volumeSpaceReader.load(std::memory_order_relaxed)(mount.path)) {
+    if (const auto space = volumeSpaceReader.load(std::memory_order_relaxed)(mount)) {
       sight.emplace(mount, *space, levels);
     }
     if (!endAsking(mount.device, sight, asked, generation)) {
       return std::nullopt;
     }
     if (sight) {
+      seen.insert(mount.device);
       look.sights.push_back(std::move(*sight));
     }
   }

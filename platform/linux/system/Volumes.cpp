@@ -5,13 +5,14 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <set>
 #include <utility>
 
 #include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/system/KnownMounts.h"
-#include "platform/linux/system/LocalVolumes.h"
 #include "platform/linux/system/Paths.h"
 #include "platform/linux/system/VolumeMonitor.h"
+#include "platform/linux/system/VolumeSpace.h"
 
 namespace kelvane::volumes {
 
@@ -58,8 +59,12 @@ bool isUsable(const std::string& path) {
 std::vector<std::string> local() {
   const runtime::BlockedScope blocked;
   std::vector<std::string> result;
-  for (VolumeMount& mount : localVolumes()) {
-    result.push_back(std::move(mount.path));
+  std::set<dev_t> seen;
+  for (const VolumeMount& mount : volumeMounts(paths::mountInfo)) {
+    if (!seen.contains(mount.device) && !isSilent(mount) && isDirectory(mount)) {
+      seen.insert(mount.device);
+      result.push_back(mount.path);
+    }
   }
   return result;
 }
@@ -68,11 +73,13 @@ std::vector<std::string> lowOnSpace() {
   const runtime::BlockedScope blocked;
   const VolumeLevels levels = VolumeLevels::current();
   std::vector<VolumeWatch::Sight> low;
-  for (const VolumeMount& mount : localVolumes()) {
-    if (isSilent(mount)) {
+  std::set<dev_t> seen;
+  for (const VolumeMount& mount : *KnownMounts::shared().current()) {
+    if (seen.contains(mount.device) || isSilent(mount)) {
       continue;
     }
-    if (const auto space = spaceOf(mount.path)) {
+    if (const auto space = spaceOf(mount)) {
+      seen.insert(mount.device);
       VolumeWatch::Sight sight(mount, *space, levels);
       if (sight.level() != SpaceLevel::Ample) {
         low.push_back(std::move(sight));
@@ -91,8 +98,8 @@ std::uint64_t availableBytes(const std::string& path) {
   if (const VolumeMount* mount = find(*known, path); mount != nullptr && isSilent(*mount)) {
     return 0;
   }
-  const auto space = spaceOf(path);
-  return space ? space->available : 0;
+  struct statvfs status;
+  return statvfs(path.c_str(), &status) == 0 ? std::uint64_t{status.f_bavail} * status.f_frsize : 0;
 }
 
 }  // namespace kelvane::volumes

@@ -85,14 +85,15 @@ TEST(AMountTable, CoversARootThatLaterMountsReplace) {
               ElementsAre("/", "/a"));
 }
 
-TEST(AMountTable, TellsBindMountsFromWholeFileSystems) {
+TEST(AMountTable, TellsBindMountsFromWholeFileSystemsAndGivesThoseFirst) {
   test::writeFile("/mnt/mountinfo",
                   "20 1 8:1 /sub /a rw - ext4 /dev/sda1 rw\n"
                   "21 1 8:1 / /b rw - ext4 /dev/sda1 rw\n");
   const auto mounts = volumeMounts("/mnt/mountinfo");
   ASSERT_EQ(mounts.size(), 2u);
-  EXPECT_FALSE(mounts[0].isWhole);
-  EXPECT_TRUE(mounts[1].isWhole);
+  EXPECT_EQ(mounts[0].path, "/b");
+  EXPECT_TRUE(mounts[0].isWhole);
+  EXPECT_FALSE(mounts[1].isWhole);
   EXPECT_EQ(mounts[0].device, mounts[1].device);
 }
 

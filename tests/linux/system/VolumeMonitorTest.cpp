@@ -21,8 +21,8 @@
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/system/FileDescriptor.h"
 #include "platform/linux/system/Handlers.h"
-#include "platform/linux/system/LocalVolumes.h"
 #include "platform/linux/system/ServiceManager.h"
+#include "platform/linux/system/VolumeSpace.h"
 #include "tests/linux/system/PrivateNamespace.h"
 
 namespace kelvane {
@@ -71,8 +71,9 @@ class TheVolumeMonitor : public testing::Test {
 
   void mountVolume(const std::string& path) {
     test::mountTmpfs(path, "size=64m");
-    mounted_.push_back(path);
+    noteMounted(path);
   }
+  void noteMounted(const std::string& path) { mounted_.push_back(path); }
   /// A volume that is full when it appears.
   void mountFullVolume(const std::string& path) {
     const FileDescriptor context(fsopen("tmpfs", FSOPEN_CLOEXEC));
@@ -83,7 +84,7 @@ class TheVolumeMonitor : public testing::Test {
     ASSERT_EQ(posix_fallocate(file.get(), 0, 63 << 20), 0);
     std::filesystem::create_directories(path);
     ASSERT_EQ(move_mount(tree.get(), "", AT_FDCWD, path.c_str(), MOVE_MOUNT_F_EMPTY_PATH), 0);
-    mounted_.push_back(path);
+    noteMounted(path);
   }
   static void fill(const std::string& path, off_t mebibytes) {
     const FileDescriptor file(open((path + "/filler").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
@@ -158,8 +159,8 @@ class SilentVolume {
  public:
   SilentVolume() {
     mayAnswer = questions = answers = 0;
-    volumeSpaceReader = [](const std::string& volume) {
-      if (volume == "/mnt/silent") {
+    volumeSpaceReader = [](const VolumeMount& volume) {
+      if (volume.path == "/mnt/silent") {
         std::unique_lock lock(mutex);
         const int question = questions++;
         changed.notify_all();
@@ -209,6 +210,24 @@ TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswersAndCountsWhatIt
   ASSERT_TRUE(await({"/mnt/talkative"})) << "one that does not answer holds up none that do, nor is it asked again";
   silent.answer();
   ASSERT_TRUE(await({"/mnt/silent"})) << "though the next question is open";
+}
+
+TEST_F(TheVolumeMonitor, IsNotHeldUpByASilentFileSystemOfWhichOnlyADirectoryIsMounted) {
+  test::mountTmpfs("/mnt/origin", "size=64m");
+  std::filesystem::create_directory("/mnt/origin/inside");
+  std::filesystem::create_directories("/mnt/silent");
+  ASSERT_EQ(mount("/mnt/origin/inside", "/mnt/silent", nullptr, MS_BIND, nullptr), 0);
+  ASSERT_EQ(umount("/mnt/origin"), 0);
+  noteMounted("/mnt/silent");
+  mountVolume("/mnt/talkative");
+  fill("/mnt/silent", 63);
+  SilentVolume silent;
+  start();
+  silent.awaitQuestion();
+  fill("/mnt/talkative", 60);
+  ASSERT_TRUE(await({"/mnt/talkative"}));
+  silent.answer();
+  ASSERT_TRUE(await({"/mnt/silent"}));
 }
 
 TEST_F(TheVolumeMonitor, LetsNobodyElseAskASilentFileSystem) {
