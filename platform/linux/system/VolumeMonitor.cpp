@@ -2,13 +2,14 @@
 // Watches the volumes of this system and announces those that run low on space.
 #include "platform/linux/system/VolumeMonitor.h"
 
-#include <fcntl.h>
+#include <libmount/libmount.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 #include <set>
 #include <thread>
 #include <utility>
@@ -17,7 +18,6 @@
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/system/KnownMounts.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/VolumeSpace.h"
 
 namespace kelvane {
@@ -40,6 +40,16 @@ int pollTimeout(Time deadline) {
   const Time now = Clock::now();
   const auto rest = std::chrono::ceil<std::chrono::milliseconds>(std::max(deadline, now) - now);
   return static_cast<int>(rest.count());
+}
+
+struct FreeMountMonitor {
+  void operator()(libmnt_monitor* monitor) const { mnt_unref_monitor(monitor); }
+};
+using MountMonitor = std::unique_ptr<libmnt_monitor, FreeMountMonitor>;
+
+/// Readable when something has been mounted or unmounted; -1 when the system does not tell.
+int descriptorOf(libmnt_monitor* monitor) {
+  return monitor != nullptr && mnt_monitor_enable_kernel(monitor, 1) == 0 ? mnt_monitor_get_fd(monitor) : -1;
 }
 
 void reportFailure(const std::string& text) {
@@ -96,21 +106,22 @@ void VolumeMonitor::watch() {
     const std::lock_guard lock(mutex_);
     return generation_;
   }();
-  // The kernel tells each descriptor of a change once.
-  const FileDescriptor mounts(open(paths::mountInfo, O_RDONLY | O_CLOEXEC));
+  const MountMonitor mounts(mnt_new_monitor());
+  const int mountsDescriptor = descriptorOf(mounts.get());
   while (true) {
     const auto look = lookAround(*KnownMounts::shared().current(), generation);
     if (!look) {
       return;
     }
     setGuard(std::chrono::seconds(0));
-    pollfd events[] = {{wake_.get(), POLLIN, 0}, {mounts.get(), POLLPRI, 0}};
+    pollfd events[] = {{wake_.get(), POLLIN, 0}, {mountsDescriptor, POLLIN, 0}};
     poll(events, 2, pollTimeout(decide(*look)));
     if (events[0].revents != 0) {
       eventfd_t count;
       eventfd_read(wake_.get(), &count);
     }
     if (events[1].revents != 0) {
+      mnt_monitor_event_cleanup(mounts.get());
       std::this_thread::sleep_until(look->begun + shortestInterval);
     }
   }
