@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Service check-in: how services that no description names become known, and cease to be.
 #include "client/ClientInterface.h"
+#include "client/StateLimits.h"
 #include "protocols/KelvaneServiceProtocol.h"
 #include "protocols/Keys.h"
 #include "protocols/Names.h"
@@ -27,6 +28,10 @@ void ClientInterface::clientCheckin(const std::string& identifier, const ipc::En
   }
   if (!connectionIsEntitled(currentConnection(), {entitlements::service})) {
     KELVANE_ERROR("%s Connection is not entitled!", checkinName);
+    return;
+  }
+  if (const auto error = whyTooMuchToKeep(identifier, info[keys::notifications])) {
+    reply({}, *error);
     return;
   }
   collection_queue().async([this, identifier, endpoint, info, reply = std::move(reply)] {

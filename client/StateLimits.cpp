@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What clients may store, and how much of it.
+// What clients may leave with the daemon, and how much of it.
 #include "client/StateLimits.h"
 
 #include <algorithm>
@@ -114,7 +114,7 @@ std::optional<StateError> whyTooLargeForRecord(const Value& value) {
 }
 
 std::variant<std::size_t, StateError> roomFor(const Value::Dictionary& state) {
-  if (state.size() > limits::stateKeys) {
+  if (state.size() - state.count(keys::recentServiceStats) > limits::stateKeys) {
     return StateError{StateError::Cause::TooMuch,
                       "The state has more than " + std::to_string(limits::stateKeys) + " keys"};
   }
@@ -125,6 +125,18 @@ std::variant<std::size_t, StateError> roomFor(const Value::Dictionary& state) {
   }
   // The record, and what is around it all.
   return measure.room + limits::archiveBytes + 1024;
+}
+
+std::optional<std::string> whyTooMuchToKeep(const std::string& identifier, const Value& notifications) {
+  if (identifier.size() > limits::serviceIdentifierBytes) {
+    return "The identifier has more than " + std::to_string(limits::serviceIdentifierBytes) + " bytes";
+  }
+  Measure measure;
+  measure.add(notifications, 0, 0);
+  if (measure.isTooDeep || measure.bytes > limits::notificationNamesBytes) {
+    return "The names of notifications take more than " + std::to_string(limits::notificationNamesBytes) + " bytes";
+  }
+  return std::nullopt;
 }
 
 }  // namespace kelvane

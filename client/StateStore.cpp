@@ -75,7 +75,7 @@ void ClientInterface::clientSetStateSync(const StateObject& value, const std::st
     }
     plain = *std::move(archive);
   }
-  // Answered before it returns, as it is called on the queue that it needs.
+  // Answered before it returns, as it is called on the queue that it needs: nothing to wait for, and no wait to fail.
   _clientSetState(plain, key, [&](const std::optional<StateError>& error) {
     defaults_queue().assertCurrent();
     if (error) {

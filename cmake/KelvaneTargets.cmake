@@ -26,15 +26,19 @@ function(kelvane_program name)
   target_link_libraries(${name} PRIVATE kelvane_options ${ARG_LINK})
 endfunction()
 
-# kelvane_test(NAME SOURCES ... [LINK ...]): one GoogleTest program, each of its tests a test of ctest's.
+# kelvane_test(NAME SOURCES ... [LINK ...] [TIMEOUT SECONDS]): one GoogleTest program, each of its tests a test of
+# ctest's, which may take two minutes unless it says otherwise.
 function(kelvane_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "SOURCES;LINK")
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LINK")
+  if(NOT ARG_TIMEOUT)
+    set(ARG_TIMEOUT 120)
+  endif()
   find_package(GTest REQUIRED)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE kelvane_options ${ARG_LINK} GTest::gmock GTest::gtest_main)
   # Test code takes longer to optimise than to run; what it tests is optimised all the same.
   target_compile_options(${name} PRIVATE -O0)
-  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()
 
 if(BUILD_TESTING)

@@ -70,7 +70,7 @@ void Kelvane::scanPlistsAtPath(const std::string& directory, const std::function
     KELVANE_TRACE("%s looking at: %@", name, path);
     const auto contents = readPropertyListFile(path);
     if (const auto* error = std::get_if<FileError>(&contents)) {
-      KELVANE_ERROR("%s readTreeFromData failed: %@", name, error->text);
+      KELVANE_ERROR("%s readTreeFromData failed: %@", name, path + ": " + error->text);
     } else if (std::get<Value>(contents).isDictionary()) {
       execBlock(std::get<Value>(contents));
     }

@@ -46,17 +46,15 @@ Value Kelvane::purge(const Value& info, const ResultCallback& callback) {
 }
 
 Value Kelvane::totalAvailable(const Value& info) {
-  const auto kept = std::make_shared<AtomicProperty<Value>>();
-  const Group group;
-  group.async(purgeable_queue(), [this, info, kept] {
+  Value kept;
+  purgeable_queue().sync([&] {
     // The live table: a check-in that waits for a pong does not hold queries up.
     const auto operation = KelvanePurgeableOperation::initWithInfo(info, *services());
     if (operation) {
-      operation->startOperation([kept](const Value& result) { kept->store(result); });
+      operation->startOperation([&kept](const Value& result) { kept = result; });
     }
   });
-  group.wait();
-  return kept->load();
+  return kept;
 }
 
 void Kelvane::performPeriodicsWithInfo(const Value& info) {

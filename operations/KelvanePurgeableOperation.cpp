@@ -42,11 +42,15 @@ bool isRemembered(const Value& amount) {
 std::shared_ptr<KelvanePurgeableOperation> KelvanePurgeableOperation::initWithInfo(const Value& info,
                                                                                    const ServiceTable& services) {
   std::shared_ptr<KelvanePurgeableOperation> operation(new KelvanePurgeableOperation);
-  if (!operation->KelvaneOperation::initWithInfo(info, services)) {
+  if (!operation->KelvaneOperation::initWithInfo(info, {})) {
     return nullptr;
   }
-  ServiceTable queryable = services;
-  std::erase_if(queryable, [](const auto& entry) { return !entry.second->doesPurge() || entry.second->doNotQuery(); });
+  ServiceTable queryable;
+  for (const auto& entry : services) {
+    if (entry.second->doesPurge() && !entry.second->doNotQuery()) {
+      queryable.insert(queryable.end(), entry);
+    }
+  }
   operation->setServices(std::move(queryable));
   return operation;
 }
@@ -107,7 +111,7 @@ void KelvanePurgeableOperation::handleReply(const std::string& identifier, const
     KELVANE_TRACE("%s %@ has %@, skipping", blockName, identifier, reply);
   }
   if (!isRemembered(amount)) {
-    KELVANE_ERROR("%s %@ answered without an amount: %@", blockName, identifier, reply);
+    KELVANE_ERROR("%s %@ answered without an amount that can be kept: %@", blockName, identifier, reply);
   } else {
     // Queued before the service leaves the in-flight set, so that whoever finds the set empty finds the answer too.
     updateServiceStats(identifier, Value::Dictionary{{keys::amount, amount}, {keys::volume, message[keys::volume]}});
@@ -138,19 +142,19 @@ void KelvanePurgeableOperation::awaitReplies() const {
 }
 
 Value KelvanePurgeableOperation::resultOf(const Value& servicesToCount) const {
-  const MutableDictionary result(servicesToCount);
+  Value::Dictionary result = *servicesToCount.dictionary();
   // Unsigned, so that the sum wraps.
   std::uint64_t total = 0;
-  for (const auto& [identifier, amount] : *servicesToCount.dictionary()) {
+  for (const auto& [identifier, amount] : result) {
     if (amount.isNumber()) {
       total += static_cast<std::uint64_t>(amount.int64Value());
     } else {
       KELVANE_ERROR("%s %d %@ num is not a number: %@", startName, 163, identifier, amount);
     }
   }
-  result.set(keys::totalAvailable, static_cast<std::int64_t>(total));
-  result.set(keys::volume, volume());
-  return Value(Value::Dictionary(*result.snapshot()));
+  result[keys::totalAvailable] = static_cast<std::int64_t>(total);
+  result[keys::volume] = volume();
+  return Value(std::move(result));
 }
 
 bool KelvanePurgeableOperation::optOutService(const std::string& identifier, bool add) {

@@ -114,10 +114,11 @@ class Proxy {
 /// wait. It ends once: by the peer's death (or a connection that could not be made), which runs the
 /// interruption handler, or by invalidate(), which runs the invalidation handler; whichever came first.
 /// Replies received before the end still reach their reply handlers; the other outstanding calls run their
-/// error handlers, and so does every call made afterwards. The two handlers run on a thread of the IPC
-/// facility and must not block; when the peer's death becomes known, the interruption handler has run before
-/// any request read later is delivered. No handler is ever run inline from a function of this file, and all
-/// are let go after the end. A connection whose last reference goes ends without a handler.
+/// error handlers, and so does every call made afterwards. The two handlers run one at a time over all connections,
+/// in the order in which the ends became known; when the peer's death becomes known, the interruption handler has run
+/// before any request read later is delivered. They may write to the log, but must not wait for other work, which
+/// may wait for them. No handler is ever run inline from a function of this file, and all are let go after the end.
+/// A connection whose last reference goes ends without a handler.
 /// Any thread may call any function, but set-up precedes resume().
 class Connection {
  public:
@@ -178,7 +179,7 @@ class Listener {
   static Listener anonymous(const Interface& interface, RequestHandler handler);
 
   void setAdmission(Admission admission) const;
-  /// Runs when a connection of this listener has ended, on a thread of the IPC facility; must not block.
+  /// Runs when a connection of this listener has ended, as its interruption handler would.
   void setDisconnectHandler(std::function<void(const Connection&)> handler) const;
   /// Starts serving. For a named listener, an error's text when the name cannot be listened on.
   [[nodiscard]] std::optional<std::string> resume() const;

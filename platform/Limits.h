@@ -54,17 +54,23 @@ inline constexpr std::size_t requestBytes = 2 * 1024 * 1024;
 /// What waits for a peer that does not read; beyond it the peer is dropped. No single message is longer.
 inline constexpr std::size_t unsentBytesPerConnection = 4 * 1024 * 1024;
 inline constexpr std::size_t unsentBytesPerUser = 32 * 1024 * 1024;
-/// Descriptors that came with malformed messages, which stay open; beyond these the user can send none.
-inline constexpr int lostDescriptorsPerUser = 64;
 /// Connections on which a message has begun to arrive but has not ended.
 inline constexpr int partialMessagesPerUser = 16;
 /// Requests of one kind being delivered at once: over all users, and of one user.
 inline constexpr int deliveredPerKind = 512;
 inline constexpr int deliveredPerKindAndUser = 128;
 
+// What is kept of a service for as long as it lives
+/// An identifier is part of results and requests that name all services.
+inline constexpr std::size_t serviceIdentifierBytes = 1024;
+/// Counted as those of a state value are.
+inline constexpr std::size_t notificationNamesBytes = 16 * 1024;
+
 // The daemon's connections to services
 inline constexpr int outstandingCallsPerService = 64;
 inline constexpr std::size_t serviceReplyBytes = 64 * 1024;
+/// Replies of one user's services that were decoded and are being dealt with.
+inline constexpr std::size_t heldReplyBytesPerUser = 16 * 1024 * 1024;
 
 // Statistics
 /// Names beyond these, or longer, are counted together.
@@ -104,6 +110,8 @@ inline constexpr int damagedPreferences = 8;
 // Log
 /// The rest of a longer message is left out.
 inline constexpr std::size_t logMessageBytes = 64 * 1024;
+/// Connections that are refused one after the other are told of at most so often.
+inline constexpr std::chrono::seconds refusalLogInterval{60};
 
 // The directory cache's configuration
 inline constexpr std::size_t cacheDirectories = 64;

@@ -2,6 +2,7 @@
 // Where log messages and statistics go.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -10,6 +11,16 @@ namespace kelvane::reporting {
 
 /// Stores one formatted log message. function is the name of the writing method.
 void writeLog(std::int32_t level, std::string_view category, std::string_view function, std::string_view message);
+
+/// Whether the platform's own failures are stored, too. Whoever configures the log decides.
+inline std::atomic<bool> failuresAreLogged = true;
+
+/// Stores a failure of the platform at level 3.
+inline void reportFailure(std::string_view function, std::string_view message) {
+  if (failuresAreLogged) {
+    writeLog(3, "Kelvane", function, message);
+  }
+}
 
 /// Adds to a named counter. An empty name is a counter of its own.
 void addToCounter(std::string_view domain, std::string_view name, std::int64_t count);

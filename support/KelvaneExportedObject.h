@@ -21,7 +21,7 @@ class KelvaneExportedObject {
  public:
   /// Given a result, or absent for none.
   using ValueReply = std::function<void(const Value&)>;
-  /// The error is always absent; the wire has no place for it.
+  /// The error says which limit the service has passed; absent otherwise.
   using CheckinReply = std::function<void(const Value& dictionary, const Value& error)>;
   using Reply = std::function<void()>;
 

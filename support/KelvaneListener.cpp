@@ -6,11 +6,13 @@
 #include <cstdlib>
 #include <utility>
 
+#include "platform/Limits.h"
 #include "platform/Process.h"
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Names.h"
 #include "support/Entitlements.h"
 #include "support/KelvaneLog.h"
+#include "support/RepeatedEvent.h"
 
 namespace kelvane {
 
@@ -30,12 +32,22 @@ class DeliveryScope {
   const ipc::Connection* const outer_;
 };
 
+constexpr char limitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
+
+void answerCheckin(const ipc::Reply& reply, const Value& dictionary, const Value& error) {
+  if (const std::string* text = error.string()) {
+    reply.sendError(limitsExceeded, *text);
+  } else {
+    reply.send(dictionary);
+  }
+}
+
 void answerSet(const ipc::Reply& reply, const std::optional<KelvaneExportedObject::StateError>& error) {
   using Cause = KelvaneExportedObject::StateError::Cause;
   if (!error) {
     reply.send();
   } else if (error->cause == Cause::TooMuch) {
-    reply.sendError("org.freedesktop.DBus.Error.LimitsExceeded", error->text);
+    reply.sendError(limitsExceeded, error->text);
   } else if (error->cause == Cause::Unstorable) {
     reply.sendError("org.freedesktop.DBus.Error.InvalidArgs", error->text);
   } else {
@@ -52,7 +64,9 @@ void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
 
   if (operation == &protocol::clientCheckin) {
     object.clientCheckin(*request.value(0).string(), request.endpoint(1), request.value(2),
-                         [reply = request.reply](const Value& dictionary, const Value&) { reply.send(dictionary); });
+                         [reply = request.reply](const Value& dictionary, const Value& error) {
+                           answerCheckin(reply, dictionary, error);
+                         });
   } else if (operation == &protocol::clientPurgeableSpace) {
     object.clientPurgeableSpace(request.value(0), replyValue);
   } else if (operation == &protocol::clientItemizedPurgeableSpace) {
@@ -68,6 +82,16 @@ void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
                           });
   } else if (operation == &protocol::clientGetState) {
     object.clientGetState(request.value(0), replyValue);
+  }
+}
+
+/// Of so many connections refused since the last line, the last; nothing when there are none.
+void logRefusal(const ipc::Peer& peer, std::uint64_t count) {
+  constexpr char name[] = "-[KelvaneListener resume]";
+  if (count == 1) {
+    KELVANE_ERROR("%s refused a connection: %@", name, peer.description());
+  } else if (count > 1) {
+    KELVANE_ERROR("%s refused %llu connections, the last: %@", name, count, peer.description());
   }
 }
 
@@ -95,10 +119,11 @@ void KelvaneListener::addRequiredEntitlement(const std::string& entitlement) {
 }
 
 void KelvaneListener::resume() {
-  listener_.setAdmission([required = requiredEntitlements_](const ipc::Peer& peer) {
+  const auto refusal = std::make_shared<RepeatedEvent>(limits::refusalLogInterval);
+  listener_.setAdmission([required = requiredEntitlements_, refusal](const ipc::Peer& peer) {
     const bool entitled = peerIsEntitled(peer, required);
     if (!entitled) {
-      KELVANE_ERROR("%s refused a connection: %@", "-[KelvaneListener resume]", peer.description());
+      logRefusal(peer, refusal->happened());
     }
     return entitled;
   });

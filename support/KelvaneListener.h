@@ -12,7 +12,8 @@
 namespace kelvane {
 
 /// Accepts connections on "com.tessaly.kelvane" from processes that hold every required entitlement and
-/// delivers their requests to the exported object, which must outlive the listener.
+/// delivers their requests to the exported object, which must outlive the listener. Those it refuses it logs, with one
+/// line for all of an interval.
 class KelvaneListener {
  public:
   static std::unique_ptr<KelvaneListener> daemonListenerWithExportedObject(KelvaneExportedObject& object);

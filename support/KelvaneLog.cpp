@@ -36,6 +36,7 @@ void configureLog() {
   processHandle.threshold = threshold.isNumber() ? threshold.int32Value() : errorLevel;
   const Value handle = configuration["Handle"];
   currentHandle = handle.isNumber() && !handle.boolValue() ? nullptr : &processHandle;
+  reporting::failuresAreLogged = isLoggingErrors();
   if (error != nullptr && !error->isMissing) {
     KELVANE_ERROR("%s unable to read %s: %@", "configureLog", configurationPath, error->text);
   }

@@ -256,6 +256,38 @@ TEST_F(TheClientInterface, AnswersACheckInOnTheCollectionQueueWhereItPings) {
   });
 }
 
+TEST_F(TheClientInterface, ForgetsOnlyTheVeryRecordWhoseConnectionWasInvalidated) {
+  serve([&] {
+    const ScriptedService service("a");
+    send(TestClient(), KelvaneClientProtocol::clientCheckin, {Value("a"), service.endpoint(), someInfo});
+    const auto older = interface->find("a");
+    ASSERT_NE(older, nullptr);
+    const auto newer = std::make_shared<KLService>("a");
+    interface->put(newer);
+    older->vexConn()->invalidate();
+    simulation->settle();
+    EXPECT_TRUE(log().contains("invalidationHandler ENTRY"));
+    EXPECT_EQ(interface->find("a"), newer);
+  });
+}
+
+TEST_F(TheClientInterface, DoesNotKeepARecordAliveByItsConnectionsHandlers) {
+  serve([&] {
+    const TestClient client;
+    const ScriptedService service("a");
+    simulation->settle();
+    const int before = simulation->ipc().openConnections();
+    send(client, KelvaneClientProtocol::clientCheckin, {Value("a"), service.endpoint(), someInfo});
+    const std::weak_ptr<KLService> record = interface->find("a");
+    EXPECT_FALSE(record.expired());
+    EXPECT_GT(simulation->ipc().openConnections(), before);
+    interface->put(std::make_shared<KLService>("a"));
+    simulation->settle();
+    EXPECT_TRUE(record.expired());
+    EXPECT_EQ(simulation->ipc().openConnections(), before);
+  });
+}
+
 TEST_F(TheClientInterface, ForgetsOnlyTheVeryRecordWhoseConnectionEnded) {
   serve([&] {
     const auto newer = std::make_shared<KLService>("a");

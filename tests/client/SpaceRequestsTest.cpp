@@ -71,6 +71,36 @@ TEST_F(AClient, WithoutTheEntitlementIsAnsweredWithNoneAndNothingIsPurged) {
   });
 }
 
+TEST_F(AClient, NeedsToPurgeNoEntitlementToQueryNorTheOtherWayRound) {
+  runDaemon([&] {
+    EXPECT_TRUE(clientOf("purging").purge(purgeInfo(0)).isDictionary());
+    const Value info = Value::Dictionary{{keys::volume, volume}};
+    EXPECT_TRUE(clientOf("purging").purgeableSpace(info).isAbsent());
+    EXPECT_TRUE(clientOf("purging").itemizedPurgeableSpace(info).isAbsent());
+    EXPECT_TRUE(clientOf("querying").purge(purgeInfo(0)).isAbsent());
+    EXPECT_TRUE(clientOf("querying").purgeableSpace(info).isDictionary());
+    EXPECT_TRUE(clientOf("querying").itemizedPurgeableSpace(info).isAbsent());
+  });
+}
+
+TEST_F(AClient, IsAnsweredWhateverQueueIsBusy) {
+  runDaemon([&] {
+    const TestClient client = clientOf("partial");
+    const SerialQueue queues[] = {kelvane->purge_queue(),   kelvane->purgeable_queue(), kelvane->periodic_queue(),
+                                  kelvane->notify_queue(),  kelvane->daemons_queue(),   kelvane->collection_queue(),
+                                  kelvane->defaults_queue()};
+    for (const SerialQueue& queue : queues) {
+      queue.suspend();
+    }
+    const auto answer = client.send(KelvaneClientProtocol::clientPurge, {Value(Value::Dictionary{})});
+    simulation->settle();
+    EXPECT_TRUE(answer->arrived);
+    for (const SerialQueue& queue : queues) {
+      queue.resume();
+    }
+  });
+}
+
 TEST_F(AClient, WhoMayNotConnectIsNotServed) {
   runDaemon([&] {
     const auto answer = clientOf("nobody").send(KelvaneClientProtocol::clientPurge, {purgeInfo(100)});

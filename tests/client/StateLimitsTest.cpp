@@ -144,6 +144,8 @@ TEST_F(TheStateStore, HasSoManyKeysAndNoMore) {
     const TestClient client;
     EXPECT_EQ(client.setState("one more", 1), std::string(tooMuch) + "The state has more than 4096 keys");
     EXPECT_EQ(client.setState("0", 2), std::nullopt);
+    EXPECT_EQ(client.setState(keys::recentServiceStats, Value(Data(1))), std::nullopt);
+    EXPECT_EQ(client.setState("0", 3), std::nullopt) << "the record is not among the keys of clients";
   });
 }
 

@@ -59,6 +59,16 @@ TEST_F(TheState, AsAWholeIsAFilledInCopyOnceSomethingIsStored) {
   });
 }
 
+TEST_F(TheState, IsTheOneEntryOfItsSuite) {
+  runDaemon([&] {
+    const TestClient client;
+    client.setState("x", 1);
+    client.state("x");
+    EXPECT_EQ(Value(simulation->preferences().contents(suite)),
+              Value(Value::Dictionary{{"KELVANE_USER_DEFAULTS", Value::Dictionary{{"x", 1}}}}));
+  });
+}
+
 TEST_F(TheState, AsAWholeLeavesAStoredValueInADefaultsPlace) {
   runDaemon([&] {
     const TestClient client;
@@ -268,6 +278,17 @@ TEST_F(TheState, AnswersItsInnerFunctionsOnTheDefaultsQueueBeforeTheyReturn) {
   });
 }
 
+TEST_F(TheState, AnswersBeforeItLogsItsExit) {
+  runDaemon([&] {
+    log().clear();
+    onDefaultsQueue([&] {
+      kelvane->_clientGetState(
+          "x", [&](const Value&) { EXPECT_EQ(log().texts(), std::vector<std::string>{line("ENTRY")}); });
+    });
+    EXPECT_EQ(log().texts(), (std::vector<std::string>{line("ENTRY"), line("EXIT")}));
+  });
+}
+
 using TheStateDeathTest = TheState;
 
 TEST_F(TheStateDeathTest, StopsTheProcessWhenItsInnerFunctionsAreCalledElsewhere) {
@@ -290,6 +311,24 @@ TEST_F(TheState, IsReadSynchronouslyWithTheseLines) {
     EXPECT_EQ(plainSync("KELVANE_CACHE_ENABLED"), Value(true));
     EXPECT_TRUE(plainSync("unknown").isAbsent());
     EXPECT_TRUE(plainSync(7).isAbsent());
+  });
+}
+
+TEST_F(TheState, IsReadSynchronouslyAsAWholeWithItsDataAsItIs) {
+  runDaemon([&] {
+    TestClient().setState("x", Data{1});
+    EXPECT_EQ(plainSync("KELVANE_USER_DEFAULTS"),
+              Value(Value::Dictionary{{"x", Data{1}}, {"KELVANE_CACHE_ENABLED", true}}));
+  });
+}
+
+TEST_F(TheState, LogsWhatItCannotStoreSynchronously) {
+  runDaemon([&] {
+    log().clear();
+    onDefaultsQueue([&] { kelvane->clientSetStateSync(Value(Value::Array{Value()}), "x"); });
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[Kelvane clientSetStateSync:key:] unable to store the value of "
+                                       "x: The value holds none, which cannot be stored"});
   });
 }
 

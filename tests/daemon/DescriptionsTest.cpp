@@ -70,6 +70,7 @@ TEST_F(ADescription, KeepsAServiceFromBeingQueriedByTheMerePresenceOfTheKey) {
   runDaemon([&] {
     EXPECT_TRUE(recordOf("a")->doNotQuery());
     EXPECT_TRUE(log().contains("-[Kelvane init]_block marking a as DO_NOT_QUERY"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 
@@ -81,6 +82,7 @@ TEST_F(ADescription, NamesTheNotificationsAsASet) {
   runDaemon([&] {
     EXPECT_EQ(recordOf("a")->desiredNotifications(), Value(Value::Array{"x", "z"}));
     EXPECT_TRUE(log().contains("-[Kelvane init]_block a desiredNotifications: ( x, z )"));
+    EXPECT_TRUE(log().texts(3).empty());
     EXPECT_EQ(recordOf("b")->desiredNotifications(), Value(Value::Array{}));
   });
 }
@@ -104,7 +106,10 @@ TEST_F(ADescription, ScannedLaterReplacesAnEarlierOneOfTheSameIdentifier) {
 TEST_F(ADescription, OfTheInternalDirectoryOverridesTheSystems) {
   describeInSystem("z", identifier("a") + "<key>KELVANE_SERVICES</key><array/>");
   files.emplace_back(std::string(internalDirectory) + "a", plist("<dict>" + identifier("a") + "</dict>"));
-  runDaemon([&] { EXPECT_TRUE(recordOf("a")->doesPurge()); });
+  runDaemon([&] {
+    EXPECT_TRUE(recordOf("a")->doesPurge());
+    EXPECT_TRUE(log().contains("looking at: /TessalyInternal/Library/Kelvane//a"));
+  });
 }
 
 TEST_F(ADescription, IsReadInEveryFormatAndFromSubdirectories) {
@@ -120,7 +125,9 @@ TEST_F(ADescription, ThatIsNoneDoesNotStopTheScan) {
     EXPECT_EQ(kelvane->copyServices()->size(), 1u);
     EXPECT_TRUE(recordOf("good"));
     ASSERT_EQ(log().texts(3).size(), 1u);
-    EXPECT_EQ(log().texts(3)[0].find("-[Kelvane scanPlistsAtPath:execBlock:] readTreeFromData failed: "), 0u);
+    EXPECT_EQ(log().texts(3)[0].find("-[Kelvane scanPlistsAtPath:execBlock:] readTreeFromData failed: "
+                                     "//System/Library/Kelvane//2-text: "),
+              0u);
   });
 }
 

@@ -23,9 +23,14 @@ class Dispatch : public DaemonTest {
 
 TEST_F(Dispatch, RunsAPurgeWithoutATokenAndMakesNoneUp) {
   runDaemon([&] {
+    ScriptedService service("a");
+    service.onPurge = freesWhatIsAsked();
+    checkIn(TestClient(), service);
     const Value result = kelvane->purge(purgeInfo(100), nullptr);
     EXPECT_TRUE(result.isDictionary());
     EXPECT_FALSE(result.contains("KELVANE_TOKEN"));
+    ASSERT_EQ(service.infos().size(), 1u);
+    EXPECT_FALSE(service.infos()[0].contains("KELVANE_TOKEN"));
   });
 }
 
@@ -64,6 +69,42 @@ TEST_F(Dispatch, RunsPurgesOnThePurgeQueue) {
     EXPECT_FALSE(log().contains("KelvanePurgeOperation"));
     kelvane->purge_queue().resume();
     clock::sleepMicroseconds(60'000'000);
+    EXPECT_TRUE(returned);
+  });
+}
+
+TEST_F(Dispatch, NotesAPurgeOnTheCollectionQueueBeforeItStarts) {
+  runDaemon([&] {
+    kelvane->purge_queue().suspend();
+    const Group purge;
+    purge.asyncGlobal([&] { kelvane->purge(purgeInfo(100), nullptr); });
+    simulation->settle();
+    kelvane->collection_queue().suspend();
+    kelvane->purge_queue().resume();
+    simulation->settle();
+    EXPECT_FALSE(log().contains("startOperation:"));
+    kelvane->collection_queue().resume();
+    purge.wait();
+    EXPECT_TRUE(log().contains("startOperation:"));
+  });
+}
+
+TEST_F(Dispatch, ForgetsAPurgeOnTheCollectionQueueBeforeItsCallerReturns) {
+  runDaemon([&] {
+    bool delivered = false;
+    bool returned = false;
+    const Group purge;
+    purge.asyncGlobal([&] {
+      kelvane->purge(purgeInfo(100), [&](const Value&) { delivered = true; });
+      returned = true;
+    });
+    simulation->settle();
+    kelvane->collection_queue().suspend();
+    clock::sleepMicroseconds(60'000'000);
+    EXPECT_TRUE(delivered);
+    EXPECT_FALSE(returned);
+    kelvane->collection_queue().resume();
+    purge.wait();
     EXPECT_TRUE(returned);
   });
 }
@@ -113,6 +154,26 @@ TEST_F(Dispatch, GivesACallbackAnAnswerThatComesAfterThePurgeHasReturned) {
     simulation->settle();
     ASSERT_EQ(delivered.size(), 2u);
     EXPECT_EQ(delivered[1][keys::amount], Value(9));
+  });
+}
+
+TEST_F(Dispatch, KeepsAResultAfterItsCallbackHasReturned) {
+  runDaemon([&] {
+    ScriptedService late("late");
+    std::optional<ipc::Reply> held;
+    late.onPurge = [&](const ScriptedService::Request& request) { held = request.reply; };
+    checkIn(TestClient(), late);
+    std::vector<bool> final;
+    const Value result = kelvane->purge(purgeInfo(100), [&](const Value& value) {
+      final.push_back(value.contains(keys::freespaceEnd));
+      if (final.back()) {
+        held->send(Value::Dictionary{{keys::amount, 9}});
+        simulation->settle();
+      }
+    });
+    // The answer was delivered within the result's callback, so the result was kept after it.
+    EXPECT_EQ(final, (std::vector<bool>{true, false}));
+    EXPECT_TRUE(result.contains(keys::freespaceEnd));
   });
 }
 
@@ -167,6 +228,38 @@ TEST_F(Dispatch, HandsAPurgeASnapshotOfTheServices) {
     purge.wait();
     // It checked in during the first pass; the second pass does not know of it.
     EXPECT_EQ(second.calls(), std::vector<std::string>{"servicePing"});
+  });
+}
+
+TEST_F(Dispatch, TakesAPurgesSnapshotWhenItIsAskedForNotWhenItsTurnComes) {
+  runDaemon([&] {
+    kelvane->purge_queue().suspend();
+    const Group purge;
+    purge.asyncGlobal([&] { kelvane->purge(purgeInfo(100), nullptr); });
+    simulation->settle();
+    ScriptedService service("a");
+    checkIn(TestClient(), service);
+    kelvane->purge_queue().resume();
+    purge.wait();
+    EXPECT_EQ(service.calls(), std::vector<std::string>{"servicePing"});
+  });
+}
+
+TEST_F(Dispatch, TakesAPurgesSnapshotAfterTheCheckInsThatAreUnderWay) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    std::optional<ipc::Reply> pong;
+    service.onPing = [&](const ScriptedService::Request& request) { pong = request.reply; };
+    const TestClient client;
+    client.checkIn("a", service.endpoint(), Value::Dictionary{{"PURGE", true}});
+    simulation->settle();
+    const Group purge;
+    purge.asyncGlobal([&] { kelvane->purge(purgeInfo(100), nullptr); });
+    simulation->settle();
+    pong->send();
+    purge.wait();
+    // Only after its pong it is known to purge.
+    EXPECT_EQ(service.count("servicePurge 1"), 1u);
   });
 }
 
@@ -239,6 +332,7 @@ TEST_F(Dispatch, OnlyLogsTheResultOfPeriodicWork) {
     checkIn(TestClient(), service);
     kelvane->performPeriodicsWithInfo(Value::Dictionary{{keys::volume, volume}});
     EXPECT_TRUE(log().contains("-[Kelvane performPeriodicsWithInfo:]_block result: { KELVANE_AMOUNT = 4096; }"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 

@@ -25,6 +25,7 @@ TEST_F(ALowDiskEvent, WithoutLowVolumesDoesNothingWhateverItsFlagsSay) {
     kelvane->handleVFSStreamVEXEvent(eventWith(0x204));
     EXPECT_EQ(log().texts(),
               std::vector<std::string>{std::string(name) + "No volumes report low disk space, skipping purge"});
+    EXPECT_TRUE(log().texts(3).empty());
     EXPECT_TRUE(simulation->statistics().counterNames().empty());
   });
 }

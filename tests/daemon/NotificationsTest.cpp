@@ -36,6 +36,7 @@ TEST_F(ANotification, ReachesThoseWhoAskedForItWithOneEntry) {
     EXPECT_EQ(none.count("serviceNotify"), 0u);
     EXPECT_TRUE(log().contains("-[Kelvane notifyRecipients:value:] name: x, value: 7"));
     EXPECT_TRUE(log().contains(std::string(blockName) + " 347 serviceID: asked"));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 
@@ -99,6 +100,20 @@ TEST_F(ANotification, IsNotHeldUpByAServiceThatDoesNotAnswer) {
   });
 }
 
+TEST_F(ANotification, IsSentFromTheNotifyQueue) {
+  runDaemon([&] {
+    ScriptedService service("a");
+    checkIn(TestClient(), service, {{"KELVANE_NOTIFICATIONS", Value::Array{"x"}}});
+    kelvane->notify_queue().suspend();
+    kelvane->notifyRecipients("x", 1);
+    simulation->settle();
+    EXPECT_EQ(service.count("serviceNotify"), 0u);
+    kelvane->notify_queue().resume();
+    simulation->settle();
+    EXPECT_EQ(service.count("serviceNotify"), 1u);
+  });
+}
+
 TEST_F(ANotification, DoesNotReachAServiceThatChecksInAfterwards) {
   runDaemon([&] {
     kelvane->notify_queue().suspend();
@@ -126,6 +141,7 @@ TEST_F(APing, ReturnsWhenTheServiceHasAnswered) {
     EXPECT_EQ(service.calls(), std::vector<std::string>{"servicePing"});
     EXPECT_EQ(log().texts(), (std::vector<std::string>{"-[Kelvane pingService:] calling servicePing",
                                                        "-[Kelvane pingService:]_block ping got pong"}));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 

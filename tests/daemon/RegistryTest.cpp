@@ -2,6 +2,7 @@
 // The registry: what it is made of and the snapshots of its table.
 #include <gtest/gtest.h>
 
+#include "tests/harness/BeforeEachMessage.h"
 #include "tests/harness/DaemonTest.h"
 
 namespace kelvane::test {
@@ -20,6 +21,7 @@ TEST_F(TheRegistry, TellsHowItIsMade) {
               (std::vector<std::string>{
                   name + "plistDir: //System/Library/Kelvane/", name + "scanning //System/Library/Kelvane/",
                   name + "scanning /TessalyInternal/Library/Kelvane/", name + "resuming listener"}));
+    EXPECT_TRUE(log().texts(3).empty());
   });
 }
 
@@ -37,6 +39,16 @@ TEST_F(TheRegistry, LabelsItsQueues) {
 }
 
 TEST_F(TheRegistry, IsTheSharedOneBeforeItsListenerIsResumed) {
+  const SharedRegistry* sharedWhenResuming = nullptr;
+  const BeforeEachMessage hook([&](std::string_view format) {
+    if (format == "%s resuming listener") {
+      sharedWhenResuming = &SharedRegistry::sharedKelvane();
+    }
+  });
+  runDaemon([&] { EXPECT_EQ(sharedWhenResuming, kelvane.get()); });
+}
+
+TEST_F(TheRegistry, HasTheRootItsDefaultsAndItsPreferences) {
   runDaemon([&] {
     EXPECT_EQ(&Kelvane::sharedKelvane(), kelvane.get());
     EXPECT_EQ(kelvane->rootPath(), "/");

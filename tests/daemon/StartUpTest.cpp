@@ -4,12 +4,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <map>
+#include <set>
 
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Keys.h"
-#include "support/KelvaneLog.h"
+#include "tests/harness/BeforeEachMessage.h"
 #include "tests/harness/DaemonTest.h"
 
 namespace kelvane::test {
@@ -18,14 +20,16 @@ namespace {
 class TheDaemon : public DaemonTest {
  protected:
   /// Starts the whole daemon on a thread of its own and runs body when it serves.
-  void start(const std::function<void()>& body) {
-    run([&] {
-      writeEntitlements(*simulation);
-      prepareMachine();
-      globalQueue::async([] { ::kelvane::runDaemon(); });
-      simulation->settle();
-      body();
-    });
+  void start(const std::function<void()>& body, std::uint64_t seed = 0) {
+    run(
+        [&] {
+          writeEntitlements(*simulation);
+          prepareMachine();
+          globalQueue::async([] { ::kelvane::runDaemon(); });
+          simulation->settle();
+          body();
+        },
+        seed);
   }
 
   std::function<void()> prepareMachine = [] {};
@@ -51,29 +55,17 @@ struct Moment {
   bool isAnnounced;
   bool isListening;
 };
-Simulation* watchedSimulation = nullptr;
-LogWriter usualWriter = nullptr;
-std::map<std::string, Moment> moments;
-
-void watchMoment(const LogHandle* handle, std::int32_t level, const char* category, const char* format,
-                 std::span<const FormatArgument> arguments) {
-  simulated::Process& process = watchedSimulation->process();
-  moments[format] = {
-      process.transactions(),
-      process.hasActivity("com.tessaly.Kelvane.daily") && process.hasEventStream("com.tessaly.dispatch.vfs"),
-      !process.notifications().empty(), watchedSimulation->ipc().isListening("com.tessaly.kelvane")};
-  usualWriter(handle, level, category, format, arguments);
-}
 
 TEST_F(TheDaemon, ListensThenTakesItsTriggersThenAnnouncesItselfAllInOneTransaction) {
-  moments.clear();
-  usualWriter = logWriter;
-  prepareMachine = [&] {
-    watchedSimulation = simulation.get();
-    logWriter = watchMoment;
-  };
+  std::map<std::string_view, Moment> moments;
+  const BeforeEachMessage hook([&](std::string_view format) {
+    const simulated::Process& process = simulation->process();
+    moments[format] = {
+        process.transactions(),
+        process.hasActivity("com.tessaly.Kelvane.daily") && process.hasEventStream("com.tessaly.dispatch.vfs"),
+        !process.notifications().empty(), simulation->ipc().isListening("com.tessaly.kelvane")};
+  });
   start([&] { EXPECT_EQ(simulation->process().transactions(), 0); });
-  logWriter = usualWriter;
 
   const Moment first = moments.at("%s timebaseInfo:  %u / %u, gTimebaseConversion: %f");
   EXPECT_EQ(first.transactions, 1);
@@ -89,6 +81,47 @@ TEST_F(TheDaemon, ListensThenTakesItsTriggersThenAnnouncesItselfAllInOneTransact
   EXPECT_TRUE(last.isListening);
   EXPECT_TRUE(last.hasTriggers);
   EXPECT_TRUE(last.isAnnounced);
+}
+
+TEST_F(TheDaemon, TakesTheDailyActivityBeforeFileSystemEvents) {
+  // Whether there are handlers for the activity and for events, as another thread may find it.
+  std::set<std::pair<bool, bool>> found;
+  prepareMachine = [&] {
+    globalQueue::async([&] {
+      const simulated::Process& process = simulation->process();
+      const SerialQueue pause("pause");
+      while (found.count({true, true}) == 0) {
+        found.emplace(process.hasActivity("com.tessaly.Kelvane.daily"),
+                      process.hasEventStream("com.tessaly.dispatch.vfs"));
+        pause.sync([] {});
+      }
+    });
+  };
+  std::set<std::pair<bool, bool>> foundByAny;
+  for (std::uint64_t seed = 1; seed <= 100 && foundByAny.size() < 3; ++seed) {
+    found.clear();
+    start([&] { foundByAny.insert(found.begin(), found.end()); }, seed);
+  }
+  EXPECT_EQ(foundByAny, (std::set<std::pair<bool, bool>>{{false, false}, {true, false}, {true, true}}));
+}
+
+TEST_F(TheDaemon, HoldsATransactionOfItsOwnWhileTheDailyActivityChecksIn) {
+  int mostAtOnce = 0;
+  for (std::uint64_t seed = 1; seed <= 100 && mostAtOnce < 2; ++seed) {
+    start([&] { mostAtOnce = std::max(mostAtOnce, simulation->process().transactionsHighWater()); }, seed);
+  }
+  // Start-up's and the check-in's.
+  EXPECT_EQ(mostAtOnce, 2);
+}
+
+TEST_F(TheDaemon, CanBeTerminatedWhenItAnnouncesItself) {
+  prepareMachine = [&] { simulation->process().setNotificationFailure(1, ENOSPC); };
+  const BeforeEachMessage hook([&](std::string_view format) {
+    if (format == "%s vox_post failed: %s") {
+      simulation->process().terminate();
+    }
+  });
+  start([&] { EXPECT_EQ(simulation->process().exitStatus(), 0); });
 }
 
 TEST_F(TheDaemon, ConvertsTicksByTheTimebase) {

@@ -31,7 +31,9 @@ void writeEntitlements(Simulation& simulation) {
       plist("<array>" +
             rule("root", {entitlements::client, service, purgeable, itemizedPurgeable, entitlements::purge}) +
             rule("client", {entitlements::client, purgeable, itemizedPurgeable, entitlements::purge}) +
-            rule("itemizing", {entitlements::client, itemizedPurgeable}) + rule("partial", {entitlements::client}) +
+            rule("itemizing", {entitlements::client, itemizedPurgeable}) +
+            rule("querying", {entitlements::client, purgeable}) +
+            rule("purging", {entitlements::client, entitlements::purge}) + rule("partial", {entitlements::client}) +
             "</array>"));
 }
 

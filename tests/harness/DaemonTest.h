@@ -51,7 +51,8 @@ class TestClient {
 };
 
 /// A simulated machine on which the registry runs. The user "root" holds every entitlement, "client" those of
-/// clients, "nobody" none, "partial" only the right to connect, and "itemizing" that and to ask for itemized space.
+/// clients, "nobody" none, "partial" only the right to connect, and "itemizing", "querying" and "purging" that and
+/// one other.
 class DaemonTest : public OperationTest {
  protected:
   /// Prepares the machine, makes the registry and runs body with it.

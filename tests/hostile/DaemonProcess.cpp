@@ -57,6 +57,11 @@ std::string readAll(const std::string& path) {
   return text.str();
 }
 
+std::size_t entriesIn(const std::string& directory) {
+  const std::filesystem::directory_iterator entries(directory);
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
 }  // namespace
 
 DaemonProcess::~DaemonProcess() {
@@ -67,6 +72,12 @@ DaemonProcess::~DaemonProcess() {
 }
 
 void DaemonProcess::start(const Circumstances& circumstances) {
+  launch(circumstances);
+  // The door to the main loop, and so the last that is opened.
+  ASSERT_TRUE(eventually([this] { return FileDescriptor(connectedSocket(controlSocket)) || !isRunning(); }));
+}
+
+void DaemonProcess::launch(const Circumstances& circumstances) {
   std::filesystem::create_directories(std::filesystem::path(logFile).parent_path());
   std::vector<std::string> environment = environmentWith(circumstances.environment);
   std::vector<char*> variables;
@@ -93,8 +104,6 @@ void DaemonProcess::start(const Circumstances& circumstances) {
     execve(program, arguments, variables.data());
     _exit(127);
   }
-  // The door to the main loop, and so the last that is opened.
-  ASSERT_TRUE(eventually([this] { return FileDescriptor(connectedSocket(controlSocket)) || !isRunning(); }));
 }
 
 bool DaemonProcess::isRunning() {
@@ -121,8 +130,11 @@ std::string DaemonProcess::log() const {
 }
 
 std::size_t DaemonProcess::openDescriptors() const {
-  const std::filesystem::directory_iterator entries("/proc/" + std::to_string(pid_) + "/fd");
-  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+  return entriesIn("/proc/" + std::to_string(pid_) + "/fd");
+}
+
+std::size_t DaemonProcess::threads() const {
+  return entriesIn("/proc/" + std::to_string(pid_) + "/task");
 }
 
 std::size_t DaemonProcess::residentBytes() const {

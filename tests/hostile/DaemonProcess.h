@@ -32,6 +32,8 @@ class DaemonProcess {
 
   /// Returns when it has begun to serve, or has ended.
   void start(const Circumstances& circumstances = {});
+  /// Returns at once.
+  void launch(const Circumstances& circumstances = {});
   [[nodiscard]] bool isRunning();
   void send(int signal) const;
   /// Waits for its end and describes that: "exit 0", "signal 9".
@@ -40,6 +42,7 @@ class DaemonProcess {
   /// What it wrote to standard error, unless that was somewhere else.
   [[nodiscard]] std::string log() const;
   [[nodiscard]] std::size_t openDescriptors() const;
+  [[nodiscard]] std::size_t threads() const;
   /// Its memory, without what sanitizers keep beside it.
   [[nodiscard]] std::size_t residentBytes() const;
 

@@ -1,14 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Services that die, at each point of what the daemon has to do with them once it has answered their check-in.
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <csignal>
-
-#include "platform/linux/system/ControlSocket.h"
-#include "platform/linux/system/FileDescriptor.h"
 #include "protocols/Keys.h"
-#include "protocols/Names.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/WireMessage.h"
 
@@ -20,12 +12,6 @@ using test::mebibyte;
 using test::Message;
 using test::purgeOf;
 using test::Service;
-
-std::string wholeAnswerTo(const Message& call) {
-  std::uint64_t cookie = 0;
-  EXPECT_GE(sd_bus_message_get_cookie(call.get(), &cookie), 0);
-  return test::answerTo(static_cast<std::uint32_t>(cookie));
-}
 
 using AServiceThatDies = test::HostileServiceTest;
 
@@ -61,11 +47,11 @@ TEST_F(AServiceThatDies, InTheMiddleOfItsAnswerGivesNothing) {
   second.checkIn();
   third.checkIn();
   Client client;
-  const std::string first = wholeAnswerTo(nextPurge(client));
+  const std::string first = test::answerTo(nextPurge(client));
   service().sendBytes(first.substr(0, 1));
-  const std::string another = wholeAnswerTo(second.expect("servicePurge"));
+  const std::string another = test::answerTo(second.expect("servicePurge"));
   second.sendBytes(another.substr(0, another.size() / 2));
-  const std::string last = wholeAnswerTo(third.expect("servicePurge"));
+  const std::string last = test::answerTo(third.expect("servicePurge"));
   third.sendBytes(last.substr(0, last.size() - 1));
   service().hangUp();
   second.hangUp();
@@ -75,7 +61,7 @@ TEST_F(AServiceThatDies, InTheMiddleOfItsAnswerGivesNothing) {
 
 TEST_F(AServiceThatDies, AfterItsAnswerIsCounted) {
   Client client;
-  service().sendBytes(wholeAnswerTo(nextPurge(client)));
+  service().sendBytes(test::answerTo(nextPurge(client)));
   service().hangUp();
   EXPECT_EQ(client.nextResult()[keys::amountReported], Value(1));
 }
@@ -103,50 +89,13 @@ TEST_F(AServiceThatDies, WhenItIsToldThatAPurgeIsCancelledIsForgotten) {
   ASSERT_TRUE(service().bus().hasArrival());
   service().hangUp();
   const Message cancel = second.expect("serviceCancelPurge");
-  second.sendBytes(wholeAnswerTo(cancel).substr(0, 20));
+  second.sendBytes(test::answerTo(cancel).substr(0, 20));
   second.hangUp();
-}
-
-TEST_F(AServiceThatDies, DuringItsPeriodicWorkIsForgotten) {
-  Service second("com.example.second");
-  Service third("com.example.third");
-  second.checkIn();
-  third.checkIn();
-  test::BusClient control(test::controlSocket, controlInterface);
-  // The work goes on, volume by volume, until long after this test.
-  ASSERT_TRUE(control.send("runActivity", [](sd_bus_message* message) {
-    return sd_bus_message_append(message, "s", names::dailyActivity);
-  }));
-  ASSERT_TRUE(service().bus().hasArrival());
-  service().hangUp();
-  const Message call = second.expect("servicePeriodic");
-  second.hangUp();
-  third.sendBytes(wholeAnswerTo(third.expect("servicePeriodic")).substr(0, 20));
-  third.hangUp();
 }
 
 TEST_F(AServiceThatDies, BySignalWithItsRequestsUnansweredGivesNothing) {
-  int ends[2];
-  ASSERT_EQ(pipe(ends), 0);
-  const FileDescriptor reading(ends[0]);
-  FileDescriptor writing(ends[1]);
-  service().hangUp();
-  const pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    Service mortal("com.example.mortal");
-    mortal.checkIn();
-    [[maybe_unused]] const ssize_t told = write(writing.get(), "x", 1);
-    const Message call = mortal.expect("servicePurge");
-    raise(SIGKILL);
-  }
-  writing = FileDescriptor();
-  char ignored = 0;
-  ASSERT_EQ(read(reading.get(), &ignored, 1), 1);
-  EXPECT_EQ(Client().purge(purgeOf(mebibyte))[keys::amountReported], Value(0));
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+  expectDeathBySignalIn("servicePurge",
+                        [] { EXPECT_EQ(Client().purge(purgeOf(mebibyte))[keys::amountReported], Value(0)); });
 }
 
 }  // namespace

@@ -139,9 +139,9 @@ TEST_F(Descriptions, ThatCannotBeReadArePassedOver) {
   describe(std::string(NAME_MAX, 'n'), "no property list");
   describe("line\nbreak\xff\xc0", "no property list");
   start();
-  EXPECT_TRUE(eventuallyLogs("readTreeFromData failed: Input/output error"));
-  EXPECT_TRUE(eventuallyLogs("readTreeFromData failed: No such file or directory"));
-  EXPECT_TRUE(eventuallyLogs("readTreeFromData failed: Is a directory"));
+  EXPECT_TRUE(eventuallyLogs("failing: Input/output error"));
+  EXPECT_TRUE(eventuallyLogs("dangling: No such file or directory"));
+  EXPECT_TRUE(eventuallyLogs("directory: Is a directory"));
 }
 
 TEST_F(Descriptions, ThatLeadInCirclesArePassedOver) {
@@ -152,7 +152,7 @@ TEST_F(Descriptions, ThatLeadInCirclesArePassedOver) {
   std::filesystem::create_symlink("..", pathOf("inner/up"));
   std::filesystem::create_symlink("/", pathOf("everything"));
   start();
-  EXPECT_TRUE(eventuallyLogs("readTreeFromData failed: Too many levels of symbolic links"));
+  EXPECT_TRUE(eventuallyLogs("itself: Too many levels of symbolic links"));
 }
 
 TEST_F(Descriptions, InDirectoriesWithinDirectoriesAreLookedForOnlySoDeep) {
@@ -182,7 +182,7 @@ TEST_F(Descriptions, ThatAreNoRegularFilesAreNotOpened) {
   pathOf("socket").copy(address.sun_path, sizeof address.sun_path - 1);
   ASSERT_EQ(bind(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   start();
-  EXPECT_TRUE(eventuallyLogs("readTreeFromData failed: Not a regular file"));
+  EXPECT_TRUE(eventuallyLogs("fifo: Not a regular file"));
 }
 
 TEST_F(Descriptions, MayHaveIdentifiersThatNoServiceCanBeCalledBy) {

@@ -2,14 +2,18 @@
 // What every test of hostile peers begins and ends with.
 #include "tests/hostile/HostileTest.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
+#include "platform/linux/system/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/linux/testing/Eventually.h"
 
@@ -42,10 +46,12 @@ void writeFile(const std::string& path, std::string_view contents) {
 
 void HostileTest::entitleThisUser() {
   writeFile(std::string(entitlementRules) + "root.plist",
-            "{ User = 0; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT, PURGE_ENTITLEMENT); }");
+            "{ User = 0; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT, PURGE_ENTITLEMENT, "
+            "PURGEABLE_ENTITLEMENT, ITEMIZED_PURGEABLE_ENTITLEMENT); }");
 }
 
 void HostileTest::SetUp() {
+  ASSERT_NE(std::getenv("KELVANE_SANDBOX"), nullptr) << "It would clear away what is this system's own";
   std::filesystem::remove_all("/run/test");
   for (const char* directory : {"/run/kelvane", descriptions, entitlementRules, "/var/lib/kelvane"}) {
     std::filesystem::create_directories(directory);
@@ -99,6 +105,31 @@ void HostileServiceTest::SetUp() {
 void HostileServiceTest::TearDown() {
   service_.reset();
   HostileTest::TearDown();
+}
+
+void HostileServiceTest::expectDeathBySignalIn(const std::string& member, const std::function<void()>& ask) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const FileDescriptor reading(ends[0]);
+  FileDescriptor writing(ends[1]);
+  // Nor must the other process keep it alive.
+  service_->hangUp();
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    Service mortal("com.example.mortal");
+    mortal.checkIn();
+    [[maybe_unused]] const ssize_t told = write(writing.get(), "x", 1);
+    const Message call = mortal.expect(member);
+    raise(SIGKILL);
+  }
+  writing = FileDescriptor();
+  char ignored = 0;
+  ASSERT_EQ(read(reading.get(), &ignored, 1), 1);
+  ask();
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 }
 
 Message HostileServiceTest::nextPurge(Client& client) {

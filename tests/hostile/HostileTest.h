@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -62,6 +63,9 @@ class HostileServiceTest : public HostileTest {
   Service& service() { return *service_; }
   /// The request that the service gets for a purge of a mebibyte, whose result the client is to take.
   Message nextPurge(Client& client);
+  /// In the place of that service puts one in a process of its own, which SIGKILL ends when the daemon asks it for
+  /// this.
+  void expectDeathBySignalIn(const std::string& member, const std::function<void()>& ask);
 
  private:
   std::optional<Service> service_;

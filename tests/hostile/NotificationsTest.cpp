@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Services that die while they are told of a state's change.
+// Services that die while they are told of a state's change, or do not answer.
+#include "platform/Limits.h"
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/WireMessage.h"
@@ -54,14 +55,27 @@ TEST_F(ANotification, ForServicesThatDieReachesTheOthers) {
   last.bus().answer(last.expect("serviceNotify"));
 }
 
-TEST_F(ANotification, ThatIsNeverAnsweredHoldsUpNobody) {
+TEST_F(ANotification, ThatIsNeverAnsweredHoldsUpNobodyAndIsOutstandingForGood) {
   Service silent("com.example.silent");
+  Service other("com.example.other");
   checkIn(silent);
-  for (int change = 0; change < 10; ++change) {
+  checkIn(other);
+  const auto changeStateForBoth = [&] {
     changeState();
+    other.bus().answer(other.expect("serviceNotify"));
+  };
+  for (int change = 0; change < limits::outstandingCallsPerService; ++change) {
+    changeStateForBoth();
     EXPECT_TRUE(silent.expect("serviceNotify"));
   }
   purgeForAnotherClient();
+  // One more than it may owe answers to.
+  changeStateForBoth();
+  EXPECT_FALSE(silent.bus().nextCall()) << "the daemon has not hung up";
+  changeStateForBoth();
+  // It is forgotten, so it is pinged as one who was never there.
+  Service successor("com.example.silent");
+  checkIn(successor);
 }
 
 }  // namespace

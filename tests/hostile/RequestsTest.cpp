@@ -43,6 +43,19 @@ Append typed(const char* type, Value value) {
   return [=](sd_bus_message* message) { return sd_bus_message_append(message, "v", type, value); };
 }
 
+/// So many empty strings, in a variant.
+Append strings(std::size_t count) {
+  return [count](sd_bus_message* message) {
+    sd_bus_message_open_container(message, 'v', "as");
+    sd_bus_message_open_container(message, 'a', "s");
+    for (std::size_t index = 0; index < count; ++index) {
+      sd_bus_message_append(message, "s", "");
+    }
+    sd_bus_message_close_container(message);
+    return sd_bus_message_close_container(message);
+  };
+}
+
 class ARequest : public test::HostileTest {
  protected:
   void SetUp() override {
@@ -318,7 +331,7 @@ TEST_F(ARequest, EndsItsConnectionWhenItBringsManyDescriptors) {
 TEST_F(ARequest, ToCheckInWithValuesOfOtherTypesIsTakenAsItIs) {
   const std::vector<Append> values = {
       test::variant("yes"), typed("x", std::int64_t{-1}), typed("d", std::nan("")), nestedDictionaries(18),
-      nestedArrays(5),      test::dataOf(100'000),        typed("o", "/")};
+      nestedArrays(5),      test::dataOf(10'000),         typed("o", "/")};
   for (const Append& value : values) {
     test::Service service("com.example.hostile");
     service.beginCheckIn(info({{keys::purge, value}, {keys::periodic, value}, {keys::notifications, value}}));
@@ -334,7 +347,7 @@ TEST_F(ARequest, ToCheckInMayUseAnyIdentifier) {
                                                 "../../etc/passwd",
                                                 ".hidden",
                                                 std::string(300, 'x'),
-                                                std::string(100'000, 'y'),
+                                                std::string(limits::serviceIdentifierBytes, 'y'),
                                                 "line\nbreak\x01",
                                                 "%s%n%@",
                                                 "a\"b\\{}",
@@ -348,6 +361,23 @@ TEST_F(ARequest, ToCheckInMayUseAnyIdentifier) {
     service.bus().answer(call, test::reply({{keys::amount, 1}}));
     EXPECT_EQ(client.nextResult()[keys::amountReported], Value(1)) << identifier;
   }
+}
+
+TEST_F(ARequest, ToCheckInMayLeaveNoMoreThanALimitWithTheDaemon) {
+  const std::size_t most = limits::notificationNamesBytes;
+  const std::vector<std::pair<std::string, Append>> tooMuch = {
+      {std::string(limits::serviceIdentifierBytes + 1, 'y'), test::purging()},
+      {"com.example.hostile", info({{keys::notifications, test::dataOf(most + 1)}})},
+      {"com.example.hostile", info({{keys::notifications, strings(most / limits::stateElementBytes + 1)}})}};
+  for (const auto& [identifier, values] : tooMuch) {
+    test::Service service(identifier);
+    service.beginCheckIn(values);
+    EXPECT_EQ(service.checkInError(), "org.freedesktop.DBus.Error.LimitsExceeded");
+  }
+  test::Service service("com.example.hostile");
+  service.beginCheckIn(info({{keys::notifications, strings(most / limits::stateElementBytes)}}));
+  service.bus().answer(service.expect("servicePing"));
+  EXPECT_TRUE(service.endCheckIn().contains(keys::id));
 }
 
 TEST_F(ARequest, WithANulInAStringIsNotCarriedOut) {

@@ -52,6 +52,12 @@ void Service::beginCheckIn(const Append& info) {
   close(std::exchange(endpoint_, -1));
 }
 
+std::string Service::checkInError() {
+  const Message answer = client_.nextAnswer();
+  const sd_bus_error* error = answer ? sd_bus_message_get_error(answer.get()) : nullptr;
+  return error == nullptr ? "" : error->name;
+}
+
 void Service::checkIn() {
   beginCheckIn();
   EXPECT_TRUE(bus_->answer(expect("servicePing")));

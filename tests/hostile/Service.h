@@ -43,6 +43,8 @@ class Service {
   void beginCheckIn(const Append& info = purging());
   /// The answer to its check-in; absent when there was none.
   Value endCheckIn() { return client_.nextResult(); }
+  /// The name of the error that answers its check-in; empty when something else does.
+  std::string checkInError();
   /// Checks in as it should.
   void checkIn();
 

@@ -2,6 +2,8 @@
 // Messages made by hand, and so free to be wrong.
 #include "tests/hostile/WireMessage.h"
 
+#include <gtest/gtest.h>
+
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Keys.h"
 
@@ -94,6 +96,12 @@ std::string answerTo(std::uint32_t serial) {
   body.append(entry.bytes());
   return header(methodReturn, noReplyExpected, static_cast<std::uint32_t>(body.size()), serial + 1, fields) +
          body.bytes();
+}
+
+std::string answerTo(const Message& call) {
+  std::uint64_t cookie = 0;
+  EXPECT_GE(sd_bus_message_get_cookie(call.get(), &cookie), 0);
+  return answerTo(static_cast<std::uint32_t>(cookie));
 }
 
 }  // namespace kelvane::test

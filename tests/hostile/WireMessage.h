@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "tests/linux/testing/BusMessage.h"
+
 namespace kelvane::test {
 
 /// Lays out a message's bytes in little-endian order.
@@ -43,5 +45,6 @@ struct WireCall {
 
 /// A service's answer to the call with this serial: that it freed one byte.
 std::string answerTo(std::uint32_t serial);
+std::string answerTo(const Message& call);
 
 }  // namespace kelvane::test

@@ -5,13 +5,15 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <string>
 #include <vector>
 
 int main(int count, char** arguments) {
   if (std::getenv("KELVANE_SANDBOX") == nullptr) {
     char sandbox[] = KELVANE_SANDBOX_SCRIPT;
-    char self[] = KELVANE_TEST_PROGRAM;
-    std::vector<char*> command = {sandbox, self};
+    std::string self = std::filesystem::read_symlink("/proc/self/exe");
+    std::vector<char*> command = {sandbox, self.data()};
     // With the null pointer at their end.
     command.insert(command.end(), arguments + 1, arguments + count + 1);
     execv(sandbox, command.data());

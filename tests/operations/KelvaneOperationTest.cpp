@@ -20,8 +20,9 @@ class PlainOperation : public KelvaneOperation {
   using KelvaneOperation::message_queue;
 };
 
-Value errorOf(const KelvaneOperation& operation) {
-  return operation.result()[keys::error];
+/// What is left of an operation whose info was refused.
+Value refusal(const char* text) {
+  return Value::Dictionary{{"KELVANE_ERROR", text}};
 }
 
 class AnOperation : public OperationTest {
@@ -66,7 +67,7 @@ TEST_F(AnOperation, RefusesAnInfoThatIsNoDictionary) {
   run([&] {
     PlainOperation operation;
     EXPECT_FALSE(operation.initialise("info"));
-    EXPECT_EQ(operation.result(), Value(Value::Dictionary{{"KELVANE_ERROR", "Parameter error, info is not a dict"}}));
+    EXPECT_EQ(operation.result(), refusal("Parameter error, info is not a dict"));
     EXPECT_EQ(log().texts(3),
               std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] info is not a dictionary!"});
   });
@@ -76,7 +77,7 @@ TEST_F(AnOperation, RefusesAnInfoWithoutAVolume) {
   run([&] {
     PlainOperation operation;
     EXPECT_FALSE(operation.initialise(Value::Dictionary{{"kelvane_volume", volume}}));
-    EXPECT_EQ(errorOf(operation), Value("Parameter error, no Volume key in info dict"));
+    EXPECT_EQ(operation.result(), refusal("Parameter error, no Volume key in info dict"));
     EXPECT_EQ(log().texts(3),
               std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] No Volume key in info: "
                                        "{ kelvane_volume = \"/data\"; }"});
@@ -87,7 +88,7 @@ TEST_F(AnOperation, RefusesAVolumeThatIsANumberAsAbsent) {
   run([&] {
     PlainOperation operation;
     EXPECT_FALSE(operation.initialise(Value::Dictionary{{keys::volume, 7}}));
-    EXPECT_EQ(errorOf(operation), Value("Parameter error, no Volume key in info dict"));
+    EXPECT_EQ(operation.result(), refusal("Parameter error, no Volume key in info dict"));
     EXPECT_EQ(log().texts(3),
               std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] No Volume key in info: "
                                        "{ KELVANE_VOLUME = 7; }"});
@@ -99,7 +100,7 @@ TEST_F(AnOperation, RefusesAVolumeThatIsNotUsable) {
     simulation->volumes().setUsable(volume, false);
     PlainOperation operation;
     EXPECT_FALSE(operation.initialise(infoWith({})));
-    EXPECT_EQ(errorOf(operation), Value("Parameter error, Unable to validate volume in info dict"));
+    EXPECT_EQ(operation.result(), refusal("Parameter error, Unable to validate volume in info dict"));
     EXPECT_EQ(log().texts(3),
               std::vector<std::string>{"-[KelvaneOperation initWithInfo:services:] Unable to validate volume: /data"});
   });
@@ -128,6 +129,15 @@ TEST_F(AnOperation, LimitsTheUrgencyToThreeForAnythingElse) {
 
 TEST_F(AnOperation, ReadsTheUrgencyAsA32BitInteger) {
   run([&] { EXPECT_EQ(urgencyLimitOf({{keys::urgency, (std::uint64_t{1} << 32) + 2}}), 2); });
+}
+
+TEST_F(AnOperation, TakesEveryKindOfNumberAsUrgency) {
+  run([&] {
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, true}}), 1);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, false}}), 3);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, 4.9}}), 4);
+    EXPECT_EQ(urgencyLimitOf({{keys::urgency, 0.9}}), 3);
+  });
 }
 
 TEST_F(AnOperation, LooksAtTheUrgencyLimitOnlyWithoutAnUrgency) {
@@ -181,6 +191,27 @@ TEST_F(AnOperation, AsksThoseInFlightToStopWhenItIsCancelledAndLeavesThemInFligh
     EXPECT_EQ(asked.calls(), std::vector<std::string>{"serviceCancelPurge"});
     EXPECT_TRUE(idle.calls().empty());
     EXPECT_EQ(operation->inFlightCount(), 1u);
+  });
+}
+
+TEST_F(AnOperation, IsCancelledWithoutWaitingForItsCollectionQueue) {
+  run([&] {
+    ScriptedService service("a");
+    const auto operation = std::make_shared<PlainOperation>();
+    ASSERT_TRUE(operation->initialise(infoWith({}), tableOf({service.record()})));
+    operation->updateInFlight("a", true);
+    operation->collection_queue().suspend();
+    bool returned = false;
+    globalQueue::async([&] {
+      operation->cancelOperation();
+      returned = true;
+    });
+    simulation->settle();
+    EXPECT_TRUE(returned);
+    EXPECT_TRUE(service.calls().empty());
+    operation->collection_queue().resume();
+    simulation->settle();
+    EXPECT_EQ(service.calls(), std::vector<std::string>{"serviceCancelPurge"});
   });
 }
 

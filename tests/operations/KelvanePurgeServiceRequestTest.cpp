@@ -7,6 +7,7 @@
 
 #include "protocols/Keys.h"
 #include "support/Timebase.h"
+#include "tests/harness/BeforeEachMessage.h"
 #include "tests/harness/OperationTest.h"
 
 namespace kelvane::test {
@@ -66,6 +67,27 @@ TEST_F(APurgeRequest, SharesOutWhatIsMissingAndDropsTheRemainder) {
       records.push_back(services.back()->record());
     }
     purge(6, tableOf(records));
+    for (const auto& service : services) {
+      EXPECT_EQ(shares(*service), std::vector<std::uint64_t>{1}) << service->identifier();
+    }
+  });
+}
+
+TEST_F(APurgeRequest, SharesOutOnlyWhatTheVolumeHasNotGainedYet) {
+  run([&] {
+    std::vector<std::unique_ptr<ScriptedService>> services;
+    std::vector<std::shared_ptr<KLService>> records;
+    for (const char* identifier : {"a", "b", "c", "d"}) {
+      services.push_back(std::make_unique<ScriptedService>(identifier));
+      services.back()->onPurge = ScriptedService::silence();
+      records.push_back(services.back()->record());
+    }
+    const BeforeEachMessage hook([&](std::string_view format) {
+      if (format.ends_with("info at start: %@")) {
+        simulation->volumes().give(volume, 4);
+      }
+    });
+    purge(10, tableOf(records));
     for (const auto& service : services) {
       EXPECT_EQ(shares(*service), std::vector<std::uint64_t>{1}) << service->identifier();
     }
@@ -165,6 +187,26 @@ TEST_F(APurgeRequest, IsRepeatedAtOnceForAServiceThatGaveAllItWasAskedFor) {
         seed);
   }
   EXPECT_TRUE(bothAskedAgain);
+}
+
+TEST_F(APurgeRequest, IsQueuedAgainBeforeItsAnswerIsPassedOnAndTheServiceLeavesFlight) {
+  run([&] {
+    ScriptedService service("a");
+    service.onPurge = frees(10);
+    operation = KelvanePurgeOperation::initWithInfo(
+        Value::Dictionary{{keys::volume, volume}, {keys::amount, 10}, {keys::urgency, 1}}, tableOf({service.record()}));
+    std::size_t queued = 0;
+    std::uint64_t inFlight = 0;
+    operation->startOperation([&](const Value& value) {
+      if (!value.contains(keys::freespaceEnd)) {
+        simulation->settle();
+        queued = log().count(std::string(blockName) + " queuing service: a");
+        inFlight = operation->inFlightCount();
+      }
+    });
+    EXPECT_EQ(queued, 2u);
+    EXPECT_EQ(inFlight, 1u);
+  });
 }
 
 TEST_F(APurgeRequest, IsNotRepeatedForAServiceThatGaveOneByteLess) {

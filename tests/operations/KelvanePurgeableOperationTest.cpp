@@ -163,6 +163,7 @@ TEST_F(PurgeableSpace, WaitsNoLongerThanItsServices) {
     service.onPurgeable = after(25'000, amount(7));
     EXPECT_EQ(query(tableOf({service.record()})), result({{"a", 7}}, 7));
     EXPECT_EQ(seconds, 0.03);
+    EXPECT_TRUE(log().contains(" elapsed time: 0.030000 result: "));
     EXPECT_EQ(pollLines(),
               (std::vector<std::string>{"^^^waiting for a little bit", tick(0), tick(1), tick(2),
                                         "^^^beat the timeout, woohoo!", "^^^done waiting, inFlight: ( )"}));
@@ -284,6 +285,19 @@ TEST_F(PurgeableSpace, CountsAnswersInWhateverOrderTheyCome) {
 
 // What the services may answer.
 
+TEST_F(PurgeableSpace, CountsTheAnswerOfTheLastServiceInFlight) {
+  for (std::uint64_t seed = 0; seed < 300; ++seed) {
+    SCOPED_TRACE(seed);
+    run(
+        [&] {
+          ScriptedService service("a");
+          service.onPurgeable = ScriptedService::gives(1);
+          EXPECT_EQ(query(tableOf({service.record()})), result({{"a", 1}}, 1));
+        },
+        seed);
+  }
+}
+
 TEST_F(PurgeableSpace, CountsAServiceThatOptsOut) {
   run([&] {
     ScriptedService shy("shy");
@@ -354,7 +368,8 @@ TEST_F(PurgeableSpace, LeavesOutAnAnswerWithoutAnAmount) {
     const ServiceTable services = tableOf({odd.record()});
     EXPECT_EQ(query(services), result({}, 0));
     EXPECT_EQ(seconds, 0.01) << "it has answered all the same";
-    EXPECT_EQ(log().texts(3), std::vector<std::string>{blockName + " odd answered without an amount: { other = 1; }"});
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{blockName + " odd answered without an amount that can be kept: { other = 1; }"});
     EXPECT_TRUE(registry->changes.empty());
     query(services);
     EXPECT_EQ(odd.count("servicePurgeable 3"), 2u);
@@ -371,7 +386,7 @@ TEST_F(PurgeableSpace, RemembersNoAmountThatIsNeitherANumberNorSmall) {
     EXPECT_FALSE(answer.contains("greedy"));
     EXPECT_TRUE(answer.contains("small"));
     EXPECT_EQ(operation->inFlightCount(), 0u);
-    EXPECT_TRUE(log().contains(" greedy answered without an amount: "));
+    EXPECT_TRUE(log().contains(" greedy answered without an amount that can be kept: "));
   });
 }
 

@@ -90,6 +90,11 @@ TEST_F(RecentAnswers, CountForServicesThatNoLongerPurge) {
   run([&] {
     note("gone", 100);
     EXPECT_EQ(read({}), cached({{"gone", 100}}, {}));
+    const auto record = std::make_shared<KLService>("gone");
+    ASSERT_FALSE(record->doesPurge());
+    const Value info = Value::Dictionary{{keys::volume, volume}};
+    EXPECT_EQ(KelvanePurgeableOperation::initWithInfo(info, tableOf({record}))->cachedInfo(info),
+              cached({{"gone", 100}}, {}));
   });
 }
 

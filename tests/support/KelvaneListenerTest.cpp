@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Limits.h"
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Names.h"
 #include "support/KelvaneLog.h"
@@ -112,6 +113,26 @@ TEST_F(TheListener, AdmitsOnlyThoseWhoHoldEveryRequiredEntitlement) {
   serve({entitlements::client, entitlements::purge}, [&] {
     EXPECT_TRUE(isServed("client"));
     EXPECT_FALSE(isServed("partial"));
+  });
+}
+
+TEST_F(TheListener, CountsTheRefusedWhenTheyAreMany) {
+  serve({entitlements::client}, [&] {
+    const auto refuse = [&](int times) {
+      for (int time = 0; time < times; ++time) {
+        EXPECT_FALSE(isServed("nobody"));
+      }
+    };
+    refuse(100);
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[KelvaneListener resume] refused a connection: pid 100, uid 1000"});
+    simulation->advance(limits::refusalLogInterval);
+    refuse(2);
+    EXPECT_EQ(log().texts(3).size(), 2u);
+    EXPECT_EQ(log().texts(3).back(), "-[KelvaneListener resume] refused 100 connections, the last: pid 100, uid 1000");
+    simulation->advance(limits::refusalLogInterval);
+    refuse(1);
+    EXPECT_EQ(log().texts(3).back(), "-[KelvaneListener resume] refused 2 connections, the last: pid 100, uid 1000");
   });
 }
 

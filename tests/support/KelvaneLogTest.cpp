@@ -33,6 +33,7 @@ class TheLog : public testing::Test {
 
   /// The levels of two messages, one of each kind, that are written.
   std::vector<std::int32_t> written() {
+    EXPECT_EQ(reporting::failuresAreLogged, isLoggingErrors());
     simulation.log().clear();
     KELVANE_ERROR("%s failed", "f");
     KELVANE_TRACE("%s traced", "f");

@@ -70,6 +70,24 @@ TEST_F(TheRecord, DropsServicesWhoseAnswerIsTooOld) {
   });
 }
 
+TEST_F(TheRecord, CountsItsChanges) {
+  run([&] {
+    const auto record =
+        recordOf(volumeInfo(Services{{"old", answer(1, secondsAgo(120.5))}}, availableAtFirst, clock::now()));
+    std::uint64_t before = record->changes();
+    EXPECT_EQ(record->validate(change, threshold), 3);
+    EXPECT_GT(record->changes(), before);
+    before = record->changes();
+    EXPECT_EQ(record->validate(change, threshold), 1);
+    EXPECT_EQ(record->changes(), before);
+    Volumes volumes = record->takeVolumes();
+    EXPECT_GT(record->changes(), before);
+    before = record->changes();
+    record->setVolumes(std::move(volumes));
+    EXPECT_GT(record->changes(), before);
+  });
+}
+
 TEST_F(TheRecord, DropsServicesWhoseAnswerIsFromTheFutureOrNoTime) {
   run([&] {
     const auto record = recordOf(volumeInfo(Services{{"future", answer(1, secondsAgo(-0.5))},

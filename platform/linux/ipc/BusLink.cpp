@@ -10,8 +10,7 @@
 #include <string_view>
 
 #include "platform/Limits.h"
-#include "platform/linux/ipc/Handshake.h"
-#include "platform/linux/ipc/LibraryInput.h"
+#include "platform/linux/ipc/MessageHeader.h"
 
 namespace kelvane::ipc {
 
@@ -30,40 +29,10 @@ constexpr int turnsPerLine = 64;
 constexpr std::size_t longestMessage = std::size_t{128} * 1024 * 1024;
 /// The library asks for 8 MiB, which nobody would count; what it does not fit waits where it is counted.
 constexpr int socketSendBytes = 128 * 1024;
-/// What messages are from; peers do not look at it.
-constexpr char senderName[] = ":1.0";
 
 bool hasHungUp(int socket) {
   pollfd state{.fd = socket, .events = POLLRDHUP, .revents = 0};
   return poll(&state, 1, 0) != 0;
-}
-
-/// A bus object that owns the socket, to which it writes; null when something is refused.
-sd_bus* makeBus(FileDescriptor& socket, BusLink::Role role, bool takesDescriptors) {
-  FileDescriptor input = LibraryInput::shared().end();
-  sd_bus* bus = nullptr;
-  sd_id128_t id;
-  if (!input || sd_bus_new(&bus) < 0) {
-    return nullptr;
-  }
-  const bool isServer = role == BusLink::Role::Server;
-  // What the peer says of itself is compared here: the library sees this process at the other end of its input.
-  if (sd_bus_negotiate_fds(bus, !isServer || takesDescriptors ? 1 : 0) < 0 ||
-      (isServer && sd_id128_randomize(&id) < 0) || (isServer && sd_bus_set_server(bus, 1, id) < 0) ||
-      (isServer && sd_bus_set_anonymous(bus, 1) < 0) || (isServer && sd_bus_set_sender(bus, senderName) < 0) ||
-      sd_bus_set_fd(bus, input.get(), socket.get()) < 0) {
-    sd_bus_unref(bus);
-    return nullptr;
-  }
-  [[maybe_unused]] const int owned[] = {input.release(), socket.release()};
-  return bus;
-}
-
-uid_t userOf(int socket) {
-  ucred credentials{};
-  socklen_t size = sizeof credentials;
-  return getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0 ? credentials.uid
-                                                                               : static_cast<uid_t>(-1);
 }
 
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
@@ -72,18 +41,14 @@ std::span<const std::uint8_t> bytesOf(std::string_view text) {
 
 }  // namespace
 
-bool BusLink::open(FileDescriptor socket, Role role, bool takesDescriptors) {
+bool BusLink::open(FileDescriptor socket, const Handshake& handshake, bool takesDescriptors) {
   const int fd = socket.get();
-  role_ = role;
-  bus_ = makeBus(socket, role, takesDescriptors);
+  bus_ = handshake.begin(library_.end(), std::move(socket), takesDescriptors);
+  // A start that fails has closed the socket, whose number another thread may be given; so it is watched only after.
   if (bus_ == nullptr) {
     return false;
   }
-  // A start that fails has closed the socket, whose number another thread may be given; so it is watched only after.
-  if (sd_bus_start(bus_) < 0) {
-    bus_ = sd_bus_unref(bus_);
-    return false;
-  }
+  handshake_.emplace(handshake);
   socket_ = fd;
   events_ = EPOLLIN | EPOLLRDHUP;
   if (!loop_.watch(fd, events_, *this) || sd_bus_add_filter(bus_, nullptr, receive, this) < 0) {
@@ -91,7 +56,7 @@ bool BusLink::open(FileDescriptor socket, Role role, bool takesDescriptors) {
     return false;
   }
   setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &socketSendBytes, sizeof socketSendBytes);
-  input_.start(fd, role == Role::Server && takesDescriptors);
+  input_.start(fd, takesDescriptors);
   startHandshakeTimer();
   loop_.runAgain(*this);
   return true;
@@ -121,7 +86,7 @@ void BusLink::ready(std::uint32_t events) {
 
 /// Reads and writes what can be; false when the connection has failed, everything before that being taken.
 bool BusLink::process(std::uint32_t events) {
-  if ((!ready_ || (events & EPOLLOUT) != 0) && !runLibrary(ready_ ? turnsPerLine : 2)) {
+  if ((handshake_ || (events & EPOLLOUT) != 0) && !runLibrary(handshake_ ? 2 : turnsPerLine)) {
     return false;
   }
   int messages = 0;
@@ -133,7 +98,7 @@ bool BusLink::process(std::uint32_t events) {
       break;
     }
     const std::size_t before = input_.waiting().size();
-    const Step step = ready_ ? takeMessage() : takeLine();
+    const Step step = handshake_ ? takeLine() : takeMessage();
     if (step == Step::Failed) {
       return false;
     }
@@ -162,8 +127,8 @@ bool BusLink::runLibrary(int turns) {
     if (result < 0 || sd_bus_is_open(bus_) <= 0) {
       return false;
     }
-    if (!ready_ && sd_bus_is_ready(bus_) > 0) {
-      ready_ = true;
+    if (handshake_ && sd_bus_is_ready(bus_) > 0) {
+      handshake_.reset();
       stopHandshakeTimer();
       owner_.linkOpened();
     }
@@ -176,31 +141,19 @@ bool BusLink::runLibrary(int turns) {
 
 /// Whether the handshake waits for the peer to read: the library takes the last line only then.
 bool BusLink::isWriting() const {
-  const int events = ready_ ? 0 : sd_bus_get_events(bus_);
+  const int events = handshake_ ? sd_bus_get_events(bus_) : 0;
   return events > 0 && (events & POLLOUT) != 0;
 }
 
 /// One line of the handshake.
 BusLink::Step BusLink::takeLine() {
-  const auto waiting = input_.waiting();
-  const std::string_view text(reinterpret_cast<const char*>(waiting.data()), waiting.size());
-  const std::size_t end = text.find("\r\n");
-  const std::size_t length = end == std::string_view::npos ? text.size() : end + 2;
-  const bool isWrongStart = role_ == Role::Server && handshakeBytes_ == 0 && !text.empty() && text.front() != '\0';
-  if (isWrongStart || handshakeBytes_ + length > limits::handshakeBytes ||
-      (length != 0 && input_.takeDescriptor(length))) {
-    return Step::Failed;
+  std::string line;
+  const Handshake::Arrival arrival = isWriting() ? Handshake::Arrival::Incomplete : handshake_->takeLine(input_, line);
+  if (arrival != Handshake::Arrival::Line) {
+    return arrival == Handshake::Arrival::Incomplete ? Step::Incomplete : Step::Failed;
   }
-  if (end == std::string_view::npos || isWriting()) {
-    return Step::Incomplete;
-  }
-  handshakeBytes_ += length;
-  const std::string line = role_ == Role::Server ? vouchedLine(text.substr(0, length), userOf(socket_))
-                                                 : std::string(text.substr(0, length));
-  input_.drop(length);
-  LibraryInput& library = LibraryInput::shared();
-  if (library.put(bytesOf(line), -1) != line.size() || !runLibrary(turnsPerLine) || !library.isEmpty()) {
-    library.drain();
+  if (library_.put(bytesOf(line)) != line.size() || !runLibrary(turnsPerLine) || !library_.isEmpty()) {
+    library_.drain();
     return Step::Failed;
   }
   return Step::Taken;
@@ -220,18 +173,19 @@ BusLink::Step BusLink::takeMessage() {
     return Step::Incomplete;
   }
   tellPart(0);
-  const FileDescriptor descriptor = input_.takeDescriptor(*length);
-  if (closing_ || (descriptor && !owner_.linkTakesDescriptor())) {
+  if (closing_) {
+    return Step::Failed;
+  }
+  descriptor_ = input_.takeDescriptor(*length);
+  if (descriptor_ && !hideDescriptor(waiting.first(*length))) {
     return Step::Failed;
   }
   messageBytes_ = *length;
-  if (!giveMessage(waiting.first(*length), descriptor.get())) {
-    LibraryInput::shared().drain();
-    if (descriptor) {
-      owner_.linkLostDescriptor();
-    }
+  if (!giveMessage(waiting.first(*length))) {
+    library_.drain();
+    descriptor_ = FileDescriptor();
     // A malformed message is passed over.
-    if (descriptor || sd_bus_is_open(bus_) <= 0) {
+    if (sd_bus_is_open(bus_) <= 0) {
       return Step::Failed;
     }
   }
@@ -239,15 +193,12 @@ BusLink::Step BusLink::takeMessage() {
   return Step::Taken;
 }
 
-/// Has the library make a message of these bytes; false when it makes none, by which it may lose the descriptor.
-bool BusLink::giveMessage(std::span<const std::uint8_t> bytes, int descriptor) {
+/// Has the library make a message of these bytes; false when it makes none.
+bool BusLink::giveMessage(std::span<const std::uint8_t> bytes) {
   received_ = false;
-  LibraryInput& library = LibraryInput::shared();
   for (int result = 1; result > 0 && !received_;) {
     if (!bytes.empty()) {
-      const std::size_t size = library.put(bytes, descriptor);
-      descriptor = size > 0 ? -1 : descriptor;
-      bytes = bytes.subspan(size);
+      bytes = bytes.subspan(library_.put(bytes));
     }
     result = sd_bus_process(bus_, nullptr);
   }
@@ -258,8 +209,9 @@ bool BusLink::giveMessage(std::span<const std::uint8_t> bytes, int descriptor) {
 int BusLink::receive(sd_bus_message* message, void* link, sd_bus_error*) {
   auto& self = *static_cast<BusLink*>(link);
   self.received_ = true;
+  FileDescriptor descriptor = std::move(self.descriptor_);
   if (!self.closing_) {
-    self.owner_.linkReceived(message, self.messageBytes_);
+    self.owner_.linkReceived(message, self.messageBytes_, std::move(descriptor));
   }
   // The library would answer by itself, at any length.
   return 1;
@@ -268,7 +220,7 @@ int BusLink::receive(sd_bus_message* message, void* link, sd_bus_error*) {
 /// How much to read at once: of a long message the rest, and nothing of the next.
 std::size_t BusLink::wantedBytes() const {
   const std::size_t size = input_.waiting().size();
-  if (!ready_ || size < PeerInput::messageHeaderBytes) {
+  if (handshake_ || size < PeerInput::messageHeaderBytes) {
     return readBytes;
   }
   const auto length = input_.messageLength();
@@ -277,7 +229,7 @@ std::size_t BusLink::wantedBytes() const {
 
 /// Messages that are complete wait for a turn, and an incomplete one while reading is paused is not the peer's doing.
 void BusLink::countPart() {
-  if (closing_ || !ready_) {
+  if (closing_ || handshake_) {
     return;
   }
   const std::size_t size = input_.waiting().size();
@@ -374,8 +326,7 @@ void BusLink::stopHandshakeTimer() {
 void BusLink::destroy() {
   stopHandshakeTimer();
   loop_.forget(socket_, *this);
-  sd_bus_close_unref(bus_);
-  bus_ = nullptr;
+  bus_ = sd_bus_close_unref(bus_);
 }
 
 }  // namespace kelvane::ipc

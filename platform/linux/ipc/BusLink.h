@@ -11,6 +11,8 @@
 #include <span>
 
 #include "platform/linux/ipc/EventLoop.h"
+#include "platform/linux/ipc/Handshake.h"
+#include "platform/linux/ipc/LibraryInput.h"
 #include "platform/linux/ipc/PeerInput.h"
 #include "platform/linux/system/FileDescriptor.h"
 
@@ -18,27 +20,22 @@ namespace kelvane::ipc {
 
 /// Drives a bus object of the library by hand, because what the library offers for that costs time in
 /// proportion to all connections and can miss a first message. Owned by a channel; lives on the event
-/// loop's thread. The library writes to the socket, but reads only what the link gives it: whole messages, with
-/// descriptors where they are allowed.
+/// loop's thread. The library writes to the socket, but reads only what the link gives it: whole messages, without
+/// their descriptors.
 ///
 /// It ends once: by close(), or by the peer, which is told to the owner after everything that had arrived
 /// before was.
 class BusLink final : private EventLoop::Source {
  public:
-  enum class Role { Client, Server };
-
   class Owner {
    public:
     /// The handshake is over: calls that carry descriptors can be sent now.
     virtual void linkOpened() = 0;
-    /// A message of this many bytes, which is freed afterwards.
-    virtual void linkReceived(sd_bus_message* message, std::size_t bytes) = 0;
+    /// A message of this many bytes, which is freed afterwards, and the descriptor that came with it, if any did: then
+    /// the message has numbers (0) where it is among the arguments.
+    virtual void linkReceived(sd_bus_message* message, std::size_t bytes, FileDescriptor descriptor) = 0;
     /// A message has arrived in part, which is to have this many bytes, as far as is known; 0 when none has any more.
     virtual void linkReceivedPart(std::size_t bytes) = 0;
-    /// Whether one more message may bring a descriptor.
-    virtual bool linkTakesDescriptor() = 0;
-    /// A malformed message brought a descriptor, which stays open for good. The link ends.
-    virtual void linkLostDescriptor() = 0;
     /// So many messages, which take this much, wait now for the peer to read.
     virtual void linkUnsent(std::size_t messages, std::size_t bytes) = 0;
     /// To be followed by close().
@@ -48,19 +45,19 @@ class BusLink final : private EventLoop::Source {
     ~Owner() = default;
   };
 
-  BusLink(EventLoop& loop, Owner& owner) : loop_(loop), owner_(owner) {}
+  BusLink(EventLoop& loop, LibraryInput& library, Owner& owner) : loop_(loop), library_(library), owner_(owner) {}
   ~BusLink() { close(); }
   BusLink(const BusLink&) = delete;
   BusLink& operator=(const BusLink&) = delete;
 
-  /// Starts the handshake on a connected socket; false when the system refuses. A server's peer may send
-  /// descriptors when told so, at most one with each message; a client's may not.
-  [[nodiscard]] bool open(FileDescriptor socket, Role role, bool takesDescriptors);
+  /// Starts the handshake on a connected socket; false when the system refuses. The peer may send descriptors, at
+  /// most one with each message, when they are taken.
+  [[nodiscard]] bool open(FileDescriptor socket, const Handshake& handshake, bool takesDescriptors);
   /// The owner is told nothing more.
   void close();
 
   bool isOpen() const { return bus_ != nullptr && !closing_; }
-  bool isReady() const { return isOpen() && ready_; }
+  bool isReady() const { return isOpen() && !handshake_; }
   /// Whether messages wait for the peer to read.
   bool hasUnsent() const { return !unsent_.empty(); }
   /// For making messages, while isOpen().
@@ -86,7 +83,7 @@ class BusLink final : private EventLoop::Source {
   bool isWriting() const;
   Step takeLine();
   Step takeMessage();
-  bool giveMessage(std::span<const std::uint8_t> bytes, int descriptor);
+  bool giveMessage(std::span<const std::uint8_t> bytes);
   std::size_t wantedBytes() const;
   void countPart();
   void tellPart(std::size_t bytes);
@@ -98,22 +95,23 @@ class BusLink final : private EventLoop::Source {
   static int receive(sd_bus_message* message, void* link, sd_bus_error* error);
 
   EventLoop& loop_;
+  LibraryInput& library_;
   Owner& owner_;
   sd_bus* bus_ = nullptr;
   int socket_ = -1;
   std::uint32_t events_ = 0;
-  Role role_ = Role::Client;
+  /// Until it is over.
+  std::optional<Handshake> handshake_;
   PeerInput input_;
-  std::size_t handshakeBytes_ = 0;
-  /// The message that the library is making, and whether it has.
+  /// The message that the library is making, what came with it, and whether it is made.
   std::size_t messageBytes_ = 0;
+  FileDescriptor descriptor_;
   bool received_ = false;
   std::optional<EventLoop::Timer> handshakeTimer_;
   /// What the messages take that are in the library's queue, which tells only how many they are.
   std::list<std::size_t> unsent_;
   std::size_t unsentBytes_ = 0;
   bool inPart_ = false;
-  bool ready_ = false;
   bool paused_ = false;
   bool hungUp_ = false;
   bool processing_ = false;

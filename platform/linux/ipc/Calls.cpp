@@ -3,19 +3,32 @@
 #include "platform/linux/ipc/Calls.h"
 
 #include "platform/Queues.h"
+#include "platform/linux/ipc/Hub.h"
 
 namespace kelvane::ipc {
 
 namespace {
 
-/// Whatever the call holds goes on a thread that may block.
-void answerCall(Call call, std::variant<Value, CallError> outcome) {
-  globalQueue::async([call = std::make_shared<Call>(std::move(call)), outcome = std::move(outcome)] {
-    const Call answered = std::move(*call);
-    if (answered.outcome) {
-      answered.outcome(outcome);
-    }
-  });
+/// Whatever the call holds goes on a thread that may block, and then the room for the outcome.
+void answerCall(Call call, std::variant<Value, CallError> outcome, HeldReplies::Room room = nullptr) {
+  globalQueue::async(
+      [room = std::move(room), call = std::make_shared<Call>(std::move(call)), outcome = std::move(outcome)] {
+        const Call answered = std::move(*call);
+        if (answered.outcome) {
+          answered.outcome(outcome);
+        }
+      });
+}
+
+/// Room for a reply of this user's; null when there is none.
+HeldReplies::Room hold(DecodedReply& decoded, uid_t user) {
+  HeldReplies::Room room = Hub::shared().heldReplies.hold(user, decoded.cost);
+  if (room == nullptr) {
+    decoded.outcome =
+        CallError{std::string(SD_BUS_ERROR_LIMITS_EXCEEDED) + ": The replies of this user take too much memory",
+                  CallError::Cause::Answered};
+  }
+  return room;
 }
 
 /// For a call that cannot be made a message.
@@ -27,7 +40,8 @@ void refuse(Call call) {
 }  // namespace
 
 void failCall(Call call, const CallError& error) {
-  globalQueue::async([call = std::make_shared<Call>(std::move(call)), error] {
+  // Whoever learns that the connection has failed finds done what was to be done at its end.
+  Hub::shared().endHandlers.runAfter([call = std::make_shared<Call>(std::move(call)), error] {
     const Call failed = std::move(*call);
     if (*failed.error) {
       (*failed.error)(error);
@@ -77,16 +91,22 @@ bool Calls::send(Call call) {
   return true;
 }
 
-void Calls::answer(sd_bus_message* reply) {
+void Calls::answer(sd_bus_message* reply, uid_t user) {
   std::uint64_t cookie = 0;
   if (sd_bus_message_get_reply_cookie(reply, &cookie) < 0) {
     return;
   }
   auto sent = sent_.extract(cookie);
-  if (!sent.empty()) {
-    std::variant<Value, CallError> outcome = decodeReply(reply, *sent.mapped().operation);
-    answerCall(std::move(sent.mapped()), std::move(outcome));
+  if (sent.empty()) {
+    return;
   }
+  Call call = std::move(sent.mapped());
+  // Whoever may answer at any length is trusted with this process's memory.
+  const bool isLimited = call.interface->maximumReplyBytes != 0;
+  DecodedReply decoded =
+      decodeReply(reply, *call.operation, isLimited ? Hub::shared().heldReplies.holdable(user) : SIZE_MAX);
+  HeldReplies::Room room = isLimited ? hold(decoded, user) : nullptr;
+  answerCall(std::move(call), std::move(decoded.outcome), std::move(room));
 }
 
 void Calls::fail(const CallError& error) {

@@ -22,7 +22,8 @@ struct Call {
   std::shared_ptr<Connection::State> connection;
 };
 
-/// Runs the call's error handler on the global queue, and lets go of the call there.
+/// Runs the call's error handler on the global queue, after the handlers of ends that came before, and lets go of the
+/// call there. Any thread.
 void failCall(Call call, const CallError& error);
 
 /// Sends calls once the handshake is over and gives their answers to those who wait, on the global queue:
@@ -36,8 +37,8 @@ class Calls {
   /// The handshake is over, or the peer has read everything: until then calls wait, whose values may be shared,
   /// which messages are not.
   void sendWaiting();
-  /// A reply or a D-Bus error came.
-  void answer(sd_bus_message* reply);
+  /// A reply or a D-Bus error came from this user.
+  void answer(sd_bus_message* reply, uid_t user);
   /// The connection has ended: every call fails, in the order they were made.
   void fail(const CallError& error);
 

@@ -32,7 +32,8 @@ bool takesEndpoints(const Interface& interface) {
 
 }  // namespace
 
-Channel::Channel() : peer_(std::make_shared<Peer::State>()), link_(hub_.loop, *this), calls_(link_) {}
+Channel::Channel()
+    : peer_(std::make_shared<Peer::State>()), link_(hub_.loop, hub_.libraryInput, *this), calls_(link_) {}
 
 Channel::~Channel() = default;
 
@@ -42,14 +43,14 @@ void Channel::startClient(FileDescriptor socket, EndpointPlace place) {
   }
   self_ = shared_from_this();
   place_ = std::move(place);
-  begin(std::move(socket), BusLink::Role::Client);
+  begin(std::move(socket), Handshake::Role::Client);
 }
 
 void Channel::startServer(FileDescriptor socket, std::shared_ptr<ListenerCore> listener) {
   self_ = shared_from_this();
   user_ = peer_->user();
   requests_.emplace(*this, std::move(listener), connection_.lock());
-  begin(std::move(socket), BusLink::Role::Server);
+  begin(std::move(socket), Handshake::Role::Server);
 }
 
 void Channel::connect(const std::string& path) {
@@ -64,7 +65,7 @@ void Channel::tryConnect(const std::string& path, EventLoop::Clock::time_point g
   FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
   errno = address && socket ? 0 : (address ? errno : ENAMETOOLONG);
   if (errno == 0 && ::connect(socket.get(), address->get(), address->size()) == 0) {
-    begin(std::move(socket), BusLink::Role::Client);
+    begin(std::move(socket), Handshake::Role::Client);
     return;
   }
   const int error = errno;
@@ -76,7 +77,7 @@ void Channel::tryConnect(const std::string& path, EventLoop::Clock::time_point g
   }
 }
 
-void Channel::begin(FileDescriptor socket, BusLink::Role role) {
+void Channel::begin(FileDescriptor socket, Handshake::Role role) {
   if (!socket) {
     end(End::Interruption, std::string(SD_BUS_ERROR_DISCONNECTED) + ": The endpoint is in use or gone");
     return;
@@ -85,9 +86,10 @@ void Channel::begin(FileDescriptor socket, BusLink::Role role) {
   peer_->read(socket.get());
   // Whoever made the pair of sockets chose who is at its ends; who sent one of them did not.
   user_ = place_ ? *place_ : peer_->user();
-  if (!link_.open(std::move(socket), role, requests_ && takesEndpoints(requests_->listener().interface()))) {
+  const bool takesDescriptors = requests_ && takesEndpoints(requests_->listener().interface());
+  if (!link_.open(std::move(socket), Handshake(role, peer_->user()), takesDescriptors)) {
     end(End::Interruption, std::string(SD_BUS_ERROR_NO_MEMORY) + ": The system refuses a connection");
-  } else if (role == BusLink::Role::Client) {
+  } else if (role == Handshake::Role::Client) {
     link_.watchHangUpFirst();
   }
 }
@@ -125,7 +127,7 @@ void Channel::linkOpened() {
   calls_.sendWaiting();
 }
 
-void Channel::linkReceived(sd_bus_message* message, std::size_t bytes) {
+void Channel::linkReceived(sd_bus_message* message, std::size_t bytes, FileDescriptor descriptor) {
   const std::size_t most = maximumMessageBytes();
   if (most != 0 && bytes > most) {
     endForLimit("A message is too long");
@@ -136,10 +138,10 @@ void Channel::linkReceived(sd_bus_message* message, std::size_t bytes) {
   if (type == SD_BUS_MESSAGE_METHOD_CALL) {
     // Nothing is served to services; an answer to those who call all the same would only wait for them to read it.
     if (requests_) {
-      requests_->receive(message, bytes);
+      requests_->receive(message, bytes, std::move(descriptor));
     }
   } else if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) {
-    calls_.answer(message);
+    calls_.answer(message, user_);
   }
 }
 
@@ -166,14 +168,6 @@ void Channel::linkReceivedPart(std::size_t bytes) {
     }
     startTimer(EventLoop::Clock::now() + partTime, [this] { endForLimit("A message stays incomplete"); });
   }
-}
-
-bool Channel::linkTakesDescriptor() {
-  return hub_.quota.mayLoseDescriptor(user_);
-}
-
-void Channel::linkLostDescriptor() {
-  hub_.quota.loseDescriptor(user_);
 }
 
 void Channel::linkUnsent(std::size_t messages, std::size_t bytes) {
@@ -235,12 +229,17 @@ void Channel::runHandlers(End how) {
   if (connection == nullptr) {
     return;
   }
-  const Connection::State::Handlers handlers = connection->takeHandlers();
-  if (how == End::Interruption && handlers.interruption) {
-    handlers.interruption();
-  } else if (how == End::Invalidation && handlers.invalidation) {
-    handlers.invalidation();
+  Connection::State::Handlers handlers = connection->takeHandlers();
+  if (!handlers.interruption && !handlers.invalidation) {
+    return;
   }
+  hub_.endHandlers.run([handlers = std::move(handlers), how] {
+    if (how == End::Interruption && handlers.interruption) {
+      handlers.interruption();
+    } else if (how == End::Invalidation && handlers.invalidation) {
+      handlers.invalidation();
+    }
+  });
 }
 
 void Channel::startTimer(EventLoop::Clock::time_point when, EventLoop::Task task) {

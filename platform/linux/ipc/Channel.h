@@ -59,15 +59,13 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
 
  private:
   void linkOpened() override;
-  void linkReceived(sd_bus_message* message, std::size_t bytes) override;
+  void linkReceived(sd_bus_message* message, std::size_t bytes, FileDescriptor descriptor) override;
   void linkReceivedPart(std::size_t bytes) override;
-  bool linkTakesDescriptor() override;
-  void linkLostDescriptor() override;
   void linkUnsent(std::size_t messages, std::size_t bytes) override;
   void linkEnded() override;
 
   void tryConnect(const std::string& path, EventLoop::Clock::time_point giveUp);
-  void begin(FileDescriptor socket, BusLink::Role role);
+  void begin(FileDescriptor socket, Handshake::Role role);
   void endForLimit(const char* reason);
   void runHandlers(End how);
   std::size_t maximumMessageBytes() const;

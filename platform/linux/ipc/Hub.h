@@ -3,14 +3,16 @@
 #pragma once
 
 #include "platform/linux/ipc/DeliveryGate.h"
+#include "platform/linux/ipc/EndHandlers.h"
 #include "platform/linux/ipc/EventLoop.h"
+#include "platform/linux/ipc/HeldReplies.h"
 #include "platform/linux/ipc/LibraryInput.h"
 #include "platform/linux/ipc/Quota.h"
 
 namespace kelvane::ipc {
 
-/// The event loop and, for its thread alone, the counts against the limits. One per process, never
-/// destroyed.
+/// The event loop, what every thread may use and, for the loop's thread alone, the rest. One per process, never
+/// destroyed. All of it is made at once: the first connection may come when there are no descriptors left.
 struct Hub {
   static Hub& shared() {
     static Hub& hub = *new Hub;
@@ -18,8 +20,9 @@ struct Hub {
   }
 
   EventLoop& loop = EventLoop::shared();
-  /// Made at once: the first connection may come when there are no descriptors left.
-  LibraryInput& libraryInput = LibraryInput::shared();
+  EndHandlers endHandlers;
+  LibraryInput libraryInput;
+  HeldReplies heldReplies;
   Quota quota;
   DeliveryGate gate;
 };

@@ -10,28 +10,26 @@
 
 namespace kelvane::ipc {
 
-/// The library reads as much as there is, and loses descriptors for good that come with a message it drops. So it is
-/// given one line or message at a time, with the descriptors that belong to it, over a pair of sockets.
+/// The library reads as much as there is, more than it should be given yet. So it is given one line or message at a
+/// time, over a pair of sockets.
 ///
-/// One pair for all links: what is put in is read, or drained, before another link has its turn. One per process,
-/// for the event loop's thread.
+/// One pair for all links: what is put in is read, or drained, before another link has its turn. Owned by the hub; for
+/// the event loop's thread.
 class LibraryInput {
  public:
-  static LibraryInput& shared();
+  LibraryInput();
   LibraryInput(const LibraryInput&) = delete;
   LibraryInput& operator=(const LibraryInput&) = delete;
 
   /// Another descriptor of the library's end; none when the system refuses.
   FileDescriptor end() const;
-  /// Puts in as many of the bytes as fit, the first with the descriptor unless that is negative. How many.
-  std::size_t put(std::span<const std::uint8_t> bytes, int descriptor);
+  /// Puts in as many of the bytes as fit. How many.
+  std::size_t put(std::span<const std::uint8_t> bytes);
   /// Whether the library has read everything.
   bool isEmpty() const;
   void drain();
 
  private:
-  LibraryInput();
-
   FileDescriptor near_;
   FileDescriptor far_;
 };

@@ -34,7 +34,7 @@ void ListenerCore::setAdmission(Listener::Admission admission) {
 }
 
 void ListenerCore::setDisconnectHandler(DisconnectHandler handler) {
-  disconnectHandler_ = std::move(handler);
+  disconnectHandler_ = handler ? std::make_shared<const DisconnectHandler>(std::move(handler)) : nullptr;
 }
 
 void ListenerCore::start(std::optional<ListeningSocket> socket) {
@@ -66,9 +66,9 @@ void ListenerCore::serve(FileDescriptor end) {
 void ListenerCore::stop() {
   isStopped_ = true;
   early_.clear();
-  handler_.reset();
-  admission_.reset();
-  disconnectHandler_ = nullptr;
+  // What the handlers hold may take its time to go.
+  globalQueue::async([handler = std::move(handler_), admission = std::move(admission_),
+                      disconnectHandler = std::move(disconnectHandler_)] {});
   if (acceptTimer_) {
     hub_.loop.cancel(*acceptTimer_);
   } else if (socket_) {
@@ -142,7 +142,7 @@ void ListenerCore::channelEnded(const std::shared_ptr<Channel>& channel,
                                 const std::shared_ptr<Connection::State>& connection) {
   channels_.erase(channel);
   if (disconnectHandler_) {
-    disconnectHandler_(Connection(connection));
+    hub_.endHandlers.run([handler = disconnectHandler_, connection] { (*handler)(Connection(connection)); });
   }
 }
 

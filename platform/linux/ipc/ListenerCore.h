@@ -44,14 +44,13 @@ class ListenerCore final : public std::enable_shared_from_this<ListenerCore>, pr
   void ready(std::uint32_t events) override;
   void pauseAccepting();
   void consider(FileDescriptor socket);
-  void admit(FileDescriptor socket, const std::shared_ptr<Peer::State>& peer);
   void serveAdmitted(FileDescriptor socket);
 
   Hub& hub_ = Hub::shared();
   const Interface& interface_;
   std::shared_ptr<const RequestHandler> handler_;
   std::shared_ptr<const Listener::Admission> admission_;
-  DisconnectHandler disconnectHandler_;
+  std::shared_ptr<const DisconnectHandler> disconnectHandler_;
   std::optional<ListeningSocket> socket_;
   /// Ends from before start().
   std::vector<FileDescriptor> early_;

@@ -2,8 +2,6 @@
 // The arguments and answers of an interface's operations, as D-Bus messages.
 #include "platform/linux/ipc/MessageCodec.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <cstring>
 
@@ -26,8 +24,13 @@ constexpr std::size_t endpointCost = 160;
 /// Reads the arguments of one call.
 class ArgumentsReader {
  public:
-  ArgumentsReader(sd_bus_message* call, const Operation& operation, uid_t user, std::size_t budget)
-      : call_(call), operation_(operation), user_(user), decoder_(call, limits::wireDictionaryDepth, budget) {}
+  ArgumentsReader(sd_bus_message* call, const Operation& operation, FileDescriptor descriptor, uid_t user,
+                  std::size_t budget)
+      : call_(call),
+        operation_(operation),
+        descriptor_(std::move(descriptor)),
+        user_(user),
+        decoder_(call, limits::wireDictionaryDepth, budget) {}
 
   bool read() {
     for (const Argument& argument : operation_.arguments) {
@@ -56,6 +59,9 @@ class ArgumentsReader {
     if (kind == ArgumentKind::Dictionary) {
       return type == SD_BUS_TYPE_ARRAY && std::strncmp(contents, "{s", 2) == 0;
     }
+    if (kind == ArgumentKind::Endpoint && descriptor_) {
+      return type == SD_BUS_TYPE_UINT32;
+    }
     return type == *signatureOf(kind);
   }
 
@@ -70,20 +76,18 @@ class ArgumentsReader {
   }
 
   bool readEndpoint(const Argument& argument) {
-    int fd = -1;
-    if (sd_bus_message_read_basic(call_, SD_BUS_TYPE_UNIX_FD, &fd) <= 0) {
+    std::uint32_t index = 0;
+    if (!descriptor_ || sd_bus_message_read_basic(call_, SD_BUS_TYPE_UINT32, &index) <= 0 || index != 0) {
       return fail(SD_BUS_ERROR_INVALID_ARGS, argument, " is no descriptor that came with the message");
     }
-    if (const auto fault = faultOfEndpoint(fd)) {
+    if (const auto fault = faultOfEndpoint(descriptor_.get())) {
       return fail(SD_BUS_ERROR_INVALID_ARGS, argument, " " + *fault);
     }
     EndpointPlace place = takeEndpointPlace(user_);
-    // The message owns its descriptors and is about to be freed.
-    FileDescriptor own(place != nullptr ? fcntl(fd, F_DUPFD_CLOEXEC, 3) : -1);
-    if (!own || !decoder_.charge(endpointCost)) {
+    if (place == nullptr || !decoder_.charge(endpointCost)) {
       return fail(SD_BUS_ERROR_LIMITS_EXCEEDED, argument, " is one endpoint too many");
     }
-    arguments_.emplace_back(Endpoint(std::make_shared<Endpoint::State>(std::move(own), std::move(place))));
+    arguments_.emplace_back(Endpoint(std::make_shared<Endpoint::State>(std::move(descriptor_), std::move(place))));
     return true;
   }
 
@@ -102,6 +106,7 @@ class ArgumentsReader {
 
   sd_bus_message* const call_;
   const Operation& operation_;
+  FileDescriptor descriptor_;
   const uid_t user_;
   ValueDecoder decoder_;
   Arguments arguments_;
@@ -148,31 +153,34 @@ sd_bus_message* makeStandIn(sd_bus* bus, std::uint64_t cookie) {
 
 }  // namespace
 
-std::variant<DecodedArguments, CallFault> decodeArguments(sd_bus_message* call, const Operation& operation, uid_t user,
-                                                          std::size_t budget) {
-  ArgumentsReader reader(call, operation, user, budget);
+std::variant<DecodedArguments, CallFault> decodeArguments(sd_bus_message* call, const Operation& operation,
+                                                          FileDescriptor descriptor, uid_t user, std::size_t budget) {
+  ArgumentsReader reader(call, operation, std::move(descriptor), user, budget);
   if (!reader.read()) {
     return reader.fault();
   }
   return reader.result();
 }
 
-std::variant<Value, CallError> decodeReply(sd_bus_message* reply, const Operation& operation) {
+DecodedReply decodeReply(sd_bus_message* reply, const Operation& operation, std::size_t budget) {
   if (const sd_bus_error* error = sd_bus_message_get_error(reply)) {
     const std::string text = error->message != nullptr ? std::string(": ") + error->message : "";
-    return CallError{error->name + text, CallError::Cause::Answered};
+    return {CallError{error->name + text, CallError::Cause::Answered}, text.size()};
   }
   if (operation.reply == ReplyKind::Nothing) {
-    return Value();
+    return {Value()};
   }
   // What was at the limit in a call may lie in one dictionary more in an answer.
-  ValueDecoder decoder(reply, limits::wireDictionaryDepth + 1, SIZE_MAX);
+  ValueDecoder decoder(reply, limits::wireDictionaryDepth + 1, budget);
   if (sd_bus_message_has_signature(reply, "v") > 0) {
     if (std::optional<Value> value = decoder.next()) {
-      return std::move(*value);
+      return {std::move(*value), decoder.cost()};
     }
   }
-  return CallError{std::string(SD_BUS_ERROR_INVALID_SIGNATURE) + ": The reply is no value", CallError::Cause::Answered};
+  return {CallError{decoder.isOverBudget()
+                        ? std::string(SD_BUS_ERROR_LIMITS_EXCEEDED) + ": The reply takes too much memory"
+                        : std::string(SD_BUS_ERROR_INVALID_SIGNATURE) + ": The reply is no value",
+                    CallError::Cause::Answered}};
 }
 
 std::optional<OutgoingMessage> makeCall(sd_bus* bus, const Interface& interface, const Operation& operation,

@@ -11,6 +11,7 @@
 #include <variant>
 
 #include "platform/Ipc.h"
+#include "platform/linux/system/FileDescriptor.h"
 
 namespace kelvane::ipc {
 
@@ -32,16 +33,24 @@ struct DecodedArguments {
   std::size_t cost = 0;
 };
 
+struct DecodedReply {
+  std::variant<Value, CallError> outcome;
+  /// About how many bytes of memory it takes.
+  std::size_t cost = 0;
+};
+
 // All for the event loop's thread.
 
-/// Reads a call's arguments. The endpoints among them are on behalf of this user, and the values may take
-/// as much memory as the budget.
+/// Reads a call's arguments. The one endpoint among them is of the descriptor that came with the call, on behalf of
+/// this user, and the values may take as much memory as the budget.
 [[nodiscard]] std::variant<DecodedArguments, CallFault> decodeArguments(sd_bus_message* call,
-                                                                        const Operation& operation, uid_t user,
+                                                                        const Operation& operation,
+                                                                        FileDescriptor descriptor, uid_t user,
                                                                         std::size_t budget);
 
-/// The value that a reply brings, or the error: a D-Bus error, and what is no reply of the operation.
-[[nodiscard]] std::variant<Value, CallError> decodeReply(sd_bus_message* reply, const Operation& operation);
+/// The value that a reply brings, or the error: a D-Bus error, what is no reply of the operation, and a value that
+/// takes more memory than the budget.
+[[nodiscard]] DecodedReply decodeReply(sd_bus_message* reply, const Operation& operation, std::size_t budget);
 
 /// None when the arguments do not fit the operation, an endpoint among them is gone or the library refuses.
 [[nodiscard]] std::optional<OutgoingMessage> makeCall(sd_bus* bus, const Interface& interface,

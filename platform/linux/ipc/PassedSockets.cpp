@@ -10,6 +10,8 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/linux/system/Paths.h"
+
 namespace kelvane::ipc {
 
 namespace {
@@ -34,12 +36,16 @@ std::vector<PassedSocket> readPassedSockets() {
   return sockets;
 }
 
+bool listensAt(const PassedSocket& passed, const char* path) {
+  return sd_is_socket_unix(passed.socket.get(), SOCK_STREAM, 1, path, 0) > 0;
+}
+
 }  // namespace
 
 FileDescriptor takePassedSocket(const std::string& path, const std::string& serviceName) {
   static std::mutex& mutex = *new std::mutex;
   static std::vector<PassedSocket>& sockets = *new std::vector(readPassedSockets());
-  static const bool isAlone = sockets.size() == 1;
+  static const bool isAlone = sockets.size() == 1 && !listensAt(sockets.front(), paths::controlSocket);
   const std::lock_guard lock(mutex);
   for (PassedSocket& passed : sockets) {
     const int fd = passed.socket.get();
@@ -47,7 +53,7 @@ FileDescriptor takePassedSocket(const std::string& path, const std::string& serv
       continue;
     }
     const bool isForService = !serviceName.empty() && (isAlone || passed.name == serviceName);
-    if (isForService || sd_is_socket_unix(fd, SOCK_STREAM, 1, path.c_str(), 0) > 0) {
+    if (isForService || listensAt(passed, path.c_str())) {
       fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
       return std::move(passed.socket);
     }

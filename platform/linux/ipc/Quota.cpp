@@ -70,15 +70,6 @@ void Quota::removePartial(uid_t user) {
   forgetIfIdle(user);
 }
 
-void Quota::loseDescriptor(uid_t user) {
-  ++users_[user].lostDescriptors;
-}
-
-bool Quota::mayLoseDescriptor(uid_t user) const {
-  const auto found = users_.find(user);
-  return found == users_.end() || found->second.lostDescriptors < limits_.lostDescriptorsPerUser;
-}
-
 void Quota::forgetIfIdle(uid_t user) {
   const auto found = users_.find(user);
   if (found != users_.end() && found->second == Use()) {

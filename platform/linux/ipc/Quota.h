@@ -20,7 +20,6 @@ class Quota {
     int connectionsKeptForRoot = limits::connectionsKeptForRoot;
     int connectionsPerUser = limits::connectionsPerUser;
     int partialMessagesPerUser = limits::partialMessagesPerUser;
-    int lostDescriptorsPerUser = limits::lostDescriptorsPerUser;
     std::size_t heldBytesPerUser = limits::heldRequestBytesPerUser;
     std::size_t unsentBytesPerUser = limits::unsentBytesPerUser;
   };
@@ -45,15 +44,10 @@ class Quota {
   [[nodiscard]] bool addPartial(uid_t user);
   void removePartial(uid_t user);
 
-  /// Descriptors that stay open for good; nothing gives them back.
-  void loseDescriptor(uid_t user);
-  bool mayLoseDescriptor(uid_t user) const;
-
  private:
   struct Use {
     int connections = 0;
     int partialMessages = 0;
-    int lostDescriptors = 0;
     std::size_t heldBytes = 0;
     std::size_t unsentBytes = 0;
     friend bool operator==(const Use&, const Use&) = default;

@@ -4,7 +4,6 @@
 
 #include <string_view>
 
-#include "platform/Queues.h"
 #include "platform/linux/ipc/Channel.h"
 #include "platform/linux/ipc/ListenerCore.h"
 #include "platform/linux/ipc/ReplyState.h"
@@ -53,7 +52,7 @@ uid_t Requests::user() const {
   return channel_.user();
 }
 
-void Requests::receive(sd_bus_message* call, std::size_t bytes) {
+void Requests::receive(sd_bus_message* call, std::size_t bytes, FileDescriptor descriptor) {
   const Interface& interface = listener_->interface();
   if (const auto answer = answerStandardCall(call, interface)) {
     const CallFault* fault = std::get_if<CallFault>(&*answer);
@@ -75,7 +74,7 @@ void Requests::receive(sd_bus_message* call, std::size_t bytes) {
     return;
   }
   const Operation& known = *std::get<const Operation*>(operation);
-  auto decoded = decodeArguments(call, known, user(), Hub::shared().quota.holdable(user()));
+  auto decoded = decodeArguments(call, known, std::move(descriptor), user(), Hub::shared().quota.holdable(user()));
   if (const auto* fault = std::get_if<CallFault>(&decoded)) {
     refuse(call, *fault);
   } else {
@@ -143,7 +142,8 @@ void Requests::deliver() {
   auto request =
       std::make_shared<Request>(Request{*record.operation, std::exchange(record.arguments, {}), Connection(connection_),
                                         Reply(std::make_shared<Reply::State>(channel, number))});
-  globalQueue::async([handler = listener_->handler(), request = std::move(request), channel, number] {
+  // After the handlers of connections that were found to have ended before the request was read.
+  Hub::shared().endHandlers.runAfter([handler = listener_->handler(), request = std::move(request), channel, number] {
     (*handler)(std::move(*request));
     Hub::shared().loop.post([channel, number] { channel->requests()->handlerReturned(number); });
   });

@@ -30,8 +30,8 @@ class Requests final : private DeliveryGate::Waiter {
   ListenerCore& listener() { return *listener_; }
   const std::shared_ptr<Connection::State>& connection() const { return connection_; }
 
-  /// A method call came.
-  void receive(sd_bus_message* call, std::size_t bytes);
+  /// A method call came, with this descriptor if with any.
+  void receive(sd_bus_message* call, std::size_t bytes, FileDescriptor descriptor);
 
   void handlerReturned(std::uint64_t request);
   void reply(std::uint64_t request, const Value& value);

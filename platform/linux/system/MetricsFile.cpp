@@ -33,7 +33,7 @@ void publish() {
     const std::string reason = std::strerror(errno);
     // Statistics are worth one line, not one a second.
     if (!failed.exchange(true)) {
-      writeLog(3, "Kelvane", "reporting::publish", "Unable to write " + file + ": " + reason);
+      reportFailure("reporting::publish", "Unable to write " + file + ": " + reason);
     }
   }
 }

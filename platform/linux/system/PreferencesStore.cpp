@@ -29,7 +29,7 @@ constexpr propertyList::Bounds bounds = {limits::preferencesBytes, limits::prefe
                                          limits::preferencesBytes};
 
 void report(const std::string& text) {
-  reporting::writeLog(3, "Kelvane", "PreferencesStore::open", text);
+  reporting::reportFailure("PreferencesStore::open", text);
 }
 
 FileDescriptor openDirectory(int parent, const char* name) {

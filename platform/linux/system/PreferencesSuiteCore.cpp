@@ -88,8 +88,8 @@ PreferencesSuite::Outcome PreferencesSuiteCore::write(const Value::Dictionary& v
 /// A disk that keeps failing is worth one line, not one for every attempt.
 void PreferencesSuiteCore::report(const PreferencesSuite::Outcome& outcome) {
   if (!std::exchange(hasFailed_, outcome.has_value()) && outcome) {
-    reporting::writeLog(3, "Kelvane", "PreferencesSuite::whenDurable",
-                        "Unable to write the preferences " + name_ + ": " + *outcome);
+    reporting::reportFailure("PreferencesSuite::whenDurable",
+                             "Unable to write the preferences " + name_ + ": " + *outcome);
   }
 }
 

@@ -64,6 +64,11 @@ void installTerminationHandler(void (*handler)(int signal)) {
   action.sa_flags = SA_RESTART;
   sigemptyset(&action.sa_mask);
   sigaction(SIGTERM, &action, nullptr);
+  // Whoever started the process may have blocked it.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 void exitImmediately(int status) {

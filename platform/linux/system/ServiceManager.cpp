@@ -17,7 +17,7 @@ namespace kelvane::serviceManager {
 void notifyReady() {
   if (handlers::any()) {
     if (const std::optional<std::string> error = openControlSocket()) {
-      reporting::writeLog(3, "Kelvane", "serviceManager::notifyReady", "Unable to open the control socket: " + *error);
+      reporting::reportFailure("serviceManager::notifyReady", "Unable to open the control socket: " + *error);
     }
   }
   sd_notify(0, "READY=1");

@@ -55,7 +55,7 @@ void reportProblem(const std::string& problem) {
     reported = problem;
   }
   if (!problem.empty()) {
-    reporting::writeLog(3, "Kelvane", "VolumeLevels::current", problem + "; the defaults apply");
+    reporting::reportFailure("VolumeLevels::current", problem + "; the defaults apply");
   }
 }
 

@@ -53,7 +53,7 @@ int descriptorOf(libmnt_monitor* monitor) {
 }
 
 void reportFailure(const std::string& text) {
-  reporting::writeLog(3, "Kelvane", "VolumeMonitor", text);
+  reporting::reportFailure("VolumeMonitor", text);
 }
 
 }  // namespace

@@ -74,7 +74,8 @@ std::vector<std::string> lowOnSpace() {
   const VolumeLevels levels = VolumeLevels::current();
   std::vector<VolumeWatch::Sight> low;
   std::set<dev_t> seen;
-  for (const VolumeMount& mount : *KnownMounts::shared().current()) {
+  const KnownMounts::Mounts mounts = KnownMounts::shared().current();
+  for (const VolumeMount& mount : *mounts) {
     if (seen.contains(mount.device) || isSilent(mount)) {
       continue;
     }
@@ -95,11 +96,13 @@ std::vector<std::string> lowOnSpace() {
 std::uint64_t availableBytes(const std::string& path) {
   const runtime::BlockedScope blocked;
   const KnownMounts::Mounts known = KnownMounts::shared().current();
-  if (const VolumeMount* mount = find(*known, path); mount != nullptr && isSilent(*mount)) {
+  // Beneath a mount point that has been unmounted is another file system, whose space is of no interest.
+  const VolumeMount* mount = find(*known, path);
+  if (mount == nullptr || isSilent(*mount)) {
     return 0;
   }
-  struct statvfs status;
-  return statvfs(path.c_str(), &status) == 0 ? std::uint64_t{status.f_bavail} * status.f_frsize : 0;
+  const auto space = spaceOf(*mount);
+  return space ? space->available : 0;
 }
 
 }  // namespace kelvane::volumes

@@ -25,7 +25,14 @@ struct Supervision {
 void* superviseForever(void* argument) {
   const std::unique_ptr<const Supervision> supervision(static_cast<const Supervision*>(argument));
   while (true) {
-    supervision->queue.sync([] {});
+    const Semaphore passed(0);
+    supervision->queue.async([passed] { passed.signal(); });
+    if (!passed.wait(supervision->interval / 2)) {
+      reporting::reportFailure("superviseQueue", supervision->queue.label() +
+                                                     " is stuck, perhaps behind a service that does not answer its "
+                                                     "ping; the watchdog is not fed until it moves");
+      passed.wait();
+    }
     // Here and not on the queue, which a service manager that does not read must not hold up.
     serviceManager::notifyWatchdog();
     std::this_thread::sleep_for(supervision->interval);
@@ -45,7 +52,7 @@ void superviseQueue(const SerialQueue& queue) {
   if (runtime::startThread(superviseForever, supervision.get())) {
     supervision.release();
   } else {
-    reporting::writeLog(3, "Kelvane", "superviseQueue", "Unable to start the thread that feeds the watchdog");
+    reporting::reportFailure("superviseQueue", "Unable to start the thread that feeds the watchdog");
   }
 }
 

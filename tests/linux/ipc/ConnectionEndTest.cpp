@@ -5,9 +5,11 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
 #include <future>
 #include <memory>
 #include <set>
+#include <utility>
 
 #include "platform/Limits.h"
 #include "platform/MutableDictionary.h"
@@ -26,7 +28,7 @@ using testing::HasSubstr;
 namespace sample = test::sample;
 
 void expectNoMore(SampleCaller& caller) {
-  test::settleEventLoop();
+  test::settleEnds();
   EXPECT_EQ(caller.ends().size(), 0U);
   EXPECT_EQ(caller.outcomes().size(), 0U);
 }
@@ -270,23 +272,118 @@ TEST(AnUnlimitedConnection, TakesLongReplies) {
   EXPECT_EQ(reply->string()->size(), 3'000'000U);
 }
 
+/// A connection to a service that is nothing but a socket.
+class SilentService {
+ public:
+  SilentService() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+    socket_ = FileDescriptor(ends[1]);
+    connection_ =
+        ipc::Connection::toEndpoint(ipc::Endpoint(std::make_shared<ipc::Endpoint::State>(FileDescriptor(ends[0]))));
+  }
+
+  const ipc::Connection& connection() const { return *connection_; }
+  void die() { socket_ = FileDescriptor(); }
+
+ private:
+  FileDescriptor socket_;
+  std::optional<ipc::Connection> connection_;
+};
+
+/// A handler that goes on only when it is told to.
+class SlowHandler {
+ public:
+  ~SlowHandler() { finish(); }
+
+  std::function<void()> handler() {
+    return [begun = begun_, mayFinish = mayFinish_] {
+      begun->put(!ipc::EventLoop::shared().isCurrent());
+      mayFinish.wait();
+    };
+  }
+  /// Whether it runs, and where nothing else waits for it.
+  bool hasBegun() { return begun_->take() == true; }
+  void finish() {
+    if (!std::exchange(isFinished_, true)) {
+      finish_.set_value();
+    }
+  }
+
+ private:
+  const std::shared_ptr<test::Mailbox<bool>> begun_ = std::make_shared<test::Mailbox<bool>>();
+  std::promise<void> finish_;
+  const std::shared_future<void> mayFinish_ = finish_.get_future().share();
+  bool isFinished_ = false;
+};
+
+TEST(AHandlerOfAConnectionsEnd, HoldsUpOnlyTheRequestsThatAreReadLater) {
+  SampleListener listener;
+  listener.resume();
+  test::RawClient client(listener.path());
+  ASSERT_TRUE(client.send("ping"));
+  ASSERT_TRUE(listener.take());
+  SlowHandler slow;
+  SilentService service;
+  service.connection().setInterruptionHandler(slow.handler());
+  service.connection().resume();
+  service.die();
+  ASSERT_TRUE(slow.hasBegun());
+  EXPECT_EQ(client.callAt("/", "org.freedesktop.DBus.Peer", "Ping").error, "");
+  ASSERT_TRUE(client.send("ping"));
+  EXPECT_EQ(client.callAt("/", "org.freedesktop.DBus.Peer", "Ping").error, "");
+  EXPECT_EQ(listener.requests().size(), 0U);
+  slow.finish();
+  EXPECT_TRUE(listener.take());
+}
+
+TEST(AHandlerOfAConnectionsEnd, HasRunBeforeTheCallsFail) {
+  test::Mailbox<std::string> errors;
+  SlowHandler slow;
+  SilentService service;
+  service.connection().setInterruptionHandler(slow.handler());
+  service.connection().setRemoteInterface(sample::interface);
+  service.connection()
+      .remoteProxy([&errors](const std::optional<ipc::CallError>& error) { errors.put(error->text); })
+      .call(sample::ping, {}, nullptr);
+  service.connection().resume();
+  test::settleEventLoop();
+  service.die();
+  ASSERT_TRUE(slow.hasBegun());
+  test::settleEventLoop();
+  EXPECT_EQ(errors.size(), 0U);
+  slow.finish();
+  EXPECT_TRUE(errors.take());
+}
+
+TEST(AHandlerOfAConnectionsEnd, OfAListenerHoldsUpNoAnswers) {
+  SampleListener listener;
+  SlowHandler slow;
+  listener.listener().setDisconnectHandler([handler = slow.handler()](const ipc::Connection&) { handler(); });
+  listener.resume();
+  test::RawClient client(listener.path());
+  ASSERT_TRUE(client.send("ping"));
+  const auto request = listener.take();
+  test::RawClient(listener.path()).call("nothing");
+  ASSERT_TRUE(slow.hasBegun());
+  request->reply.send();
+  EXPECT_NE(client.nextReply(), 0U);
+}
+
 TEST(AServiceThatRestarts, IsKnownToHaveDiedBeforeItsNextRequestIsDelivered) {
   test::Mailbox<std::string> events;
   SampleListener listener([&events](const ipc::Request&) { events.put("request"); });
   listener.resume();
   test::RawClient client(listener.path());
   for (int round = 0; round < 50; ++round) {
-    int ends[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-    const ipc::Endpoint endpoint(std::make_shared<ipc::Endpoint::State>(FileDescriptor(ends[0])));
-    const auto connection = ipc::Connection::toEndpoint(endpoint);
-    connection.setInterruptionHandler([&events] { events.put("death"); });
-    connection.resume();
+    SilentService service;
+    service.connection().setInterruptionHandler([&events] { events.put("death"); });
+    service.connection().resume();
     test::settleEventLoop();
     // The loop finds both at once.
     std::promise<void> both;
     ipc::EventLoop::shared().post([&both] { both.get_future().wait(); });
-    close(ends[1]);
+    service.die();
     ASSERT_TRUE(client.send("ping", test::RawClient::nothing, false));
     both.set_value();
     EXPECT_EQ(events.take(), "death");

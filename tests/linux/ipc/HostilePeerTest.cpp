@@ -310,20 +310,37 @@ TEST_F(AHostilePeer, MaySendADescriptorTogetherWithTheEndOfTheHandshake) {
   }
 }
 
-// Last, for this user can send no descriptors after it.
-TEST_F(AHostilePeer, CannotSendDescriptorsWhenItHasHadManyLost) {
-  ipc::EventLoop::shared().post([] {
-    while (ipc::Hub::shared().quota.mayLoseDescriptor(getuid())) {
-      ipc::Hub::shared().quota.loseDescriptor(getuid());
-    }
-  });
+TEST_F(AHostilePeer, LeavesNoDescriptorHoweverOftenItsMessageIsNotDelivered) {
+  const auto callWithDescriptor = [](const std::string& member, std::uint32_t serial) {
+    std::string fields;
+    addField(fields, 1, 'o', "/com/example/Sample");
+    addField(fields, 3, 's', member);
+    pad(fields, 8);
+    fields += std::string("\x09\1u\0", 4);
+    addNumber(fields, 1);
+    return messageOf(methodCall, fields, serial);
+  };
   ASSERT_EQ(RawClient(listener.path()).call("ping").error, "");
   ASSERT_TRUE(ended.take());
   const std::size_t before = openDescriptors();
+  // No number, no count of descriptors, no such member, no such argument.
+  for (const std::string& message :
+       {callWithDescriptor("attach", 0), ping(), callWithDescriptor("nothing", 1), callWithDescriptor("attach", 1)}) {
+    for (int round = 0; round < 50; ++round) {
+      RawSocket socket = connected();
+      ASSERT_TRUE(socket.writeWith(message, 1));
+      // Neither that it is answered nor that it is not.
+      socket.write(ping(2));
+      socket.read();
+    }
+  }
+  for (int connection = 0; connection < 200; ++connection) {
+    ASSERT_TRUE(ended.take());
+  }
+  EXPECT_TRUE(test::eventually([before] { return openDescriptors() <= before; }));
   RawSocket socket = connected();
-  ASSERT_TRUE(socket.writeWith(ping(), 1));
-  EXPECT_TRUE(socket.isEnded());
-  EXPECT_TRUE(test::eventually([before] { return openDescriptors() <= before + 1; }));
+  ASSERT_TRUE(socket.writeWith(callWithDescriptor("nothing", 1), 1));
+  EXPECT_THAT(socket.read(), HasSubstr("UnknownMethod"));
 }
 
 /// A service at the other end of an endpoint.

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <future>
 
-#include "platform/linux/ipc/EventLoop.h"
+#include "platform/linux/ipc/Hub.h"
 #include "platform/linux/ipc/PrivateSockets.h"
 
 namespace kelvane::test {
@@ -32,6 +32,13 @@ void settleEventLoop() {
   }
 }
 
+void settleEnds() {
+  settleEventLoop();
+  std::promise<void> done;
+  ipc::Hub::shared().endHandlers.run([&done] { done.set_value(); });
+  done.get_future().wait();
+}
+
 SampleListener::SampleListener()
     : listener_(ipc::listenAt(path_, 0600, sample::interface,
                               [requests = requests_](ipc::Request request) { requests->put(std::move(request)); })) {}
@@ -42,7 +49,7 @@ SampleListener::SampleListener(ipc::RequestHandler handler)
 SampleListener::~SampleListener() {
   drop();
   // Handlers may refer to what goes next.
-  settleEventLoop();
+  settleEnds();
 }
 
 void SampleListener::resume() {

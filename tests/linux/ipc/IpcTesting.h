@@ -62,6 +62,8 @@ class Mailbox {
 
 /// Waits until everything that the event loop was given before has been done.
 void settleEventLoop();
+/// As settleEventLoop(), and until the handlers of the ends that were found have run.
+void settleEnds();
 
 /// A listener of the sample interface at a socket in a directory of its own, which puts its requests aside
 /// or gives them to a handler.

@@ -7,9 +7,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <vector>
 
 #include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/system/Paths.h"
 #include "tests/linux/ipc/IpcTesting.h"
 #include "tests/linux/ipc/RawClient.h"
 
@@ -101,6 +103,14 @@ TEST(APassedSocket, IsServedForAnyServiceWhenItIsAlone) {
   const FileDescriptor socket = listeningSocket(directory.path("socket"));
   const ActivatedServer server({socket.get()}, "any", "named com.example.one");
   EXPECT_EQ(servedName(directory.path("socket")), "com.example.one");
+}
+
+TEST(APassedSocket, IsNoServicesWhenItIsTheControlSocket) {
+  std::filesystem::create_directories(paths::runtimeDirectory);
+  const FileDescriptor socket = listeningSocket(paths::controlSocket);
+  const ActivatedServer server({socket.get()}, "any", std::string("named com.example.one at ") + paths::controlSocket);
+  EXPECT_EQ(servedName(paths::controlSocket), paths::controlSocket);
+  EXPECT_EQ(servedName("/run/kelvane/ipc/com.example.one"), "com.example.one");
 }
 
 }  // namespace

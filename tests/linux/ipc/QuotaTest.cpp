@@ -37,15 +37,6 @@ TEST(AQuota, KeepsSomeConnectionsForTheSuperuser) {
   EXPECT_FALSE(quota.addConnection(0));
 }
 
-TEST(AQuota, LimitsTheDescriptorsThatAreLostToEachUser) {
-  ipc::Quota quota({.lostDescriptorsPerUser = 2});
-  quota.loseDescriptor(1);
-  EXPECT_TRUE(quota.mayLoseDescriptor(1));
-  quota.loseDescriptor(1);
-  EXPECT_FALSE(quota.mayLoseDescriptor(1));
-  EXPECT_TRUE(quota.mayLoseDescriptor(2));
-}
-
 TEST(AQuota, LimitsTheBytesHeldForEachUser) {
   ipc::Quota quota({.heldBytesPerUser = 100, .unsentBytesPerUser = 50});
   EXPECT_TRUE(quota.hold(1, 60));

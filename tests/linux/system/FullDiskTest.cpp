@@ -1,63 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 // Preferences on a file system without a free block.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/loop.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 
 #include "platform/Limits.h"
 #include "platform/linux/system/PreferencesStore.h"
 #include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/LoopDisk.h"
 
 namespace kelvane {
 namespace {
 
 const std::string disk = "/mnt/disk";
 
-/// Mounts a small ext4 on a loop device; false where the system has no loop devices or no mkfs.
-bool mountExt4() {
-  const std::string image = "/mnt/disk.image";
-  test::writeFile(image, "");
-  std::filesystem::resize_file(image, 32 << 20);
-  const FileDescriptor control(open("/dev/loop-control", O_RDWR | O_CLOEXEC));
-  const FileDescriptor file(open(image.c_str(), O_RDWR | O_CLOEXEC));
-  if (std::system(("mkfs.ext4 -q -m 0 " + image + " 2>/dev/null").c_str()) != 0 || !control) {
-    return false;
-  }
-  loop_config configuration = {};
-  configuration.fd = static_cast<unsigned>(file.get());
-  configuration.info.lo_flags = LO_FLAGS_AUTOCLEAR;
-  for (int attempt = 0; attempt < 20; ++attempt) {  // Another process may take the free device first.
-    const std::string device = "/dev/loop" + std::to_string(ioctl(control.get(), LOOP_CTL_GET_FREE));
-    const FileDescriptor loop(open(device.c_str(), O_RDWR | O_CLOEXEC));
-    if (loop && ioctl(loop.get(), LOOP_CONFIGURE, &configuration) == 0) {
-      std::filesystem::create_directories(disk);
-      return mount(device.c_str(), disk.c_str(), "ext4", 0, nullptr) == 0;
-    }
-  }
-  return false;
-}
+const std::string filling = "filler";
 
 /// Takes every block there is.
 void fill() {
-  const FileDescriptor file(open((disk + "/filler").c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-  ASSERT_TRUE(file);
-  std::string block(1 << 20, 'x');
-  while (!block.empty()) {
-    const ssize_t count = write(file.get(), block.data(), block.size());
-    if (count < static_cast<ssize_t>(block.size())) {
-      block.resize(block.size() / 2);
-    }
-  }
-  static_cast<void>(fsync(file.get()));
+  test::fillDisk(disk, filling);
   struct statvfs status;
   ASSERT_EQ(statvfs(disk.c_str(), &status), 0);
   ASSERT_EQ(status.f_bavail, 0u);
@@ -67,7 +34,8 @@ void fill() {
 class AFullDisk : public testing::Test {
  protected:
   AFullDisk() {
-    if (!test::isTrulyRoot() || !mountExt4()) {
+    const std::string image = "/mnt/disk.image";
+    if (!test::isTrulyRoot() || !test::makeDisk(image, 32 << 20) || !test::mountDisk(image, disk)) {
       test::mountTmpfs(disk, "size=8m");
     }
   }
@@ -110,7 +78,7 @@ TEST_F(AFullDisk, LosesNothingWhenItRefusesMore) {
   store = openStore();
   ASSERT_TRUE(store);
   EXPECT_EQ(store->contents(), dictionary(1000, 'a'));
-  std::filesystem::remove(disk + "/filler");
+  std::filesystem::remove(disk + "/" + filling);
   EXPECT_EQ(store->write(dictionary(more, 'b')), std::nullopt) << "with space again it goes on";
 }
 
@@ -128,7 +96,7 @@ TEST_F(AFullDisk, HasNoRoomForANewStore) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(openStore(), nullptr);
   EXPECT_NE(testing::internal::GetCapturedStderr().find("No space left on device"), std::string::npos);
-  std::filesystem::remove(disk + "/filler");
+  std::filesystem::remove(disk + "/" + filling);
   EXPECT_NE(openStore(), nullptr) << "nothing half made is in the way";
 }
 

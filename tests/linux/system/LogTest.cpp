@@ -54,6 +54,14 @@ TEST(TheLog, IsALineOfStandardErrorWithoutAJournal) {
   EXPECT_EQ(line, std::string(program_invocation_short_name) + "[" + std::to_string(getpid()) + "]: It\\nfailed\n");
 }
 
+TEST(TheLog, HasFailuresOfThePlatformOnlyIfItIsToHaveThem) {
+  const auto fail = [] { reporting::reportFailure("function", "It failed"); };
+  EXPECT_THAT(standardErrorOf(fail), HasSubstr("It failed"));
+  reporting::failuresAreLogged = false;
+  EXPECT_EQ(standardErrorOf(fail), "");
+  reporting::failuresAreLogged = true;
+}
+
 TEST(TheLog, KeepsLinesOfSeveralThreadsApart) {
   const std::string text(300, 'x');
   const std::string log = standardErrorOf([&text] {

@@ -24,6 +24,7 @@
 namespace kelvane {
 namespace {
 
+using testing::HasSubstr;
 using testing::MatchesRegex;
 
 /// A service manager that listens.
@@ -72,9 +73,11 @@ TEST_F(TheServiceManager, WatchesAQueue) {
     released.wait();
   });
   entered.wait();
+  testing::internal::CaptureStderr();
   while (!socket_.receive(0).empty()) {
   }
   EXPECT_EQ(socket_.receive(500), "") << "the queue is stuck, yet the watchdog was fed";
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr("watched is stuck"));
   released.signal();
   EXPECT_EQ(socket_.receive(), "WATCHDOG=1");
   unsetenv("WATCHDOG_USEC");
@@ -202,6 +205,20 @@ TEST(ATerminationDeathTest, CallsTheHandlerWhichEndsTheProcess) {
   EXPECT_EXIT(
       {
         installTerminationHandler([](int signal) { exitImmediately(signal == SIGTERM ? 0 : 1); });
+        raise(SIGTERM);
+        _exit(2);
+      },
+      testing::ExitedWithCode(0), "");
+}
+
+TEST(ATerminationDeathTest, ComesThoughTheSignalWasBlocked) {
+  EXPECT_EXIT(
+      {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        installTerminationHandler([](int) { exitImmediately(0); });
         raise(SIGTERM);
         _exit(2);
       },

@@ -8,8 +8,10 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include "platform/linux/system/Paths.h"
 #include "tests/linux/system/PrivateNamespace.h"
@@ -117,6 +119,34 @@ TEST_F(MountedVolumes, CountAsTheTopmostMountSaysSo) {
   EXPECT_THAT(volumes::local(), Not(Contains("/mnt/a")));
   ASSERT_EQ(umount("/mnt/a"), 0);
   EXPECT_TRUE(volumes::isUsable("/mnt/a"));
+}
+
+TEST_F(MountedVolumes, HaveNothingAvailableOnceTheyAreGone) {
+  test::mountTmpfs("/mnt/b", "size=1m");
+  EXPECT_GT(volumes::availableBytes("/mnt/b"), 0u);
+  ASSERT_EQ(umount("/mnt/b"), 0);
+  EXPECT_EQ(volumes::availableBytes("/mnt/b"), 0u) << "though there is room beneath";
+}
+
+TEST_F(MountedVolumes, MayComeAndGoWhileTheyAreLookedAt) {
+  std::atomic<bool> isOver = false;
+  std::thread relief([&isOver] {
+    while (!isOver) {
+      EXPECT_THAT(volumes::lowOnSpace(), Not(Contains("/mnt/b")));
+    }
+  });
+  std::thread other([&isOver] {
+    while (!isOver) {
+      EXPECT_EQ(volumes::availableBytes("/mnt/missing/"), 0u);
+    }
+  });
+  for (int count = 0; count < 100; ++count) {
+    test::mountTmpfs("/mnt/b", "size=65m");
+    EXPECT_EQ(umount2("/mnt/b", MNT_DETACH), 0);
+  }
+  isOver = true;
+  relief.join();
+  other.join();
 }
 
 TEST_F(MountedVolumes, TellWhatIsAvailableToUnprivilegedUsers) {
