@@ -3,11 +3,12 @@
 //
 //   system_many_services DIRECTORY
 //
-// Every file in DIRECTORY is a service's, which has its name and deletes it when asked for space.
+// Every file in DIRECTORY is a service's, which has its name, offers its space and deletes it when asked for that.
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -24,13 +25,20 @@ class OneFile : public kelvane::KelvaneService {
       : KelvaneService({.identifier = std::filesystem::path(path).filename()}), path_(std::move(path)) {}
 
  protected:
+  std::optional<std::uint64_t> purgeable(const kelvane::SpaceRequest&, const kelvane::Cancellation&) override {
+    return size();
+  }
   std::uint64_t purge(const kelvane::SpaceRequest&, const kelvane::Cancellation&) override {
-    struct stat status = {};
-    const bool isGone = stat(path_.c_str(), &status) == 0 && std::remove(path_.c_str()) == 0;
-    return isGone ? static_cast<std::uint64_t>(status.st_blocks) * 512 : 0;
+    const std::uint64_t bytes = size();
+    return std::remove(path_.c_str()) == 0 ? bytes : 0;
   }
 
  private:
+  std::uint64_t size() const {
+    struct stat status = {};
+    return stat(path_.c_str(), &status) == 0 ? static_cast<std::uint64_t>(status.st_blocks) * 512 : 0;
+  }
+
   const std::string path_;
 };
 
