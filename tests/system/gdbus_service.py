@@ -15,25 +15,10 @@ import sys
 
 from gi.repository import Gio, GLib
 
-INTERFACE = Gio.DBusNodeInfo.new_for_xml("""
-<node>
-  <interface name="com.tessaly.KelvaneServiceProtocol">
-    <method name="servicePurgeable">
-      <arg type="i" direction="in"/><arg type="a{sv}" direction="in"/><arg type="v" direction="out"/>
-    </method>
-    <method name="servicePurge">
-      <arg type="i" direction="in"/><arg type="a{sv}" direction="in"/><arg type="v" direction="out"/>
-    </method>
-    <method name="servicePeriodic">
-      <arg type="i" direction="in"/><arg type="a{sv}" direction="in"/><arg type="v" direction="out"/>
-    </method>
-    <method name="serviceCancelPurge"/>
-    <method name="servicePing"/>
-    <method name="serviceNotify"><arg type="a{sv}" direction="in"/></method>
-    <method name="serviceCallback"><arg type="a{sv}" direction="in"/><arg type="v" direction="out"/></method>
-  </interface>
-</node>
-""").interfaces[0]
+# As installed; GLib refuses calls that are not as it says.
+INTERFACES = pathlib.Path(__file__).resolve().parents[2] / "packaging/interfaces"
+INTERFACE = Gio.DBusNodeInfo.new_for_xml(
+    (INTERFACES / "com.tessaly.KelvaneServiceProtocol.xml").read_text()).interfaces[0]
 
 
 def tell(*event):
@@ -65,7 +50,8 @@ class Service:
         descriptors = Gio.UnixFDList.new()
         number = descriptors.append(theirs.fileno())
         theirs.close()
-        info = {"PURGE": GLib.Variant("b", True)}
+        info = {"PURGE": GLib.Variant("b", True),
+                "KELVANE_NOTIFICATIONS": GLib.Variant("as", ["KELVANE_CACHE_ENABLED"])}
         daemon.call_with_unix_fd_list(
             None, "/com/tessaly/Kelvane", "com.tessaly.KelvaneClientProtocol", "clientCheckin",
             GLib.Variant("(sha{sv})", (self.identifier, number, info)), GLib.VariantType.new("(v)"),

@@ -6,6 +6,7 @@ import pathlib
 import subprocess
 import tempfile
 import unittest
+import xml.etree.ElementTree
 
 BUILD = pathlib.Path(os.environ["KELVANE_BUILD"])
 
@@ -74,6 +75,13 @@ class Installation(unittest.TestCase):
             # Other units that these refer to are not in this root.
             result = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", f"--root={self.root}", unit)
             self.assertEqual((0, ""), (result.returncode, result.stderr), unit.name)
+
+    def test_has_the_interfaces_where_tools_look_for_them(self):
+        for name in ("KelvaneClientProtocol", "KelvaneServiceProtocol", "KelvanePlatform"):
+            path = self.installed(f"com.tessaly.{name}.xml")
+            self.assertEqual(("share", "dbus-1", "interfaces"), path.parent.parts[-3:])
+            root = xml.etree.ElementTree.parse(path).getroot()
+            self.assertEqual([f"com.tessaly.{name}"], [interface.get("name") for interface in root.iter("interface")])
 
     def unit(self, name):
         """The settings of a unit, as "Name=value"."""
