@@ -1,12 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// Answers calls with what they brought: peer to peer, with a hop to another thread and back, or through a broker.
+// Answers calls, with what they brought for instance: peer to peer, with a hop to another thread and back, or through a
+// broker.
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <condition_variable>
 #include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
@@ -17,12 +20,30 @@ namespace kelvane::bench {
 
 namespace {
 
-/// Answers with nothing when the caller wants nothing, else with the call's contents.
+/// What asks for an answer of a given length: this and the number of its entries.
+constexpr std::string_view entriesMember = "entries";
+
+/// As many entries as a query's answer has that knows of so many services.
+void appendEntries(sd_bus_message* answer, int count) {
+  must(sd_bus_message_open_container(answer, 'v', "a{sv}"), "an answer");
+  must(sd_bus_message_open_container(answer, 'a', "{sv}"), "an answer");
+  for (int number = 0; number < count; ++number) {
+    const std::string key = "com.example.bench." + std::to_string(number);
+    must(sd_bus_message_append(answer, "{sv}", key.c_str(), "t", std::uint64_t{65536}), "an answer");
+  }
+  must(sd_bus_message_close_container(answer), "an answer");
+  must(sd_bus_message_close_container(answer), "an answer");
+}
+
+/// Answers with what the member asks for: the call's contents, entries, or else nothing.
 void answer(BareServer& server, sd_bus_message* call) {
   sd_bus_message* made = nullptr;
   must(sd_bus_message_new_method_return(call, &made), "an answer");
-  if (std::string_view(sd_bus_message_get_member(call)) == "Echo") {
+  const std::string_view member = sd_bus_message_get_member(call);
+  if (member == "Echo") {
     must(sd_bus_message_copy(made, call, 1), "a copy");
+  } else if (member.starts_with(entriesMember)) {
+    appendEntries(made, std::atoi(member.data() + entriesMember.size()));
   }
   server.send(made);
 }

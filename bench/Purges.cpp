@@ -5,9 +5,8 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <thread>
-#include <vector>
 
-#include "bench/BareServer.h"
+#include "bench/ServiceCalls.h"
 
 namespace kelvane::bench {
 
@@ -35,14 +34,10 @@ struct Plan {
 class Purges {
  public:
   explicit Purges(const Plan& plan)
-      : plan_(plan), amount_(plan.services * plan.pages * pageBytes), daemon_(connectTo(plan.daemonSocket)) {
-    for (std::size_t number = 0; number < plan.services; ++number) {
-      Bus bus = connectTo(plan.bareSocket);
-      bare_.push_back(bus.get());
-      caller_.add(std::move(bus));
-    }
-    control_ = connectTo(plan.bareSocket);
-  }
+      : plan_(plan),
+        amount_(plan.services * plan.pages * pageBytes),
+        daemon_(connectTo(plan.daemonSocket)),
+        services_(plan.bareSocket, plan.services) {}
 
   nlohmann::json run() {
     nlohmann::json calls = nlohmann::json::array();
@@ -76,11 +71,11 @@ class Purges {
   };
 
   Round runRound() {
-    refill();
+    services_.refill();
     const std::uint64_t begin = nanosecondsNow();
     const std::uint64_t purged = purge();
     const std::uint64_t purgeTime = nanosecondsNow() - begin;
-    const std::uint64_t calls = refill();
+    const std::uint64_t calls = services_.refill();
     const double share = static_cast<double>(purged) / static_cast<double>(amount_);
     if (purged < amount_) {
       awaitStragglers();
@@ -95,13 +90,18 @@ class Purges {
   void awaitStragglers() {
     do {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    } while (refill() != 0);
+    } while (services_.refill() != 0);
   }
 
+  /// Asks the services for the same amount by this many calls.
   std::uint64_t runBare(std::uint64_t calls) {
-    const std::uint64_t begin = nanosecondsNow();
-    callServices(calls);
-    return nanosecondsNow() - begin;
+    return services_.run("servicePurge", calls, [&](sd_bus_message* call) {
+      must(
+          sd_bus_message_append(call, "ia{sv}", 1, 5, "KELVANE_AMOUNT", "t", amount_ / calls, "KELVANE_FREESPACE_BEGIN",
+                                "t", std::uint64_t{1} << 30, "KELVANE_PURGE_TIMEOUT", "t", passSeconds,
+                                "KELVANE_URGENCY", "x", std::int64_t{1}, "KELVANE_VOLUME", "s", plan_.volume.c_str()),
+          "a bare call");
+    });
   }
 
   /// Bytes that the volume gained, as the daemon says.
@@ -139,48 +139,10 @@ class Purges {
     return amount;
   }
 
-  /// Asks the services for the same amount by this many calls, all sent before an answer is looked at.
-  void callServices(std::uint64_t calls) {
-    answers_ = 0;
-    for (std::uint64_t number = 0; number < calls; ++number) {
-      sd_bus* const bus = bare_[number % bare_.size()];
-      must(sd_bus_call_method_async(bus, nullptr, nullptr, servicePath, serviceInterface, "servicePurge", countAnswer,
-                                    this, "ia{sv}", 1, 5, "KELVANE_AMOUNT", "t", amount_ / calls,
-                                    "KELVANE_FREESPACE_BEGIN", "t", std::uint64_t{1} << 30, "KELVANE_PURGE_TIMEOUT",
-                                    "t", passSeconds, "KELVANE_URGENCY", "x", std::int64_t{1}, "KELVANE_VOLUME", "s",
-                                    plan_.volume.c_str()),
-           "a bare call");
-    }
-    while (answers_ < calls) {
-      caller_.turn(true);
-    }
-  }
-
-  static int countAnswer(sd_bus_message* answer, void* purges, sd_bus_error*) {
-    must(-sd_bus_message_get_errno(answer), "a bare call");
-    ++static_cast<Purges*>(purges)->answers_;
-    return 1;
-  }
-
-  /// Gives the services everything back, and returns how many purges they have answered since the last time.
-  std::uint64_t refill() {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
-    sd_bus_message* answer = nullptr;
-    std::uint64_t calls = 0;
-    must(sd_bus_call_method(control_.get(), nullptr, servicePath, serviceInterface, "Refill", &error, &answer, ""),
-         "a refill");
-    must(sd_bus_message_read(answer, "t", &calls), "a refill");
-    sd_bus_message_unref(answer);
-    return calls;
-  }
-
   const Plan plan_;
   const std::uint64_t amount_;
   const Bus daemon_;
-  Bus control_;
-  BareServer caller_{[](std::size_t, sd_bus_message*) {}};
-  std::vector<sd_bus*> bare_;
-  std::uint64_t answers_ = 0;
+  ServiceCalls services_;
 };
 
 }  // namespace

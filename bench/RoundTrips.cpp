@@ -21,7 +21,7 @@ struct Contender {
   Bus bus;
   /// Connections that are open beside it while it is called.
   std::size_t idle = 0;
-  std::string path;
+  std::string path = {};
   std::vector<std::uint64_t> times = {};
   /// The median of each block.
   std::vector<std::uint64_t> medians = {};
@@ -38,7 +38,8 @@ std::uint64_t quantile(std::vector<std::uint64_t> times, double share) {
   return times.at(static_cast<std::size_t>(static_cast<double>(times.size() - 1) * share));
 }
 
-/// The call that every contender gets. It names no purge, so the daemon has nothing to do but to answer.
+/// The call that every contender gets. It names no purge, so the daemon has nothing to cancel, and a volume, which it
+/// can be asked about.
 Message makeCall(const Contender& contender) {
   sd_bus_message* made = nullptr;
   must(sd_bus_message_new_method_call(contender.bus.get(), &made, contender.destination, daemonPath, daemonInterface,
@@ -47,7 +48,7 @@ Message makeCall(const Contender& contender) {
   Message call(made);
   must(sd_bus_message_append(made, "a{sv}", 4, "KELVANE_AMOUNT", "t", std::uint64_t{1} << 30, "KELVANE_TOKEN", "s",
                              "b1f7f5a2-3c55-4f7e-9a55-0d9c5f1f0c77", "KELVANE_URGENCY", "x", std::int64_t{3},
-                             "KELVANE_VOLUME", "s", "/volumes/data"),
+                             "KELVANE_VOLUME", "s", "/volumes/bench"),
        "a call");
   return call;
 }
@@ -101,7 +102,16 @@ nlohmann::json report(const Plan& plan) {
   return result;
 }
 
-/// NAME,KIND,SOCKET[,IDLE]: KIND is call (an answer of nothing), echo, brokered-call or brokered-echo.
+/// The member of a kind of call; empty when there is no such kind.
+std::string memberOf(const std::string& kind) {
+  static const std::map<std::string, std::string> members = {
+      {"call", "clientCancelPurge"}, {"query", "clientPurgeableSpace"}, {"echo", "Echo"}};
+  const auto found = members.find(kind);
+  return found != members.end() ? found->second : kind.starts_with("entries") ? kind : "";
+}
+
+/// NAME,KIND,SOCKET[,IDLE]: KIND is call (an answer of nothing), query, echo, or entriesN (an answer of so many), and
+/// "brokered-" before it when the socket is a broker's.
 bool addContender(Plan& plan, std::string text) {
   std::vector<std::string> fields;
   for (std::size_t end = 0; end != std::string::npos;) {
@@ -112,9 +122,14 @@ bool addContender(Plan& plan, std::string text) {
   if (fields.size() < 3) {
     return false;
   }
-  const bool isBroker = fields[1].starts_with("brokered-");
+  const std::string brokered = "brokered-";
+  const bool isBroker = fields[1].starts_with(brokered);
+  const std::string member = memberOf(isBroker ? fields[1].substr(brokered.size()) : fields[1]);
+  if (member.empty()) {
+    return false;
+  }
   Contender contender{.name = fields[0],
-                      .member = fields[1].ends_with("echo") ? "Echo" : "clientCancelPurge",
+                      .member = member,
                       .destination = isBroker ? brokeredName : nullptr,
                       .bus = connectTo(fields[2], isBroker),
                       .path = fields[2]};

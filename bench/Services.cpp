@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Many services in one process, each with a file that it shortens when it is asked for space.
+// Many services in one process, each with a file that it shortens when it is told to free space.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -15,6 +15,8 @@ namespace kelvane::bench {
 namespace {
 
 constexpr std::uint64_t pageBytes = 4096;
+/// What each says it could free.
+constexpr std::uint64_t purgeableBytes = 65536;
 /// The daemon reads no further while more are unanswered.
 constexpr std::size_t checkinsAtOnce = 32;
 
@@ -110,10 +112,13 @@ class Services {
       const std::size_t number = connection < count_ ? connection : connection - count_ - 1;
       const std::uint64_t freed = caches_[number % count_].free(amountOf(call));
       must(sd_bus_message_append(made, "v", "a{sv}", 1, "KELVANE_AMOUNT", "t", freed), "an answer");
-      ++calls_;
+      ++requests_;
+    } else if (member == "servicePurgeable") {
+      must(sd_bus_message_append(made, "v", "a{sv}", 1, "KELVANE_AMOUNT", "t", purgeableBytes), "an answer");
+      ++requests_;
     } else if (member == "Refill") {
-      must(sd_bus_message_append(made, "t", calls_), "an answer");
-      calls_ = 0;
+      must(sd_bus_message_append(made, "t", requests_), "an answer");
+      requests_ = 0;
       for (Cache& cache : caches_) {
         cache.fill();
       }
@@ -145,8 +150,8 @@ class Services {
   std::deque<int> endpoints_;
   std::size_t begun_ = 0;
   std::size_t checkedIn_ = 0;
-  /// Purges answered since the last refill.
-  std::uint64_t calls_ = 0;
+  /// Purges and queries answered since the last refill.
+  std::uint64_t requests_ = 0;
 };
 
 }  // namespace

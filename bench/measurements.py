@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # What is measured, and the figures that come of it. Each function takes a Plan and adds rows to a Report.
 
+import contextlib
 import dataclasses
 import pathlib
 import statistics
@@ -9,6 +10,8 @@ import time
 import world
 from report import Aim
 
+# How long a query sleeps before it looks again whether all have answered.
+TICK_NANOSECONDS = 10e6
 # Idle threads of the daemon end after 3 s.
 SETTLE_SECONDS = 5
 
@@ -145,6 +148,133 @@ def purges(plan, report):
                    Aim("ratio rises by a tenth at most", growth["ratio"] <= 1.1), growth)
 
 
+def warm_queries(plan, report):
+    for placement, caller, server in plan.placements():
+        report.section(f"A query answered from the record, {placement}",
+                       ["p50", "p99", "to a broker", "to a broker, as long"])
+        for count, blocks, calls in plan.amount(((10, 60, 100), (100, 30, 30), (1000, 10, 10)), ((10, 2, 5),)):
+            with world.Daemon(plan.build, server) as daemon, world.Services(plan.build, count, caller) as services, \
+                    world.Broker(server) as broker, world.Echo(plan.build, "broker", broker.socket, server):
+                cold_query_rounds(plan, daemon, services, count, 0, caller)
+                results = world.measure([
+                    plan.build / "bench/bench-round-trips", blocks, calls,
+                    f"echo,brokered-echo,{broker.socket}", f"long,brokered-entries{count + 2},{broker.socket}",
+                    f"query,query,{world.DAEMON_SOCKET}"], caller)
+            if count == 10:
+                report.row(f"warm_queries.{placement}.echo", "through dbus-daemon, answered with the message",
+                           [report.duration(results["echo"]["p50_ns"]), report.duration(results["echo"]["p99_ns"])],
+                           None, {name: results["echo"][name] for name in ("p50_ns", "p99_ns")})
+            query = results["query"]
+            figures = [ratio(query, results[other]) for other in ("echo", "long")]
+            aim = Aim("at most the echo through a broker", figures[0] <= 1) if count == 10 else None
+            report.row(f"warm_queries.{placement}.{count}", f"{count:,} services",
+                       [report.duration(query["p50_ns"]), report.duration(query["p99_ns"]),
+                        *(f"{figure:.2f}" for figure in figures)], aim,
+                       {"p50_ns": query["p50_ns"], "p99_ns": query["p99_ns"], "to_broker_echo": figures[0],
+                        "to_broker_echo_as_long": figures[1]})
+
+
+def cold_query_rounds(plan, daemon, services, count, rounds, caller):
+    """Leaves the record warm."""
+    return world.measure([plan.build / "bench/bench-queries", count, rounds, world.VOLUME, daemon.process.pid,
+                          world.DAEMON_SOCKET, services.socket], caller)
+
+
+def cold_queries(plan, report):
+    for placement, caller, server in plan.placements():
+        report.section(f"A query that has to ask everybody, {placement}",
+                       ["query", "bare calls", "ratio but for a tick", "without the record", "daemon, a service",
+                        "of it the record", "incomplete"])
+        growing = {}
+        for count, rounds in plan.amount(((10, 60), (100, 40), (1000, 12)), ((2, 2), (10, 2))):
+            results = {}
+            for name, preferences in (("with", contextlib.nullcontext()), ("without", world.no_preferences())):
+                with preferences, world.Daemon(plan.build, server) as daemon, \
+                        world.Services(plan.build, count, caller) as services:
+                    results[name] = cold_query_rounds(plan, daemon, services, count, rounds, caller)
+                if not results[name]["query_ns"]:
+                    raise RuntimeError("no query asked everybody")
+            result = results["with"]
+            ratios = {name: ratio_but_for_a_tick(measured) for name, measured in results.items()}
+            # Time on a processor, as most of a query is sleep.
+            each = {name: statistics.median(measured["daemon_ns"]) / count for name, measured in results.items()}
+            growing[count] = median_quotient(results["without"]["daemon_ns"], results["without"]["bare_ns"])
+            report.row(f"cold_queries.{placement}.{count}", f"{count:,} services",
+                       [report.duration(statistics.median(result["query_ns"])),
+                        report.duration(statistics.median(result["bare_ns"])), f"{ratios['with']:.2f}",
+                        f"{ratios['without']:.2f}", report.duration(each["with"]),
+                        report.duration(max(each["with"] - each["without"], 0)), str(result["incomplete"])],
+                       Aim("at most 3", ratios["with"] <= 3) if count == 1000 else None,
+                       {"ratio_but_for_a_tick": ratios, "daemon_ns": each, **results})
+        # As for purges, each to the bare calls of its time.
+        growth = growing[count] / next(iter(growing.values()))
+        report.row(f"cold_queries.{placement}.growth",
+                   f"{count:,} services to {next(iter(growing))}, without the record, to bare calls",
+                   ["", "", "", "", f"{growth:.2f}"], Aim("rises by a tenth at most", growth <= 1.1),
+                   {"ratio": growth})
+
+
+def ratio_but_for_a_tick(result):
+    """A query that was answered before it slept is counted as no time at all."""
+    return statistics.median(max(query - TICK_NANOSECONDS, 0) / bare
+                             for query, bare in zip(result["query_ns"], result["bare_ns"]))
+
+
+def record(plan, report):
+    report.section("An answer put into the record, one processor", ["time", "to 1"])
+    results = world.measure([plan.build / "bench/bench-record", world.VOLUME, "--benchmark_format=json",
+                             f"--benchmark_min_time={plan.amount(0.5, 0.01)}"], plan.processors[0])["benchmarks"]
+    times = {int(result["name"].split("/")[1]): 1e9 / result["items_per_second"] for result in results}
+    for count, duration in times.items():
+        report.row(f"record.{count}", f"{count:,} services in it" if count > 1 else "1 service in it",
+                   [report.duration(duration), f"{duration / times[1]:.1f}"],
+                   Aim("near 50 µs", duration < 60e3) if count == 1000 else None, {"ns": duration})
+
+
+def state(plan, report):
+    """The state store, on a file system that is on a disk."""
+    for kind in ("disk", "loop") if world.may_mount_files() else ("disk",):
+        for placement, caller, server in plan.placements():
+            state_on(plan, report, kind, placement, caller, server)
+
+
+def state_on(plan, report, kind, placement, caller, server):
+    directory = plan.build / "bench"
+    results = {}
+    for clients in (1, plan.amount(64, 4)):
+        with world.preferences_on(directory, kind) as file_system, world.Daemon(plan.build, server) as daemon, \
+                world.Echo(plan.build, "direct", world.SCRATCH / "direct", server) as direct, \
+                world.Echo(plan.build, "hop", world.SCRATCH / "hop", server) as hop:
+            results[clients] = world.measure([
+                plan.build / "bench/bench-state", plan.amount(12, 2), plan.amount(50, 5), clients,
+                daemon.process.pid, world.DAEMON_SOCKET, direct.socket, hop.socket, world.SLOT,
+                world.PREFERENCES / "flushed"], caller)
+    where = f"{file_system} in a file" if kind == "loop" else file_system
+    report.section(f"State on {where}, {placement}",
+                   ["a second", "to the echo", "to one hop", "to the flush", "daemon, a call"])
+    names = {
+        "direct_echo": "peer to peer, answered with the message",
+        "hop_echo": "with one worker hop, answered with the message",
+        "flush": "a flush shared by all who wait",
+        "get": "clientGetState",
+        "set": "clientSetState, answered when durable",
+    }
+    for clients, result in results.items():
+        least = [min(pair) for pair in zip(result["direct_echo"], result["flush"])]
+        share = median_quotient(result["set"], least)
+        for name, text in names.items():
+            figures = [median_quotient(result[name], result[other]) for other in ("direct_echo", "hop_echo", "flush")]
+            cells = [f"{statistics.median(result[name]):,.0f}", *(f"{figure:.2f}" for figure in figures)]
+            if name in ("set", "get"):
+                cells.append(report.duration(statistics.median(result[f"{name}_daemon_ns"])))
+            if name == "flush":
+                text += f", {result['record_bytes']:,} bytes"
+            aim = Aim("at least 0.5 of the lesser of echo and flush", share >= 0.5) if name == "set" else None
+            report.row(f"state.{kind}.{placement}.{clients}.{name}", f"{clients} × {text}", cells, aim, {
+                "per_second": result[name], "to_direct_echo": figures[0], "to_hop_echo": figures[1],
+                "to_flush": figures[2], **({"to_lesser": share} if name == "set" else {})})
+
+
 def start_up(plan, report):
     report.section("Start-up", ["median", "slowest", "resident", "of it not shared"])
     for count in (0, plan.amount(1000, 10)):
@@ -206,4 +336,5 @@ def idleness(plan, report):
 
 
 ALL = {function.__name__: function
-       for function in (primitives, round_trips, idle_connections, purges, start_up, memory, idleness)}
+       for function in (primitives, round_trips, idle_connections, purges, warm_queries, cold_queries, record, state,
+                        start_up, memory, idleness)}

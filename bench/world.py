@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # The processes that are measured, in the sandbox, and what the kernel says about them.
 
+import contextlib
 import json
 import os
 import pathlib
@@ -15,6 +16,10 @@ VOLUME = pathlib.Path("/volumes/bench")
 VOLUME_MIB = 1024
 DESCRIPTIONS = pathlib.Path("/System/Library/Kelvane")
 ENTITLEMENTS = pathlib.Path("/etc/kelvane/entitlements.d")
+PREFERENCES = pathlib.Path("/var/lib/kelvane")
+# Of which the daemon's own store.
+SLOT = PREFERENCES / "preferences/com.tessaly.kelvane/slot-a"
+STORE_MIB = 64
 DAEMON_SOCKET = pathlib.Path("/run/kelvane/ipc/com.tessaly.kelvane")
 
 # Far more than anything takes on a busy machine.
@@ -57,12 +62,55 @@ def prepare():
     subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={VOLUME_MIB}M", "tmpfs", VOLUME], check=True)
 
 
+def may_mount_files():
+    return os.environ["KELVANE_SANDBOX"] == "root"
+
+
 def describe(count):
     """Leaves just this many service descriptions."""
     shutil.rmtree(DESCRIPTIONS)
     DESCRIPTIONS.mkdir()
     for number in range(count):
         (DESCRIPTIONS / f"com.example.described.{number}.plist").write_text(DESCRIPTION.format(number=number))
+
+
+@contextlib.contextmanager
+def preferences_on(directory, kind):
+    """Has the daemon's preferences on the file system of a directory ("disk") or on an ext4 in a file there ("loop").
+    Gives the type of that file system."""
+    place = directory / "bench-preferences"
+    if kind == "loop":
+        with open(place, "wb") as image:
+            image.truncate(STORE_MIB << 20)
+        subprocess.run(["mkfs.ext4", "-q", place], check=True)
+        mount = ["mount", "-o", "loop", place, PREFERENCES]
+    else:
+        place.mkdir()
+        mount = ["mount", "--bind", place, PREFERENCES]
+    try:
+        subprocess.run(mount, check=True)
+        try:
+            yield subprocess.run(["findmnt", "--noheadings", "--output=FSTYPE", PREFERENCES], check=True,
+                                 capture_output=True, text=True).stdout.strip()
+        finally:
+            subprocess.run(["umount", PREFERENCES], check=True)
+    finally:
+        if place.is_dir():
+            shutil.rmtree(place)
+        else:
+            place.unlink()
+
+
+@contextlib.contextmanager
+def no_preferences():
+    """Daemons that begin within have no store, and so no record of recent answers that grows."""
+    in_the_way = PREFERENCES / "preferences"
+    shutil.rmtree(in_the_way, ignore_errors=True)
+    in_the_way.touch()
+    try:
+        yield
+    finally:
+        in_the_way.unlink()
 
 
 def until(condition, what):
