@@ -75,11 +75,12 @@ class Purges {
     const std::uint64_t begin = nanosecondsNow();
     const std::uint64_t purged = purge();
     const std::uint64_t purgeTime = nanosecondsNow() - begin;
-    const std::uint64_t calls = services_.refill();
+    const std::uint64_t calls = services_.countRequests();
     const double share = static_cast<double>(purged) / static_cast<double>(amount_);
     if (purged < amount_) {
       awaitStragglers();
     }
+    services_.refill();
     if (share < leastShare || purgeTime >= passSeconds * 1'000'000'000) {
       return {.isComplete = false, .share = share, .calls = 0, .purgeTime = 0, .bareTime = 0};
     }
@@ -90,7 +91,7 @@ class Purges {
   void awaitStragglers() {
     do {
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    } while (services_.refill() != 0);
+    } while (services_.countRequests() != 0);
   }
 
   /// Asks the services for the same amount by this many calls.

@@ -32,14 +32,13 @@ std::uint64_t ServiceCalls::run(const char* member, std::uint64_t calls, const F
   return nanosecondsNow() - begin;
 }
 
-std::uint64_t ServiceCalls::refill() {
+std::uint64_t ServiceCalls::callProcess(const char* member) {
   sd_bus_error error = SD_BUS_ERROR_NULL;
   sd_bus_message* made = nullptr;
   std::uint64_t requests = 0;
-  must(sd_bus_call_method(control_.get(), nullptr, servicePath, serviceInterface, "Refill", &error, &made, ""),
-       "a refill");
+  must(sd_bus_call_method(control_.get(), nullptr, servicePath, serviceInterface, member, &error, &made, ""), member);
   const Message answer(made);
-  must(sd_bus_message_read(made, "t", &requests), "a refill");
+  must(sd_bus_message_read(made, "t", &requests), member);
   return requests;
 }
 

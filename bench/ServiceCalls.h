@@ -24,10 +24,13 @@ class ServiceCalls {
   /// nanoseconds until all are answered.
   std::uint64_t run(const char* member, std::uint64_t calls, const Fill& fill);
 
-  /// Gives the services everything back, and returns how many requests they have answered since the last time.
-  std::uint64_t refill();
+  /// How many requests the services have answered since the last time.
+  std::uint64_t countRequests() { return callProcess("CountRequests"); }
+  /// The same, and gives the services everything back.
+  std::uint64_t refill() { return callProcess("Refill"); }
 
  private:
+  std::uint64_t callProcess(const char* member);
   static int countAnswer(sd_bus_message* answer, void* calls, sd_bus_error* error);
 
   Bus control_;

@@ -116,11 +116,13 @@ class Services {
     } else if (member == "servicePurgeable") {
       must(sd_bus_message_append(made, "v", "a{sv}", 1, "KELVANE_AMOUNT", "t", purgeableBytes), "an answer");
       ++requests_;
-    } else if (member == "Refill") {
+    } else if (member == "Refill" || member == "CountRequests") {
       must(sd_bus_message_append(made, "t", requests_), "an answer");
       requests_ = 0;
-      for (Cache& cache : caches_) {
-        cache.fill();
+      if (member == "Refill") {
+        for (Cache& cache : caches_) {
+          cache.fill();
+        }
       }
     }
     server_.send(made);
@@ -150,7 +152,7 @@ class Services {
   std::deque<int> endpoints_;
   std::size_t begun_ = 0;
   std::size_t checkedIn_ = 0;
-  /// Purges and queries answered since the last refill.
+  /// Purges and queries answered since they were last asked for their number.
   std::uint64_t requests_ = 0;
 };
 

@@ -132,6 +132,7 @@ void KelvanePurgeOperation::finish(const MutableDictionary& working, std::uint64
   const double elapsed = nanosecondsSince(startTicks);
   addDistributionStat(names::daemon, statistics::purgeElapsedNanoseconds, elapsed);
   purge_semaphore_.store(std::nullopt);
+  ended_ = clock::ticks();
   if (unguardedInFlightCount() != 0 && purged < purge_amount_needed()) {
     KELVANE_ERROR("%s cancelling purge", startName);
     cancelOperation();
@@ -153,6 +154,12 @@ void KelvanePurgeOperation::finish(const MutableDictionary& working, std::uint64
     addReportStat(names::daemon, statistics::purgeFailed, 1);
     addDistributionStat(names::daemon, statistics::purgeDeficit, static_cast<double>(purge_amount_needed() - amount));
   }
+}
+
+bool KelvanePurgeOperation::isLongOver() const {
+  const std::uint64_t ended = ended_;
+  return ended != notEnded &&
+         nanosecondsSince(ended) >= static_cast<double>(maximumTimeoutSeconds) * nanosecondsPerSecond;
 }
 
 void KelvanePurgeOperation::reportPercentageForAmountRequested(std::int64_t requested, std::int64_t amountPurged,

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -60,6 +61,9 @@ class KelvanePurgeOperation final : public KelvaneOperation {
                const Completion& completion);
   void noteTimeout(const MutableDictionary& operationInfo, std::chrono::seconds wait, std::uint32_t urgency);
   void finish(const MutableDictionary& working, std::uint64_t startTicks);
+  /// Whether it ended so long ago that no pass could have lasted until now. What was queued in its last pass may run
+  /// after it; a service whose claims the volume does not bear out would be asked for ever.
+  bool isLongOver() const;
 
   // One service, one urgency: KelvanePurgeServiceRequest.cpp.
   void queueServiceRequest(const std::shared_ptr<KLService>& service, const MutableDictionary& info,
@@ -75,6 +79,9 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   std::atomic<std::uint64_t> purge_amount_reported_ = 0;
   /// Services still expected to give their share; divides what is missing.
   std::atomic<std::uint64_t> viable_purging_services_ = 0;
+  static constexpr std::uint64_t notEnded = std::numeric_limits<std::uint64_t>::max();
+  /// Ticks.
+  std::atomic<std::uint64_t> ended_ = notEnded;
   /// The current pass's; none before the first pass and after the last.
   AtomicProperty<std::optional<Semaphore>> purge_semaphore_;
 };

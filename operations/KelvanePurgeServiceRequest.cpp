@@ -53,7 +53,7 @@ void KelvanePurgeOperation::queueServiceRequest(const std::shared_ptr<KLService>
 void KelvanePurgeOperation::requestFromService(ServiceRequest request) {
   KELVANE_TRACE("%s queuing service: %@", blockName, request.identifier());
   const std::uint64_t purged = amountPurged(request.info);
-  if (viable_purging_services() == 0 || purged >= purge_amount_needed() || cancel()) {
+  if (viable_purging_services() == 0 || purged >= purge_amount_needed() || cancel() || isLongOver()) {
     return;
   }
   const MutableDictionary message = request.info.copied();

@@ -56,7 +56,14 @@ class APurgeThatQueues : public OperationTest {
 
   static Value given(std::uint64_t bytes) { return Value::Dictionary{{keys::amount, bytes}}; }
 
+  const SerialQueue& messageQueue() const { return (*operation.*Exposed::messageQueue)(); }
+
   std::shared_ptr<KelvanePurgeOperation> operation;
+
+ private:
+  struct Exposed : KelvaneOperation {
+    static constexpr auto messageQueue = &Exposed::message_queue;
+  };
 };
 
 // Were the first block to run while the others are not queued yet, its answer could queue the next before them.
@@ -293,6 +300,26 @@ TEST_F(APurgeThatQueues, SignalsNobodyOnceItIsOver) {
         seed);
   }
   EXPECT_EQ(signalled, (std::set<bool>{false, true}));
+}
+
+TEST_F(APurgeThatQueues, DoesNotAskForEverOnceItIsOver) {
+  // One that claims what the volume does not bear out would never be let go of.
+  for (const bool isLongOver : {false, true}) {
+    run([&] {
+      ScriptedService boaster("boaster");
+      boaster.onPurge = [&](const ScriptedService::Request& request) {
+        messageQueue().suspend();
+        request.reply.send(given(request.info[keys::amount].uint64Value()));
+      };
+      purge(100, tableOf({boaster.record()}));
+      simulation->settle();
+      EXPECT_EQ(boaster.calls().size(), 1u);
+      clock::sleepMicroseconds(isLongOver ? 300'000'000 : 299'000'000);
+      messageQueue().resume();
+      simulation->settle();
+      EXPECT_EQ(boaster.calls().size(), isLongOver ? 1u : 2u);
+    });
+  }
 }
 
 TEST_F(APurgeThatQueues, CancelsNobodyWhenEnoughWasPurgedAlthoughSomebodyIsInFlight) {

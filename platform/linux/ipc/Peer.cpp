@@ -6,7 +6,10 @@
 
 #include <cerrno>
 #include <charconv>
+#include <chrono>
 #include <fstream>
+#include <map>
+#include <mutex>
 #include <optional>
 
 #include "platform/linux/ipc/ControlGroup.h"
@@ -40,6 +43,47 @@ std::optional<Entry> entryOf(std::string_view name, LookUp lookUp, std::vector<c
   return std::nullopt;
 }
 
+/// The numbers of users and groups by name. They are looked up at every request of every client, so an answer stands
+/// for some seconds; whoever is not found is looked up again each time.
+template <typename Number, typename Entry>
+class KnownNumbers {
+ public:
+  using LookUp = int (*)(const char*, Entry*, char*, std::size_t, Entry**);
+  KnownNumbers(LookUp lookUp, Number Entry::*number) : lookUp_(lookUp), number_(number) {}
+
+  std::optional<Number> of(std::string_view name) {
+    const auto now = std::chrono::steady_clock::now();
+    {
+      const std::lock_guard lock(mutex_);
+      const auto known = known_.find(name);
+      if (known != known_.end() && now - known->second.since < longestAge) {
+        return known->second.number;
+      }
+    }
+    std::vector<char> memory;
+    const auto entry = entryOf<Entry>(name, lookUp_, memory);
+    const std::lock_guard lock(mutex_);
+    if (!entry) {
+      known_.erase(std::string(name));
+      return std::nullopt;
+    }
+    return known_.insert_or_assign(std::string(name), Known{(*entry).*number_, now}).first->second.number;
+  }
+
+ private:
+  static constexpr std::chrono::seconds longestAge{5};
+  struct Known {
+    Number number;
+    std::chrono::steady_clock::time_point since;
+  };
+
+  const LookUp lookUp_;
+  Number Entry::*const number_;
+  std::mutex mutex_;
+  /// Names come from rules, so there are only so many. Guarded by mutex_.
+  std::map<std::string, Known, std::less<>> known_;
+};
+
 }  // namespace
 
 bool Peer::isUser(std::string_view user) const {
@@ -50,18 +94,17 @@ bool Peer::isUser(std::string_view user) const {
   if (const auto wanted = number(user)) {
     return *wanted == uid;
   }
-  std::vector<char> memory;
-  const auto entry = entryOf<passwd>(user, getpwnam_r, memory);
-  return entry && entry->pw_uid == uid;
+  static auto& users = *new KnownNumbers<uid_t, passwd>(getpwnam_r, &passwd::pw_uid);
+  return users.of(user) == uid;
 }
 
 bool Peer::isInGroup(std::string_view group) const {
   if (const auto wanted = number(group)) {
     return state_->isInGroup(*wanted);
   }
-  std::vector<char> memory;
-  const auto entry = entryOf<::group>(group, getgrnam_r, memory);
-  return entry && state_->isInGroup(entry->gr_gid);
+  static auto& groups = *new KnownNumbers<gid_t, ::group>(getgrnam_r, &::group::gr_gid);
+  const auto known = groups.of(group);
+  return known && state_->isInGroup(*known);
 }
 
 bool Peer::runsExecutable(const std::string& path) const {

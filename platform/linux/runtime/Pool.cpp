@@ -3,7 +3,6 @@
 #include "platform/linux/runtime/Pool.h"
 
 #include <pthread.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <chrono>
@@ -25,13 +24,6 @@ constexpr auto refusalPause = 10ms;
 
 thread_local Worker* current = nullptr;
 
-/// Those that this process may run on. More threads than these only take turns.
-unsigned usableProcessors() {
-  cpu_set_t processors;
-  const bool isKnown = sched_getaffinity(0, sizeof processors, &processors) == 0;
-  return isKnown ? static_cast<unsigned>(CPU_COUNT(&processors)) : std::max(1U, std::thread::hardware_concurrency());
-}
-
 }  // namespace
 
 Pool& Pool::shared() {
@@ -43,7 +35,7 @@ Worker* Pool::currentWorker() {
   return current;
 }
 
-Pool::Pool() : processors_(usableProcessors()) {
+Pool::Pool() : processors_(std::max(1U, std::thread::hardware_concurrency())) {
   while (!startThread(monitorMain, this))
     std::this_thread::sleep_for(refusalPause);
   // The first worker is made for this item, and becomes the reserve.

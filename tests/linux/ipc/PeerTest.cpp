@@ -45,9 +45,17 @@ TEST_F(APeer, IsAUserByNameAndNumber) {
   EXPECT_FALSE(peer.isUser(""));
 }
 
+TEST_F(APeer, IsAUserByANameThatWasLookedUpJustBefore) {
+  const std::string name = getpwuid(getuid())->pw_name;
+  EXPECT_TRUE(peer.isUser(name));
+  EXPECT_TRUE(peer.isUser(name));
+  EXPECT_FALSE(peer.isUser(name + "x"));
+}
+
 TEST_F(APeer, IsInItsGroupsByNameAndNumber) {
   EXPECT_TRUE(peer.isInGroup(std::to_string(getgid())));
   EXPECT_TRUE(peer.isInGroup(getgrgid(getgid())->gr_name));
+  EXPECT_TRUE(peer.isInGroup(getgrgid(getgid())->gr_name)) << "known by now";
   EXPECT_FALSE(peer.isInGroup("54321"));
   EXPECT_FALSE(peer.isInGroup("no such group"));
 }

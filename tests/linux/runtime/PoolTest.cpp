@@ -2,12 +2,10 @@
 // The pool's threads: how many there are, when they end, and what happens when the system refuses one.
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sched.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -114,34 +112,6 @@ TEST(ThePool, RunsManyQueuesOnFewThreads) {
     });
   group.wait();
   EXPECT_LE(threads.size(), std::thread::hardware_concurrency() + 30);
-}
-
-/// Whether an item that starts another one is followed by it on its own thread.
-bool oneThreadRunsBoth() {
-  std::thread::id first;
-  std::thread::id second;
-  const Group group;
-  group.asyncGlobal([&] {
-    first = std::this_thread::get_id();
-    group.asyncGlobal([&] { second = std::this_thread::get_id(); });
-  });
-  group.wait();
-  return first == second;
-}
-
-[[noreturn]] void usePoolOnOneProcessor() {
-  cpu_set_t processors;
-  CPU_ZERO(&processors);
-  CPU_SET(static_cast<std::size_t>(sched_getcpu()), &processors);
-  bool isOne = sched_setaffinity(0, sizeof processors, &processors) == 0;
-  // A loaded machine may hold up the thread long enough for another to be started, but not each time.
-  isOne = isOne && eventually(oneThreadRunsBoth);
-  std::_Exit(isOne ? 0 : 1);
-}
-
-TEST(ThePool, StartsNoMoreItemsAtOnceThanThereAreProcessorsForIt) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(usePoolOnOneProcessor(), testing::ExitedWithCode(0), "");
 }
 
 TEST(ThePool, GivesEachBlockedItemAThreadAndAllThreadsBack) {
