@@ -12,7 +12,7 @@ namespace kelvane::reporting {
 /// Stores one formatted log message. function is the name of the writing method.
 void writeLog(std::int32_t level, std::string_view category, std::string_view function, std::string_view message);
 
-/// Whether the platform's own failures are stored, too. Whoever configures the log decides.
+/// Whether the platform's own failures are stored, too. Whoever configures the log decides; any thread may look.
 inline std::atomic<bool> failuresAreLogged = true;
 
 /// Stores a failure of the platform at level 3.

@@ -162,10 +162,10 @@ BusLink::Step BusLink::takeLine() {
 /// One message.
 BusLink::Step BusLink::takeMessage() {
   const auto waiting = input_.waiting();
-  if (waiting.size() < PeerInput::messageHeaderBytes) {
+  if (waiting.size() < messageHeaderBytes) {
     return Step::Incomplete;
   }
-  const auto length = input_.messageLength();
+  const auto length = messageLength(waiting);
   if (!length || *length > longestMessage) {
     return Step::Failed;
   }
@@ -220,10 +220,10 @@ int BusLink::receive(sd_bus_message* message, void* link, sd_bus_error*) {
 /// How much to read at once: of a long message the rest, and nothing of the next.
 std::size_t BusLink::wantedBytes() const {
   const std::size_t size = input_.waiting().size();
-  if (handshake_ || size < PeerInput::messageHeaderBytes) {
+  if (handshake_ || size < messageHeaderBytes) {
     return readBytes;
   }
-  const auto length = input_.messageLength();
+  const auto length = messageLength(input_.waiting());
   return length && *length > size ? std::max(readBytes, *length - size) : readBytes;
 }
 
@@ -233,7 +233,7 @@ void BusLink::countPart() {
     return;
   }
   const std::size_t size = input_.waiting().size();
-  const auto length = size < PeerInput::messageHeaderBytes ? std::nullopt : input_.messageLength();
+  const auto length = size < messageHeaderBytes ? std::nullopt : messageLength(input_.waiting());
   const bool isComplete = length && *length <= size;
   tellPart(isComplete || paused_ || size == 0 ? 0 : (length ? *length : size));
 }

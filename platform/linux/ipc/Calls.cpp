@@ -9,15 +9,21 @@ namespace kelvane::ipc {
 
 namespace {
 
-/// Whatever the call holds goes on a thread that may block, and then the room for the outcome.
+/// The room comes first, so that it goes last: whatever is counted in it is gone by then.
+struct Answer {
+  HeldReplies::Room room;
+  Call call;
+  std::variant<Value, CallError> outcome;
+};
+
+/// Whatever the call and the outcome hold goes on a thread that may block.
 void answerCall(Call call, std::variant<Value, CallError> outcome, HeldReplies::Room room = nullptr) {
-  globalQueue::async(
-      [room = std::move(room), call = std::make_shared<Call>(std::move(call)), outcome = std::move(outcome)] {
-        const Call answered = std::move(*call);
-        if (answered.outcome) {
-          answered.outcome(outcome);
-        }
-      });
+  globalQueue::async([answer = std::make_shared<Answer>(Answer{std::move(room), std::move(call), std::move(outcome)})] {
+    const Answer given = std::move(*answer);
+    if (given.call.outcome) {
+      given.call.outcome(given.outcome);
+    }
+  });
 }
 
 /// Room for a reply of this user's; null when there is none.

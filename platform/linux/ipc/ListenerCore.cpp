@@ -9,6 +9,7 @@
 #include "platform/Queues.h"
 #include "platform/linux/ipc/Channel.h"
 #include "platform/linux/ipc/ConnectionState.h"
+#include "platform/linux/runtime/BlockedScope.h"
 
 namespace kelvane::ipc {
 
@@ -121,6 +122,10 @@ void ListenerCore::consider(FileDescriptor socket) {
                       socket = std::make_shared<FileDescriptor>(std::move(socket))] {
     const bool admitted = (*admission)(Peer(peer));
     peer->release();
+    if (!admitted) {
+      const runtime::BlockedScope blocked;
+      *socket = FileDescriptor();
+    }
     self->hub_.loop.post([self, admitted, user = peer->user(), socket] {
       if (admitted && !self->isStopped_) {
         self->serveAdmitted(std::move(*socket));
@@ -132,6 +137,7 @@ void ListenerCore::consider(FileDescriptor socket) {
 }
 
 void ListenerCore::serveAdmitted(FileDescriptor socket) {
+  letDescriptorsThrough(socket.get(), true);
   auto channel = std::make_shared<Channel>();
   const auto connection = Connection::State::make(channel, nullptr);
   channels_.insert(channel);

@@ -113,6 +113,16 @@ std::optional<std::string> makeDirectories(const std::filesystem::path& director
 
 }  // namespace
 
+void letDescriptorsThrough(int socket, bool isAllowed) {
+  constexpr int passRights = 83;  // SO_PASSRIGHTS
+  const int value = isAllowed ? 1 : 0;
+  setsockopt(socket, SOL_SOCKET, passRights, &value, sizeof value);
+}
+
+ListeningSocket::ListeningSocket(FileDescriptor socket) : socket_(std::move(socket)) {
+  letDescriptorsThrough(socket_.get(), false);
+}
+
 std::variant<ListeningSocket, ListeningSocket::Error> ListeningSocket::at(const std::string& path, mode_t mode,
                                                                           const std::string& serviceName) {
   if (FileDescriptor passed = takePassedSocket(path, serviceName)) {

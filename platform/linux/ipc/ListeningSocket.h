@@ -11,6 +11,12 @@
 
 namespace kelvane::ipc {
 
+/// Whether descriptors may be sent to this socket. Closing one that nobody asked for takes as long as its sender likes,
+/// and it is the reader of the socket who closes it. Kernels before 6.16 know no such refusal.
+void letDescriptorsThrough(int socket, bool isAllowed);
+
+/// No descriptors can be sent to what is accepted from it before they are let through.
+///
 /// Either made here, and then removed from its directory when it goes, or passed by the service manager.
 class ListeningSocket {
  public:
@@ -34,7 +40,7 @@ class ListeningSocket {
   int get() const { return socket_.get(); }
 
  private:
-  explicit ListeningSocket(FileDescriptor socket) : socket_(std::move(socket)) {}
+  explicit ListeningSocket(FileDescriptor socket);
 
   FileDescriptor socket_;
   /// Where the socket, with this identity, is to be removed; empty for one that was passed.

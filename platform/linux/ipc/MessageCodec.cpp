@@ -59,6 +59,8 @@ class ArgumentsReader {
     if (kind == ArgumentKind::Dictionary) {
       return type == SD_BUS_TYPE_ARRAY && std::strncmp(contents, "{s", 2) == 0;
     }
+    // hideDescriptor() has made a number of the descriptor. What was a number all along cannot be told from it and is
+    // as good, since a descriptor came with the call. The text about a wrong signature, too, has "u" for "h" then.
     if (kind == ArgumentKind::Endpoint && descriptor_) {
       return type == SD_BUS_TYPE_UINT32;
     }

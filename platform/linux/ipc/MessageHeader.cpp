@@ -12,16 +12,23 @@ namespace kelvane::ipc {
 
 namespace {
 
-constexpr std::size_t fieldsStart = 16;
+constexpr std::size_t bodyLengthAt = 4;
 constexpr std::size_t fieldsLengthAt = 12;
 constexpr std::uint8_t signatureField = 8;
 constexpr std::uint8_t descriptorsField = 9;
 
+/// The first byte of a message tells the order of its numbers' bytes.
+std::uint32_t numberAt(std::span<const std::uint8_t> message, std::size_t at) {
+  std::uint32_t number = 0;
+  std::memcpy(&number, &message[at], sizeof number);
+  return message[0] == 'B' ? be32toh(number) : le32toh(number);
+}
+
 /// The fields of a header, one after the other.
 class Fields {
  public:
-  explicit Fields(std::span<std::uint8_t> message) : message_(message), at_(fieldsStart) {
-    end_ = message.size() < fieldsStart ? 0 : fieldsStart + number(fieldsLengthAt);
+  explicit Fields(std::span<std::uint8_t> message) : message_(message), at_(messageHeaderBytes) {
+    end_ = message.size() < messageHeaderBytes ? 0 : messageHeaderBytes + numberAt(message, fieldsLengthAt);
   }
 
   bool hideDescriptor() {
@@ -52,7 +59,7 @@ class Fields {
     if (!has(4) || (type != 'u' && type != 's' && type != 'o')) {
       return false;
     }
-    const std::uint32_t value = number(at_);
+    const std::uint32_t value = numberAt(message_, at_);
     if (type == 'u' && code == descriptorsField) {
       descriptors_ += value;
       std::memset(&message_[at_], 0, sizeof value);
@@ -79,12 +86,6 @@ class Fields {
     return can;
   }
 
-  std::uint32_t number(std::size_t at) const {
-    std::uint32_t number = 0;
-    std::memcpy(&number, &message_[at], sizeof number);
-    return message_[0] == 'B' ? be32toh(number) : le32toh(number);
-  }
-
   const std::span<std::uint8_t> message_;
   std::size_t at_;
   std::size_t end_;
@@ -92,6 +93,14 @@ class Fields {
 };
 
 }  // namespace
+
+std::optional<std::size_t> messageLength(std::span<const std::uint8_t> bytes) {
+  if (bytes[0] != 'l' && bytes[0] != 'B') {
+    return std::nullopt;
+  }
+  const std::size_t fields = numberAt(bytes, fieldsLengthAt);
+  return messageHeaderBytes + (fields + 7) / 8 * 8 + numberAt(bytes, bodyLengthAt);
+}
 
 bool hideDescriptor(std::span<std::uint8_t> message) {
   return Fields(message).hideDescriptor();

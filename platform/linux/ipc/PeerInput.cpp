@@ -2,7 +2,6 @@
 // What has arrived on a connection and was not made a message yet.
 #include "platform/linux/ipc/PeerInput.h"
 
-#include <endian.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -16,12 +15,6 @@ namespace {
 
 /// For the event loop's thread alone, so that idle connections need no room.
 std::array<std::uint8_t, std::size_t{64} * 1024> buffer;
-
-std::uint32_t numberAt(const std::uint8_t* bytes, bool isBigEndian) {
-  std::uint32_t number = 0;
-  std::memcpy(&number, bytes, sizeof number);
-  return isBigEndian ? be32toh(number) : le32toh(number);
-}
 
 FileDescriptor descriptorOf(msghdr& message) {
   for (cmsghdr* header = CMSG_FIRSTHDR(&message); header != nullptr; header = CMSG_NXTHDR(&message, header)) {
@@ -67,17 +60,6 @@ PeerInput::Arrival PeerInput::read(std::size_t most) {
     descriptorIndex_ = bytes_.size() - 1;
   }
   return Arrival::Bytes;
-}
-
-std::optional<std::size_t> PeerInput::messageLength() const {
-  const std::uint8_t* const header = bytes_.data() + start_;
-  if (header[0] != 'l' && header[0] != 'B') {
-    return std::nullopt;
-  }
-  const bool isBigEndian = header[0] == 'B';
-  const std::size_t body = numberAt(header + 4, isBigEndian);
-  const std::size_t fields = numberAt(header + 12, isBigEndian);
-  return messageHeaderBytes + (fields + 7) / 8 * 8 + body;
 }
 
 FileDescriptor PeerInput::takeDescriptor(std::size_t bytes) {

@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <span>
 #include <vector>
 
@@ -32,13 +31,9 @@ class PeerInput {
   /// What was read and not dropped since.
   std::span<const std::uint8_t> waiting() const { return std::span(bytes_).subspan(start_); }
   std::span<std::uint8_t> waiting() { return std::span(bytes_).subspan(start_); }
-  /// The length of the message that these begin with; none when they begin none. At least messageHeaderBytes of them.
-  std::optional<std::size_t> messageLength() const;
   /// The descriptor that came with the first so many waiting bytes, if any did.
   FileDescriptor takeDescriptor(std::size_t bytes);
   void drop(std::size_t bytes);
-
-  static constexpr std::size_t messageHeaderBytes = 16;
 
  private:
   int socket_ = -1;

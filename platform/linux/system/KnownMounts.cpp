@@ -16,12 +16,22 @@ KnownMounts& KnownMounts::shared() {
 
 KnownMounts::Mounts KnownMounts::current() {
   const std::lock_guard lock(mutex_);
-  const auto now = std::chrono::steady_clock::now();
-  if (haveChanged() || now - read_ >= longestAge) {
-    read_ = now;
-    mounts_ = std::make_shared<const std::vector<VolumeMount>>(volumeMounts(paths::mountInfo));
+  if (haveChanged() || Clock::now() - read_ >= longestAge) {
+    read();
   }
   return mounts_;
+}
+
+KnownMounts::Mounts KnownMounts::readAgain() {
+  const std::lock_guard lock(mutex_);
+  read();
+  return mounts_;
+}
+
+void KnownMounts::read() {
+  mounts_ = std::make_shared<const std::vector<VolumeMount>>(volumeMounts(paths::mountInfo));
+  // A table without a single volume is more likely one that could not be read.
+  read_ = mounts_->empty() ? Clock::time_point() : Clock::now();
 }
 
 /// Asked before the table is read, so that a change while it is being read shows the next time. A table that cannot

@@ -26,16 +26,21 @@ class KnownMounts {
   KnownMounts& operator=(const KnownMounts&) = delete;
 
   [[nodiscard]] Mounts current();
+  /// The table as it is now.
+  [[nodiscard]] Mounts readAgain();
 
  private:
+  using Clock = std::chrono::steady_clock;
+
   KnownMounts() = default;
   bool haveChanged();
+  void read();
 
   std::mutex mutex_;
   // Guarded by mutex_:
   FileDescriptor table_;
   Mounts mounts_;
-  std::chrono::steady_clock::time_point read_;
+  Clock::time_point read_;
 };
 
 }  // namespace kelvane

@@ -10,7 +10,6 @@
 
 #include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/system/KnownMounts.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/VolumeMonitor.h"
 #include "platform/linux/system/VolumeSpace.h"
 
@@ -51,8 +50,8 @@ bool isUsable(const std::string& path) {
       return true;
     }
   }
-  const std::vector<VolumeMount> mounts = volumeMounts(paths::mountInfo);
-  const VolumeMount* mount = find(mounts, path);
+  const KnownMounts::Mounts mounts = KnownMounts::shared().readAgain();
+  const VolumeMount* mount = find(*mounts, path);
   return mount != nullptr && !isSilent(*mount) && isDirectory(*mount);
 }
 
@@ -60,7 +59,8 @@ std::vector<std::string> local() {
   const runtime::BlockedScope blocked;
   std::vector<std::string> result;
   std::set<dev_t> seen;
-  for (const VolumeMount& mount : volumeMounts(paths::mountInfo)) {
+  const KnownMounts::Mounts mounts = KnownMounts::shared().readAgain();
+  for (const VolumeMount& mount : *mounts) {
     if (!seen.contains(mount.device) && !isSilent(mount) && isDirectory(mount)) {
       seen.insert(mount.device);
       result.push_back(mount.path);

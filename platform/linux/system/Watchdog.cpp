@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "platform/Process.h"
+#include "platform/Queues.h"
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/system/ServiceManager.h"
@@ -28,9 +29,12 @@ void* superviseForever(void* argument) {
     const Semaphore passed(0);
     supervision->queue.async([passed] { passed.signal(); });
     if (!passed.wait(supervision->interval / 2)) {
-      reporting::reportFailure("superviseQueue", supervision->queue.label() +
-                                                     " is stuck, perhaps behind a service that does not answer its "
-                                                     "ping; the watchdog is not fed until it moves");
+      // Elsewhere, for a log that nobody reads must not hold up the feeding when the queue moves on.
+      globalQueue::async([label = supervision->queue.label()] {
+        reporting::reportFailure("superviseQueue", label +
+                                                       " is stuck, perhaps behind a service that does not answer its "
+                                                       "ping; the watchdog is not fed until it moves");
+      });
       passed.wait();
     }
     // Here and not on the queue, which a service manager that does not read must not hold up.

@@ -72,8 +72,9 @@ TEST(TheEventLoop, GoesOnInAnotherThreadWhenItHasComeToRestAfterMuchWork) {
   test::Mailbox<std::string> events;
   loop.post([&] { events.put("first"); });
   ASSERT_EQ(events.take(), "first");
-  const auto before = loopThread();
-  ASSERT_TRUE(before);
+  // Another test's work may just have had the same effect.
+  std::optional<std::filesystem::path> before;
+  ASSERT_TRUE(test::eventually([&before] { return (before = loopThread()).has_value(); }));
   for (int task = 0; task < 1000; ++task) {
     loop.post([] {});
   }

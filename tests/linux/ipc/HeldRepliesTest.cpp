@@ -5,12 +5,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <future>
 #include <variant>
 #include <vector>
 
 #include "platform/linux/ipc/EndpointState.h"
+#include "platform/linux/ipc/Hub.h"
 #include "tests/linux/ipc/IpcTesting.h"
 #include "tests/linux/testing/BusServer.h"
 
@@ -69,6 +71,10 @@ class HeldRepliesOfAService : public testing::Test {
                                                       outcomes->put(outcome);
                                                       released.wait();
                                                     });
+    answer(pieces);
+    return outcomes->take().value_or(Value("no outcome"));
+  }
+  void answer(std::size_t pieces) {
     service->answer(service->nextCall(), [pieces](sd_bus_message* message) {
       int result = sd_bus_message_open_container(message, 'v', "aay");
       result = result < 0 ? result : sd_bus_message_open_container(message, 'a', "ay");
@@ -78,7 +84,6 @@ class HeldRepliesOfAService : public testing::Test {
       result = result < 0 ? result : sd_bus_message_close_container(message);
       return result < 0 ? result : sd_bus_message_close_container(message);
     });
-    return outcomes->take().value_or(Value("no outcome"));
   }
   void release() {
     if (!std::exchange(isReleased, true)) {
@@ -117,6 +122,16 @@ TEST_F(HeldRepliesOfAService, AreLimitedTogether) {
   EXPECT_TRUE(std::holds_alternative<Value>(ask(1)));
   release();
   EXPECT_TRUE(test::eventually([this] { return std::holds_alternative<Value>(ask(most)); }));
+}
+
+TEST_F(HeldRepliesOfAService, AreCountedUntilTheCallIsLetGo) {
+  const auto holdable = std::make_shared<test::Mailbox<std::size_t>>();
+  std::shared_ptr<void> heldByCall(
+      nullptr, [holdable](void*) { holdable->put(ipc::Hub::shared().heldReplies.holdable(getuid())); });
+  connection->remoteProxy(nullptr).callForOutcome(sample::echo, {Value(1)},
+                                                  [heldByCall = std::move(heldByCall)](const Outcome&) {});
+  answer(most);
+  EXPECT_LT(holdable->take().value_or(SIZE_MAX), limits::heldReplyBytesPerUser);
 }
 
 }  // namespace

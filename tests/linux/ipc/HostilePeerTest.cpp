@@ -12,6 +12,7 @@
 #include <deque>
 
 #include "platform/Limits.h"
+#include "platform/Queues.h"
 #include "platform/linux/ipc/EndpointState.h"
 #include "platform/linux/ipc/Handshake.h"
 #include "platform/linux/ipc/Hub.h"
@@ -138,8 +139,8 @@ class AHostilePeer : public testing::Test {
   }
 
   std::string identity() const { return "AUTH EXTERNAL\r\nDATA\r\n"; }
-  /// Connects and goes through the handshake.
-  RawSocket connected() {
+  /// Connects and goes through the handshake up to its last line.
+  RawSocket agreed() {
     RawSocket socket(test::connectedSocket(listener.path()));
     EXPECT_TRUE(socket.write(std::string(1, '\0') + identity() + "NEGOTIATE_UNIX_FD\r\n"));
     std::string answers;
@@ -151,6 +152,10 @@ class AHostilePeer : public testing::Test {
       }
       answers += answer;
     }
+    return socket;
+  }
+  RawSocket connected() {
+    RawSocket socket = agreed();
     EXPECT_TRUE(socket.write("BEGIN\r\n"));
     return socket;
   }
@@ -193,8 +198,29 @@ TEST_F(AHostilePeer, CannotHaveDescriptorsHeldWithAPartOfAMessage) {
 
 TEST_F(AHostilePeer, MayNotSendDescriptorsInTheHandshake) {
   RawSocket socket(test::connectedSocket(listener.path()));
-  ASSERT_TRUE(socket.writeWith(std::string(1, '\0') + identity() + "NEGOTIATE_UNIX_FD\r\n", 1));
-  EXPECT_TRUE(socket.isEnded());
+  // The kernel refuses them already when they come before the connection was accepted.
+  EXPECT_TRUE(!socket.writeWith(std::string(1, '\0') + identity() + "NEGOTIATE_UNIX_FD\r\n", 1) || socket.isEnded());
+}
+
+TEST(APeerThatIsNotAdmitted, CannotSendDescriptorsWhereTheKernelCanRefuseThem) {
+  SampleListener listener([](const ipc::Request& request) { request.reply.send(); });
+  const Semaphore asked(0);
+  const Semaphore decided(0);
+  listener.listener().setAdmission([asked, decided](const ipc::Peer&) {
+    asked.signal();
+    decided.wait();
+    return true;
+  });
+  listener.resume();
+  RawSocket socket(test::connectedSocket(listener.path()));
+  asked.wait();
+  constexpr int passRights = 83;  // SO_PASSRIGHTS, since Linux 6.16
+  int mayPass = 0;
+  socklen_t size = sizeof mayPass;
+  const bool isKnown = getsockopt(socket.get(), SOL_SOCKET, passRights, &mayPass, &size) == 0;
+  EXPECT_EQ(socket.writeWith(std::string(1, '\0'), 1), !isKnown);
+  decided.signal();
+  EXPECT_TRUE(!isKnown || test::eventually([&] { return socket.writeWith(std::string(1, '\0'), 1); }));
 }
 
 TEST_F(AHostilePeer, MayNotMakeTheHandshakeLong) {
@@ -292,8 +318,8 @@ TEST_F(AHostilePeer, MayWriteAByteAtATime) {
 }
 
 TEST_F(AHostilePeer, MaySendADescriptorTogetherWithTheEndOfTheHandshake) {
-  RawSocket socket(test::connectedSocket(listener.path()));
-  ASSERT_TRUE(socket.write(std::string(1, '\0') + identity() + "NEGOTIATE_UNIX_FD\r\nBEGIN\r\n"));
+  RawSocket socket = agreed();
+  ASSERT_TRUE(socket.write("BEGIN\r\n"));
   std::string fields;
   addField(fields, 1, 'o', "/com/example/Sample");
   addField(fields, 2, 's', "com.example.Sample");
