@@ -204,26 +204,9 @@ void EventLoop::post(Task task) {
     wakes = std::exchange(asleep_, false);
   }
   if (wakes) {
-    wake();
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const ssize_t size = write(wake_.get(), &one, sizeof one);
   }
-}
-
-void EventLoop::postUnhurried(Task task, const std::atomic<bool>& isAwaited) {
-  bool wakes = false;
-  {
-    // The loop's thread holds this mutex between what it says and its sleep.
-    const std::lock_guard lock(mutex_);
-    posted_.push_back(std::move(task));
-    wakes = isAwaited.load(std::memory_order_relaxed) && std::exchange(asleep_, false);
-  }
-  if (wakes) {
-    wake();
-  }
-}
-
-void EventLoop::wake() const {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t size = write(wake_.get(), &one, sizeof one);
 }
 
 bool EventLoop::watch(int fd, std::uint32_t events, Source& source) {

@@ -54,9 +54,6 @@ class EventLoop {
 
   /// Any thread: has the task run soon on the loop's thread, in the order posted.
   void post(Task task);
-  /// As post(), but sleeping on until something else wakes it, unless by then the loop's thread has said that it waits
-  /// for this.
-  void postUnhurried(Task task, const std::atomic<bool>& isAwaited);
   /// Any thread.
   bool isCurrent() const { return std::this_thread::get_id() == thread_.load(std::memory_order_relaxed); }
 
@@ -86,7 +83,6 @@ class EventLoop {
   void serveHangUps();
   void runTimers();
   void runPosted();
-  void wake() const;
 
   FileDescriptor poll_;
   FileDescriptor hangUpPoll_;

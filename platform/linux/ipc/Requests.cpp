@@ -112,7 +112,6 @@ void Requests::deliverSoon() {
 
 void Requests::deliverNext() {
   scheduled_ = false;
-  awaitsHandler_ = awaitsHandler_ || delivering_;
   if (delivering_ || waiting_ || next_ > last_) {
     return;
   }
@@ -131,7 +130,6 @@ void Requests::admitted() {
 void Requests::deliver() {
   delivering_ = true;
   const std::uint64_t number = next_++;
-  awaitsHandler_ = next_ <= last_;
   Record& record = records_.at(number);
   auto channel = channel_.shared_from_this();
   if (listener_->handler() == nullptr) {
@@ -147,9 +145,7 @@ void Requests::deliver() {
   // After the handlers of connections that were found to have ended before the request was read.
   Hub::shared().endHandlers.runAfter([handler = listener_->handler(), request = std::move(request), channel, number] {
     (*handler)(std::move(*request));
-    // The answer, should it come after this, wakes the loop itself.
-    Hub::shared().loop.postUnhurried([channel, number] { channel->requests()->handlerReturned(number); },
-                                     channel->requests()->awaitsHandler_);
+    Hub::shared().loop.post([channel, number] { channel->requests()->handlerReturned(number); });
   });
 }
 
@@ -181,9 +177,7 @@ void Requests::replyWithError(std::uint64_t request, const CallFault& fault) {
 }
 
 void Requests::replyDropped(std::uint64_t request) {
-  Record& record = records_.at(request);
-  record.isAnswered = true;
-  awaitsHandler_ = awaitsHandler_ || !record.hasReturned;
+  records_.at(request).isAnswered = true;
   --unanswered_;
   channel_.link().pauseReading(unanswered_ >= limits::unansweredRequestsPerConnection);
   finish(request);

@@ -2,7 +2,6 @@
 // The requests of one connection that a listener admitted.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -72,8 +71,6 @@ class Requests final : private DeliveryGate::Waiter {
   std::uint64_t next_ = 1;
   int unanswered_ = 0;
   bool delivering_ = false;
-  /// Whether there is something to do as soon as the handler returns: the next request, or the end of an answered one.
-  std::atomic<bool> awaitsHandler_ = false;
   bool waiting_ = false;
   bool scheduled_ = false;
 };
