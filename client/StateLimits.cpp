@@ -70,6 +70,12 @@ class Measure {
   void reach(int containers) { isTooDeep = isTooDeep || containers > limits::stateContainerDepth; }
 };
 
+Measure measureOfOne(const Value& value) {
+  Measure measure;
+  measure.add(value, 0, 0);
+  return measure;
+}
+
 /// All but the record of recent answers.
 Measure measureOf(const Value::Dictionary& state) {
   Measure measure;
@@ -85,8 +91,7 @@ Measure measureOf(const Value::Dictionary& state) {
 }  // namespace
 
 std::optional<StateError> whyUnstorable(const Value& value) {
-  Measure measure;
-  measure.add(value, 0, 0);
+  const Measure measure = measureOfOne(value);
   if (measure.isTooDeep) {
     return StateError{StateError::Cause::TooMuch, "The value has more than " +
                                                       std::to_string(limits::stateDictionaryDepth) +
@@ -103,8 +108,7 @@ std::optional<StateError> whyUnstorable(const Value& value) {
 }
 
 std::optional<StateError> whyTooLargeForRecord(const Value& value) {
-  Measure measure;
-  measure.add(value, 0, 0);
+  const Measure measure = measureOfOne(value);
   if (measure.room > limits::archiveBytes) {
     return StateError{StateError::Cause::TooMuch, "The value takes more than the " +
                                                       std::to_string(limits::archiveBytes) +
@@ -131,8 +135,7 @@ std::optional<std::string> whyTooMuchToKeep(const std::string& identifier, const
   if (identifier.size() > limits::serviceIdentifierBytes) {
     return "The identifier has more than " + std::to_string(limits::serviceIdentifierBytes) + " bytes";
   }
-  Measure measure;
-  measure.add(notifications, 0, 0);
+  const Measure measure = measureOfOne(notifications);
   if (measure.isTooDeep || measure.bytes > limits::notificationNamesBytes) {
     return "The names of notifications take more than " + std::to_string(limits::notificationNamesBytes) + " bytes";
   }

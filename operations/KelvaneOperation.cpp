@@ -108,6 +108,16 @@ void KelvaneOperation::sendCancel(const std::string& identifier, Block error) co
   }
 }
 
+ServiceTable KelvaneOperation::selected(const ServiceTable& services, bool (*isWanted)(const KLService&)) {
+  ServiceTable wanted;
+  for (const auto& entry : services) {
+    if (isWanted(*entry.second)) {
+      wanted.insert(wanted.end(), entry);
+    }
+  }
+  return wanted;
+}
+
 Value KelvaneOperation::arrayOf(const std::set<std::string>& identifiers) {
   return Value(Value::Array(identifiers.begin(), identifiers.end()));
 }

@@ -65,6 +65,7 @@ class KelvaneOperation : public std::enable_shared_from_this<KelvaneOperation> {
   /// Asks one service to stop; the error block runs when its connection fails first.
   void sendCancel(const std::string& identifier, Block error) const;
   static Value arrayOf(const std::set<std::string>& identifiers);
+  static ServiceTable selected(const ServiceTable& services, bool (*isWanted)(const KLService&));
 
   const SerialQueue& collection_queue() const KELVANE_RETURN_CAPABILITY(collection_queue_) { return collection_queue_; }
   /// Carries outgoing requests.

@@ -22,12 +22,11 @@ struct KelvanePeriodicOperation::Round {
 std::shared_ptr<KelvanePeriodicOperation> KelvanePeriodicOperation::initWithInfo(const Value& info,
                                                                                  const ServiceTable& services) {
   std::shared_ptr<KelvanePeriodicOperation> operation(new KelvanePeriodicOperation);
-  if (!operation->KelvaneOperation::initWithInfo(info, services)) {
+  if (!operation->KelvaneOperation::initWithInfo(info, {})) {
     return nullptr;
   }
-  ServiceTable selected = services;
-  std::erase_if(selected, [](const auto& entry) { return !entry.second->doesPurge() || entry.second->doesPeriodic(); });
-  operation->setServices(std::move(selected));
+  operation->setServices(
+      selected(services, [](const KLService& service) { return service.doesPurge() && !service.doesPeriodic(); }));
   return operation;
 }
 

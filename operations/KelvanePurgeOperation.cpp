@@ -32,13 +32,11 @@ std::int32_t percentageBucket(std::int64_t requested, std::int64_t purged) {
 std::shared_ptr<KelvanePurgeOperation> KelvanePurgeOperation::initWithInfo(const Value& info,
                                                                            const ServiceTable& services) {
   std::shared_ptr<KelvanePurgeOperation> operation(new KelvanePurgeOperation);
-  if (!operation->KelvaneOperation::initWithInfo(info, services)) {
+  if (!operation->KelvaneOperation::initWithInfo(info, {})) {
     return nullptr;
   }
-  ServiceTable purging = services;
-  std::erase_if(purging, [](const auto& entry) { return !entry.second->doesPurge(); });
-  operation->viable_purging_services_ = purging.size();
-  operation->setServices(std::move(purging));
+  operation->setServices(selected(services, [](const KLService& service) { return service.doesPurge(); }));
+  operation->viable_purging_services_ = operation->services().size();
   operation->purge_amount_needed_ = info[keys::amount].uint64Value();
   return operation;
 }

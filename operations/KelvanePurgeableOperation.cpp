@@ -45,13 +45,8 @@ std::shared_ptr<KelvanePurgeableOperation> KelvanePurgeableOperation::initWithIn
   if (!operation->KelvaneOperation::initWithInfo(info, {})) {
     return nullptr;
   }
-  ServiceTable queryable;
-  for (const auto& entry : services) {
-    if (entry.second->doesPurge() && !entry.second->doNotQuery()) {
-      queryable.insert(queryable.end(), entry);
-    }
-  }
-  operation->setServices(std::move(queryable));
+  operation->setServices(
+      selected(services, [](const KLService& service) { return service.doesPurge() && !service.doNotQuery(); }));
   return operation;
 }
 

@@ -30,6 +30,17 @@ bool isSilent(const VolumeMount& mount) {
   return VolumeMonitor::shared().isSilent(mount.device);
 }
 
+/// Goes through the mounts of each file system that is not silent until one of them is accepted.
+template <typename Accepts>
+void forEachFileSystem(const std::vector<VolumeMount>& mounts, Accepts accepts) {
+  std::set<dev_t> accepted;
+  for (const VolumeMount& mount : mounts) {
+    if (!accepted.contains(mount.device) && !isSilent(mount) && accepts(mount)) {
+      accepted.insert(mount.device);
+    }
+  }
+}
+
 /// The mount and the file system both.
 bool isWritable(const std::string& path) {
   struct statvfs status;
@@ -58,14 +69,13 @@ bool isUsable(const std::string& path) {
 std::vector<std::string> local() {
   const runtime::BlockedScope blocked;
   std::vector<std::string> result;
-  std::set<dev_t> seen;
-  const KnownMounts::Mounts mounts = KnownMounts::shared().readAgain();
-  for (const VolumeMount& mount : *mounts) {
-    if (!seen.contains(mount.device) && !isSilent(mount) && isDirectory(mount)) {
-      seen.insert(mount.device);
-      result.push_back(mount.path);
+  forEachFileSystem(*KnownMounts::shared().readAgain(), [&result](const VolumeMount& mount) {
+    if (!isDirectory(mount)) {
+      return false;
     }
-  }
+    result.push_back(mount.path);
+    return true;
+  });
   return result;
 }
 
@@ -73,20 +83,17 @@ std::vector<std::string> lowOnSpace() {
   const runtime::BlockedScope blocked;
   const VolumeLevels levels = VolumeLevels::current();
   std::vector<VolumeWatch::Sight> low;
-  std::set<dev_t> seen;
-  const KnownMounts::Mounts mounts = KnownMounts::shared().current();
-  for (const VolumeMount& mount : *mounts) {
-    if (seen.contains(mount.device) || isSilent(mount)) {
-      continue;
+  forEachFileSystem(*KnownMounts::shared().current(), [&low, &levels](const VolumeMount& mount) {
+    const auto space = spaceOf(mount);
+    if (!space) {
+      return false;
     }
-    if (const auto space = spaceOf(mount)) {
-      seen.insert(mount.device);
-      VolumeWatch::Sight sight(mount, *space, levels);
-      if (sight.level() != SpaceLevel::Ample) {
-        low.push_back(std::move(sight));
-      }
+    VolumeWatch::Sight sight(mount, *space, levels);
+    if (sight.level() != SpaceLevel::Ample) {
+      low.push_back(std::move(sight));
     }
-  }
+    return true;
+  });
   std::stable_sort(low.begin(), low.end(), [](const VolumeWatch::Sight& left, const VolumeWatch::Sight& right) {
     return left.space.available < right.space.available;
   });
