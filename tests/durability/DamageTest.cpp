@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/PropertyList.h"
-#include "platform/linux/system/PreferencesSlot.h"
+#include "platform/linux/preferences/PreferencesSlot.h"
 #include "protocols/Keys.h"
 #include "tests/durability/DurabilityTest.h"
 

@@ -7,7 +7,7 @@
 #include <filesystem>
 
 #include "platform/Limits.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/durability/DurabilityTest.h"
 

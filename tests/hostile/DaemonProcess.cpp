@@ -17,7 +17,7 @@
 #include <sstream>
 #include <string_view>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "tests/hostile/Places.h"
 #include "tests/linux/testing/BusClient.h"
 #include "tests/linux/testing/Eventually.h"

@@ -9,7 +9,7 @@
 
 #include "platform/Limits.h"
 #include "platform/PropertyList.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 

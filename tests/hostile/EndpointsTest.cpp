@@ -8,7 +8,7 @@
 
 #include <random>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/WireMessage.h"

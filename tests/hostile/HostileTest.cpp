@@ -13,7 +13,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/linux/testing/Eventually.h"
 

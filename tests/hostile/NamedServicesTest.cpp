@@ -5,7 +5,7 @@
 
 #include <filesystem>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/RawConnection.h"

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::test {
 

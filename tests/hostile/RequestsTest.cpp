@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "platform/Limits.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/RawConnection.h"

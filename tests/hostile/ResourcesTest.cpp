@@ -12,7 +12,7 @@
 #include <deque>
 #include <filesystem>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/RawConnection.h"

@@ -9,7 +9,7 @@
 
 #include <algorithm>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "protocols/Keys.h"
 
 namespace kelvane::test {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "platform/Value.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "tests/hostile/Info.h"
 
 namespace kelvane::test {

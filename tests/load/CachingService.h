@@ -8,7 +8,7 @@
 #include <random>
 #include <string>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "tests/linux/testing/BusServer.h"
 #include "tests/load/Ledger.h"
 

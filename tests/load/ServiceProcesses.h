@@ -11,7 +11,7 @@
 #include <string>
 #include <thread>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "tests/load/Ledger.h"
 
 namespace kelvane::test {

@@ -14,7 +14,7 @@
 #include "platform/linux/ipc/Handshake.h"
 #include "platform/linux/ipc/LibraryInput.h"
 #include "platform/linux/ipc/PeerInput.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

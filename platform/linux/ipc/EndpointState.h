@@ -10,7 +10,7 @@
 #include <string>
 
 #include "platform/Ipc.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "platform/linux/ipc/PeerInput.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <variant>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

@@ -11,7 +11,7 @@
 #include <variant>
 
 #include "platform/Ipc.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

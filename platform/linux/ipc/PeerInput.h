@@ -7,7 +7,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

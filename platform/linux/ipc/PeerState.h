@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "platform/Ipc.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::ipc {
 

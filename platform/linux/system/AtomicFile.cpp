@@ -10,7 +10,7 @@
 #include <mutex>
 
 #include "platform/linux/runtime/BlockedScope.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane {
 

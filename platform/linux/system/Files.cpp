@@ -15,7 +15,7 @@
 
 #include "platform/Limits.h"
 #include "platform/linux/runtime/BlockedScope.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::files {
 

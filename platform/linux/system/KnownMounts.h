@@ -7,7 +7,7 @@
 #include <mutex>
 #include <vector>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "platform/linux/system/MountTable.h"
 
 namespace kelvane {

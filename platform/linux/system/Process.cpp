@@ -13,9 +13,9 @@
 #include <mutex>
 
 #include "platform/linux/runtime/BlockedScope.h"
-#include "platform/linux/system/AtomicFile.h"
-#include "platform/linux/system/FileNames.h"
+#include "platform/linux/runtime/FileNames.h"
 #include "platform/linux/system/Paths.h"
+#include "platform/linux/system/AtomicFile.h"
 #include "platform/linux/system/ServiceManager.h"
 
 namespace kelvane {

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "platform/Value.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "platform/linux/system/VolumeWatch.h"
 
 namespace kelvane {

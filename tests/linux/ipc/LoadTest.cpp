@@ -12,7 +12,7 @@
 #include "platform/Limits.h"
 #include "platform/linux/ipc/EndpointState.h"
 #include "platform/linux/ipc/PrivateSockets.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "tests/linux/ipc/IpcTesting.h"
 #include "tests/linux/ipc/RawClient.h"
 #include "tests/linux/testing/BusServer.h"

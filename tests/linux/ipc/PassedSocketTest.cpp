@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "platform/linux/system/Paths.h"
 #include "tests/linux/ipc/IpcTesting.h"
 #include "tests/linux/ipc/RawClient.h"

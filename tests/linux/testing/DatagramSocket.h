@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::test {
 

@@ -15,7 +15,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::test {
 

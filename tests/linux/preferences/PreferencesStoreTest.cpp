@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Preferences stores: what survives crashes, damage and failing disks.
-#include "platform/linux/system/PreferencesStore.h"
+#include "platform/linux/preferences/PreferencesStore.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A dictionary on disk that survives crashes, power loss and a full disk.
-#include "platform/linux/system/PreferencesStore.h"
+#include "platform/linux/preferences/PreferencesStore.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The values of one preferences suite, and who writes them.
-#include "platform/linux/system/PreferencesSuiteCore.h"
+#include "platform/linux/preferences/PreferencesSuiteCore.h"
 
 #include <utility>
 

@@ -13,7 +13,7 @@
 
 #include "platform/Preferences.h"
 #include "platform/Value.h"
-#include "platform/linux/system/PreferencesStore.h"
+#include "platform/linux/preferences/PreferencesStore.h"
 
 namespace kelvane {
 

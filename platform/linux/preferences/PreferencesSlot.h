@@ -9,7 +9,7 @@
 #include <string>
 
 #include "platform/Value.h"
-#include "platform/linux/system/FileDescriptor.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane {
 

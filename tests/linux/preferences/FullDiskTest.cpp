@@ -11,7 +11,7 @@
 #include <string>
 
 #include "platform/Limits.h"
-#include "platform/linux/system/PreferencesStore.h"
+#include "platform/linux/preferences/PreferencesStore.h"
 #include "tests/linux/system/PrivateNamespace.h"
 #include "tests/linux/testing/LoopDisk.h"
 

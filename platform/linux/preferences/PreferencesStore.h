@@ -9,8 +9,8 @@
 #include <string>
 
 #include "platform/Value.h"
-#include "platform/linux/system/FileDescriptor.h"
-#include "platform/linux/system/PreferencesSlot.h"
+#include "platform/linux/preferences/PreferencesSlot.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Work that follows changes, at most once in a while.
-#include "platform/linux/system/DelayedItem.h"
+#include "platform/linux/runtime/DelayedItem.h"
 
 #include <thread>
 #include <utility>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // One of the two files that a preferences store is written to in turn.
-#include "platform/linux/system/PreferencesSlot.h"
+#include "platform/linux/preferences/PreferencesSlot.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
