@@ -9,12 +9,12 @@
 #include <string>
 #include <utility>
 
+#include "platform/linux/preferences/Paths.h"
 #include "platform/linux/preferences/PreferencesStore.h"
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
 #include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/runtime/DelayedItem.h"
 #include "platform/linux/runtime/FileNames.h"
-#include "platform/linux/preferences/Paths.h"
 
 namespace kelvane {
 

@@ -5,8 +5,8 @@
 
 #include "platform/Control.h"
 #include "platform/linux/ipc/PrivateSockets.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/ControlSocket.h"
+#include "platform/linux/system/Paths.h"
 
 namespace kelvane {
 

@@ -7,8 +7,8 @@
 
 #include "platform/Ipc.h"
 #include "platform/linux/ipc/PrivateSockets.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/Handlers.h"
+#include "platform/linux/system/Paths.h"
 
 namespace kelvane {
 

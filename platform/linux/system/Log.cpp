@@ -17,8 +17,8 @@
 
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/BlockedScope.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/LogText.h"
+#include "platform/linux/system/Paths.h"
 
 namespace kelvane::reporting {
 

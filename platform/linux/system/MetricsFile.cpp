@@ -7,8 +7,8 @@
 
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/DelayedItem.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/AtomicFile.h"
+#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/Statistics.h"
 
 namespace kelvane::reporting {

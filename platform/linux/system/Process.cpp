@@ -14,8 +14,8 @@
 
 #include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/runtime/FileNames.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/AtomicFile.h"
+#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/ServiceManager.h"
 
 namespace kelvane {

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "platform/Limits.h"
-#include "platform/linux/preferences/PreferencesSuiteCore.h"
 #include "platform/linux/preferences/Paths.h"
+#include "platform/linux/preferences/PreferencesSuiteCore.h"
 #include "tests/linux/system/PrivateNamespace.h"
 
 namespace kelvane {

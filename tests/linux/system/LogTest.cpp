@@ -9,8 +9,8 @@
 
 #include "platform/Limits.h"
 #include "platform/Reporting.h"
-#include "platform/linux/system/Paths.h"
 #include "platform/linux/system/LogText.h"
+#include "platform/linux/system/Paths.h"
 #include "tests/linux/testing/DatagramSocket.h"
 
 namespace kelvane {
