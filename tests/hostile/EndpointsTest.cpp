@@ -138,7 +138,11 @@ TEST_F(AnEndpoint, ThatLeadsToTheDaemonItselfIsAServiceThatGivesNothing) {
   ASSERT_TRUE(client.send("clientCheckin", test::checkin(hostile, endpoint.get(), test::purging())));
   // An error is an answer too, even to a ping.
   EXPECT_EQ(client.nextResult()[keys::id], Value(hostile));
-  EXPECT_EQ(client.purge(test::purgeOf(test::mebibyte))[keys::amountReported], Value(0));
+  // Its error may come late enough to be the purge's last word; what counts is what the volume has gained.
+  const std::uint64_t before = test::availableBytes();
+  EXPECT_EQ(client.call("clientPurge", test::purgeOf(test::mebibyte)).error, "");
+  EXPECT_EQ(test::availableBytes(), before);
+  EXPECT_TRUE(client.isServed());
 }
 
 TEST_F(AnEndpoint, OfAServiceThatIsKnownAlreadyIsClosed) {

@@ -24,13 +24,13 @@ namespace {
 /// More would be of no use to a reader.
 constexpr std::size_t shownLogBytes = 16 * 1024;
 
+}  // namespace
+
 std::uint64_t availableBytes() {
   struct statvfs status {};
   EXPECT_EQ(statvfs(volume, &status), 0);
   return std::uint64_t{status.f_bavail} * status.f_frsize;
 }
-
-}  // namespace
 
 bool hasOtherUsers() {
   const char* const kind = std::getenv("KELVANE_SANDBOX");

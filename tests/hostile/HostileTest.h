@@ -28,6 +28,8 @@ inline constexpr std::size_t ownDescriptors = 16;
 
 /// Whether the sandbox has other users.
 [[nodiscard]] bool hasOtherUsers();
+/// Of the test's volume.
+[[nodiscard]] std::uint64_t availableBytes();
 void writeFile(const std::string& path, std::string_view contents);
 
 /// One daemon and one volume, for each test anew, in a sandbox whose root may do everything. After the test's own steps
