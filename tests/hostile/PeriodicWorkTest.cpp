@@ -7,7 +7,7 @@
 #include <limits>
 
 #include "platform/Limits.h"
-#include "platform/linux/system/ControlSocket.h"
+#include "platform/linux/ipc/ControlSocket.h"
 #include "protocols/Keys.h"
 #include "protocols/Names.h"
 #include "tests/hostile/HostileTest.h"

@@ -23,6 +23,9 @@ LAYERS = {
     "services": ("platform", "protocols", "support"),
     "tools": ("platform", "protocols", "support"),
 }
+# The rooms of the Linux binding. Each may include the headers of those before it, besides its own.
+LINUX_ROOMS = ("runtime", "wire", "volumes", "preferences", "system", "ipc")
+
 # These may include anything of the project's.
 ABOVE_ALL = ("tests", "bench")
 
@@ -64,8 +67,8 @@ FOREIGN_TEXT = re.compile(
 CODE = (".h", ".cpp")
 COMMENTED = CODE + (".cmake", ".py", ".sh", ".service", ".socket", ".timer", ".path", ".conf")
 SKIPPED_DIRECTORIES = ("build", ".git", "__pycache__")
-# Written by others, or pictures.
-SKIPPED_FILES = ("LICENSE",)
+# Written by others, or pictures. A worktree has a file where a clone has a directory.
+SKIPPED_FILES = ("LICENSE", ".git")
 SKIPPED_SUFFIXES = (".svg", ".png", ".bin")
 
 
@@ -124,6 +127,19 @@ def include_direction(root):
             yield f"{path}:{number}: {source}/ must not include {header}"
         elif source == "protocols" and target == "platform" and header not in PROTOCOLS_PLATFORM_HEADERS:
             yield f"{path}:{number}: protocols/ takes only values and interface tables from platform/, not {header}"
+
+
+def linux_rooms(root):
+    """Within the Linux binding, includes point at rooms that come before."""
+    binding = "platform/linux/"
+    for path, number, kind, header in includes(root):
+        if kind != '"' or not path.startswith(binding) or not header.startswith(binding):
+            continue
+        source, target = (name[len(binding):].split("/")[0] for name in (path, header))
+        if source not in LINUX_ROOMS:
+            yield f"{path}:{number}: {source}/ has no place among the rooms"
+        elif target not in LINUX_ROOMS[:LINUX_ROOMS.index(source) + 1]:
+            yield f"{path}:{number}: {source}/ must not include {header}"
 
 
 def include_paths(root):
@@ -189,4 +205,4 @@ def foreign_text(root):
                 yield f"{path}:{number}: \"{match.group(0)}\""
 
 
-ALL = (include_direction, include_paths, third_party, conditional_code, licence, length, foreign_text)
+ALL = (include_direction, linux_rooms, include_paths, third_party, conditional_code, licence, length, foreign_text)

@@ -88,6 +88,16 @@ class Rules(unittest.TestCase):
                            "protocols/Keys.h:2", "platform/Value.h:2", "platform/common/Text.h:2",
                            "platform/simulated/Bus.h:2", "tools/ctl/main.cpp:2")
 
+    def test_refuse_rooms_of_the_binding_that_include_later_ones(self):
+        self.header("platform/linux/runtime/Pool.h", '"platform/linux/volumes/Mounts.h"')
+        self.header("platform/linux/volumes/Mounts.h", '"platform/linux/runtime/Pool.h"')
+        self.header("platform/linux/system/Log.h", '"platform/linux/volumes/Mounts.h"', '"platform/linux/ipc/Peer.h"')
+        self.header("platform/linux/ipc/Peer.h", '"platform/linux/system/Log.h"', '"platform/linux/ipc/Call.h"')
+        self.header("platform/linux/ipc/Call.h", '"platform/linux/attic/Old.h"')
+        self.header("platform/linux/attic/Old.h", '"platform/linux/runtime/Pool.h"')
+        self.assert_broken(rules.linux_rooms, "platform/linux/runtime/Pool.h:2", "platform/linux/system/Log.h:3",
+                           "platform/linux/ipc/Call.h:2", "platform/linux/attic/Old.h:2")
+
     def test_refuse_a_binding_in_the_core(self):
         self.header("platform/linux/Bus.h")
         self.header("daemon/main.cpp", '"platform/linux/Bus.h"')

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "platform/Process.h"
-#include "platform/linux/system/VolumeMonitor.h"
+#include "platform/linux/volumes/VolumeMonitor.h"
 
 namespace kelvane {
 

@@ -8,9 +8,7 @@ inline constexpr char runtimeDirectory[] = "/run/kelvane";
 inline constexpr char notificationDirectory[] = "/run/kelvane/notify";
 inline constexpr char controlSocket[] = "/run/kelvane/control";
 inline constexpr char metricsFile[] = "/run/kelvane/metrics.prom";
-inline constexpr char volumeLevelsFile[] = "/etc/kelvane/volumes.plist";
 
-inline constexpr char mountInfo[] = "/proc/self/mountinfo";
 inline constexpr char journalSocket[] = "/run/systemd/journal/socket";
 
 }  // namespace kelvane::paths

@@ -4,24 +4,12 @@
 
 #include <systemd/sd-daemon.h>
 
-#include <optional>
 #include <string>
-
-#include "platform/Reporting.h"
-#include "platform/linux/system/ControlSocket.h"
-#include "platform/linux/system/Handlers.h"
-#include "platform/linux/system/VolumeMonitor.h"
 
 namespace kelvane::serviceManager {
 
 void notifyReady() {
-  if (handlers::any()) {
-    if (const std::optional<std::string> error = openControlSocket()) {
-      reporting::reportFailure("serviceManager::notifyReady", "Unable to open the control socket: " + *error);
-    }
-  }
   sd_notify(0, "READY=1");
-  VolumeMonitor::shared().start();
 }
 
 void notifyTransactions(unsigned count) {

@@ -4,8 +4,7 @@
 
 namespace kelvane::serviceManager {
 
-/// The main loop is about to be entered: opens the control socket if anything was registered that it could
-/// reach, reports the process as started up, and begins to watch the volumes if there is a handler for it.
+/// The process has started up.
 void notifyReady();
 
 /// The process holds this many keep-alive transactions now.

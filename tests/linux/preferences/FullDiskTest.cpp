@@ -12,8 +12,8 @@
 
 #include "platform/Limits.h"
 #include "platform/linux/preferences/PreferencesStore.h"
-#include "tests/linux/system/PrivateNamespace.h"
 #include "tests/linux/testing/LoopDisk.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

@@ -14,7 +14,7 @@
 #include <optional>
 
 #include "platform/Limits.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

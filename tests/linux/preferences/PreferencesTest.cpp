@@ -18,7 +18,7 @@
 #include "platform/Limits.h"
 #include "platform/linux/preferences/Paths.h"
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

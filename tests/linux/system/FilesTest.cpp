@@ -11,7 +11,7 @@
 #include <filesystem>
 
 #include "platform/Limits.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

@@ -18,8 +18,8 @@
 
 #include "platform/linux/system/Handlers.h"
 #include "platform/linux/system/ServiceManager.h"
-#include "tests/linux/system/PrivateNamespace.h"
 #include "tests/linux/testing/DatagramSocket.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

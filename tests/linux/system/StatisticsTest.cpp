@@ -16,7 +16,7 @@
 #include "platform/Limits.h"
 #include "platform/Reporting.h"
 #include "platform/linux/system/Paths.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

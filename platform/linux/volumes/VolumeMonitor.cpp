@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Watches the volumes of this system and announces those that run low on space.
-#include "platform/linux/system/VolumeMonitor.h"
+#include "platform/linux/volumes/VolumeMonitor.h"
 
 #include <libmount/libmount.h>
 #include <poll.h>
@@ -17,8 +17,8 @@
 #include "platform/Queues.h"
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/Thread.h"
-#include "platform/linux/system/KnownMounts.h"
-#include "platform/linux/system/VolumeSpace.h"
+#include "platform/linux/volumes/KnownMounts.h"
+#include "platform/linux/volumes/VolumeSpace.h"
 
 namespace kelvane {
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Which events are posted when volumes run low, and how long a volume pauses after one.
-#include "platform/linux/system/VolumeWatch.h"
+#include "platform/linux/volumes/VolumeWatch.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/linux/system/VolumeWatchTesting.h"
+#include "tests/linux/volumes/VolumeWatchTesting.h"
 
 namespace kelvane {
 namespace {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // When volumes are looked at, and when a shortage of theirs is announced.
-#include "platform/linux/system/VolumeWatch.h"
+#include "platform/linux/volumes/VolumeWatch.h"
 
 #include <algorithm>
 #include <iterator>

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The volume monitor on real mounts.
-#include "platform/linux/system/VolumeMonitor.h"
+#include "platform/linux/volumes/VolumeMonitor.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -18,12 +18,12 @@
 #include "platform/Process.h"
 #include "platform/Queues.h"
 #include "platform/Volumes.h"
+#include "platform/linux/ipc/Readiness.h"
 #include "platform/linux/runtime/FileDescriptor.h"
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/system/Handlers.h"
-#include "platform/linux/system/ServiceManager.h"
-#include "platform/linux/system/VolumeSpace.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "platform/linux/volumes/VolumeSpace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {
@@ -67,7 +67,7 @@ class TheVolumeMonitor : public testing::Test {
     }
   }
 
-  static void start() { serviceManager::notifyReady(); }
+  static void start() { announceReadiness(); }
 
   void mountVolume(const std::string& path) {
     test::mountTmpfs(path, "size=64m");

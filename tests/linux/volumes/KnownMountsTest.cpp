@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What is known of the mounts is never older than the last mount or unmount.
-#include "platform/linux/system/KnownMounts.h"
+#include "platform/linux/volumes/KnownMounts.h"
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -8,7 +8,7 @@
 #include <algorithm>
 
 #include "platform/Volumes.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

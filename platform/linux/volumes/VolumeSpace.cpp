@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The space on a volume.
-#include "platform/linux/system/VolumeSpace.h"
+#include "platform/linux/volumes/VolumeSpace.h"
 
 #include <sys/stat.h>
 #include <sys/statvfs.h>

@@ -13,8 +13,8 @@
 #include <fstream>
 #include <thread>
 
-#include "platform/linux/system/Paths.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "platform/linux/volumes/Paths.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Runs the test program in a mount namespace of its own.
-#include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -4,8 +4,8 @@
 
 #include <optional>
 
-#include "platform/linux/system/MountTable.h"
-#include "platform/linux/system/VolumeLevels.h"
+#include "platform/linux/volumes/MountTable.h"
+#include "platform/linux/volumes/VolumeLevels.h"
 
 namespace kelvane {
 

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/system/MountTable.h"
-#include "platform/linux/system/VolumeLevels.h"
+#include "platform/linux/volumes/MountTable.h"
+#include "platform/linux/volumes/VolumeLevels.h"
 
 namespace kelvane {
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "platform/linux/runtime/FileDescriptor.h"
-#include "platform/linux/system/MountTable.h"
+#include "platform/linux/volumes/MountTable.h"
 
 namespace kelvane {
 

@@ -15,7 +15,7 @@
 
 #include "platform/Value.h"
 #include "platform/linux/runtime/FileDescriptor.h"
-#include "platform/linux/system/VolumeWatch.h"
+#include "platform/linux/volumes/VolumeWatch.h"
 
 namespace kelvane {
 

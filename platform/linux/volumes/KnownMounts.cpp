@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // This process's mount table, read no more often than it changes.
-#include "platform/linux/system/KnownMounts.h"
+#include "platform/linux/volumes/KnownMounts.h"
 
 #include <fcntl.h>
 #include <poll.h>
 
-#include "platform/linux/system/Paths.h"
+#include "platform/linux/volumes/Paths.h"
 
 namespace kelvane {
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The mounts that a path can lead to, and which of them hold data that can be freed.
-#include "platform/linux/system/MountTable.h"
+#include "platform/linux/volumes/MountTable.h"
 
 #include <libmount/libmount.h>
 #include <sys/sysmacros.h>

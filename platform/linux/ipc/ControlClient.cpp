@@ -4,8 +4,8 @@
 #include <utility>
 
 #include "platform/Control.h"
+#include "platform/linux/ipc/ControlSocket.h"
 #include "platform/linux/ipc/PrivateSockets.h"
-#include "platform/linux/system/ControlSocket.h"
 #include "platform/linux/system/Paths.h"
 
 namespace kelvane {

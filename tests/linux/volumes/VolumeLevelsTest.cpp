@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // When a volume counts as low on space.
-#include "platform/linux/system/VolumeLevels.h"
+#include "platform/linux/volumes/VolumeLevels.h"
 
 #include <gtest/gtest.h>
 
-#include "platform/linux/system/Paths.h"
-#include "tests/linux/system/PrivateNamespace.h"
+#include "platform/linux/volumes/Paths.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The service manager's door, as a stock client finds it.
-#include "platform/linux/system/ControlSocket.h"
+#include "platform/linux/ipc/ControlSocket.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -15,8 +15,8 @@
 #include "platform/Control.h"
 #include "platform/Process.h"
 #include "platform/Queues.h"
+#include "platform/linux/ipc/Readiness.h"
 #include "platform/linux/system/Paths.h"
-#include "platform/linux/system/ServiceManager.h"
 
 namespace kelvane {
 namespace {
@@ -60,7 +60,7 @@ class TheControlSocket : public testing::Test {
   TheControlSocket() {
     setEventStreamHandler("control test", [](const Value&) {});
     if (!std::filesystem::exists(paths::controlSocket)) {
-      serviceManager::notifyReady();
+      announceReadiness();
     }
   }
 };

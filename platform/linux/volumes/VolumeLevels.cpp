@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // When a volume counts as low on space.
-#include "platform/linux/system/VolumeLevels.h"
+#include "platform/linux/volumes/VolumeLevels.h"
 
 #include <sys/stat.h>
 
@@ -13,7 +13,7 @@
 #include "platform/Limits.h"
 #include "platform/PropertyList.h"
 #include "platform/Reporting.h"
-#include "platform/linux/system/Paths.h"
+#include "platform/linux/volumes/Paths.h"
 
 namespace kelvane {
 

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/system/VolumeWatch.h"
+#include "platform/linux/volumes/VolumeWatch.h"
 
 namespace kelvane::test {
 

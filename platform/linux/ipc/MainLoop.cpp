@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "platform/Queues.h"
-#include "platform/linux/system/ServiceManager.h"
+#include "platform/linux/ipc/Readiness.h"
 
 namespace kelvane {
 
@@ -18,7 +18,7 @@ namespace {
 }  // namespace
 
 void enterMainLoop() {
-  serviceManager::notifyReady();
+  announceReadiness();
   for (;;)
     pause();
 }

@@ -5,8 +5,8 @@
 
 #include <random>
 
-#include "platform/linux/system/VolumeWatch.h"
-#include "tests/linux/system/VolumeWatchTesting.h"
+#include "platform/linux/volumes/VolumeWatch.h"
+#include "tests/linux/volumes/VolumeWatchTesting.h"
 
 namespace kelvane {
 namespace {

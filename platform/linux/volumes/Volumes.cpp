@@ -9,9 +9,9 @@
 #include <utility>
 
 #include "platform/linux/runtime/BlockedScope.h"
-#include "platform/linux/system/KnownMounts.h"
-#include "platform/linux/system/VolumeMonitor.h"
-#include "platform/linux/system/VolumeSpace.h"
+#include "platform/linux/volumes/KnownMounts.h"
+#include "platform/linux/volumes/VolumeMonitor.h"
+#include "platform/linux/volumes/VolumeSpace.h"
 
 namespace kelvane::volumes {
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Which mounts are volumes, by mount tables as the kernel writes them.
-#include "platform/linux/system/MountTable.h"
+#include "platform/linux/volumes/MountTable.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "tests/linux/system/PrivateNamespace.h"
+#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {

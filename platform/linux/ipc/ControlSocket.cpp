@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The service manager's door: a socket on which root runs activities and posts events.
-#include "platform/linux/system/ControlSocket.h"
+#include "platform/linux/ipc/ControlSocket.h"
 
 #include <array>
 #include <utility>
