@@ -12,6 +12,8 @@ import sys
 import time
 import unittest
 
+from hanging_volume import HangingVolume
+
 TOP = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["KELVANE_BUILD"])
 KELVANED = BUILD / "daemon/kelvaned"
@@ -176,6 +178,13 @@ class SystemTest(unittest.TestCase):
     def volume(self, name="data", **options):
         volume = Volume(name, **options)
         self.volumes.append(volume)
+        return volume
+
+    def hanging_volume(self, name="hanging"):
+        volume = HangingVolume(VOLUMES / name)
+        self.volumes.append(volume)
+        # Before the processes are ended: those that ask it can't be.
+        self.addCleanup(volume.resume)
         return volume
 
     def start(self, name, *command, **options):
