@@ -6,7 +6,20 @@
 #include <string>
 #include <vector>
 
+#include "platform/Result.h"
+
 namespace kelvane::volumes {
+
+/// How much of a volume there is, in bytes.
+struct Space {
+  std::uint64_t size = 0;
+  /// What unprivileged users can still write.
+  std::uint64_t available = 0;
+  /// What is not used at all: with what is kept for root, and what a quota keeps from users.
+  std::uint64_t free = 0;
+
+  friend bool operator==(const Space&, const Space&) = default;
+};
 
 /// Whether path is the mount point of a writable, local file system.
 [[nodiscard]] bool isUsable(const std::string& path);
@@ -14,7 +27,9 @@ namespace kelvane::volumes {
 [[nodiscard]] std::vector<std::string> local();
 /// Those of local() that are low on space now, the emptiest first.
 [[nodiscard]] std::vector<std::string> lowOnSpace();
-/// Bytes available to unprivileged users; 0 when there is no such volume, or it cannot be asked.
+/// Not known when there is no such volume, or it cannot be asked.
+[[nodiscard]] Result<Space> space(const std::string& path);
+/// Bytes available to unprivileged users; 0 when that is not known.
 [[nodiscard]] std::uint64_t availableBytes(const std::string& path);
 
 }  // namespace kelvane::volumes

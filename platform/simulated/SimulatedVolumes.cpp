@@ -3,6 +3,7 @@
 #include "platform/simulated/SimulatedVolumes.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "platform/Volumes.h"
 #include "platform/simulated/SimulatedCalls.h"
@@ -27,13 +28,13 @@ void Volumes::take(const std::string& mountPoint, std::uint64_t bytes) {
 
 bool Volumes::isUsable(const std::string& mountPoint) const {
   const Volume* volume = find(mountPoint);
-  return volume != nullptr && volume->usable;
+  return volume != nullptr && volume->usable && !volume->silent;
 }
 
 std::vector<std::string> Volumes::local() const {
   std::vector<std::string> mountPoints;
   for (const Volume& volume : volumes_) {
-    if (volume.local) {
+    if (volume.local && !volume.silent) {
       mountPoints.push_back(volume.mountPoint);
     }
   }
@@ -43,7 +44,7 @@ std::vector<std::string> Volumes::local() const {
 std::vector<std::string> Volumes::low() const {
   std::vector<Volume> low;
   std::copy_if(volumes_.begin(), volumes_.end(), std::back_inserter(low),
-               [](const Volume& volume) { return volume.local && volume.low; });
+               [](const Volume& volume) { return volume.local && volume.low && !volume.silent; });
   std::stable_sort(low.begin(), low.end(),
                    [](const Volume& left, const Volume& right) { return left.available < right.available; });
   std::vector<std::string> mountPoints;
@@ -53,9 +54,13 @@ std::vector<std::string> Volumes::low() const {
   return mountPoints;
 }
 
-std::uint64_t Volumes::available(const std::string& mountPoint) const {
+Result<volumes::Space> Volumes::space(const std::string& mountPoint) const {
   const Volume* volume = find(mountPoint);
-  return volume == nullptr ? 0 : volume->available;
+  if (volume == nullptr || volume->silent) {
+    return Failure{.number = volume == nullptr ? ENOENT : ETIMEDOUT, .tried = "asking " + mountPoint};
+  }
+  const std::uint64_t free = volume->available + volume->reserve;
+  return volumes::Space{.size = free, .available = volume->available, .free = free};
 }
 
 Volumes::Volume& Volumes::volume(const std::string& mountPoint) {
@@ -87,8 +92,13 @@ std::vector<std::string> volumes::lowOnSpace() {
   return simulated::world().volumes.low();
 }
 
+Result<volumes::Space> volumes::space(const std::string& path) {
+  return simulated::world().volumes.space(path);
+}
+
 std::uint64_t volumes::availableBytes(const std::string& path) {
-  return simulated::world().volumes.available(path);
+  const auto known = space(path);
+  return known ? known->available : 0;
 }
 
 }  // namespace kelvane

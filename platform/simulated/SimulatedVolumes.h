@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/Volumes.h"
+
 namespace kelvane::simulated {
 
 /// The mounted volumes, in mount order. Functions that name a volume which is not there stop the process.
@@ -23,17 +25,22 @@ class Volumes {
   void give(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).available += bytes; }
   /// Uses bytes; at most what is available.
   void take(const std::string& mountPoint, std::uint64_t bytes);
+  /// What is free besides what is available.
+  void setReserve(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).reserve = bytes; }
+  /// A volume that is silent is usable no more, nor is its space known.
+  void setSilent(const std::string& mountPoint, bool silent) { volume(mountPoint).silent = silent; }
 
   bool isUsable(const std::string& mountPoint) const;
   std::vector<std::string> local() const;
   std::vector<std::string> low() const;
-  /// 0 when there is no such volume.
-  std::uint64_t available(const std::string& mountPoint) const;
+  Result<volumes::Space> space(const std::string& mountPoint) const;
 
  private:
   struct Volume {
     std::string mountPoint;
     std::uint64_t available = 0;
+    std::uint64_t reserve = 0;
+    bool silent = false;
     bool usable = true;
     bool local = true;
     bool low = false;

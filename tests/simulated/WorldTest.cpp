@@ -129,6 +129,20 @@ TEST(Volumes, AreWhatTheScriptSays) {
   EXPECT_EQ(volumes::availableBytes("/data"), 0U);
 }
 
+TEST(Volumes, HaveSpaceThatIsKnownWhileTheyAreThereAndAnswer) {
+  Simulation simulation;
+  simulation.volumes().add("/data", 300);
+  simulation.volumes().setReserve("/data", 20);
+  EXPECT_EQ(*volumes::space("/data"), (volumes::Space{.size = 320, .available = 300, .free = 320}));
+  simulation.volumes().setLow("/data", true);
+  simulation.volumes().setSilent("/data", true);
+  EXPECT_EQ(volumes::space("/data").failure().number, ETIMEDOUT);
+  EXPECT_FALSE(volumes::isUsable("/data"));
+  EXPECT_THAT(volumes::local(), IsEmpty());
+  EXPECT_THAT(volumes::lowOnSpace(), IsEmpty());
+  EXPECT_EQ(volumes::space("/nowhere").failure().number, ENOENT);
+}
+
 TEST(LowVolumes, AreListedEmptiestFirst) {
   Simulation simulation;
   EXPECT_THAT(volumes::lowOnSpace(), IsEmpty());

@@ -23,12 +23,6 @@ struct SpaceMarks {
   }
 };
 
-/// How much of a volume there is, in bytes; what is available is available to unprivileged users.
-struct VolumeSpace {
-  std::uint64_t size = 0;
-  std::uint64_t available = 0;
-};
-
 /// The bounds of the levels for each volume: the defaults, with what an administrator has changed.
 class VolumeLevels {
  public:

@@ -22,7 +22,7 @@
 
 namespace kelvane {
 
-std::atomic<std::optional<VolumeSpace> (*)(const VolumeMount&)> volumeSpaceReader{&spaceOf};
+std::atomic<std::optional<volumes::Space> (*)(const VolumeMount&)> volumeSpaceReader{&spaceOf};
 
 namespace {
 

@@ -20,7 +20,7 @@
 namespace kelvane {
 
 /// What a volume is asked with: spaceOf, unless a test puts something here that does not answer.
-extern std::atomic<std::optional<VolumeSpace> (*)(const VolumeMount&)> volumeSpaceReader;
+extern std::atomic<std::optional<volumes::Space> (*)(const VolumeMount&)> volumeSpaceReader;
 
 /// Feeds the event stream of file systems from a thread of its own, by what a VolumeWatch decides.
 ///

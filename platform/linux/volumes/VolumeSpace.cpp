@@ -7,13 +7,14 @@
 
 namespace kelvane {
 
-std::optional<VolumeSpace> spaceOf(const VolumeMount& mount) {
+std::optional<volumes::Space> spaceOf(const VolumeMount& mount) {
   struct statvfs status;
   if (!isDirectory(mount) || statvfs(mount.path.c_str(), &status) != 0) {
     return std::nullopt;
   }
-  return VolumeSpace{.size = std::uint64_t{status.f_blocks} * status.f_frsize,
-                     .available = std::uint64_t{status.f_bavail} * status.f_frsize};
+  return volumes::Space{.size = std::uint64_t{status.f_blocks} * status.f_frsize,
+                        .available = std::uint64_t{status.f_bavail} * status.f_frsize,
+                        .free = std::uint64_t{status.f_bfree} * status.f_frsize};
 }
 
 bool isDirectory(const VolumeMount& mount) {

@@ -26,7 +26,7 @@ std::uint64_t difference(std::uint64_t one, std::uint64_t other) {
 
 }  // namespace
 
-VolumeWatch::Sight::Sight(const VolumeMount& mount, const VolumeSpace& volumeSpace, const VolumeLevels& levels)
+VolumeWatch::Sight::Sight(const VolumeMount& mount, const volumes::Space& volumeSpace, const VolumeLevels& levels)
     : volume(mount.path), device(mount.device), space(volumeSpace), marks(levels.marks(mount.path, volumeSpace.size)) {}
 
 void VolumeWatch::look(Time now, const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked) {

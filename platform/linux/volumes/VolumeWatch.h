@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Volumes.h"
 #include "platform/linux/volumes/MountTable.h"
 #include "platform/linux/volumes/VolumeLevels.h"
 
@@ -52,12 +53,12 @@ class VolumeWatch {
 
   /// What there was to see of a volume.
   struct Sight {
-    Sight(const VolumeMount& mount, const VolumeSpace& volumeSpace, const VolumeLevels& levels);
+    Sight(const VolumeMount& mount, const volumes::Space& volumeSpace, const VolumeLevels& levels);
     SpaceLevel level() const { return marks.levelAt(space.available); }
 
     std::string volume;
     dev_t device;
-    VolumeSpace space;
+    volumes::Space space;
     SpaceMarks marks;
   };
 

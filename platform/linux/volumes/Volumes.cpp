@@ -5,6 +5,7 @@
 #include <sys/statvfs.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <set>
 #include <utility>
 
@@ -100,16 +101,24 @@ std::vector<std::string> lowOnSpace() {
   return VolumeMonitor::shared().volumesToRelieve(low);
 }
 
-std::uint64_t availableBytes(const std::string& path) {
+Result<Space> space(const std::string& path) {
   const runtime::BlockedScope blocked;
   const KnownMounts::Mounts known = KnownMounts::shared().current();
   // Beneath a mount point that has been unmounted is another file system, whose space is of no interest.
   const VolumeMount* mount = find(*known, path);
-  if (mount == nullptr || isSilent(*mount)) {
-    return 0;
+  if (mount == nullptr) {
+    return Failure{.number = ENOENT, .tried = "asking " + path};
+  }
+  if (isSilent(*mount)) {
+    return Failure{.number = ETIMEDOUT, .tried = "asking " + path};
   }
   const auto space = spaceOf(*mount);
-  return space ? space->available : 0;
+  return space ? Result<Space>(*space) : Failure{.number = EIO, .tried = "asking " + path};
+}
+
+std::uint64_t availableBytes(const std::string& path) {
+  const auto known = space(path);
+  return known ? known->available : 0;
 }
 
 }  // namespace kelvane::volumes

@@ -123,8 +123,8 @@ class WatchedVolumes : public testing::Test {
 
   VolumeWatch::Sight sight(const std::string& name) const {
     const Entry& entry = volumes_.at(name);
-    return {VolumeMount{name, entry.device, true}, VolumeSpace{.size = 1000 * gibibyte, .available = entry.available},
-            VolumeLevels()};
+    return {VolumeMount{name, entry.device, true},
+            volumes::Space{.size = 1000 * gibibyte, .available = entry.available}, VolumeLevels()};
   }
 
   std::map<std::string, Entry> volumes_;

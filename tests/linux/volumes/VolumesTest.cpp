@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "platform/linux/volumes/Paths.h"
+#include "tests/linux/testing/LoopDisk.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
@@ -35,8 +36,9 @@ class MountedVolumes : public testing::Test {
 
   void mountVolume(const std::string& path, const std::string& options) {
     test::mountTmpfs(path, options);
-    mounted_.push_back(path);
+    noteMounted(path);
   }
+  void noteMounted(const std::string& path) { mounted_.push_back(path); }
 
   void bind(const std::string& from, const std::string& onto, unsigned long flags = 0) {
     ASSERT_EQ(mount(from.c_str(), onto.c_str(), nullptr, MS_BIND, nullptr), 0);
@@ -156,6 +158,25 @@ TEST_F(MountedVolumes, TellWhatIsAvailableToUnprivilegedUsers) {
   EXPECT_EQ(volumes::availableBytes("/mnt/a"), status.f_bavail * status.f_frsize);
   EXPECT_EQ(volumes::availableBytes("/mnt/a"), std::uint64_t{1} << 20);
   EXPECT_EQ(volumes::availableBytes("/mnt/missing"), 0u);
+}
+
+TEST_F(MountedVolumes, TellWhatIsFreeWithTheReserveOfRoot) {
+  const std::string image = "/mnt/disk.image";
+  const bool hasReserve = test::isTrulyRoot() && test::makeDisk(image, 64 << 20) && test::mountDisk(image, "/mnt/a");
+  if (hasReserve) {
+    noteMounted("/mnt/a");
+  } else {
+    mountVolume("/mnt/a", "size=64m");
+  }
+  struct statvfs status;
+  ASSERT_EQ(statvfs("/mnt/a", &status), 0);
+  const auto space = volumes::space("/mnt/a");
+  ASSERT_TRUE(space);
+  EXPECT_EQ(space->size, status.f_blocks * status.f_frsize);
+  EXPECT_EQ(space->available, status.f_bavail * status.f_frsize);
+  EXPECT_EQ(space->free, status.f_bfree * status.f_frsize);
+  EXPECT_EQ(space->free > space->available, hasReserve);
+  EXPECT_EQ(volumes::space("/mnt/missing").failure().number, ENOENT);
 }
 
 TEST_F(MountedVolumes, ThatAreLowOnSpaceAreListedTheEmptiestFirst) {
