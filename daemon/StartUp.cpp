@@ -7,6 +7,7 @@
 
 #include "daemon/Kelvane.h"
 #include "platform/Process.h"
+#include "platform/Reporting.h"
 #include "protocols/Keys.h"
 #include "protocols/Names.h"
 #include "support/KelvaneLog.h"
@@ -56,6 +57,7 @@ void handleFileSystemEvent(const Value& event) {
 void start() {
   const Transaction transaction;
   configureLog();
+  reporting::reserveNames(names::daemon, statistics::daemonsOwn);
   readTimebase();
   // Lives until the process ends and is not taken apart then: other threads may still be at work in it.
   const Kelvane* registry = Kelvane::init().release();

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -26,5 +27,11 @@ inline void reportFailure(std::string_view function, std::string_view message) {
 void addToCounter(std::string_view domain, std::string_view name, std::int64_t count);
 /// Records one sample of a named distribution.
 void addSample(std::string_view domain, std::string_view name, double value);
+
+/// Keeps places for these names in a domain, of counters and of distributions, however many others there are.
+void reserveNames(std::string_view domain, std::span<const char* const> names);
+/// Says how something is at present: a number that metrics show under this name until it is set again. Both are
+/// constants of the program's, and a name always has the same help.
+void setGauge(std::string_view name, std::string_view help, std::int64_t value);
 
 }  // namespace kelvane::reporting

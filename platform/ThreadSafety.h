@@ -8,7 +8,7 @@
 #define KELVANE_THREAD_ATTRIBUTE(x)
 #endif
 
-/// A type whose objects guard others: here, a serial queue.
+/// A type whose objects guard others: a serial queue, or within platform/linux a mutex.
 #define KELVANE_CAPABILITY(name) KELVANE_THREAD_ATTRIBUTE(capability(name))
 /// The member may be touched only while the capability is held, that is, on the queue.
 #define KELVANE_GUARDED_BY(queue) KELVANE_THREAD_ATTRIBUTE(guarded_by(queue))
@@ -19,4 +19,9 @@
 /// The function returns a reference to this capability.
 #define KELVANE_RETURN_CAPABILITY(queue) KELVANE_THREAD_ATTRIBUTE(lock_returned(queue))
 #define KELVANE_EXCLUDES(...) KELVANE_THREAD_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+/// The function takes the mutex, or lets go of it.
+#define KELVANE_ACQUIRE(...) KELVANE_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define KELVANE_RELEASE(...) KELVANE_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+/// A type whose objects hold a mutex while they live.
+#define KELVANE_SCOPED_CAPABILITY KELVANE_THREAD_ATTRIBUTE(scoped_lockable)
 #define KELVANE_NO_THREAD_SAFETY_ANALYSIS KELVANE_THREAD_ATTRIBUTE(no_thread_safety_analysis)

@@ -2,6 +2,8 @@
 // Names that are known outside the daemon: entitlements, statistics, domains, directories.
 #pragma once
 
+#include <array>
+
 namespace kelvane {
 
 namespace names {
@@ -33,6 +35,10 @@ inline constexpr char purgeAmountPurged[] = "KelvanePurgeAmountPurged";
 inline constexpr char purgeElapsedNanoseconds[] = "KelvanePurgeElapsedNanoseconds";
 inline constexpr char purgeFailed[] = "KelvanePurgeFailed";
 inline constexpr char purgeDeficit[] = "KelvanePurgeDeficit";
+/// Those that no service has a part in.
+inline constexpr std::array daemonsOwn = {lowDiskEvent,      veryLowDiskEvent,        purgeAmountRequested,
+                                          purgeAmountPurged, purgeElapsedNanoseconds, purgeFailed,
+                                          purgeDeficit};
 /// Stands in for a service identifier in the counters of a whole purge.
 inline constexpr char total[] = "total";
 /// Formats, filled with a service identifier or "total", and a percentage.

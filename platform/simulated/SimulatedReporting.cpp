@@ -90,6 +90,16 @@ void reporting::addToCounter(std::string_view domain, std::string_view name, std
   simulated::world().statistics.addToCounter(std::string(domain), std::string(name), count);
 }
 
+void reporting::reserveNames(std::string_view domain, std::span<const char* const> names) {
+  for (const char* name : names) {
+    simulated::world().statistics.reserve(std::string(domain), name);
+  }
+}
+
+void reporting::setGauge(std::string_view name, std::string_view, std::int64_t value) {
+  simulated::world().statistics.setGauge(std::string(name), value);
+}
+
 void reporting::addSample(std::string_view domain, std::string_view name, double value) {
   simulated::world().statistics.addSample(std::string(domain), std::string(name), value);
 }

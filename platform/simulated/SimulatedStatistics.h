@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,6 +25,17 @@ class Statistics {
   /// The names of a domain's counters, sorted.
   std::vector<std::string> counterNames(const std::string& domain = daemonDomain) const;
 
+  bool isReserved(const std::string& name, const std::string& domain = daemonDomain) const {
+    return reserved_.contains({domain, name});
+  }
+  /// None when it was never set.
+  std::optional<std::int64_t> gauge(const std::string& name) const {
+    const auto found = gauges_.find(name);
+    return found == gauges_.end() ? std::nullopt : std::optional(found->second);
+  }
+
+  void reserve(std::string domain, std::string name) { reserved_.emplace(std::move(domain), std::move(name)); }
+  void setGauge(const std::string& name, std::int64_t value) { gauges_[name] = value; }
   void addToCounter(std::string domain, std::string name, std::int64_t count);
   void addSample(std::string domain, std::string name, double value);
 
@@ -30,6 +43,8 @@ class Statistics {
   using Key = std::pair<std::string, std::string>;
   std::map<Key, std::int64_t> counters_;
   std::map<Key, std::vector<double>> samples_;
+  std::set<Key> reserved_;
+  std::map<std::string, std::int64_t> gauges_;
 };
 
 }  // namespace kelvane::simulated

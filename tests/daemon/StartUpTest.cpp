@@ -48,6 +48,16 @@ TEST_F(TheDaemon, TellsHowItStarts) {
   });
 }
 
+TEST_F(TheDaemon, KeepsPlacesForItsOwnStatistics) {
+  start([&] {
+    for (const char* name :
+         {"KL_LOWDISK_EVENT", "KL_VERYLOWDISK_EVENT", "KelvanePurgeFailed", "KelvanePurgeDeficit",
+          "KelvanePurgeAmountRequested", "KelvanePurgeAmountPurged", "KelvanePurgeElapsedNanoseconds"}) {
+      EXPECT_TRUE(simulation->statistics().isReserved(name)) << name;
+    }
+  });
+}
+
 /// What the outside knows of the daemon at the moment when it writes a log message.
 struct Moment {
   int transactions;

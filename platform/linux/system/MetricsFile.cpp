@@ -55,4 +55,13 @@ void addSample(std::string_view domain, std::string_view name, double value) {
   publishSoon();
 }
 
+void reserveNames(std::string_view domain, std::span<const char* const> names) {
+  statistics().reserveNames(domain, names);
+}
+
+void setGauge(std::string_view name, std::string_view help, std::int64_t value) {
+  statistics().setGauge(name, help, value);
+  publishSoon();
+}
+
 }  // namespace kelvane::reporting

@@ -38,13 +38,13 @@ Entry& Statistics::entry(Table<Entry>& table, std::string_view domain, std::stri
   if (found != table.end()) {
     return found->second;
   }
-  const bool fits = table.size() < limits::statisticNames && domain.size() <= limits::statisticNameBytes &&
-                    name.size() <= limits::statisticNameBytes;
+  const bool fits = (table.size() < limits::statisticNames || reserved_.contains(key)) &&
+                    domain.size() <= limits::statisticNameBytes && name.size() <= limits::statisticNameBytes;
   return table[fits ? key : Key("overflow", "overflow")];
 }
 
 void Statistics::addToCounter(std::string_view domain, std::string_view name, std::int64_t count) {
-  const std::lock_guard lock(mutex_);
+  const runtime::Lock lock(mutex_);
   std::int64_t& counter = entry(counters_, domain, name);
   counter = static_cast<std::int64_t>(static_cast<std::uint64_t>(counter) + static_cast<std::uint64_t>(count));
 }
@@ -53,12 +53,24 @@ void Statistics::addSample(std::string_view domain, std::string_view name, doubl
   if (std::isnan(value)) {
     return;
   }
-  const std::lock_guard lock(mutex_);
+  const runtime::Lock lock(mutex_);
   Distribution& distribution = entry(distributions_, domain, name);
   ++distribution.count;
   distribution.sum += value;
   distribution.least = std::min(distribution.least, value);
   distribution.greatest = std::max(distribution.greatest, value);
+}
+
+void Statistics::reserveNames(std::string_view domain, std::span<const char* const> names) {
+  const runtime::Lock lock(mutex_);
+  for (const char* name : names) {
+    reserved_.emplace(domain, name);
+  }
+}
+
+void Statistics::setGauge(std::string_view name, std::string_view help, std::int64_t value) {
+  const runtime::Lock lock(mutex_);
+  gauges_.insert_or_assign(std::string(name), Gauge{.help = std::string(help), .value = value});
 }
 
 std::string Statistics::prometheusText() const {
@@ -68,7 +80,7 @@ std::string Statistics::prometheusText() const {
              prometheus::MetricType::Summary),
   };
   {
-    const std::lock_guard lock(mutex_);
+    const runtime::Lock lock(mutex_);
     for (const auto& [key, count] : counters_) {
       prometheus::ClientMetric& metric = families[0].metric.emplace_back(labelled(key));
       metric.counter.value = static_cast<double>(count);
@@ -78,6 +90,10 @@ std::string Statistics::prometheusText() const {
       metric.summary.sample_count = distribution.count;
       metric.summary.sample_sum = distribution.sum;
       metric.summary.quantile = {{0, distribution.least}, {1, distribution.greatest}};
+    }
+    for (const auto& [name, gauge] : gauges_) {
+      families.push_back(family(name.c_str(), gauge.help.c_str(), prometheus::MetricType::Gauge));
+      families.back().metric.emplace_back().gauge.value = static_cast<double>(gauge.value);
     }
   }
   return prometheus::TextSerializer().Serialize(families);

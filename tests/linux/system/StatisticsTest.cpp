@@ -81,6 +81,34 @@ TEST(Statistics, BeyondTheLimitAreKeptTogether) {
   EXPECT_THAT(text, Not(HasSubstr("one more")));
 }
 
+TEST(Statistics, ThatAreReservedHavePlacesOfTheirOwn) {
+  Statistics statistics;
+  constexpr std::array reserved = {"first", "second"};
+  statistics.reserveNames("d", reserved);
+  for (std::size_t index = 0; index < limits::statisticNames; ++index) {
+    statistics.addToCounter("d", std::to_string(index), 1);
+    statistics.addSample("d", std::to_string(index), 1);
+  }
+  statistics.addToCounter("e", "first", 7);
+  statistics.addToCounter("d", "first", 5);
+  statistics.addSample("d", "second", 1);
+  statistics.addSample("d", "second", 2);
+  const std::string text = statistics.prometheusText();
+  EXPECT_THAT(text, HasSubstr("kelvane_events_total{domain=\"d\",name=\"first\"} 5\n"));
+  EXPECT_THAT(text, HasSubstr("kelvane_distribution_count{domain=\"d\",name=\"second\"} 2\n"));
+  EXPECT_THAT(text, HasSubstr("{domain=\"overflow\",name=\"overflow\"} 7\n")) << "of another domain";
+}
+
+TEST(AGauge, ShowsWhatItWasSetToLast) {
+  Statistics statistics;
+  EXPECT_THAT(statistics.prometheusText(), Not(HasSubstr("kelvane_things")));
+  statistics.setGauge("kelvane_things", "How many things there are.", 5);
+  statistics.setGauge("kelvane_things", "How many things there are.", -3);
+  EXPECT_THAT(statistics.prometheusText(), HasSubstr("# HELP kelvane_things How many things there are.\n"
+                                                     "# TYPE kelvane_things gauge\n"
+                                                     "kelvane_things -3\n"));
+}
+
 TEST(Statistics, WithOverlongNamesAreKeptTogether) {
   Statistics statistics;
   statistics.addSample("d", std::string(limits::statisticNameBytes, 'x'), 1);
