@@ -87,6 +87,7 @@ void KelvanePurgeOperation::runPass(const MutableDictionary& working, std::uint3
   if (amountPurged(working) < purge_amount_needed()) {
     KELVANE_TRACE("%s Urgency: %d", startName, urgency);
     // No request starts before all are queued.
+    beginRounds();
     message_queue().suspend();
     for (const auto& [identifier, service] : services()) {
       queueServiceRequest(service, working, static_cast<std::int32_t>(urgency), operationInfo, completion);
@@ -98,7 +99,9 @@ void KelvanePurgeOperation::runPass(const MutableDictionary& working, std::uint3
   const std::chrono::seconds wait(userTimeout != 0 ? userTimeout : timeoutSecondsPerUrgency * urgency);
   KELVANE_TRACE("%s waiting for %llu seconds, user_timeout_seconds: %llu, currentUrgency: %d", startName, wait.count(),
                 userTimeout, urgency);
-  if (!semaphore.wait(wait)) {
+  const bool isTimedOut = !semaphore.wait(wait);
+  endRounds();
+  if (isTimedOut) {
     noteTimeout(operationInfo, wait, urgency);
   }
 

@@ -5,12 +5,15 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "operations/KelvaneOperation.h"
+#include "operations/PurgeRound.h"
+#include "operations/PurgeServiceRequest.h"
 #include "platform/MutableDictionary.h"
 
 namespace kelvane {
@@ -27,6 +30,9 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   static constexpr std::uint64_t maximumTimeoutSeconds = 300;
   /// What a pass is given otherwise, times its urgency.
   static constexpr std::uint64_t timeoutSecondsPerUrgency = 2;
+  /// So often in a row a service that says that it gave its share has another turn in the pass although the volume's
+  /// free bytes did not rise meanwhile: another writer may have used what an honest one freed.
+  static constexpr int maximumUnborneAnswers = 8;
 
   /// Null when the info is refused. Only the services that purge are kept.
   static std::shared_ptr<KelvanePurgeOperation> initWithInfo(const Value& info, const ServiceTable& services);
@@ -43,14 +49,15 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   void reportPercentageForAmountRequested(std::int64_t requested, std::int64_t amountPurged,
                                           const std::string& identifier) const;
 
+  /// What divides the missing bytes when so many services are counted on: their number may drop to 0 meanwhile.
+  static constexpr std::uint64_t divisorOf(std::uint64_t viable) { return viable != 0 ? viable : 1; }
+
   bool cancel() const { return cancel_; }
   std::uint64_t purge_amount_needed() const { return purge_amount_needed_; }
   std::uint64_t purge_amount_reported() const { return purge_amount_reported_; }
   std::uint64_t viable_purging_services() const { return viable_purging_services_; }
 
  private:
-  struct ServiceRequest;
-
   KelvanePurgeOperation() = default;
   std::shared_ptr<KelvanePurgeOperation> self() {
     return std::static_pointer_cast<KelvanePurgeOperation>(shared_from_this());
@@ -68,9 +75,22 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   // One service, one urgency: KelvanePurgeServiceRequest.cpp.
   void queueServiceRequest(const std::shared_ptr<KLService>& service, const MutableDictionary& info,
                            std::int32_t urgency, const MutableDictionary& operationInfo, const Completion& completion);
-  void requestFromService(ServiceRequest request);
-  void handleReply(const ServiceRequest& request, std::uint64_t startTicks, const Value& reply, const Block& done);
-  void noteReport(const ServiceRequest& request, std::uint64_t amount) const;
+  void requestFromService(PurgeServiceRequest request);
+  void handleReply(const PurgeServiceRequest& request, std::uint64_t startTicks, const Value& reply, Block done);
+  void finishReply(const PurgeServiceRequest& request, double elapsed, const Value& answer, std::uint64_t got,
+                   const Block& done);
+  void noteReport(const PurgeServiceRequest& request, std::uint64_t amount) const;
+
+  void signalPass() const;
+
+  // Who is asked again, and when: KelvanePurgeTurns.cpp.
+  void beginRounds();
+  void endRounds();
+  void queueTurn(PurgeServiceRequest request);
+  void queueAgain(PurgeServiceRequest request, std::chrono::nanoseconds elapsed, Block rest);
+  void changeRound(const std::function<void(PurgeRound&)>& change);
+  void limitPatience() KELVANE_REQUIRES(collection_queue());
+  std::optional<std::chrono::nanoseconds> afterPatience(std::uint64_t& round);
 
   std::atomic<bool> cancel_ = false;
   /// Bytes that the client asked for.
@@ -84,6 +104,9 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   std::atomic<std::uint64_t> ended_ = notEnded;
   /// The current pass's; none before the first pass and after the last.
   AtomicProperty<std::optional<Semaphore>> purge_semaphore_;
+  PurgeRound round_ KELVANE_GUARDED_BY(collection_queue());
+  /// Ends the wait of the thread that limits the rounds' patience; none while there is no such thread.
+  std::optional<Semaphore> patienceLimit_ KELVANE_GUARDED_BY(collection_queue());
 };
 
 }  // namespace kelvane

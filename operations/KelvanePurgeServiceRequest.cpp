@@ -28,37 +28,20 @@ Value withElapsedTime(const Value& reply, double nanoseconds) {
 
 }  // namespace
 
-struct KelvanePurgeOperation::ServiceRequest {
-  std::shared_ptr<KLService> service;
-  /// The purge's working result.
-  MutableDictionary info;
-  std::int32_t urgency;
-  /// The pass's.
-  MutableDictionary operationInfo;
-  Completion completion;
-  /// Bytes that the service is asked for.
-  std::uint64_t donation = 0;
-
-  const std::string& identifier() const { return service->ID(); }
-};
-
 void KelvanePurgeOperation::queueServiceRequest(const std::shared_ptr<KLService>& service,
                                                 const MutableDictionary& info, std::int32_t urgency,
                                                 const MutableDictionary& operationInfo, const Completion& completion) {
-  message_queue().async([self = self(), request = ServiceRequest{service, info, urgency, operationInfo, completion}] {
-    self->requestFromService(request);
-  });
+  queueTurn({service, info, urgency, operationInfo, completion});
 }
 
-void KelvanePurgeOperation::requestFromService(ServiceRequest request) {
+void KelvanePurgeOperation::requestFromService(PurgeServiceRequest request) {
   KELVANE_TRACE("%s queuing service: %@", blockName, request.identifier());
   const std::uint64_t purged = amountPurged(request.info);
   if (viable_purging_services() == 0 || purged >= purge_amount_needed() || cancel() || isLongOver()) {
     return;
   }
   const MutableDictionary message = request.info.copied();
-  const std::uint64_t viable = viable_purging_services();
-  const std::uint64_t divisor = viable != 0 ? viable : 1;
+  const std::uint64_t divisor = divisorOf(viable_purging_services());
   request.donation = (purge_amount_needed() - purged) / divisor;
   KELVANE_TRACE("%s donation (%lld) = (amount needed[%llu] - amount_purged[%llu]) / viable_purging_services[%llu])",
                 blockName, static_cast<std::int64_t>(request.donation), purge_amount_needed(), purged, divisor);
@@ -67,6 +50,12 @@ void KelvanePurgeOperation::requestFromService(ServiceRequest request) {
   if (!updateInFlight(request.identifier(), true) || request.donation == 0) {
     return;
   }
+  request.freeBytes = volumeFreeBytes(request.info[keys::volume]);
+  // Before it is sent: the answer may be there before this goes on.
+  collection_queue().sync([this, &request] {
+    collection_queue().assertCurrent();
+    round_.asked(request.identifier());
+  });
   CallServiceAsync(
       request.service,
       [self = self(), request, message](const KelvaneServiceProxy& proxy, const Block& done) {
@@ -81,11 +70,12 @@ void KelvanePurgeOperation::requestFromService(ServiceRequest request) {
       [self = self(), identifier = request.identifier()] {
         KELVANE_TRACE("%s connection invalidated", blockName);
         self->updateInFlight(identifier, false);
+        self->changeRound([&](PurgeRound& round) { round.settled(identifier); });
       });
 }
 
-void KelvanePurgeOperation::handleReply(const ServiceRequest& request, std::uint64_t startTicks, const Value& reply,
-                                        const Block& done) {
+void KelvanePurgeOperation::handleReply(const PurgeServiceRequest& request, std::uint64_t startTicks,
+                                        const Value& reply, Block done) {
   const std::string& identifier = request.identifier();
   const double elapsed = nanosecondsSince(startTicks);
   const Value amount = reply[keys::amount];
@@ -101,10 +91,18 @@ void KelvanePurgeOperation::handleReply(const ServiceRequest& request, std::uint
   if (got < request.donation) {
     // It gave what it could. From 0 the count wraps, and every later share of the pass is 0.
     --viable_purging_services_;
+    finishReply(request, elapsed, answer, got, done);
   } else {
-    // Queued before the service leaves the in-flight set: if the request runs first, it is refused there.
-    queueServiceRequest(request.service, request.info, request.urgency, request.operationInfo, request.completion);
+    queueAgain(request, std::chrono::nanoseconds(static_cast<std::int64_t>(elapsed)),
+               [self = self(), request, elapsed, answer, got, done = std::move(done)] {
+                 self->finishReply(request, elapsed, answer, got, done);
+               });
   }
+}
+
+void KelvanePurgeOperation::finishReply(const PurgeServiceRequest& request, double elapsed, const Value& answer,
+                                        std::uint64_t got, const Block& done) {
+  const std::string& identifier = request.identifier();
   if (request.completion) {
     KELVANE_TRACE("%s %@ calling completion with: %@", blockName, identifier, answer);
     request.completion(answer);
@@ -113,18 +111,23 @@ void KelvanePurgeOperation::handleReply(const ServiceRequest& request, std::uint
                                      identifier);
   done();
   updateInFlight(identifier, false);
-  if (inFlightCount() == 0) {
-    // Whichever pass is current by now; its semaphore may be another than when the request was sent.
-    if (const std::optional<Semaphore> semaphore = purge_semaphore_.load()) {
-      KELVANE_TRACE("%s All services accounted for, signalling the semaphore.", blockName);
-      semaphore->signal();
-    }
-  }
+  changeRound([&](PurgeRound& round) {
+    round.settled(identifier);
+    round.lookAtFlight();
+  });
   KELVANE_TRACE("%s %@ took %f seconds, purged: %@", blockName, identifier, elapsed / nanosecondsPerSecond, answer);
   addDistributionStat(names::daemon, formatted(statistics::servicePurgeElapsedFormat, identifier), elapsed);
 }
 
-void KelvanePurgeOperation::noteReport(const ServiceRequest& request, std::uint64_t amount) const {
+void KelvanePurgeOperation::signalPass() const {
+  // Whichever pass is current by now; its semaphore may be another than when the request was sent.
+  if (const std::optional<Semaphore> semaphore = purge_semaphore_.load()) {
+    KELVANE_TRACE("%s All services accounted for, signalling the semaphore.", blockName);
+    semaphore->signal();
+  }
+}
+
+void KelvanePurgeOperation::noteReport(const PurgeServiceRequest& request, std::uint64_t amount) const {
   SharedRegistry::sharedKelvane().collection_queue().async(
       [operationInfo = request.operationInfo, identifier = request.identifier(), amount] {
         operationInfo.nested(keys::reportingServices).set(identifier, amount);

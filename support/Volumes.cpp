@@ -24,6 +24,14 @@ std::uint64_t volumeFreespace(const Value& volume) {
   return volume.isString() ? volumes::availableBytes(*volume.string()) : 0;
 }
 
+std::optional<std::uint64_t> volumeFreeBytes(const Value& volume) {
+  if (!volume.isString()) {
+    return std::nullopt;
+  }
+  const auto space = volumes::space(*volume.string());
+  return space ? std::optional(space->free) : std::nullopt;
+}
+
 std::uint64_t amountPurged(const Value& info) {
   const Value begin = info[keys::freespaceBegin];
   if (!begin.isNumber()) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,9 @@ std::vector<std::string> lowSpaceVolumes();
 
 /// Bytes of the volume that are available to unprivileged users; 0 for what is no volume or cannot be asked.
 std::uint64_t volumeFreespace(const Value& volume);
+
+/// Bytes of the volume that are free at all, those kept for the superuser among them; none likewise.
+std::optional<std::uint64_t> volumeFreeBytes(const Value& volume);
 
 /// Bytes gained so far by the purge that the info describes: the volume's free space now less
 /// "KELVANE_FREESPACE_BEGIN", never below 0, and 0 while that is not known. No service's word is taken for it.

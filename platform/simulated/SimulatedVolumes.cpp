@@ -21,6 +21,14 @@ void Volumes::remove(const std::string& mountPoint) {
   std::erase_if(volumes_, [&](const Volume& volume) { return volume.mountPoint == mountPoint; });
 }
 
+void Volumes::give(const std::string& mountPoint, std::uint64_t bytes) {
+  Volume& given = volume(mountPoint);
+  const std::uint64_t refilled = std::min(given.reserveUsed, bytes);
+  given.reserveUsed -= refilled;
+  given.reserve += refilled;
+  given.available += bytes - refilled;
+}
+
 void Volumes::take(const std::string& mountPoint, std::uint64_t bytes) {
   std::uint64_t& available = volume(mountPoint).available;
   available -= std::min(available, bytes);

@@ -21,12 +21,14 @@ class Volumes {
   void setLow(const std::string& mountPoint, bool low) { volume(mountPoint).low = low; }
 
   void setAvailable(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).available = bytes; }
-  /// Frees bytes, as a service does that deletes.
-  void give(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).available += bytes; }
+  /// Frees bytes, as a service does that deletes; what lacks in the reserve takes the first of them.
+  void give(const std::string& mountPoint, std::uint64_t bytes);
   /// Uses bytes; at most what is available.
   void take(const std::string& mountPoint, std::uint64_t bytes);
   /// What is free besides what is available.
   void setReserve(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).reserve = bytes; }
+  /// What root has used of that.
+  void setReserveUsed(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).reserveUsed = bytes; }
   /// A volume that is silent is usable no more, nor is its space known.
   void setSilent(const std::string& mountPoint, bool silent) { volume(mountPoint).silent = silent; }
 
@@ -40,6 +42,7 @@ class Volumes {
     std::string mountPoint;
     std::uint64_t available = 0;
     std::uint64_t reserve = 0;
+    std::uint64_t reserveUsed = 0;
     bool silent = false;
     bool usable = true;
     bool local = true;

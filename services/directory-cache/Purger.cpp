@@ -19,7 +19,7 @@ constexpr std::uint64_t leastYieldDivisor = 8;
 }  // namespace
 
 Purger::Purger(const std::vector<OpenDirectory>& directories, VolumeMeter& meter, CandidateBounds bounds)
-    : directories_(directories), meter_(meter), bounds_(bounds), availableBefore_(meter.available()) {}
+    : directories_(directories), meter_(meter), bounds_(bounds), freeBefore_(meter.freeBytes()) {}
 
 PurgeResult Purger::purge(const PurgeRequest& request, const Cancellation& cancellation) {
   std::optional<FileKey> after;
@@ -62,8 +62,8 @@ void Purger::settle() {
   if (batch == 0) {
     return;
   }
-  const std::uint64_t available = meter_.settledAvailable(availableBefore_ + gained_ + batch);
-  const std::uint64_t gained = available > availableBefore_ ? available - availableBefore_ : 0;
+  const std::uint64_t free = meter_.settledFree(freeBefore_ + gained_ + batch);
+  const std::uint64_t gained = free > freeBefore_ ? free - freeBefore_ : 0;
   result_.isFutile = gained < gained_ + batch / leastYieldDivisor;
   gained_ = gained;
   deletedWhenMeasured_ = deleted_;

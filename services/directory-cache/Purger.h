@@ -51,7 +51,7 @@ class Purger {
   const std::vector<OpenDirectory>& directories_;
   VolumeMeter& meter_;
   const CandidateBounds bounds_;
-  const std::uint64_t availableBefore_;
+  const std::uint64_t freeBefore_;
   /// Of the files deleted so far, what was allocated to them.
   std::uint64_t deleted_ = 0;
   /// What was deleted and what the volume had gained when it was last measured.

@@ -24,25 +24,25 @@ MountedVolumeMeter::MountedVolumeMeter(const std::string& volume, const Descript
   }
 }
 
-std::uint64_t MountedVolumeMeter::available() {
+std::uint64_t MountedVolumeMeter::freeBytes() {
   struct statvfs status = {};
   if (fstatvfs(volume_.number(), &status) != 0) {
     return 0;
   }
-  return static_cast<std::uint64_t>(status.f_bavail) * status.f_frsize;
+  return static_cast<std::uint64_t>(status.f_bfree) * status.f_frsize;
 }
 
-std::uint64_t MountedVolumeMeter::settledAvailable(std::uint64_t expected) {
-  std::uint64_t bytes = available();
+std::uint64_t MountedVolumeMeter::settledFree(std::uint64_t expected) {
+  std::uint64_t bytes = freeBytes();
   if (bytes >= expected) {
     return bytes;
   }
   // Some file systems free blocks in the background or with their next commit only.
   syncfs(volume_.number());
-  bytes = available();
+  bytes = freeBytes();
   for (int turn = 0; turn < settlingTurns && bytes < expected; ++turn) {
     clock::sleepMicroseconds(settlingTurnMicroseconds);
-    bytes = available();
+    bytes = freeBytes();
   }
   return bytes;
 }

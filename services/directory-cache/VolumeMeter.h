@@ -14,11 +14,12 @@ class VolumeMeter {
  public:
   virtual ~VolumeMeter() = default;
 
-  /// Bytes available to unprivileged users.
-  virtual std::uint64_t available() = 0;
-  /// As available(), after the file system has done what it put off when files were deleted; waits until at least
-  /// expected bytes are available, for a moment at most.
-  virtual std::uint64_t settledAvailable(std::uint64_t expected) = 0;
+  /// Bytes that are free at all, those kept for the superuser among them: where that reserve has been used, what is
+  /// deleted fills it up first, and is nonetheless freed.
+  virtual std::uint64_t freeBytes() = 0;
+  /// As freeBytes(), after the file system has done what it put off when files were deleted; waits until at least
+  /// expected bytes are free, for a moment at most.
+  virtual std::uint64_t settledFree(std::uint64_t expected) = 0;
 };
 
 /// Measures the file system that is mounted at a path. When that may not be opened, it measures at a directory on
@@ -27,8 +28,8 @@ class MountedVolumeMeter : public VolumeMeter {
  public:
   MountedVolumeMeter(const std::string& volume, const Descriptor& directory);
 
-  std::uint64_t available() override;
-  std::uint64_t settledAvailable(std::uint64_t expected) override;
+  std::uint64_t freeBytes() override;
+  std::uint64_t settledFree(std::uint64_t expected) override;
 
  private:
   Descriptor volume_;

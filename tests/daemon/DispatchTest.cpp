@@ -248,6 +248,7 @@ TEST_F(Dispatch, TakesAPurgesSnapshotWhenItIsAskedForNotWhenItsTurnComes) {
 TEST_F(Dispatch, TakesAPurgesSnapshotAfterTheCheckInsThatAreUnderWay) {
   runDaemon([&] {
     ScriptedService service("a");
+    service.onPurge = ScriptedService::gives(0);
     std::optional<ipc::Reply> pong;
     service.onPing = [&](const ScriptedService::Request& request) { pong = request.reply; };
     const TestClient client;

@@ -30,7 +30,7 @@ std::string makeRoot() {
 
 }  // namespace
 
-std::uint64_t DirectoryMeter::available() {
+std::uint64_t DirectoryMeter::freeBytes() {
   std::set<ino_t> seen;
   std::uint64_t used = 0;
   const auto count = [&](const struct stat& status) {
@@ -56,9 +56,9 @@ std::uint64_t DirectoryMeter::available() {
   return static_cast<std::uint64_t>(*first_ + gained);
 }
 
-std::uint64_t DirectoryMeter::settledAvailable(std::uint64_t) {
+std::uint64_t DirectoryMeter::settledFree(std::uint64_t) {
   ++settlings_;
-  return available();
+  return freeBytes();
 }
 
 CacheTest::CacheTest() : root_(makeRoot()) {

@@ -30,8 +30,8 @@ class DirectoryMeter : public VolumeMeter {
   /// blocks are shared with copies elsewhere.
   DirectoryMeter(std::string path, double yield) : path_(std::move(path)), yield_(yield) {}
 
-  std::uint64_t available() override;
-  std::uint64_t settledAvailable(std::uint64_t expected) override;
+  std::uint64_t freeBytes() override;
+  std::uint64_t settledFree(std::uint64_t expected) override;
 
   int settlings() const { return settlings_; }
 

@@ -131,9 +131,9 @@ TEST(AMountedVolumesMeter, WaitsOnlyAMomentForSpaceThatDoesNotCome) {
   simulation.run([&] {
     MountedVolumeMeter meter("/", Descriptor());
     const auto before = simulation.elapsed();
-    EXPECT_GT(meter.settledAvailable(0), 0U);
+    EXPECT_GT(meter.settledFree(0), 0U);
     EXPECT_EQ(simulation.elapsed(), before);
-    EXPECT_GT(meter.settledAvailable(std::uint64_t{1} << 62), 0U);
+    EXPECT_GT(meter.settledFree(std::uint64_t{1} << 62), 0U);
     EXPECT_EQ(simulation.elapsed() - before, std::chrono::milliseconds(500));
   });
 }
@@ -142,7 +142,7 @@ TEST(AMountedVolumesMeter, MeasuresAtADirectoryWhenTheVolumeMayNotBeOpened) {
   const std::string path = std::filesystem::temp_directory_path();
   const Tree tree = *Tree::open(std::filesystem::canonical(path));
   MountedVolumeMeter meter("/nonexistent", tree.root());
-  EXPECT_GT(meter.available(), 0U);
+  EXPECT_GT(meter.freeBytes(), 0U);
 }
 
 }  // namespace

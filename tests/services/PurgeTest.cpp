@@ -312,9 +312,9 @@ TEST_F(APurge, StopsBetweenFilesWhenItIsCancelled) {
    public:
     CancellingMeter(const std::string& path, Cancellation cancellation)
         : DirectoryMeter(path, 0.5), cancellation_(std::move(cancellation)) {}
-    std::uint64_t settledAvailable(std::uint64_t expected) override {
+    std::uint64_t settledFree(std::uint64_t expected) override {
       cancellation_.cancel();
-      return DirectoryMeter::settledAvailable(expected);
+      return DirectoryMeter::settledFree(expected);
     }
 
    private:

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whom a purge asks again within a pass, when, and how a pass is found to be over.
+#include <utility>
+
+#include "operations/KelvanePurgeOperation.h"
+#include "protocols/Keys.h"
+#include "support/KelvaneLog.h"
+#include "support/Volumes.h"
+
+namespace kelvane {
+
+/// A pass is about to queue a request for each service.
+void KelvanePurgeOperation::beginRounds() {
+  collection_queue().async([self = self()] {
+    self->collection_queue().assertCurrent();
+    self->round_.blocksQueued(self->services().size());
+  });
+}
+
+/// A pass is over, and with it its rounds.
+void KelvanePurgeOperation::endRounds() {
+  collection_queue().async([self = self()] {
+    self->collection_queue().assertCurrent();
+    self->round_.endPass();
+    if (self->patienceLimit_) {
+      self->patienceLimit_->signal();
+      self->patienceLimit_.reset();
+    }
+  });
+}
+
+/// For a request whose block the round counts as queued.
+void KelvanePurgeOperation::queueTurn(PurgeServiceRequest request) {
+  message_queue().async([self = self(), request = std::move(request)] {
+    self->requestFromService(request);
+    self->changeRound([](PurgeRound& round) { round.blockRan(); });
+  });
+}
+
+/// It gave the whole of its share, by its own account. This comes before it leaves the in-flight set; the rest of what
+/// its answer leads to comes then.
+void KelvanePurgeOperation::queueAgain(PurgeServiceRequest request, std::chrono::nanoseconds elapsed, Block rest) {
+  const std::optional<std::uint64_t> freeBytes = volumeFreeBytes(request.info[keys::volume]);
+  const bool isBorneOut = request.freeBytes && freeBytes && *freeBytes > *request.freeBytes;
+  request.unborneAnswers = isBorneOut ? 0 : request.unborneAnswers + 1;
+  if (request.unborneAnswers <= maximumUnborneAnswers) {
+    collection_queue().sync([&] {
+      collection_queue().assertCurrent();
+      round_.hold(std::move(request), elapsed);
+    });
+    rest();
+    return;
+  }
+  // Only words so far. Its block may run before it has left the set, where it is refused, or after; the pass does not
+  // wait for it and may be over by then. Should it be asked again, and claim again, it is certainly refused.
+  const bool mayBeAskedOnceMore = request.unborneAnswers == maximumUnborneAnswers + 1;
+  message_queue().async([self = self(), request = std::move(request)] { self->requestFromService(request); });
+  if (mayBeAskedOnceMore) {
+    rest();
+  } else {
+    message_queue().async(std::move(rest));
+  }
+}
+
+/// Notes what has happened and draws the conclusions: whose turn it is, and whether the pass is over.
+void KelvanePurgeOperation::changeRound(const std::function<void(PurgeRound&)>& change) {
+  bool isOver = false;
+  collection_queue().sync([&] {
+    collection_queue().assertCurrent();
+    change(round_);
+    for (PurgeServiceRequest& request : round_.takeTurns(inFlightOnQueue())) {
+      queueTurn(std::move(request));
+    }
+    isOver = round_.isOver(inFlightOnQueue());
+    if (round_.isAnyoneHeld() && !patienceLimit_) {
+      limitPatience();
+    }
+  });
+  if (isOver) {
+    signalPass();
+  }
+}
+
+/// One thread at a time waits out the patience of the rounds, and only while somebody is held in one.
+void KelvanePurgeOperation::limitPatience() {
+  const Semaphore passEnded(0);
+  patienceLimit_ = passEnded;
+  globalQueue::async([self = self(), passEnded, round = round_.number(), patience = round_.patience()]() mutable {
+    std::optional<std::chrono::nanoseconds> left = patience;
+    while (left && !passEnded.wait(*left)) {
+      left = self->afterPatience(round);
+    }
+  });
+}
+
+/// Ends the round if it is still the one that was waited for, and tells how long to wait for the one there is now.
+std::optional<std::chrono::nanoseconds> KelvanePurgeOperation::afterPatience(std::uint64_t& round) {
+  std::optional<std::chrono::nanoseconds> left;
+  collection_queue().sync([&] {
+    collection_queue().assertCurrent();
+    if (round_.number() == round) {
+      for (PurgeServiceRequest& request : round_.takeTurnsAtOnce(inFlightOnQueue())) {
+        queueTurn(std::move(request));
+      }
+    }
+    round = round_.number();
+    if (round_.isAnyoneHeld()) {
+      left = round_.patience();
+    } else {
+      patienceLimit_.reset();
+    }
+  });
+  return left;
+}
+
+}  // namespace kelvane

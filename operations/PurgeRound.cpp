@@ -1,0 +1,52 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whose turn it is within a pass of a purge.
+#include "operations/PurgeRound.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace kelvane {
+
+void PurgeRound::endPass() {
+  held_.clear();
+  owing_.clear();
+  isLookDue_ = false;
+  ++number_;
+}
+
+void PurgeRound::hold(PurgeServiceRequest request, std::chrono::nanoseconds patience) {
+  if (held_.empty()) {
+    patience_ = std::max(patience, shortestPatience);
+  }
+  held_.push_back(std::move(request));
+}
+
+PurgeRound::Requests PurgeRound::takeTurns(const InFlight& inFlight) {
+  return queuedBlocks_ == 0 && owing_.empty() ? takeTurnsAtOnce(inFlight) : Requests();
+}
+
+PurgeRound::Requests PurgeRound::takeTurnsAtOnce(const InFlight& inFlight) {
+  // Who is being taken out of the set just now would be refused.
+  const auto ready = std::stable_partition(held_.begin(), held_.end(), [&inFlight](const PurgeServiceRequest& request) {
+    return inFlight.contains(request.identifier());
+  });
+  Requests turns(std::make_move_iterator(ready), std::make_move_iterator(held_.end()));
+  held_.erase(ready, held_.end());
+  if (!turns.empty()) {
+    owing_.clear();
+    queuedBlocks_ += turns.size();
+    // Should none of them be asked after all, nobody's answer would end the pass.
+    isLookDue_ = true;
+    ++number_;
+  }
+  return turns;
+}
+
+bool PurgeRound::isOver(const InFlight& inFlight) {
+  if (queuedBlocks_ != 0 || !held_.empty()) {
+    return false;
+  }
+  return std::exchange(isLookDue_, false) && inFlight.empty();
+}
+
+}  // namespace kelvane

@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: Apache-2.0
+// The rounds of a pass by themselves: who waits for whom, and when nobody is left.
+#include "operations/PurgeRound.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace kelvane::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+class APurgeRound : public testing::Test {
+ protected:
+  static PurgeServiceRequest requestOf(const std::string& identifier) {
+    return {.service = std::make_shared<KLService>(identifier),
+            .info = MutableDictionary(),
+            .urgency = 1,
+            .operationInfo = MutableDictionary(),
+            .completion = nullptr};
+  }
+
+  /// Sends a request whose block has run, as the message queue does.
+  void ask(const std::string& identifier) {
+    round.blocksQueued(1);
+    inFlight.insert(identifier);
+    round.asked(identifier);
+    round.blockRan();
+  }
+  /// An answer: of one who gave the whole share and waits for the next turn, or of one who did not.
+  void answer(const std::string& identifier, bool gaveAll) {
+    if (gaveAll) {
+      round.hold(requestOf(identifier), {});
+    }
+    inFlight.erase(identifier);
+    round.settled(identifier);
+    round.lookAtFlight();
+  }
+  void fail(const std::string& identifier) {
+    inFlight.erase(identifier);
+    round.settled(identifier);
+  }
+
+  std::vector<std::string> turns() { return identifiersOf(round.takeTurns(inFlight)); }
+  std::vector<std::string> turnsAtOnce() { return identifiersOf(round.takeTurnsAtOnce(inFlight)); }
+
+  PurgeRound round;
+  PurgeRound::InFlight inFlight;
+
+ private:
+  static std::vector<std::string> identifiersOf(const PurgeRound::Requests& requests) {
+    std::vector<std::string> identifiers;
+    for (const PurgeServiceRequest& request : requests) {
+      identifiers.push_back(request.identifier());
+    }
+    return identifiers;
+  }
+};
+
+TEST_F(APurgeRound, GivesTheNextTurnsWhenAllHaveAnsweredInTheOrderOfTheAnswers) {
+  ask("a");
+  ask("b");
+  ask("c");
+  answer("c", true);
+  EXPECT_THAT(turns(), IsEmpty());
+  answer("b", false);
+  EXPECT_THAT(turns(), IsEmpty());
+  answer("a", true);
+  EXPECT_THAT(turns(), ElementsAre("c", "a"));
+  EXPECT_FALSE(round.isAnyoneHeld());
+}
+
+TEST_F(APurgeRound, IsNotHeldUpByOneWhoseConnectionFailed) {
+  ask("a");
+  ask("gone");
+  answer("a", true);
+  fail("gone");
+  EXPECT_THAT(turns(), ElementsAre("a"));
+}
+
+TEST_F(APurgeRound, GivesNoTurnWhileRequestsOfThePassAreStillQueued) {
+  round.blocksQueued(1);
+  ask("a");
+  answer("a", true);
+  EXPECT_THAT(turns(), IsEmpty());
+  EXPECT_FALSE(round.isOver(inFlight));
+  round.blockRan();
+  EXPECT_THAT(turns(), ElementsAre("a"));
+}
+
+TEST_F(APurgeRound, IsOverWhenTheLastAnswerLeavesNobodyInFlight) {
+  ask("a");
+  ask("b");
+  answer("a", false);
+  EXPECT_FALSE(round.isOver(inFlight));
+  answer("b", false);
+  EXPECT_TRUE(round.isOver(inFlight));
+  EXPECT_FALSE(round.isOver(inFlight)) << "one look finds it once";
+}
+
+TEST_F(APurgeRound, IsNotOverWhileSomebodysTurnIsStillToCome) {
+  ask("a");
+  ask("b");
+  answer("a", true);
+  answer("b", false);
+  EXPECT_FALSE(round.isOver(inFlight));
+  EXPECT_THAT(turns(), ElementsAre("a"));
+  EXPECT_FALSE(round.isOver(inFlight));
+}
+
+TEST_F(APurgeRound, IsOverWhenNoneOfThoseWhoHadATurnWasAsked) {
+  ask("a");
+  answer("a", true);
+  EXPECT_THAT(turns(), ElementsAre("a"));
+  // Enough was gained meanwhile.
+  round.blockRan();
+  EXPECT_TRUE(round.isOver(inFlight));
+}
+
+// Who only fails ends no pass, so that a pass without any answer takes its whole time.
+TEST_F(APurgeRound, IsNotOverWhenNobodyHasAnswered) {
+  ask("gone");
+  fail("gone");
+  EXPECT_FALSE(round.isOver(inFlight));
+}
+
+TEST_F(APurgeRound, GivesATurnAtOnceWhenPatienceIsOverAndWaitsForNobodyTwice) {
+  ask("silent");
+  ask("a");
+  ask("b");
+  answer("a", true);
+  EXPECT_THAT(turnsAtOnce(), ElementsAre("a"));
+  round.asked("a");
+  inFlight.insert("a");
+  round.blockRan();
+  answer("b", true);
+  EXPECT_THAT(turns(), IsEmpty()) << "a has been asked in this round";
+  answer("a", true);
+  EXPECT_THAT(turns(), ElementsAre("b", "a")) << "although the silent one has not answered yet";
+  EXPECT_FALSE(round.isOver(inFlight));
+}
+
+TEST_F(APurgeRound, LeavesOutWhoIsStillBeingTakenOutOfFlight) {
+  ask("a");
+  ask("silent");
+  round.hold(requestOf("a"), {});
+  EXPECT_THAT(turnsAtOnce(), IsEmpty());
+  EXPECT_TRUE(round.isAnyoneHeld());
+  answer("a", false);
+  EXPECT_THAT(turnsAtOnce(), ElementsAre("a"));
+}
+
+TEST_F(APurgeRound, TakesItsPatienceFromTheFirstWhoGave) {
+  ask("a");
+  ask("b");
+  round.hold(requestOf("a"), std::chrono::seconds(3));
+  round.hold(requestOf("b"), std::chrono::seconds(5));
+  EXPECT_EQ(round.patience(), std::chrono::seconds(3));
+}
+
+TEST_F(APurgeRound, IsNeverLessPatientThanAQuarterOfASecond) {
+  ask("a");
+  round.hold(requestOf("a"), std::chrono::milliseconds(1));
+  EXPECT_EQ(round.patience(), std::chrono::milliseconds(250));
+}
+
+TEST_F(APurgeRound, HasANumberOfItsOwn) {
+  const std::uint64_t first = round.number();
+  ask("a");
+  EXPECT_EQ(round.number(), first);
+  answer("a", true);
+  EXPECT_THAT(turns(), ElementsAre("a"));
+  const std::uint64_t second = round.number();
+  EXPECT_NE(second, first);
+  round.endPass();
+  EXPECT_NE(round.number(), second);
+}
+
+TEST_F(APurgeRound, EndsWithItsPass) {
+  ask("silent");
+  ask("a");
+  answer("a", true);
+  round.endPass();
+  EXPECT_FALSE(round.isAnyoneHeld());
+  ask("b");
+  answer("b", true);
+  EXPECT_THAT(turns(), ElementsAre("b")) << "nobody waits for who was silent in the pass before";
+}
+
+TEST_F(APurgeRound, EndsWithItsPassTogetherWithTheLookThatWasDue) {
+  round.blocksQueued(1);
+  ask("a");
+  answer("a", false);
+  EXPECT_FALSE(round.isOver(inFlight));
+  round.endPass();
+  round.blockRan();
+  EXPECT_FALSE(round.isOver(inFlight));
+}
+
+}  // namespace
+}  // namespace kelvane::test
