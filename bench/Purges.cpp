@@ -15,8 +15,7 @@ namespace {
 constexpr std::uint64_t pageBytes = 4096;
 /// Far longer than a pass of services that all answer.
 constexpr std::uint64_t passSeconds = 1;
-/// A purge that gained less of its amount tells nothing, for most of the services were not asked. One that gained
-/// more may all the same have ended before its goal, in the moment when nobody was in flight.
+/// A purge that gained less of its amount tells nothing, for most of the services were not asked.
 constexpr double leastShare = 0.9;
 /// A round that is of no use is made up for, so often.
 constexpr std::size_t attemptsPerRound = 3;

@@ -54,9 +54,10 @@ class Cache {
 /// connections reach the services in turn.
 class Services {
  public:
-  Services(std::size_t count, const std::string& volume, std::uint64_t pages) : count_(count) {
+  /// The first so many of them have something to give.
+  Services(std::size_t count, const std::string& volume, std::uint64_t pages, std::size_t rich) : count_(count) {
     for (std::size_t number = 0; number < count; ++number) {
-      caches_.emplace_back(volume + "/" + std::to_string(number), pages * pageBytes);
+      caches_.emplace_back(volume + "/" + std::to_string(number), number < rich ? pages * pageBytes : 0);
     }
   }
 
@@ -116,6 +117,9 @@ class Services {
     } else if (member == "servicePurgeable") {
       must(sd_bus_message_append(made, "v", "a{sv}", 1, "KELVANE_AMOUNT", "t", purgeableBytes), "an answer");
       ++requests_;
+    } else if (member == "Hello") {
+      // Stock tools begin with it.
+      must(sd_bus_message_append(made, "s", ":1.0"), "an answer");
     } else if (member == "Refill" || member == "CountRequests") {
       must(sd_bus_message_append(made, "t", requests_), "an answer");
       requests_ = 0;
@@ -161,11 +165,13 @@ class Services {
 }  // namespace kelvane::bench
 
 int main(int count, char** arguments) {
-  if (count != 6) {
-    std::fprintf(stderr, "Usage: bench-services COUNT VOLUME PAGES DAEMON-SOCKET BARE-SOCKET\n");
+  if (count != 6 && count != 7) {
+    std::fprintf(stderr, "Usage: bench-services COUNT VOLUME PAGES DAEMON-SOCKET BARE-SOCKET [RICH]\n");
     return 2;
   }
   kelvane::bench::raiseDescriptorLimit();
-  kelvane::bench::Services services(std::stoul(arguments[1]), arguments[2], std::stoul(arguments[3]));
-  services.run(arguments[4], arguments[5]);
+  const std::size_t services = std::stoul(arguments[1]);
+  kelvane::bench::Services served(services, arguments[2], std::stoul(arguments[3]),
+                                  count == 7 ? std::stoul(arguments[6]) : services);
+  served.run(arguments[4], arguments[5]);
 }

@@ -3,8 +3,10 @@
 
 import contextlib
 import dataclasses
+import json
 import pathlib
 import statistics
+import subprocess
 import time
 
 import world
@@ -146,6 +148,47 @@ def purges(plan, report):
         report.row(f"purges.{placement}.growth", "1,000 services to 10",
                    [f"{growth['purge']:.2f}", "", f"{growth['ratio']:.2f}"],
                    Aim("ratio rises by a tenth at most", growth["ratio"] <= 1.1), growth)
+
+
+def takings(plan, report):
+    """What purges take, and how hard they have to ask, while some of the services have nothing."""
+    page = 4096
+    needed = 512 * page
+    report.section("Purges of 2 MiB where some services have nothing",
+                   ["at urgency 1", "taken beside", "at most", "escalates to"])
+    for count, rich, absent in ((2, 1, 0), (2, 1, 8), (2, 2, 0), (3, 1, 0), (3, 3, 0), (10, 1, 0), (10, 5, 8),
+                                (10, 10, 0), (1000, 1, 0), (1000, 500, 8), (1000, 1000, 0)):
+        rounds = plan.amount(200 if count < 1000 else 40, 2)
+        if plan.quick and count == 1000:
+            continue
+        world.describe(absent)
+        with world.Daemon(plan.build), \
+                world.Services(plan.build, count, pages=min(512, 100_000 // rich), rich=rich) as services:
+            single = [purge_for_takings(plan, services, needed, "--urgency=1", "--timeout=60", "--single")
+                      for _ in range(rounds)]
+            escalating = [purge_for_takings(plan, services, needed) for _ in range(max(rounds // 10, 1))]
+        world.describe(0)
+        satisfied = sum(taken >= needed for taken, _ in single)
+        beside = [max(taken - needed, 0) // page for taken, _ in single]
+        urgency = max(urgency for _, urgency in escalating)
+        report.row(f"takings.{count}.{rich}.{absent}",
+                   f"{count:,} services, {rich:,} with plenty, {absent} described and not there",
+                   [f"{satisfied} of {rounds}", f"{statistics.mean(beside):.1f} pages", f"{max(beside)} pages",
+                    f"urgency {urgency}"],
+                   Aim("all, and at most a page a service beside", satisfied == rounds and max(beside) <= count),
+                   {"satisfied": satisfied, "rounds": rounds, "pages_beside": beside, "urgency": urgency})
+
+
+def purge_for_takings(plan, services, needed, *options):
+    """Bytes that the volume gained when all was over, and the highest urgency that was allowed."""
+    services.refill()
+    before = world.available()
+    purge = world.Process([plan.build / "tools/kelvanectl/kelvanectl", "purge", "--json", *options, world.VOLUME, needed],
+                          stdout=subprocess.PIPE)
+    with purge:
+        output = purge.process.stdout.read()
+    result = json.loads(output)
+    return world.available() - before, max(request["urgency_limit"] for request in result["requests"])
 
 
 def warm_queries(plan, report):
@@ -336,5 +379,5 @@ def idleness(plan, report):
 
 
 ALL = {function.__name__: function
-       for function in (primitives, round_trips, idle_connections, purges, warm_queries, cold_queries, record, state,
+       for function in (primitives, round_trips, idle_connections, purges, takings, warm_queries, cold_queries, record, state,
                         start_up, memory, idleness)}

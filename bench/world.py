@@ -66,6 +66,12 @@ def may_mount_files():
     return os.environ["KELVANE_SANDBOX"] == "root"
 
 
+def available():
+    """Bytes of the volume."""
+    status = os.statvfs(VOLUME)
+    return status.f_bavail * status.f_frsize
+
+
 def describe(count):
     """Leaves just this many service descriptions."""
     shutil.rmtree(DESCRIPTIONS)
@@ -183,14 +189,21 @@ class Daemon(Process):
 class Services(Process):
     """Returns from its making when all have checked in."""
 
-    def __init__(self, build, count, processor=None, pages=16):
+    def __init__(self, build, count, processor=None, pages=16, rich=None):
         self.socket = SCRATCH / "services"
         for file in VOLUME.iterdir():
             file.unlink()
-        super().__init__([build / "bench/bench-services", count, VOLUME, pages, DAEMON_SOCKET, self.socket], processor,
+        super().__init__([build / "bench/bench-services", count, VOLUME, pages, DAEMON_SOCKET, self.socket,
+                          *([] if rich is None else [rich])], processor,
                          stdout=subprocess.PIPE)
         if self.process.stdout.readline() != b"ready\n":
             raise RuntimeError("the services did not check in")
+
+
+    def refill(self):
+        """Gives back to each what it was asked to free."""
+        subprocess.run(["busctl", f"--address=unix:path={self.socket}", "--quiet", "call", "com.example.bench",
+                        "/com/example/bench", "com.example.bench", "Refill"], check=True)
 
 
 class Echo(Process):
