@@ -11,6 +11,7 @@
 #include "protocols/Keys.h"
 #include "protocols/Names.h"
 #include "support/KelvaneLog.h"
+#include "support/Settings.h"
 #include "support/Timebase.h"
 #include "support/Volumes.h"
 
@@ -57,6 +58,7 @@ void handleFileSystemEvent(const Value& event) {
 void start() {
   const Transaction transaction;
   configureLog();
+  configureSettings();
   reporting::reserveNames(names::daemon, statistics::daemonsOwn);
   readTimebase();
   // Lives until the process ends and is not taken apart then: other threads may still be at work in it.

@@ -84,10 +84,11 @@ void KelvanePurgeOperation::runPass(const MutableDictionary& working, std::uint3
   // Once a pass, not once a purge, on purpose.
   addDistributionStat(names::daemon, statistics::purgeAmountRequested, static_cast<double>(purge_amount_needed()));
 
-  if (amountPurged(working) < purge_amount_needed()) {
+  const bool isShort = amountPurged(working) < purge_amount_needed();
+  beginRounds(isShort ? services().size() : 0);
+  if (isShort) {
     KELVANE_TRACE("%s Urgency: %d", startName, urgency);
     // No request starts before all are queued.
-    beginRounds();
     message_queue().suspend();
     for (const auto& [identifier, service] : services()) {
       queueServiceRequest(service, working, static_cast<std::int32_t>(urgency), operationInfo, completion);
@@ -95,7 +96,7 @@ void KelvanePurgeOperation::runPass(const MutableDictionary& working, std::uint3
     message_queue().resume();
   }
 
-  // The pass waits even when it queued nothing.
+  // The pass waits even when it queued nothing, unless it is to end early.
   const std::chrono::seconds wait(userTimeout != 0 ? userTimeout : timeoutSecondsPerUrgency * urgency);
   KELVANE_TRACE("%s waiting for %llu seconds, user_timeout_seconds: %llu, currentUrgency: %d", startName, wait.count(),
                 userTimeout, urgency);

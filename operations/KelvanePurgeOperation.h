@@ -84,7 +84,7 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   void signalPass() const;
 
   // Who is asked again, and when: KelvanePurgeTurns.cpp.
-  void beginRounds();
+  void beginRounds(std::size_t requests);
   void endRounds();
   void queueTurn(PurgeServiceRequest request);
   void queueAgain(PurgeServiceRequest request, std::chrono::nanoseconds elapsed, Block rest);

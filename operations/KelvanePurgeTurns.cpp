@@ -4,16 +4,20 @@
 
 #include "operations/KelvanePurgeOperation.h"
 #include "protocols/Keys.h"
-#include "support/KelvaneLog.h"
+#include "support/Settings.h"
 #include "support/Volumes.h"
 
 namespace kelvane {
 
-/// A pass is about to queue a request for each service.
-void KelvanePurgeOperation::beginRounds() {
-  collection_queue().async([self = self()] {
+/// Comes before the pass queues a request for each of so many services.
+void KelvanePurgeOperation::beginRounds(std::size_t requests) {
+  collection_queue().async([self = self(), requests] {
     self->collection_queue().assertCurrent();
-    self->round_.blocksQueued(self->services().size());
+    self->round_.beginPass(requests, settings.endPassesEarly);
+    if (self->round_.isOver(self->inFlightOnQueue())) {
+      // There is nothing to ask for, or nobody to ask.
+      self->signalPass();
+    }
   });
 }
 

@@ -7,10 +7,16 @@
 
 namespace kelvane {
 
+void PurgeRound::beginPass(std::size_t blocks, bool endsEarly) {
+  queuedBlocks_ += blocks;
+  endsEarly_ = endsEarly;
+}
+
 void PurgeRound::endPass() {
   held_.clear();
   owing_.clear();
   isLookDue_ = false;
+  endsEarly_ = false;
   ++number_;
 }
 
@@ -46,7 +52,12 @@ bool PurgeRound::isOver(const InFlight& inFlight) {
   if (queuedBlocks_ != 0 || !held_.empty()) {
     return false;
   }
-  return std::exchange(isLookDue_, false) && inFlight.empty();
+  const bool isLookDue = std::exchange(isLookDue_, false) || endsEarly_;
+  if (!isLookDue || !inFlight.empty()) {
+    return false;
+  }
+  endsEarly_ = false;
+  return true;
 }
 
 }  // namespace kelvane

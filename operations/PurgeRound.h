@@ -31,11 +31,12 @@ class PurgeRound {
   /// How long who gave waits for the others: as long again as it took itself, and no less than this.
   static constexpr std::chrono::nanoseconds shortestPatience = std::chrono::milliseconds(250);
 
+  /// A pass is about to queue so many requests' blocks. One that endsEarly is over when there is nobody to wait for;
+  /// else somebody has to have answered.
+  void beginPass(std::size_t blocks, bool endsEarly);
   /// Forgets who waits and who is waited for: with a pass, its rounds end.
   void endPass();
-
-  /// Requests' blocks are on their way to the message queue; one has run there.
-  void blocksQueued(std::size_t count) { queuedBlocks_ += count; }
+  /// A request's block has run on the message queue.
   void blockRan() { --queuedBlocks_; }
 
   /// A service has been sent a request, and owes nothing for it any more.
@@ -51,7 +52,7 @@ class PurgeRound {
   [[nodiscard]] Requests takeTurns(const InFlight& inFlight);
   /// As takeTurns(), without waiting for who has not answered; nobody waits for them again before they have.
   [[nodiscard]] Requests takeTurnsAtOnce(const InFlight& inFlight);
-  /// Whether a look is due and finds nobody in flight. To be asked after takeTurns().
+  /// Whether a look is due and finds nobody in flight, once. To be asked after takeTurns().
   [[nodiscard]] bool isOver(const InFlight& inFlight);
 
   bool isAnyoneHeld() const { return !held_.empty(); }
@@ -66,6 +67,8 @@ class PurgeRound {
   std::uint64_t number_ = 0;
   std::chrono::nanoseconds patience_{};
   bool isLookDue_ = false;
+  /// In such a pass a look is due all the time, until it has found nobody.
+  bool endsEarly_ = false;
 };
 
 }  // namespace kelvane

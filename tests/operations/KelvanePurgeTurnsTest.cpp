@@ -8,6 +8,7 @@
 
 #include "operations/KelvanePurgeOperation.h"
 #include "protocols/Keys.h"
+#include "support/Settings.h"
 #include "tests/harness/OperationTest.h"
 #include "tests/harness/Seeds.h"
 
@@ -371,6 +372,85 @@ TEST_F(APurgeByTurns, LeavesThoseWhoWaitToTheNextPassWhenItsTimeIsOver) {
     EXPECT_EQ(caches[0]->service.count("servicePurge 1"), 1u);
     EXPECT_EQ(caches[0]->service.count("servicePurge 2"), 1u);
   });
+}
+
+/// With the setting by which passes do not wait for nobody.
+class APurgeWhosePassesEndEarly : public APurgeByTurns {
+ protected:
+  void SetUp() override { settings.endPassesEarly = true; }
+  void TearDown() override { settings.endPassesEarly = false; }
+
+  /// How long a purge of 16 blocks in two passes of a minute takes.
+  double secondsOfPurge() {
+    const std::uint64_t start = clock::ticks();
+    purge(16 * block, tableOf(records), longPass, 2);
+    return secondsSince(start);
+  }
+};
+
+TEST_F(APurgeWhosePassesEndEarly, IsOverAtOnceWhenItIsSatisfied) {
+  for (std::uint64_t seed = 0; seed <= 100; ++seed) {
+    SCOPED_TRACE(seed);
+    run(
+        [&] {
+          forget();
+          Cache& cache = add("cache", 1000 * block);
+          EXPECT_EQ(secondsOfPurge(), 0.0);
+          EXPECT_EQ(cache.given, 16 * block);
+          EXPECT_FALSE(log().contains("timed out waiting for"));
+        },
+        seed);
+  }
+}
+
+TEST_F(APurgeWhosePassesEndEarly, IsOverAtOnceWhenNobodyPurges) {
+  run([&] { EXPECT_EQ(secondsOfPurge(), 0.0); });
+}
+
+TEST_F(APurgeWhosePassesEndEarly, IsOverWhenEveryConnectionHasFailed) {
+  for (std::uint64_t seed = 0; seed <= 100; ++seed) {
+    SCOPED_TRACE(seed);
+    run(
+        [&] {
+          forget();
+          addAbsent("com.example.absent0");
+          addAbsent("com.example.absent1");
+          EXPECT_EQ(secondsOfPurge(), 0.0);
+        },
+        seed);
+  }
+}
+
+TEST_F(APurgeWhosePassesEndEarly, IsOverWhenTheLastOfItsServicesFails) {
+  run([&] {
+    add("cache", 4 * block);
+    addAbsent("com.example.absent");
+    EXPECT_EQ(secondsOfPurge(), 0.0);
+  });
+}
+
+TEST_F(APurgeWhosePassesEndEarly, WaitsForWhoeverIsInFlight) {
+  run([&] {
+    ScriptedService silent("silent");
+    silent.onPurge = ScriptedService::silence();
+    records.push_back(silent.record());
+    EXPECT_EQ(secondsOfPurge(), 2 * longPass);
+  });
+}
+
+TEST_F(APurgeWhosePassesEndEarly, GainsWhatThereIs) {
+  for (std::uint64_t seed = 1; seed <= 100; ++seed) {
+    SCOPED_TRACE(seed);
+    run(
+        [&] {
+          forget();
+          add("a", 100 * block);
+          add("b", 0);
+          addAbsent("com.example.absent");
+          EXPECT_EQ(purge(16 * block, tableOf(records))[keys::amount], Value(16 * block));
+        },
+        seed);
+  }
 }
 
 // The count may drop to nothing between the look at it and the division.

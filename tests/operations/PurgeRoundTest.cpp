@@ -23,11 +23,12 @@ class APurgeRound : public testing::Test {
 
   /// Sends a request whose block has run, as the message queue does.
   void ask(const std::string& identifier) {
-    round.blocksQueued(1);
+    queueBlock();
     inFlight.insert(identifier);
     round.asked(identifier);
     round.blockRan();
   }
+  void queueBlock() { round.beginPass(1, false); }
   /// An answer: of one who gave the whole share and waits for the next turn, or of one who did not.
   void answer(const std::string& identifier, bool gaveAll) {
     if (gaveAll) {
@@ -80,7 +81,7 @@ TEST_F(APurgeRound, IsNotHeldUpByOneWhoseConnectionFailed) {
 }
 
 TEST_F(APurgeRound, GivesNoTurnWhileRequestsOfThePassAreStillQueued) {
-  round.blocksQueued(1);
+  queueBlock();
   ask("a");
   answer("a", true);
   EXPECT_THAT(turns(), IsEmpty());
@@ -177,6 +178,29 @@ TEST_F(APurgeRound, HasANumberOfItsOwn) {
   EXPECT_NE(round.number(), second);
 }
 
+TEST_F(APurgeRound, OfAPassThatEndsEarlyIsOverWithoutAnybodysAnswer) {
+  round.beginPass(1, true);
+  EXPECT_FALSE(round.isOver(inFlight)) << "its block has not run";
+  inFlight.insert("gone");
+  round.asked("gone");
+  round.blockRan();
+  EXPECT_FALSE(round.isOver(inFlight)) << "somebody is in flight";
+  fail("gone");
+  EXPECT_TRUE(round.isOver(inFlight));
+  EXPECT_FALSE(round.isOver(inFlight)) << "once";
+}
+
+TEST_F(APurgeRound, OfAPassThatEndsEarlyAndHasNobodyToAskIsOverAtOnce) {
+  round.beginPass(0, true);
+  EXPECT_TRUE(round.isOver(inFlight));
+}
+
+TEST_F(APurgeRound, DoesNotEndTheNextPassEarly) {
+  round.beginPass(0, true);
+  round.endPass();
+  EXPECT_FALSE(round.isOver(inFlight));
+}
+
 TEST_F(APurgeRound, EndsWithItsPass) {
   ask("silent");
   ask("a");
@@ -189,7 +213,7 @@ TEST_F(APurgeRound, EndsWithItsPass) {
 }
 
 TEST_F(APurgeRound, EndsWithItsPassTogetherWithTheLookThatWasDue) {
-  round.blocksQueued(1);
+  queueBlock();
   ask("a");
   answer("a", false);
   EXPECT_FALSE(round.isOver(inFlight));

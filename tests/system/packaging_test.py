@@ -64,6 +64,7 @@ class Installation(unittest.TestCase):
     def test_has_directories_for_rules_and_descriptions(self):
         self.assertTrue((self.root / "usr/lib/kelvane/entitlements.d/50-root.plist").is_file())
         self.assertTrue((self.root / "etc/kelvane/entitlements.d").is_dir())
+        self.assertIn("EndPassesEarly = YES;", (self.root / "etc/kelvane/kelvaned.plist").read_text())
         self.assertTrue((self.root / "System/Library/Kelvane").is_dir())
 
     def test_has_units_that_systemd_understands(self):
