@@ -40,7 +40,7 @@ Candidates::Round Candidates::take() {
     // unless it alone fills this one.
     const bool mayFollow = cutOff_ && end == links_.end() && begin != links_.begin() && !isComplete;
     if (isComplete) {
-      Candidate candidate = {begin->key, begin->allocated, {}};
+      Candidate candidate = {begin->key, begin->allocated, {}, begin->changed};
       for (auto link = begin; link != end; ++link) {
         candidate.links.push_back({link->directory, std::move(link->path)});
       }

@@ -24,6 +24,8 @@ struct FoundLink {
   std::uint64_t allocated;
   /// How many names the file has, wherever they are.
   nlink_t links;
+  /// When anything about the file last changed.
+  FileTime changed = {};
 };
 
 /// A file all of whose names were found, so that its space comes back when they all go.
@@ -35,6 +37,7 @@ struct Candidate {
     std::string path;
   };
   std::vector<Link> links;
+  FileTime changed = {};
 };
 
 struct CandidateBounds {

@@ -34,25 +34,48 @@ bool isBeneath(const std::string& path, const std::string& directory) {
   return path == directory || path.starts_with(directory + "/");
 }
 
-void readAges(ConfigurationEntries& entries, DirectoryRules& rules) {
-  constexpr char expected[] =
-      "four ages in seconds, or \"never\", for urgency 1 to 4, none greater than the one before it";
-  const std::vector<Value> ages = entries.array("Ages");
-  if (ages.size() != rules.ages.size()) {
-    entries.fail("Ages", expected);
-    return;
+std::optional<DirectoryRules::Ages> readAges(const std::vector<Value>& values) {
+  DirectoryRules::Ages ages{};
+  if (values.size() != ages.size()) {
+    return std::nullopt;
   }
   for (std::size_t index = 0; index < ages.size(); ++index) {
-    const auto number = ConfigurationEntries::unsignedNumber(ages[index]);
-    const bool isNever = ages[index] == Value("never");
+    const auto number = ConfigurationEntries::unsignedNumber(values[index]);
+    const bool isNever = values[index] == Value("never");
     if (!isNever && (!number || *number >= static_cast<std::uint64_t>(DirectoryRules::never))) {
-      entries.fail("Ages", expected);
-      return;
+      return std::nullopt;
     }
-    rules.ages[index] = isNever ? DirectoryRules::never : static_cast<std::int64_t>(*number);
+    ages[index] = isNever ? DirectoryRules::never : static_cast<std::int64_t>(*number);
   }
-  if (!std::is_sorted(rules.ages.rbegin(), rules.ages.rend())) {
-    entries.fail("Ages", expected);
+  return std::is_sorted(ages.rbegin(), ages.rend()) ? std::optional(ages) : std::nullopt;
+}
+
+void takeAges(ConfigurationEntries& entries, const std::string& key, DirectoryRules::Ages& ages) {
+  if (const auto read = readAges(entries.array(key))) {
+    ages = *read;
+  } else {
+    entries.fail(key, "four ages in seconds, or \"never\", for urgency 1 to 4, none greater than the one before it");
+  }
+}
+
+void takeClocks(ConfigurationEntries& entries, Clocks& clocks) {
+  const std::vector<std::string> names = entries.strings("Clocks");
+  clocks = {false, false, false, false};
+  for (const std::string& name : names) {
+    if (name == "access") {
+      clocks.access = true;
+    } else if (name == "modification") {
+      clocks.modification = true;
+    } else if (name == "change") {
+      clocks.change = true;
+    } else if (name == "birth") {
+      clocks.birth = true;
+    } else {
+      entries.fail("Clocks", "\"access\", \"modification\", \"change\" and \"birth\" only");
+    }
+  }
+  if (clocks == Clocks{false, false, false, false}) {
+    entries.fail("Clocks", "at least one of \"access\", \"modification\", \"change\" and \"birth\"");
   }
 }
 
@@ -62,7 +85,13 @@ DirectoryRules readDirectory(ConfigurationEntries& entries) {
   if (!rules.path.empty() && !isPlainPath(rules.path)) {
     entries.fail("Path", "an absolute path other than \"/\", without \".\", \"..\" and needless slashes");
   }
-  readAges(entries, rules);
+  takeAges(entries, "Ages", rules.ages);
+  if (entries.has("MinimumAge")) {
+    takeAges(entries, "MinimumAge", rules.minimumAges);
+  }
+  if (entries.has("Clocks")) {
+    takeClocks(entries, rules.clocks);
+  }
   rules.keepBytes = entries.bytes("KeepBytes", 0);
   rules.protectedPatterns = entries.strings("Never");
   if (rules.protectedPatterns.size() > limits::cachePatterns) {
@@ -92,10 +121,27 @@ void readDirectories(ConfigurationEntries& entries, std::vector<DirectoryRules>&
   }
 }
 
+std::size_t indexOf(std::int32_t urgency) {
+  return static_cast<std::size_t>(std::clamp(urgency, mildestUrgency, highestUrgency) - mildestUrgency);
+}
+
+bool hasAge(const FileTime& time, std::int64_t age, std::int64_t now) {
+  return age == 0 || (age != DirectoryRules::never && time.seconds <= now - age);
+}
+
 }  // namespace
 
 std::int64_t DirectoryRules::ageAt(std::int32_t urgency) const {
-  return ages[static_cast<std::size_t>(std::clamp(urgency, mildestUrgency, highestUrgency) - mildestUrgency)];
+  return ages[indexOf(urgency)];
+}
+
+std::int64_t DirectoryRules::minimumAgeAt(std::int32_t urgency) const {
+  return minimumAges[indexOf(urgency)];
+}
+
+bool DirectoryRules::isOldEnough(const FileStatus& status, std::int32_t urgency, std::int64_t now) const {
+  return hasAge(status.lastUse(clocks), ageAt(urgency), now) &&
+         hasAge(status.lastUse(Clocks()), minimumAgeAt(urgency), now);
 }
 
 std::variant<Configuration, ConfigurationError> readConfiguration(const Value& value) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/Value.h"
+#include "services/directory-cache/FileStatus.h"
 #include "support/KelvaneService.h"
 
 namespace kelvane::directoryCache {
@@ -21,11 +22,18 @@ inline constexpr int highestUrgency = 4;
 struct DirectoryRules {
   /// An age that no file has.
   static constexpr std::int64_t never = std::numeric_limits<std::int64_t>::max();
+  /// For urgency 1, 2, 3 and 4; never rising.
+  using Ages = std::array<std::int64_t, highestUrgency>;
 
   /// Absolute, without "." and "..", repeated or trailing slashes.
   std::string path;
-  /// Seconds since its last use that a file must have reached at urgency 1, 2, 3 and 4; never rising.
-  std::array<std::int64_t, highestUrgency> ages{};
+  /// Seconds since its last use that a file must have reached.
+  Ages ages{};
+  /// Which times of a file are its use.
+  Clocks clocks;
+  /// Seconds that must have passed since any of a file's times, those that are no use too: a download
+  /// that keeps its server's date is new.
+  Ages minimumAges{3600, 3600, 3600, 0};
   /// Bytes that stay in the directory whatever the urgency.
   std::uint64_t keepBytes = 0;
   /// Wildcards for paths relative to the directory. What matches is not looked at, with all beneath it.
@@ -35,6 +43,9 @@ struct DirectoryRules {
 
   /// Any urgency: below the mildest counts as that, above the highest as that.
   std::int64_t ageAt(std::int32_t urgency) const;
+  std::int64_t minimumAgeAt(std::int32_t urgency) const;
+  /// Whether a file of these times may go, seen from now (seconds since 1970). A time in the future is as young as now.
+  bool isOldEnough(const FileStatus& status, std::int32_t urgency, std::int64_t now) const;
 };
 
 struct Configuration {

@@ -14,6 +14,10 @@ ConfigurationEntries::ConfigurationEntries(const Value& value, std::string where
   }
 }
 
+bool ConfigurationEntries::has(const std::string& key) {
+  return !take(key).isAbsent();
+}
+
 std::string ConfigurationEntries::requiredString(const std::string& key) {
   const Value value = take(key);
   if (value.isString() && !value.string()->empty()) {

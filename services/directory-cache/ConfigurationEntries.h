@@ -21,6 +21,7 @@ class ConfigurationEntries {
   /// where says which dictionary it is, as in "Directories[2]"; empty for the outermost.
   ConfigurationEntries(const Value& value, std::string where);
 
+  bool has(const std::string& key);
   std::string requiredString(const std::string& key);
   std::string string(const std::string& key, const std::string& fallback);
   bool boolean(const std::string& key, bool fallback);

@@ -3,14 +3,18 @@
 #include "services/directory-cache/Removal.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "services/directory-cache/Descriptor.h"
+#include "services/directory-cache/Ending.h"
+#include "services/directory-cache/SetAside.h"
 
 namespace kelvane::directoryCache {
 
@@ -39,6 +43,12 @@ bool isOpenElsewhere(const Descriptor& file) {
   return fcntl(file.number(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
 }
 
+/// Whether somebody waits for the lease to end, or has not waited any longer.
+bool isAwaited(const Descriptor& file) {
+  const int lease = fcntl(file.number(), F_GETLEASE);
+  return lease >= 0 && lease != F_WRLCK;
+}
+
 /// Removes the directories above path that have become empty, the innermost first, but never the root.
 void removeEmptyParents(const Tree& tree, std::string path) {
   for (std::size_t slash = path.rfind('/'); slash != std::string::npos; slash = path.rfind('/')) {
@@ -50,44 +60,107 @@ void removeEmptyParents(const Tree& tree, std::string path) {
   }
 }
 
-}  // namespace
+class FileRemoval {
+ public:
+  FileRemoval(const std::vector<OpenDirectory>& directories, const Candidate& candidate)
+      : directories_(directories), candidate_(candidate) {}
 
-Removal removeFile(const std::vector<OpenDirectory>& directories, const Candidate& candidate) {
-  Descriptor file;
-  std::uint64_t bytes = 0;
-  // All names are looked at before the first goes: losing some would cost the owner something and free nothing.
-  for (const Candidate::Link& link : candidate.links) {
-    const Descriptor parent = directories[link.directory].tree.openParent(link.path);
-    const std::string name = lastComponent(link.path);
-    struct stat status = {};
-    if (!parent.isValid() || fstatat(parent.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-      return {outcomeFor(errno)};
+  Removal run() {
+    if (const auto failure = look()) {
+      return {*failure};
     }
-    if (!S_ISREG(status.st_mode) || FileKey::of(status) != candidate.key || status.st_nlink != candidate.links.size()) {
+    const bool hadLease = fcntl(file_.number(), F_GETLEASE) == F_WRLCK;
+    const ending::Unbroken unbroken;
+    std::vector<SetAside> names;
+    names.reserve(candidate_.links.size());
+    for (const Candidate::Link& link : candidate_.links) {
+      Descriptor parent = directories_[link.directory].tree.openParent(link.path);
+      std::optional<SetAside> name =
+          parent.isValid() ? SetAside::take(std::move(parent), lastComponent(link.path)) : std::nullopt;
+      if (!name) {
+        return {outcomeFor(errno)};
+      }
+      names.push_back(std::move(*name));
+    }
+    const bool areSame = std::all_of(names.begin(), names.end(), [this](const SetAside& name) { return isIt(name); });
+    if (!areSame || isUsed()) {
       return {RemovalOutcome::Changed};
     }
-    if (!file.isValid()) {
-      bytes = allocatedBytes(status);
-      file = openFile(parent, name);
-      if (!file.isValid()) {
+    if (hadLease && isAwaited(file_)) {
+      return {RemovalOutcome::InUse};
+    }
+    for (SetAside& name : names) {
+      if (!name.remove(false)) {
         return {outcomeFor(errno)};
       }
     }
+    return {RemovalOutcome::Removed, status_.allocated};
   }
-  if (isOpenElsewhere(file)) {
-    return {RemovalOutcome::InUse};
+
+ private:
+  /// All names are looked at before anything happens to the first: losing some would cost the owner something and free
+  /// nothing. What is opened is what has the name that was looked at first.
+  std::optional<RemovalOutcome> look() {
+    for (const Candidate::Link& link : candidate_.links) {
+      const Descriptor parent = directories_[link.directory].tree.openParent(link.path);
+      const std::string name = lastComponent(link.path);
+      const auto status = parent.isValid() ? statusAt(parent.number(), name.c_str()) : std::nullopt;
+      if (!status) {
+        return outcomeFor(errno);
+      }
+      if (!isUnchanged(*status, link)) {
+        return RemovalOutcome::Changed;
+      }
+      if (!file_.isValid()) {
+        file_ = openFile(parent, name);
+        const auto opened = file_.isValid() ? statusOf(file_) : std::nullopt;
+        if (!opened) {
+          return outcomeFor(errno);
+        }
+        if (!isUnchanged(*opened, link)) {
+          return RemovalOutcome::Changed;
+        }
+        status_ = *opened;
+      }
+    }
+    return isOpenElsewhere(file_) ? std::optional(RemovalOutcome::InUse) : std::nullopt;
   }
+
+  bool isUnchanged(const FileStatus& status, const Candidate::Link& link) const {
+    return status.isRegular() && FileKey::of(status, directories_[link.directory].rules->clocks) == candidate_.key &&
+           status.changed == candidate_.changed && status.links == candidate_.links.size();
+  }
+
+  bool isIt(const SetAside& name) const {
+    const auto status = name.status();
+    return status && status->isSameFile(status_);
+  }
+
+  /// Setting aside is a change of the file, but no use.
+  bool isUsed() const {
+    const auto now = statusOf(file_);
+    return !now || now->links != status_.links || now->accessed != status_.accessed ||
+           now->modified != status_.modified;
+  }
+
+  const std::vector<OpenDirectory>& directories_;
+  const Candidate& candidate_;
+  /// The file, and what it was when it was opened.
+  Descriptor file_;
+  FileStatus status_;
+};
+
+}  // namespace
+
+Removal removeFile(const std::vector<OpenDirectory>& directories, const Candidate& candidate) {
+  const Removal removal = FileRemoval(directories, candidate).run();
   for (const Candidate::Link& link : candidate.links) {
     const OpenDirectory& directory = directories[link.directory];
-    const Descriptor parent = directory.tree.openParent(link.path);
-    if (!parent.isValid() || unlinkat(parent.number(), lastComponent(link.path).c_str(), 0) != 0) {
-      return {outcomeFor(errno)};
-    }
-    if (directory.rules->removesEmptyDirectories) {
+    if (removal.outcome == RemovalOutcome::Removed && directory.rules->removesEmptyDirectories) {
       removeEmptyParents(directory.tree, link.path);
     }
   }
-  return {RemovalOutcome::Removed, bytes};
+  return removal;
 }
 
 }  // namespace kelvane::directoryCache

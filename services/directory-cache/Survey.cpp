@@ -43,15 +43,14 @@ SurveyResult survey(const std::vector<OpenDirectory>& directories, std::int32_t 
   SurveyResult result;
   for (std::size_t index = 0; index < directories.size() && !result.cancelled; ++index) {
     const DirectoryRules& rules = *directories[index].rules;
-    const std::int64_t age = rules.ageAt(urgency);
     std::uint64_t total = 0;
     const WalkResult walked =
         directories[index].tree.walk(rules.protectedPatterns, cancellation, [&](const WalkedFile& file) {
-          total += allocatedBytes(file.status) / std::max<std::uint64_t>(file.status.st_nlink, 1);
-          const FileKey key = FileKey::of(file.status);
-          // A time in the future is as young as now, no younger.
-          if (age != DirectoryRules::never && (age == 0 || key.seconds <= now - age)) {
-            visit({key, index, file.path, allocatedBytes(file.status), file.status.st_nlink});
+          const FileStatus& status = file.status;
+          total += status.allocated / std::max<std::uint64_t>(status.links, 1);
+          if (rules.isOldEnough(status, urgency, now)) {
+            const FileKey key = FileKey::of(status, rules.clocks);
+            visit({key, index, file.path, status.allocated, status.links, status.changed});
           }
         });
     result.allowances.push_back(total > rules.keepBytes ? total - rules.keepBytes : 0);

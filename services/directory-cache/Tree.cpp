@@ -20,8 +20,6 @@ namespace kelvane::directoryCache {
 
 namespace {
 
-constexpr std::uint64_t statBlockBytes = 512;
-
 /// Opens a directory beneath another, by a path of any number of components.
 Descriptor openBeneath(int directory, const char* path, std::uint64_t flags) {
   open_how how = {};
@@ -97,16 +95,19 @@ class Walk {
       return;
     }
     const int parent = dirfd(levels_.back().directory.get());
-    struct stat status = {};
     if (entry.d_type == DT_DIR) {
       descend(parent, entry.d_name);
-    } else if (entry.d_type != DT_REG && entry.d_type != DT_UNKNOWN) {
       return;
-    } else if (fstatat(parent, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
+    }
+    if (entry.d_type != DT_REG && entry.d_type != DT_UNKNOWN) {
+      return;
+    }
+    const std::optional<FileStatus> status = statusAt(parent, entry.d_name);
+    if (!status) {
       result_.unreadable += isVanished(errno) ? 0 : 1;
-    } else if (S_ISREG(status.st_mode)) {
-      visit_({path_, status});
-    } else if (S_ISDIR(status.st_mode)) {
+    } else if (status->isRegular()) {
+      visit_({path_, *status});
+    } else if (status->isDirectory()) {
       descend(parent, entry.d_name);
     }
   }
@@ -134,17 +135,8 @@ class Walk {
 }  // namespace
 
 std::optional<VolumeIdentity> volumeOf(const Descriptor& descriptor) {
-  struct statx status = {};
-  struct stat basic = {};
-  if (fstat(descriptor.number(), &basic) != 0) {
-    return std::nullopt;
-  }
-  VolumeIdentity identity = {basic.st_dev, std::nullopt};
-  if (statx(descriptor.number(), "", AT_EMPTY_PATH, STATX_MNT_ID, &status) == 0 &&
-      (status.stx_mask & STATX_MNT_ID) != 0) {
-    identity.mount = status.stx_mnt_id;
-  }
-  return identity;
+  const std::optional<FileStatus> status = statusOf(descriptor);
+  return status ? std::optional(VolumeIdentity{status->device, status->mount}) : std::nullopt;
 }
 
 std::optional<VolumeIdentity> volumeAt(const std::string& path) {
@@ -152,14 +144,9 @@ std::optional<VolumeIdentity> volumeAt(const std::string& path) {
   return descriptor.isValid() ? volumeOf(descriptor) : std::nullopt;
 }
 
-FileKey FileKey::of(const struct stat& status) {
-  const FileKey read = {status.st_atim.tv_sec, status.st_atim.tv_nsec, status.st_dev, status.st_ino};
-  const FileKey written = {status.st_mtim.tv_sec, status.st_mtim.tv_nsec, status.st_dev, status.st_ino};
-  return std::max(read, written);
-}
-
-std::uint64_t allocatedBytes(const struct stat& status) {
-  return static_cast<std::uint64_t>(status.st_blocks) * statBlockBytes;
+FileKey FileKey::of(const FileStatus& status, const Clocks& clocks) {
+  const FileTime used = status.lastUse(clocks);
+  return {used.seconds, used.nanoseconds, status.device, status.inode};
 }
 
 std::optional<Tree> Tree::open(const std::string& path) {

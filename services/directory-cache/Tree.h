@@ -2,7 +2,6 @@
 // A directory whose files may be deleted, and the walk through it.
 #pragma once
 
-#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <compare>
@@ -13,6 +12,7 @@
 #include <vector>
 
 #include "services/directory-cache/Descriptor.h"
+#include "services/directory-cache/FileStatus.h"
 #include "support/Cancellation.h"
 
 namespace kelvane::directoryCache {
@@ -32,26 +32,22 @@ struct VolumeIdentity {
 /// Of whatever is at the path; none when it cannot be reached.
 [[nodiscard]] std::optional<VolumeIdentity> volumeAt(const std::string& path);
 
-/// When a file was last read or written, as far as the file system keeps account of it, and which file it is.
-/// Ordered by time; the rest makes the order total.
+/// When a file was last used, and which file it is. Ordered by time; the rest makes the order total.
 struct FileKey {
   std::int64_t seconds = 0;
-  std::int64_t nanoseconds = 0;
+  std::uint32_t nanoseconds = 0;
   dev_t device = 0;
   ino_t inode = 0;
 
-  static FileKey of(const struct stat& status);
+  static FileKey of(const FileStatus& status, const Clocks& clocks);
   friend auto operator<=>(const FileKey&, const FileKey&) = default;
 };
-
-/// Allocated on disk, which is what deleting it can free: not a sparse file's size.
-std::uint64_t allocatedBytes(const struct stat& status);
 
 /// What a walk came upon: a regular file.
 struct WalkedFile {
   /// Relative to the tree's root. Any bytes but NUL.
   const std::string& path;
-  const struct stat& status;
+  const FileStatus& status;
 };
 
 struct WalkResult {

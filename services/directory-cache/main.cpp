@@ -12,6 +12,7 @@
 #include "platform/Process.h"
 #include "services/directory-cache/Configuration.h"
 #include "services/directory-cache/DirectoryCache.h"
+#include "services/directory-cache/Ending.h"
 #include "services/directory-cache/ProcessUser.h"
 
 namespace {
@@ -21,9 +22,8 @@ int fail(const std::string& text, int status) {
   return status;
 }
 
-/// A file is deleted or it is not; there is nothing to finish.
 void endProcess(int) {
-  kelvane::exitImmediately(EXIT_SUCCESS);
+  kelvane::directoryCache::ending::request();
 }
 
 }  // namespace

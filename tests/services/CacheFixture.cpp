@@ -33,9 +33,10 @@ std::string makeRoot() {
 std::uint64_t DirectoryMeter::freeBytes() {
   std::set<ino_t> seen;
   std::uint64_t used = 0;
+  constexpr std::uint64_t statBlockBytes = 512;
   const auto count = [&](const struct stat& status) {
     if (S_ISREG(status.st_mode) && seen.insert(status.st_ino).second) {
-      used += allocatedBytes(status);
+      used += static_cast<std::uint64_t>(status.st_blocks) * statBlockBytes;
     }
   };
   struct stat status = {};
@@ -99,6 +100,9 @@ DirectoryRules CacheTest::rules(const std::string& path) const {
   DirectoryRules rules;
   rules.path = absolute(path);
   rules.ages = {7 * day, day, hour, 0};
+  // The others can't be set: they are those of the test's making.
+  rules.clocks = {true, true, false, false};
+  rules.minimumAges.fill(0);
   return rules;
 }
 

@@ -69,6 +69,18 @@ TEST(AConfiguration, NeedsAnIdentifierAndADirectoryWithAges) {
   EXPECT_EQ(rules.keepBytes, 0U);
   EXPECT_TRUE(rules.protectedPatterns.empty());
   EXPECT_FALSE(rules.removesEmptyDirectories);
+  EXPECT_EQ(rules.clocks, (Clocks{true, true, true, true}));
+  EXPECT_THAT(rules.minimumAges, ElementsAre(3600, 3600, 3600, 0));
+}
+
+TEST(AConfiguration, SaysWhatIsUseAndWhatIsTooNew) {
+  Dictionary entries = directory();
+  entries["Clocks"] = Array{"access", "birth"};
+  entries["MinimumAge"] = Array{"never", 60, 60, 5};
+  const Configuration configuration = good(with("Directories", Array{entries}));
+  const DirectoryRules& rules = configuration.directories.at(0);
+  EXPECT_EQ(rules.clocks, (Clocks{true, false, false, true}));
+  EXPECT_THAT(rules.minimumAges, ElementsAre(DirectoryRules::never, 60, 60, 5));
 }
 
 TEST(AConfiguration, SaysWhoTheServiceIs) {
@@ -158,6 +170,21 @@ TEST(DirectoriesOfAConfiguration, LieApart) {
   EXPECT_EQ(errorOf(with("Directories", Array{directory("/a"), directory("/a")})),
             "Directories[2]: Path: expected a directory apart from /a");
   EXPECT_EQ(errorOf(with("Directories", Array{directory("/a/b"), directory("/a/bc")})), "none");
+}
+
+TEST(Clocks, AreAtLeastOneOfFour) {
+  EXPECT_EQ(errorOf(withDirectoryEntry("Clocks", Array{"modification", "change"})), "none");
+  EXPECT_EQ(errorOf(withDirectoryEntry("Clocks", Array{"access", "use"})),
+            "Directories[1]: Clocks: expected \"access\", \"modification\", \"change\" and \"birth\" only");
+  EXPECT_EQ(errorOf(withDirectoryEntry("Clocks", Array())),
+            "Directories[1]: Clocks: expected at least one of \"access\", \"modification\", \"change\" and \"birth\"");
+  EXPECT_EQ(errorOf(withDirectoryEntry("Clocks", "access")), "Directories[1]: Clocks: expected an array");
+}
+
+TEST(AMinimumAge, IsFourAgesToo) {
+  EXPECT_THAT(errorOf(withDirectoryEntry("MinimumAge", Array{1, 2, 3, 4})),
+              HasSubstr("Directories[1]: MinimumAge: expected four ages"));
+  EXPECT_EQ(errorOf(withDirectoryEntry("MinimumAge", 3600)), "Directories[1]: MinimumAge: expected an array");
 }
 
 TEST(Ages, AreFourAndNeverRise) {

@@ -69,6 +69,56 @@ TEST_F(APurge, CountsAnAgeFromTheLaterOfReadingAndWriting) {
   EXPECT_FALSE(exists("cache/neither"));
 }
 
+TEST_F(APurge, CountsOnlyTheClocksThatItIsToldTo) {
+  makeFile("cache/a", 0);
+  setTimes("cache/a", day, 30 * day);
+  DirectoryRules byWriting = rules();
+  byWriting.clocks = {false, true, false, false};
+  EXPECT_EQ(purgeable({byWriting}, 1), unit);
+  byWriting.clocks.access = true;
+  EXPECT_EQ(purgeable({byWriting}, 1), 0U);
+}
+
+/// Ages from the time of the test, as nobody can set when a file was changed and made.
+class AFileThatWasJustMade : public CacheTest {
+ protected:
+  AFileThatWasJustMade() {
+    makeFile("cache/a", 0);
+    // As a download that has its server's date.
+    const timespec longAgo[] = {{0, 0}, {0, 0}};
+    EXPECT_EQ(utimensat(AT_FDCWD, absolute("cache/a").c_str(), longAgo, 0), 0);
+    made_ = statusAt(AT_FDCWD, absolute("cache/a").c_str()).value();
+  }
+
+  bool goes(const DirectoryRules& rules, std::int32_t urgency, std::int64_t age) const {
+    return purgeableBytes(openDirectoriesOn(root_, {rules}), urgency, made_.changed.seconds + age, Cancellation()) != 0;
+  }
+
+  FileStatus made_;
+};
+
+TEST_F(AFileThatWasJustMade, IsNotOldUnlessItsChangeAndBirthAreNoUse) {
+  DirectoryRules rules = CacheTest::rules();
+  for (const Clocks clocks : {Clocks{true, true, true, false}, Clocks{true, true, false, true}, Clocks()}) {
+    rules.clocks = clocks;
+    EXPECT_EQ(goes(rules, 2, 0), clocks.birth && !clocks.change && !made_.born);
+    EXPECT_TRUE(goes(rules, 2, day + 1));
+  }
+  rules.clocks = {true, true, false, false};
+  EXPECT_TRUE(goes(rules, 2, 0));
+}
+
+TEST_F(AFileThatWasJustMade, StaysForItsMinimumAgeWhateverItsClocks) {
+  DirectoryRules rules = CacheTest::rules();
+  rules.ages.fill(0);
+  rules.minimumAges = DirectoryRules().minimumAges;
+  for (std::int32_t urgency = 1; urgency <= 3; ++urgency) {
+    EXPECT_FALSE(goes(rules, urgency, hour - 1));
+    EXPECT_TRUE(goes(rules, urgency, hour));
+  }
+  EXPECT_TRUE(goes(rules, 4, 0));
+}
+
 TEST_F(APurge, TakesATimeInTheFutureForNow) {
   makeFile("cache/a", -5 * day);
   EXPECT_EQ(purge({rules()}, 3, everything).freed, 0U);

@@ -66,6 +66,14 @@ TEST_F(ARemoval, SparesAFileThatWasWrittenMeanwhile) {
   EXPECT_TRUE(exists("cache/a"));
 }
 
+TEST_F(ARemoval, SparesAFileThatWasChangedMeanwhileAndHasItsTimesBack) {
+  makeFile("cache/a", day);
+  const Candidate candidate = find();
+  makeFile("cache/a", day, 2);
+  EXPECT_EQ(remove(candidate), RemovalOutcome::Changed);
+  EXPECT_TRUE(exists("cache/a"));
+}
+
 TEST_F(ARemoval, SparesAnotherFileOfTheSameNameAndAge) {
   makeFile("cache/a", day);
   const Candidate candidate = find();
@@ -201,8 +209,8 @@ TEST_F(ARemoval, TellsThatTheSystemDoesNotLetTheFileGo) {
 
 TEST_F(ARemoval, NeedsNoPermissionToRead) {
   makeFile("cache/a", day);
-  const Candidate candidate = find();
   ASSERT_EQ(chmod(absolute("cache/a").c_str(), 0), 0);
+  const Candidate candidate = find();
   ASSERT_EQ(chmod(absolute("cache").c_str(), 0777), 0);
   fs::permissions(root_, fs::perms::all);
   const bool isRoot = geteuid() == 0;

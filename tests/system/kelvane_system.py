@@ -221,10 +221,11 @@ class SystemTest(unittest.TestCase):
 
     @staticmethod
     def configure(service, directory, manner):
-        """Returns the path of a configuration."""
+        """Returns the path of a configuration, for files whose dates alone are old."""
         path = LOGS / f"{service}.plist"
         path.write_text(f"{{ Identifier = \"{service}\"; Manner = {manner}; User = {CACHE_USER}; Directories = ("
-                        f"{{ Path = \"{directory}\"; Ages = ({', '.join(map(str, AGES))}); }}); }}")
+                        f"{{ Path = \"{directory}\"; Ages = ({', '.join(map(str, AGES))}); "
+                        "Clocks = (access, modification); MinimumAge = (0, 0, 0, 0); }); }")
         return path
 
     def start_service(self, service, directory):
