@@ -98,6 +98,7 @@ DirectoryRules readDirectory(ConfigurationEntries& entries) {
     entries.fail("Never", "at most " + std::to_string(limits::cachePatterns) + " patterns");
   }
   rules.removesEmptyDirectories = entries.boolean("RemoveEmptyDirectories", false);
+  rules.othersMayWrite = entries.boolean("OthersMayWrite", false);
   return rules;
 }
 

@@ -40,6 +40,8 @@ struct DirectoryRules {
   std::vector<std::string> protectedPatterns;
   /// Whether a directory beneath this one goes when its last file did.
   bool removesEmptyDirectories = false;
+  /// Whether root deletes where anybody else may write: whoever may can have root delete what he could not himself.
+  bool othersMayWrite = false;
 
   /// Any urgency: below the mildest counts as that, above the highest as that.
   std::int64_t ageAt(std::int32_t urgency) const;

@@ -29,7 +29,7 @@ std::string summary(const SpaceRequest& request, const PurgeResult& result) {
       {result.inUse, " in use"},
       {result.changed, " changed meanwhile"},
       {result.forbidden, " not allowed to delete"},
-      {result.unreadable, " files or directories not readable"},
+      {result.unreadable, " files or directories not readable or not trusted"},
   };
   for (const auto& [count, what] : counts) {
     if (count != 0) {

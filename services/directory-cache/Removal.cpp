@@ -14,6 +14,7 @@
 
 #include "services/directory-cache/Descriptor.h"
 #include "services/directory-cache/Ending.h"
+#include "services/directory-cache/OpenFiles.h"
 #include "services/directory-cache/SetAside.h"
 
 namespace kelvane::directoryCache {
@@ -36,11 +37,22 @@ Descriptor openFile(const Descriptor& parent, const std::string& name) {
 }
 
 /// Asks for a lease that is granted only to the sole opener. It ends with the descriptor; until then, who opens
-/// the file waits for us to be through.
-bool isOpenElsewhere(const Descriptor& file) {
+/// the file waits for us to be through. None when nobody else has it open.
+std::optional<RemovalOutcome> leaseAlone(const Descriptor& file, const FileStatus& status) {
   // Somebody who opens it now has the system signal us. The default signal would end the process, this one is ignored.
   fcntl(file.number(), F_SETSIG, SIGURG);
-  return fcntl(file.number(), F_SETLEASE, F_WRLCK) != 0 && errno == EAGAIN;
+  if (fcntl(file.number(), F_SETLEASE, F_WRLCK) == 0) {
+    return std::nullopt;
+  }
+  if (errno == EAGAIN) {
+    return RemovalOutcome::InUse;
+  }
+  if (errno == EACCES || status.owner != geteuid()) {
+    // Somebody else's: it can't be told who has it open.
+    return RemovalOutcome::Forbidden;
+  }
+  // The file system has no leases, or the file may not be read.
+  return isOpenInSomeProcess(status.inode, file.number()) ? std::optional(RemovalOutcome::InUse) : std::nullopt;
 }
 
 /// Whether somebody waits for the lease to end, or has not waited any longer.
@@ -123,7 +135,7 @@ class FileRemoval {
         status_ = *opened;
       }
     }
-    return isOpenElsewhere(file_) ? std::optional(RemovalOutcome::InUse) : std::nullopt;
+    return leaseAlone(file_, status_);
   }
 
   bool isUnchanged(const FileStatus& status, const Candidate::Link& link) const {

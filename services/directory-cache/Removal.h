@@ -24,8 +24,8 @@ struct Removal {
 };
 
 /// Deletes all names of a file after a last look at each: same file, not used since, open nowhere. Whether it is open
-/// can be told only by its owner and on file systems with leases; where it cannot, it is taken not to be. Directories
-/// that it leaves empty go too where their rules say so.
+/// can be told only by its owner, and surely only on file systems with leases: on others, processes that this one may
+/// not look into are taken not to have it open. Directories that it leaves empty go too where their rules say so.
 Removal removeFile(const std::vector<OpenDirectory>& directories, const Candidate& candidate);
 
 }  // namespace kelvane::directoryCache

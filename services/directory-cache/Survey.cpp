@@ -11,8 +11,13 @@
 #include "platform/Limits.h"
 #include "platform/Reporting.h"
 #include "services/directory-cache/LogNames.h"
+#include "services/directory-cache/Rights.h"
 
 namespace kelvane::directoryCache {
+
+std::optional<std::string> writableForRoot(const DirectoryRules& rules) {
+  return rules.othersMayWrite || !Rights().isRoot() ? std::nullopt : writableByOthers(rules.path);
+}
 
 std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume,
                                              const std::vector<DirectoryRules>& directories) {
@@ -30,6 +35,11 @@ std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume,
       }
       continue;
     }
+    if (const auto writable = writableForRoot(rules)) {
+      reporting::writeLog(logLevels::warning, logCategory, "openDirectoriesOn",
+                          rules.path + ": others may write to " + *writable + ", so root deletes nothing there");
+      continue;
+    }
     const std::optional<VolumeIdentity> here = volumeOf(tree->root());
     if (here && here->isSame(*asked)) {
       open.push_back({&rules, std::move(*tree)});
@@ -44,15 +54,15 @@ SurveyResult survey(const std::vector<OpenDirectory>& directories, std::int32_t 
   for (std::size_t index = 0; index < directories.size() && !result.cancelled; ++index) {
     const DirectoryRules& rules = *directories[index].rules;
     std::uint64_t total = 0;
-    const WalkResult walked =
-        directories[index].tree.walk(rules.protectedPatterns, cancellation, [&](const WalkedFile& file) {
-          const FileStatus& status = file.status;
-          total += status.allocated / std::max<std::uint64_t>(status.links, 1);
-          if (rules.isOldEnough(status, urgency, now)) {
-            const FileKey key = FileKey::of(status, rules.clocks);
-            visit({key, index, file.path, status.allocated, status.links, status.changed});
-          }
-        });
+    const WalkRules walk = {rules.protectedPatterns, !rules.othersMayWrite && Rights().isRoot()};
+    const WalkResult walked = directories[index].tree.walk(walk, cancellation, [&](const WalkedFile& file) {
+      const FileStatus& status = file.status;
+      total += status.allocated / std::max<std::uint64_t>(status.links, 1);
+      if (file.mayGo && rules.isOldEnough(status, urgency, now)) {
+        const FileKey key = FileKey::of(status, rules.clocks);
+        visit({key, index, file.path, status.allocated, status.links, status.changed});
+      }
+    });
     result.allowances.push_back(total > rules.keepBytes ? total - rules.keepBytes : 0);
     result.unreadable += walked.unreadable;
     result.cancelled = walked.cancelled;

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,8 +21,11 @@ struct OpenDirectory {
   Tree tree;
 };
 
+/// For root, which directory on the path others may change although the rules do not expect it; none for anybody else.
+std::optional<std::string> writableForRoot(const DirectoryRules& rules);
+
 /// Opens those of the directories that are on the volume with this mount point. One that cannot be opened is left out
-/// and logged, but for one that does not exist: caches come and go.
+/// and logged, and so is one that is not to be trusted, but for one that does not exist: caches come and go.
 std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const std::vector<DirectoryRules>& directories);
 
 struct SurveyResult {
@@ -31,8 +35,8 @@ struct SurveyResult {
   bool cancelled = false;
 };
 
-/// Looks at every file of the directories and shows the names of those that are old enough at the urgency, seen
-/// from now (seconds since 1970).
+/// Looks at every file of the directories and shows the names of those that this process may delete and that are old
+/// enough at the urgency, seen from now (seconds since 1970).
 SurveyResult survey(const std::vector<OpenDirectory>& directories, std::int32_t urgency, std::int64_t now,
                     const Cancellation& cancellation, const std::function<void(FoundLink)>& visit);
 

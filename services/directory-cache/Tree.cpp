@@ -15,6 +15,7 @@
 #include <string_view>
 
 #include "platform/Limits.h"
+#include "services/directory-cache/Rights.h"
 
 namespace kelvane::directoryCache {
 
@@ -36,6 +37,8 @@ struct CloseDirectory {
 struct Level {
   std::unique_ptr<DIR, CloseDirectory> directory;
   std::size_t pathLength;
+  FileStatus status;
+  bool mayChange;
 };
 
 /// Whether what an error is about simply is no longer there, or is no longer what it was.
@@ -45,8 +48,7 @@ bool isVanished(int error) {
 
 class Walk {
  public:
-  Walk(const std::vector<std::string>& protectedPatterns, const std::function<void(const WalkedFile&)>& visit)
-      : protectedPatterns_(protectedPatterns), visit_(visit) {}
+  Walk(const WalkRules& rules, const std::function<void(const WalkedFile&)>& visit) : rules_(rules), visit_(visit) {}
 
   WalkResult run(const Descriptor& root, const Cancellation& cancellation) {
     enter(openBeneath(root.number(), ".", O_RDONLY));
@@ -72,13 +74,18 @@ class Walk {
       result_.unreadable += isVanished(errno) || errno == EXDEV ? 0 : 1;
       return;
     }
+    const std::optional<FileStatus> status = statusOf(descriptor);
+    if (!status || (rules_.trustsRootAlone && isWritableByOthers(*status))) {
+      ++result_.unreadable;
+      return;
+    }
     std::unique_ptr<DIR, CloseDirectory> directory(fdopendir(descriptor.number()));
     if (!directory) {
       ++result_.unreadable;
       return;
     }
-    descriptor.release();
-    levels_.push_back({std::move(directory), path_.size()});
+    const int number = descriptor.release();
+    levels_.push_back({std::move(directory), path_.size(), *status, rights_.mayChange(number, *status)});
   }
 
   void look(const dirent& entry) {
@@ -106,7 +113,8 @@ class Walk {
     if (!status) {
       result_.unreadable += isVanished(errno) ? 0 : 1;
     } else if (status->isRegular()) {
-      visit_({path_, *status});
+      const Level& level = levels_.back();
+      visit_({path_, *status, level.mayChange && rights_.mayRemove(level.status, *status)});
     } else if (status->isDirectory()) {
       descend(parent, entry.d_name);
     }
@@ -121,11 +129,12 @@ class Walk {
   }
 
   bool isProtected() const {
-    return std::any_of(protectedPatterns_.begin(), protectedPatterns_.end(),
+    return std::any_of(rules_.protectedPatterns.begin(), rules_.protectedPatterns.end(),
                        [this](const std::string& pattern) { return fnmatch(pattern.c_str(), path_.c_str(), 0) == 0; });
   }
 
-  const std::vector<std::string>& protectedPatterns_;
+  const WalkRules& rules_;
+  const Rights rights_;
   const std::function<void(const WalkedFile&)>& visit_;
   std::vector<Level> levels_;
   std::string path_;
@@ -160,9 +169,9 @@ std::optional<Tree> Tree::open(const std::string& path) {
   return Tree(std::move(root));
 }
 
-WalkResult Tree::walk(const std::vector<std::string>& protectedPatterns, const Cancellation& cancellation,
+WalkResult Tree::walk(const WalkRules& rules, const Cancellation& cancellation,
                       const std::function<void(const WalkedFile&)>& visit) const {
-  return Walk(protectedPatterns, visit).run(root_, cancellation);
+  return Walk(rules, visit).run(root_, cancellation);
 }
 
 Descriptor Tree::openParent(const std::string& path) const {

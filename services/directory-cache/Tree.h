@@ -48,10 +48,19 @@ struct WalkedFile {
   /// Relative to the tree's root. Any bytes but NUL.
   const std::string& path;
   const FileStatus& status;
+  /// Whether this process may delete it.
+  bool mayGo;
+};
+
+struct WalkRules {
+  /// Wildcards for paths that are passed over, with all that is beneath a directory that matches.
+  std::vector<std::string> protectedPatterns = {};
+  /// Whether directories are passed over that anybody but root may write to.
+  bool trustsRootAlone = false;
 };
 
 struct WalkResult {
-  /// Directories and files that could not be looked at, other than by having gone.
+  /// Directories and files that could not be looked at, other than by having gone, or that are not trusted.
   std::uint64_t unreadable = 0;
   bool cancelled = false;
 };
@@ -66,10 +75,9 @@ class Tree {
 
   const Descriptor& root() const { return root_; }
 
-  /// Shows every regular file but those that are protected: paths that match a pattern, and all that is
-  /// beneath a directory that does. In no order. Holds as many descriptors as the tree is deep, and goes no
-  /// deeper than limits::directoryDepth.
-  WalkResult walk(const std::vector<std::string>& protectedPatterns, const Cancellation& cancellation,
+  /// Shows every regular file that the rules do not pass over. In no order. Holds as many descriptors as the tree is
+  /// deep, and goes no deeper than limits::directoryDepth.
+  WalkResult walk(const WalkRules& rules, const Cancellation& cancellation,
                   const std::function<void(const WalkedFile&)>& visit) const;
 
   /// The directory that holds path; not valid when it is gone or no longer reached without a link.

@@ -210,13 +210,19 @@ TEST_F(ARemoval, TellsThatTheSystemDoesNotLetTheFileGo) {
 TEST_F(ARemoval, NeedsNoPermissionToRead) {
   makeFile("cache/a", day);
   ASSERT_EQ(chmod(absolute("cache/a").c_str(), 0), 0);
+  const bool isRoot = geteuid() == 0;
+  if (isRoot) {
+    ASSERT_EQ(chown(absolute("cache/a").c_str(), 12345, 12345), 0);
+  }
   const Candidate candidate = find();
   ASSERT_EQ(chmod(absolute("cache").c_str(), 0777), 0);
   fs::permissions(root_, fs::perms::all);
-  const bool isRoot = geteuid() == 0;
+  std::optional<Descriptor> reader = Descriptor(::open(absolute("cache/a").c_str(), O_PATH | O_CLOEXEC));
   if (isRoot) {
     ASSERT_EQ(seteuid(12345), 0);
   }
+  EXPECT_EQ(remove(candidate), RemovalOutcome::InUse);
+  reader.reset();
   EXPECT_EQ(remove(candidate), RemovalOutcome::Removed);
   if (isRoot) {
     ASSERT_EQ(seteuid(0), 0);

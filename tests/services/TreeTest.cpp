@@ -25,7 +25,7 @@ class AWalk : public CacheTest {
  protected:
   std::vector<std::string> walk(const std::vector<std::string>& protectedPatterns = {}) {
     std::vector<std::string> paths;
-    result_ = Tree::open(absolute("cache"))->walk(protectedPatterns, Cancellation(), [&](const WalkedFile& file) {
+    result_ = Tree::open(absolute("cache"))->walk({protectedPatterns}, Cancellation(), [&](const WalkedFile& file) {
       paths.push_back(file.path);
     });
     return paths;
@@ -88,7 +88,7 @@ TEST_F(AWalk, DoesNotCrossToAnotherVolume) {
     }
   }
   int seen = 0;
-  const WalkResult result = Tree::open("/")->walk(patterns, Cancellation(), [&](const WalkedFile&) { ++seen; });
+  const WalkResult result = Tree::open("/")->walk({patterns}, Cancellation(), [&](const WalkedFile&) { ++seen; });
   EXPECT_EQ(seen, 0);
   EXPECT_EQ(result.unreadable, 0U);
 }
