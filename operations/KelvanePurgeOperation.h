@@ -33,6 +33,11 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   /// So often in a row a service that says that it gave its share has another turn in the pass although the volume's
   /// free bytes did not rise meanwhile: another writer may have used what an honest one freed.
   static constexpr int maximumUnborneAnswers = 8;
+  /// After so many turns in a pass a service has its next ones at a pace. Halving is done by then; one that takes back
+  /// what it frees, or answers beside a writer that does, may be borne out until the pass's time is over.
+  static constexpr int unpacedTurns = 64;
+  /// A turn costs the daemon about a thirtieth of this.
+  static constexpr std::uint32_t paceMicroseconds = 5000;
 
   /// Null when the info is refused. Only the services that purge are kept.
   static std::shared_ptr<KelvanePurgeOperation> initWithInfo(const Value& info, const ServiceTable& services);
@@ -90,7 +95,7 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   void queueAgain(PurgeServiceRequest request, std::chrono::nanoseconds elapsed, Block rest);
   void changeRound(const std::function<void(PurgeRound&)>& change);
   void limitPatience() KELVANE_REQUIRES(collection_queue());
-  std::optional<std::chrono::nanoseconds> afterPatience(std::uint64_t& round);
+  std::optional<std::chrono::nanoseconds> afterWait(std::uint64_t& number, bool isPatienceOver);
 
   std::atomic<bool> cancel_ = false;
   /// Bytes that the client asked for.
@@ -105,8 +110,11 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   /// The current pass's; none before the first pass and after the last.
   AtomicProperty<std::optional<Semaphore>> purge_semaphore_;
   PurgeRound round_ KELVANE_GUARDED_BY(collection_queue());
-  /// Ends the wait of the thread that limits the rounds' patience; none while there is no such thread.
+  /// Tells the thread that limits the rounds' patience that it waits for the wrong thing; none while there is no such
+  /// thread.
   std::optional<Semaphore> patienceLimit_ KELVANE_GUARDED_BY(collection_queue());
+  /// The number of the last wait that the thread was told of.
+  std::uint64_t limitedWait_ KELVANE_GUARDED_BY(collection_queue()) = 0;
 };
 
 }  // namespace kelvane

@@ -36,6 +36,9 @@ void KelvanePurgeOperation::queueServiceRequest(const std::shared_ptr<KLService>
 
 void KelvanePurgeOperation::requestFromService(PurgeServiceRequest request) {
   KELVANE_TRACE("%s queuing service: %@", blockName, request.identifier());
+  if (request.turns++ >= unpacedTurns) {
+    clock::sleepMicroseconds(paceMicroseconds);
+  }
   const std::uint64_t purged = amountPurged(request.info);
   if (viable_purging_services() == 0 || purged >= purge_amount_needed() || cancel() || isLongOver()) {
     return;
@@ -47,15 +50,18 @@ void KelvanePurgeOperation::requestFromService(PurgeServiceRequest request) {
                 blockName, static_cast<std::int64_t>(request.donation), purge_amount_needed(), purged, divisor);
   message.set(keys::amount, request.donation);
   // Marked first, tested after: a service with nothing to donate stays in flight until the purge is over.
-  if (!updateInFlight(request.identifier(), true) || request.donation == 0) {
+  if (!updateInFlight(request.identifier(), true)) {
     return;
   }
-  request.freeBytes = volumeFreeBytes(request.info[keys::volume]);
   // Before it is sent: the answer may be there before this goes on.
   collection_queue().sync([this, &request] {
     collection_queue().assertCurrent();
-    round_.asked(request.identifier());
+    round_.asked(request.identifier(), request.donation);
   });
+  if (request.donation == 0) {
+    return;
+  }
+  request.freeBytes = volumeFreeBytes(request.info[keys::volume]);
   CallServiceAsync(
       request.service,
       [self = self(), request, message](const KelvaneServiceProxy& proxy, const Block& done) {

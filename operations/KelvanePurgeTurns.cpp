@@ -28,7 +28,6 @@ void KelvanePurgeOperation::endRounds() {
     self->round_.endPass();
     if (self->patienceLimit_) {
       self->patienceLimit_->signal();
-      self->patienceLimit_.reset();
     }
   });
 }
@@ -76,9 +75,7 @@ void KelvanePurgeOperation::changeRound(const std::function<void(PurgeRound&)>& 
       queueTurn(std::move(request));
     }
     isOver = round_.isOver(inFlightOnQueue());
-    if (round_.isAnyoneHeld() && !patienceLimit_) {
-      limitPatience();
-    }
+    limitPatience();
   });
   if (isOver) {
     signalPass();
@@ -87,27 +84,36 @@ void KelvanePurgeOperation::changeRound(const std::function<void(PurgeRound&)>& 
 
 /// One thread at a time waits out the patience of the rounds, and only while somebody is held in one.
 void KelvanePurgeOperation::limitPatience() {
-  const Semaphore passEnded(0);
-  patienceLimit_ = passEnded;
-  globalQueue::async([self = self(), passEnded, round = round_.number(), patience = round_.patience()]() mutable {
+  std::uint64_t number = round_.waitNumber();
+  if (!round_.isAnyoneHeld() || std::exchange(limitedWait_, number) == number) {
+    return;
+  }
+  if (patienceLimit_) {
+    patienceLimit_->signal();
+    return;
+  }
+  const Semaphore changed(0);
+  patienceLimit_ = changed;
+  globalQueue::async([self = self(), changed, number, patience = round_.patience()]() mutable {
     std::optional<std::chrono::nanoseconds> left = patience;
-    while (left && !passEnded.wait(*left)) {
-      left = self->afterPatience(round);
+    while (left) {
+      const bool isPatienceOver = !changed.wait(*left);
+      left = self->afterWait(number, isPatienceOver);
     }
   });
 }
 
 /// Ends the round if it is still the one that was waited for, and tells how long to wait for the one there is now.
-std::optional<std::chrono::nanoseconds> KelvanePurgeOperation::afterPatience(std::uint64_t& round) {
+std::optional<std::chrono::nanoseconds> KelvanePurgeOperation::afterWait(std::uint64_t& number, bool isPatienceOver) {
   std::optional<std::chrono::nanoseconds> left;
   collection_queue().sync([&] {
     collection_queue().assertCurrent();
-    if (round_.number() == round) {
+    if (isPatienceOver && round_.waitNumber() == number) {
       for (PurgeServiceRequest& request : round_.takeTurnsAtOnce(inFlightOnQueue())) {
         queueTurn(std::move(request));
       }
     }
-    round = round_.number();
+    number = round_.waitNumber();
     if (round_.isAnyoneHeld()) {
       left = round_.patience();
     } else {

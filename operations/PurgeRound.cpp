@@ -17,12 +17,21 @@ void PurgeRound::endPass() {
   owing_.clear();
   isLookDue_ = false;
   endsEarly_ = false;
-  ++number_;
+}
+
+void PurgeRound::asked(const std::string& identifier, std::uint64_t donation) {
+  std::erase_if(held_,
+                [&identifier](const PurgeServiceRequest& request) { return request.identifier() == identifier; });
+  if (donation != 0) {
+    owing_.insert(identifier);
+  }
 }
 
 void PurgeRound::hold(PurgeServiceRequest request, std::chrono::nanoseconds patience) {
-  if (held_.empty()) {
-    patience_ = std::max(patience, shortestPatience);
+  patience = std::max(patience, shortestPatience);
+  if (held_.empty() || patience < patience_) {
+    patience_ = patience;
+    ++waitNumber_;
   }
   held_.push_back(std::move(request));
 }
@@ -41,9 +50,6 @@ PurgeRound::Requests PurgeRound::takeTurnsAtOnce(const InFlight& inFlight) {
   if (!turns.empty()) {
     owing_.clear();
     queuedBlocks_ += turns.size();
-    // Should none of them be asked after all, nobody's answer would end the pass.
-    isLookDue_ = true;
-    ++number_;
   }
   return turns;
 }

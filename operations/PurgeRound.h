@@ -39,13 +39,16 @@ class PurgeRound {
   /// A request's block has run on the message queue.
   void blockRan() { --queuedBlocks_; }
 
-  /// A service has been sent a request, and owes nothing for it any more.
-  void asked(const std::string& identifier) { owing_.insert(identifier); }
+  /// A service was marked in flight, to be sent a request of this many bytes; nothing is sent for 0. A turn that it
+  /// still waited for, since a late answer to an earlier pass, would be refused, and is dropped.
+  void asked(const std::string& identifier, std::uint64_t donation);
+  /// It owes nothing any more.
   void settled(const std::string& identifier) { owing_.erase(identifier); }
 
   /// The service of this request has its next turn when the round is over.
   void hold(PurgeServiceRequest request, std::chrono::nanoseconds patience);
-  /// Somebody answered: the set is to be looked at, as soon as nobody's turn is still to come.
+  /// Somebody answered: the set is to be looked at, as soon as nobody's turn is still to come. So a look is due after
+  /// turns, too, should none of them have led to a request.
   void lookAtFlight() { isLookDue_ = true; }
 
   /// The requests whose turn has come. Their blocks count as queued.
@@ -56,15 +59,16 @@ class PurgeRound {
   [[nodiscard]] bool isOver(const InFlight& inFlight);
 
   bool isAnyoneHeld() const { return !held_.empty(); }
-  /// Of the round under way; changes with each.
-  std::uint64_t number() const { return number_; }
+  /// How long those who are held wait, from when this wait began: the least patient decides.
   std::chrono::nanoseconds patience() const { return patience_; }
+  /// Of that wait. Changes whenever one begins.
+  std::uint64_t waitNumber() const { return waitNumber_; }
 
  private:
   Requests held_;
   std::set<std::string> owing_;
   std::size_t queuedBlocks_ = 0;
-  std::uint64_t number_ = 0;
+  std::uint64_t waitNumber_ = 0;
   std::chrono::nanoseconds patience_{};
   bool isLookDue_ = false;
   /// In such a pass a look is due all the time, until it has found nobody.

@@ -29,6 +29,8 @@ struct PurgeServiceRequest {
   std::optional<std::uint64_t> freeBytes = std::nullopt;
   /// How many of the service's answers in a row, before this request, the volume did not bear out.
   int unborneAnswers = 0;
+  /// How many requests of the pass the service had before this one.
+  int turns = 0;
 
   const std::string& identifier() const { return service->ID(); }
 };

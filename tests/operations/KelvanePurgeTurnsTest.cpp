@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <set>
 
 #include "operations/KelvanePurgeOperation.h"
 #include "protocols/Keys.h"
@@ -219,9 +220,12 @@ TEST_F(APurgeByTurns, IsNotHeldUpByWhoWasSilentInAnEarlierPass) {
   run([&] {
     Cache& cache = add("cache", 1000 * block);
     Cache& other = add("other", 1000 * block);
+    add("poor", 0);
     ScriptedService silent("silent");
     silent.onPurge = ScriptedService::silence();
     records.push_back(silent.record());
+    std::vector<double> asked;
+    const std::uint64_t start = clock::ticks();
     // All that they free in the first pass is used up at once.
     simulation->volumes().setAvailable(volume, 0);
     const auto takes = [&](Cache& from) {
@@ -229,17 +233,19 @@ TEST_F(APurgeByTurns, IsNotHeldUpByWhoWasSilentInAnEarlierPass) {
         serve(request);
         if (request.urgency == 1) {
           simulation->volumes().take(volume, UINT64_MAX);
+        } else {
+          asked.push_back(secondsSince(start));
         }
       };
     };
     cache.service.onPurge = takes(cache);
     other.service.onPurge = takes(other);
-    const std::uint64_t start = clock::ticks();
     purge(16 * block, tableOf(records), 10, 2);
     // The second pass waits for nothing but its end, which the silent one keeps from coming early.
     EXPECT_EQ(secondsSince(start), 20.0);
-    EXPECT_EQ(cache.service.count("servicePurge 2"), 1u);
-    EXPECT_EQ(other.service.count("servicePurge 2"), 1u);
+    EXPECT_EQ(cache.service.count("servicePurge 2"), 2u);
+    EXPECT_EQ(other.service.count("servicePurge 2"), 2u);
+    EXPECT_THAT(asked, Each(10.0));
   });
 }
 
@@ -323,6 +329,25 @@ TEST_F(APurgeByTurns, GetsFromTheHonestOneWhatABoasterOnlyClaims) {
   });
 }
 
+// Every second time the volume bears it out.
+TEST_F(APurgeByTurns, KeepsAPaceWithOneThatTakesBackWhatItGave) {
+  run([&] {
+    ScriptedService& churning = addBoaster("churning");
+    std::uint64_t answers = 0;
+    churning.onPurge = [&](const ScriptedService::Request& request) {
+      ++answers;
+      answers % 2 == 0 ? simulation->volumes().take(volume, 1) : simulation->volumes().give(volume, 1);
+      request.reply.send(Value::Dictionary{{keys::amount, answers < 1000 ? request.info[keys::amount] : Value(0)}});
+    };
+    const std::uint64_t start = clock::ticks();
+    purge(100, tableOf(records), 1);
+    EXPECT_EQ(secondsSince(start), 1.0);
+    simulation->settle();
+    EXPECT_GE(answers, 64u + 199);
+    EXPECT_LE(answers, 64u + 201);
+  });
+}
+
 // Somebody else uses at once what it frees, again and again.
 TEST_F(APurgeByTurns, CountsTheTurnsOfAServiceAnewOnceTheVolumeBearsItOut) {
   run([&] {
@@ -371,6 +396,66 @@ TEST_F(APurgeByTurns, LeavesThoseWhoWaitToTheNextPassWhenItsTimeIsOver) {
     EXPECT_EQ(shares(caches[0]->service), (std::vector<std::uint64_t>{8 * block, 8 * block}));
     EXPECT_EQ(caches[0]->service.count("servicePurge 1"), 1u);
     EXPECT_EQ(caches[0]->service.count("servicePurge 2"), 1u);
+  });
+}
+
+// It answers just when the first pass's time is over: while the next pass's requests are queued, or are yet to be.
+TEST_F(APurgeByTurns, AsksALateOneAtTheUrgencyOfThePassOnceThatHasAskedIt) {
+  std::set<bool> askedAgainForTheFirstPass;
+  for (std::uint64_t seed = 1; seed <= 200; ++seed) {
+    SCOPED_TRACE(seed);
+    run(
+        [&] {
+          forget();
+          for (int i = 0; i < 3; ++i) {
+            add("s" + std::to_string(i), 0);
+          }
+          Cache& late = add("late", 1000 * block);
+          std::vector<std::int32_t> urgencies;
+          const auto serve = late.service.onPurge;
+          late.service.onPurge = [&](const ScriptedService::Request& request) {
+            urgencies.push_back(request.urgency);
+            clock::sleepMicroseconds(urgencies.size() == 1 ? 2'000'000 : 1000);
+            serve(request);
+          };
+          // Those that are described and not there keep the shares small: there are many rounds.
+          for (int i = 0; i < 4; ++i) {
+            addAbsent("com.example.absent" + std::to_string(i));
+          }
+          purge(64 * block, tableOf(records), 2, 2);
+          simulation->settle();
+          EXPECT_TRUE(std::is_sorted(urgencies.begin(), urgencies.end())) << testing::PrintToString(urgencies);
+          askedAgainForTheFirstPass.insert(urgencies.size() > 1 && urgencies[1] == 1);
+        },
+        seed);
+  }
+  EXPECT_EQ(askedAgainForTheFirstPass, (std::set<bool>{false, true}));
+}
+
+TEST_F(APurgeByTurns, WaitsForASilentOneNoLongerForHowLongEarlierRoundsTook) {
+  run([&] {
+    Cache& cache = add("cache", 1000 * block);
+    Cache& other = add("other", 1000 * block);
+    add("poor", 0);
+    std::vector<double> asked;
+    const std::uint64_t start = clock::ticks();
+    const auto serve = cache.service.onPurge;
+    cache.service.onPurge = [&, serve](const ScriptedService::Request& request) {
+      asked.push_back(secondsSince(start));
+      clock::sleepMicroseconds(asked.size() == 1 ? 10'000'000 : 1'000'000);
+      serve(request);
+    };
+    const auto serveOther = other.service.onPurge;
+    other.service.onPurge = [&, serveOther](const ScriptedService::Request& request) {
+      if (other.service.calls().size() == 1) {
+        clock::sleepMicroseconds(11'000'000);
+        serveOther(request);
+      }
+    };
+    purge(16 * block, tableOf(records));
+    ASSERT_GE(asked.size(), 3u);
+    asked.resize(3);
+    EXPECT_THAT(asked, ElementsAre(0.0, 11.0, 13.0));
   });
 }
 

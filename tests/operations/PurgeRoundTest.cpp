@@ -25,7 +25,7 @@ class APurgeRound : public testing::Test {
   void ask(const std::string& identifier) {
     queueBlock();
     inFlight.insert(identifier);
-    round.asked(identifier);
+    round.asked(identifier, 1);
     round.blockRan();
   }
   void queueBlock() { round.beginPass(1, false); }
@@ -126,13 +126,22 @@ TEST_F(APurgeRound, IsNotOverWhenNobodyHasAnswered) {
   EXPECT_FALSE(round.isOver(inFlight));
 }
 
+TEST_F(APurgeRound, IsNotOverWhenTheLastInFlightFailsAfterOthersHaveAnswered) {
+  ask("a");
+  ask("gone");
+  answer("a", false);
+  EXPECT_FALSE(round.isOver(inFlight));
+  fail("gone");
+  EXPECT_FALSE(round.isOver(inFlight));
+}
+
 TEST_F(APurgeRound, GivesATurnAtOnceWhenPatienceIsOverAndWaitsForNobodyTwice) {
   ask("silent");
   ask("a");
   ask("b");
   answer("a", true);
   EXPECT_THAT(turnsAtOnce(), ElementsAre("a"));
-  round.asked("a");
+  round.asked("a", 1);
   inFlight.insert("a");
   round.blockRan();
   answer("b", true);
@@ -152,12 +161,27 @@ TEST_F(APurgeRound, LeavesOutWhoIsStillBeingTakenOutOfFlight) {
   EXPECT_THAT(turnsAtOnce(), ElementsAre("a"));
 }
 
-TEST_F(APurgeRound, TakesItsPatienceFromTheFirstWhoGave) {
+// One that an earlier pass asked may come in late, and first.
+TEST_F(APurgeRound, KeepsTheOrderOfTheAnswersWhenItLeavesSomebodyOut) {
+  for (const char* identifier : {"a", "b", "c", "silent"}) {
+    ask(identifier);
+  }
+  answer("b", true);
+  answer("a", true);
+  round.hold(requestOf("c"), {});
+  EXPECT_THAT(turnsAtOnce(), ElementsAre("b", "a"));
+}
+
+TEST_F(APurgeRound, IsAsPatientAsTheLeastPatient) {
   ask("a");
   ask("b");
+  ask("c");
   round.hold(requestOf("a"), std::chrono::seconds(3));
+  EXPECT_EQ(round.patience(), std::chrono::seconds(3));
   round.hold(requestOf("b"), std::chrono::seconds(5));
   EXPECT_EQ(round.patience(), std::chrono::seconds(3));
+  round.hold(requestOf("c"), std::chrono::seconds(2));
+  EXPECT_EQ(round.patience(), std::chrono::seconds(2));
 }
 
 TEST_F(APurgeRound, IsNeverLessPatientThanAQuarterOfASecond) {
@@ -166,23 +190,53 @@ TEST_F(APurgeRound, IsNeverLessPatientThanAQuarterOfASecond) {
   EXPECT_EQ(round.patience(), std::chrono::milliseconds(250));
 }
 
-TEST_F(APurgeRound, HasANumberOfItsOwn) {
-  const std::uint64_t first = round.number();
+TEST_F(APurgeRound, BeginsAWaitWithTheFirstWhoGaveAndWithOneWhoIsLessPatient) {
+  const std::uint64_t before = round.waitNumber();
   ask("a");
-  EXPECT_EQ(round.number(), first);
+  ask("b");
+  ask("c");
+  EXPECT_EQ(round.waitNumber(), before);
+  round.hold(requestOf("a"), std::chrono::seconds(3));
+  const std::uint64_t first = round.waitNumber();
+  EXPECT_NE(first, before);
+  round.hold(requestOf("b"), std::chrono::seconds(3));
+  EXPECT_EQ(round.waitNumber(), first);
+  round.hold(requestOf("c"), std::chrono::seconds(2));
+  const std::uint64_t second = round.waitNumber();
+  EXPECT_NE(second, first);
+  EXPECT_THAT(turnsAtOnce(), IsEmpty());
+  round.endPass();
+  EXPECT_EQ(round.waitNumber(), second);
+  round.hold(requestOf("a"), std::chrono::seconds(3));
+  EXPECT_NE(round.waitNumber(), second);
+  EXPECT_EQ(round.patience(), std::chrono::seconds(3));
+}
+
+// Its late answer to an earlier pass came before this pass asked it.
+TEST_F(APurgeRound, DropsTheTurnOfAServiceThatIsAskedInstead) {
+  ask("a");
+  ask("b");
+  answer("a", true);
+  answer("b", true);
+  ask("a");
+  EXPECT_THAT(turns(), IsEmpty());
+  answer("a", false);
+  EXPECT_THAT(turns(), ElementsAre("b"));
+}
+
+TEST_F(APurgeRound, WaitsForNobodyWhoIsSentNothing) {
+  ask("a");
+  inFlight.insert("poor");
+  round.asked("poor", 0);
   answer("a", true);
   EXPECT_THAT(turns(), ElementsAre("a"));
-  const std::uint64_t second = round.number();
-  EXPECT_NE(second, first);
-  round.endPass();
-  EXPECT_NE(round.number(), second);
 }
 
 TEST_F(APurgeRound, OfAPassThatEndsEarlyIsOverWithoutAnybodysAnswer) {
   round.beginPass(1, true);
   EXPECT_FALSE(round.isOver(inFlight)) << "its block has not run";
   inFlight.insert("gone");
-  round.asked("gone");
+  round.asked("gone", 1);
   round.blockRan();
   EXPECT_FALSE(round.isOver(inFlight)) << "somebody is in flight";
   fail("gone");
