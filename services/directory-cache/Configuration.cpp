@@ -79,6 +79,30 @@ void takeClocks(ConfigurationEntries& entries, Clocks& clocks) {
   }
 }
 
+/// The pattern that matches this text alone.
+std::string patternFor(const std::string& text) {
+  std::string pattern;
+  for (const char character : text) {
+    pattern += {'\\', character};
+  }
+  return pattern;
+}
+
+/// The lock's file is not for deletion.
+void takeLock(ConfigurationEntries& entries, DirectoryRules& rules) {
+  const std::string lock = entries.string("Lock", "");
+  if (lock.empty()) {
+    return;
+  }
+  rules.lock = lock.front() == '/' ? lock : rules.path + "/" + lock;
+  if (!isPlainPath(rules.lock)) {
+    entries.fail("Lock", "a file's path, absolute or within the directory, without \".\", \"..\" and needless slashes");
+  }
+  if (rules.lock.starts_with(rules.path + "/")) {
+    rules.protectedPatterns.push_back(patternFor(rules.lock.substr(rules.path.size() + 1)));
+  }
+}
+
 DirectoryRules readDirectory(ConfigurationEntries& entries) {
   DirectoryRules rules;
   rules.path = entries.requiredString("Path");
@@ -98,6 +122,7 @@ DirectoryRules readDirectory(ConfigurationEntries& entries) {
     entries.fail("Never", "at most " + std::to_string(limits::cachePatterns) + " patterns");
   }
   rules.removesEmptyDirectories = entries.boolean("RemoveEmptyDirectories", false);
+  takeLock(entries, rules);
   rules.othersMayWrite = entries.boolean("OthersMayWrite", false);
   return rules;
 }

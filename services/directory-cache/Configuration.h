@@ -38,6 +38,8 @@ struct DirectoryRules {
   std::uint64_t keepBytes = 0;
   /// Wildcards for paths relative to the directory. What matches is not looked at, with all beneath it.
   std::vector<std::string> protectedPatterns;
+  /// A file that nobody else must have locked: absolute; empty if there is none.
+  std::string lock;
   /// Whether a directory beneath this one goes when its last file did.
   bool removesEmptyDirectories = false;
   /// Whether root deletes where anybody else may write: whoever may can have root delete what he could not himself.

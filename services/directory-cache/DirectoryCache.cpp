@@ -17,6 +17,8 @@ namespace kelvane::directoryCache {
 
 namespace {
 
+constexpr std::int64_t jumpWorthTellingSeconds = 60;
+
 std::int64_t secondsNow() {
   return static_cast<std::int64_t>(clock::now().secondsSince1970);
 }
@@ -45,10 +47,28 @@ std::string summary(const SpaceRequest& request, const PurgeResult& result) {
 }  // namespace
 
 DirectoryCache::DirectoryCache(Configuration configuration)
-    : KelvaneService(std::move(configuration.service)), directories_(std::move(configuration.directories)) {}
+    : KelvaneService(std::move(configuration.service)),
+      directories_(std::move(configuration.directories)),
+      steadyDate_(secondsNow(), SteadyDate::secondsSinceBoot()) {}
+
+std::int64_t DirectoryCache::dateFor(std::int32_t urgency) {
+  const std::int64_t clock = secondsNow();
+  const std::int64_t steady = steadyDate_.at(clock, SteadyDate::secondsSinceBoot());
+  if (urgency > mildestUrgency) {
+    return clock;
+  }
+  if (clock - steady > jumpWorthTellingSeconds) {
+    reporting::writeLog(
+        logLevels::warning, logCategory, "DirectoryCache::dateFor",
+        "the clock has jumped ahead by " + std::to_string(clock - steady) +
+            " s since this began, so ages at urgency 1 count without that; started anew, it believes it");
+  }
+  return steady;
+}
 
 std::optional<std::uint64_t> DirectoryCache::purgeable(const SpaceRequest& request, const Cancellation& cancellation) {
-  return purgeableBytes(openDirectoriesOn(request.volume, directories_), request.urgency, secondsNow(), cancellation);
+  return purgeableBytes(openDirectoriesOn(request.volume, directories_, LockUse::Look), request.urgency,
+                        dateFor(request.urgency), cancellation);
 }
 
 std::uint64_t DirectoryCache::purge(const SpaceRequest& request, const Cancellation& cancellation) {
@@ -58,7 +78,7 @@ std::uint64_t DirectoryCache::purge(const SpaceRequest& request, const Cancellat
   }
   MountedVolumeMeter meter(request.volume, directories.front().tree.root());
   Purger purger(directories, meter, {limits::cacheCandidates, limits::cacheCandidateBytes});
-  const PurgeResult result = purger.purge({request.urgency, request.amount, secondsNow()}, cancellation);
+  const PurgeResult result = purger.purge({request.urgency, request.amount, dateFor(request.urgency)}, cancellation);
   reporting::writeLog(logLevels::notice, logCategory, "DirectoryCache::purge", summary(request, result));
   return result.freed;
 }

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "services/directory-cache/Configuration.h"
+#include "services/directory-cache/SteadyDate.h"
 #include "support/KelvaneService.h"
 
 namespace kelvane::directoryCache {
@@ -21,7 +22,11 @@ class DirectoryCache : public KelvaneService {
   std::uint64_t purge(const SpaceRequest& request, const Cancellation& cancellation) override;
   void notify(const std::string& name, const Value& value) override;
 
+  /// The date that ages are counted from at an urgency.
+  std::int64_t dateFor(std::int32_t urgency);
+
   const std::vector<DirectoryRules> directories_;
+  SteadyDate steadyDate_;
 };
 
 }  // namespace kelvane::directoryCache

@@ -79,6 +79,13 @@ void Purger::remove(const Candidate& candidate, std::vector<std::uint64_t>& allo
     }
     left[link.directory] -= share;
   }
+  for (const Candidate::Link& link : candidate.links) {
+    ToolLock* const lock = directories_[link.directory].lock.get();
+    if (lock != nullptr && !lock->hold()) {
+      ++result_.inUse;
+      return;
+    }
+  }
   const Removal removal = removeFile(directories_, candidate);
   switch (removal.outcome) {
     case RemovalOutcome::Removed:

@@ -19,8 +19,8 @@ std::optional<std::string> writableForRoot(const DirectoryRules& rules) {
   return rules.othersMayWrite || !Rights().isRoot() ? std::nullopt : writableByOthers(rules.path);
 }
 
-std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume,
-                                             const std::vector<DirectoryRules>& directories) {
+std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const std::vector<DirectoryRules>& directories,
+                                             LockUse lockUse) {
   std::vector<OpenDirectory> open;
   const std::optional<VolumeIdentity> asked = volumeAt(volume);
   if (!asked) {
@@ -42,7 +42,13 @@ std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume,
     }
     const std::optional<VolumeIdentity> here = volumeOf(tree->root());
     if (here && here->isSame(*asked)) {
-      open.push_back({&rules, std::move(*tree)});
+      auto lock = rules.lock.empty() ? nullptr : std::make_unique<ToolLock>(rules.lock);
+      if (lock && !(lockUse == LockUse::Hold ? lock->hold() : lock->isFree())) {
+        reporting::writeLog(logLevels::notice, logCategory, "openDirectoriesOn",
+                            rules.path + ": " + rules.lock + " is locked");
+        continue;
+      }
+      open.push_back({&rules, std::move(*tree), std::move(lock)});
     }
   }
   return open;

@@ -4,12 +4,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "services/directory-cache/Candidates.h"
 #include "services/directory-cache/Configuration.h"
+#include "services/directory-cache/ToolLock.h"
 #include "services/directory-cache/Tree.h"
 #include "support/Cancellation.h"
 
@@ -19,14 +21,20 @@ namespace kelvane::directoryCache {
 struct OpenDirectory {
   const DirectoryRules* rules;
   Tree tree;
+  /// Null when the rules name none.
+  std::unique_ptr<ToolLock> lock;
 };
+
+/// What is done with the locks of directories: queries only look at them.
+enum class LockUse { Look, Hold };
 
 /// For root, which directory on the path others may change although the rules do not expect it; none for anybody else.
 std::optional<std::string> writableForRoot(const DirectoryRules& rules);
 
 /// Opens those of the directories that are on the volume with this mount point. One that cannot be opened is left out
-/// and logged, and so is one that is not to be trusted, but for one that does not exist: caches come and go.
-std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const std::vector<DirectoryRules>& directories);
+/// and logged, and so is one that is locked or not to be trusted, but for one that does not exist: caches come and go.
+std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const std::vector<DirectoryRules>& directories,
+                                             LockUse lockUse = LockUse::Hold);
 
 struct SurveyResult {
   /// For each directory, how many bytes may go before only the ones to keep are left.

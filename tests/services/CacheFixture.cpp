@@ -117,7 +117,7 @@ PurgeResult CacheTest::purge(const std::vector<DirectoryRules>& directories, std
 
 std::uint64_t CacheTest::purgeable(const std::vector<DirectoryRules>& directories, std::int32_t urgency,
                                    const Cancellation& cancellation) const {
-  return purgeableBytes(openDirectoriesOn(root_, directories), urgency, testNow, cancellation);
+  return purgeableBytes(openDirectoriesOn(root_, directories, LockUse::Look), urgency, testNow, cancellation);
 }
 
 }  // namespace kelvane::directoryCache

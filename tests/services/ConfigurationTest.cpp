@@ -2,6 +2,7 @@
 // What a directory cache's configuration may say.
 #include "services/directory-cache/Configuration.h"
 
+#include <fnmatch.h>
 #include <gmock/gmock.h>
 
 #include <string>
@@ -179,6 +180,19 @@ TEST(Clocks, AreAtLeastOneOfFour) {
   EXPECT_EQ(errorOf(withDirectoryEntry("Clocks", Array())),
             "Directories[1]: Clocks: expected at least one of \"access\", \"modification\", \"change\" and \"birth\"");
   EXPECT_EQ(errorOf(withDirectoryEntry("Clocks", "access")), "Directories[1]: Clocks: expected an array");
+}
+
+TEST(ALock, IsAbsoluteOrWithinTheDirectoryAndNeverDeleted) {
+  for (const char* lock : {"deep/lock", "/var/cache/app/deep/lock"}) {
+    const Configuration configuration = good(withDirectoryEntry("Lock", lock));
+    const DirectoryRules& rules = configuration.directories.at(0);
+    EXPECT_EQ(rules.lock, "/var/cache/app/deep/lock");
+    ASSERT_EQ(rules.protectedPatterns.size(), 1U);
+    EXPECT_EQ(fnmatch(rules.protectedPatterns.front().c_str(), "deep/lock", 0), 0);
+  }
+  EXPECT_TRUE(good(withDirectoryEntry("Lock", "/run/lock/app")).directories.at(0).protectedPatterns.empty());
+  EXPECT_THAT(errorOf(withDirectoryEntry("Lock", "../lock")),
+              HasSubstr("Directories[1]: Lock: expected a file's path"));
 }
 
 TEST(AMinimumAge, IsFourAgesToo) {

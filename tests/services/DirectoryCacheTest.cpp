@@ -37,8 +37,8 @@ class ADirectoryCache : public CacheTest {
     configuration.service.identifier = "com.example.cache";
     configuration.service.notifications = {"KELVANE_CACHE_ENABLED"};
     configuration.directories = {rules()};
-    DirectoryCache cache(configuration);
     simulation_.setDate({static_cast<double>(testNow)});
+    DirectoryCache cache(configuration);
     simulation_.run([&] {
       daemon_.launch();
       globalQueue::async([&cache] { static_cast<void>(cache.run()); });
@@ -107,6 +107,18 @@ TEST_F(ADirectoryCache, DeletesFilesAndLogsOneLine) {
   ASSERT_EQ(lines.size(), 1U);
   EXPECT_THAT(lines.front(), HasSubstr("of 65536 bytes"));
   EXPECT_THAT(lines.front(), HasSubstr("at urgency 1: 1 files deleted"));
+}
+
+TEST_F(ADirectoryCache, TakesNothingForOldAtTheMildestUrgencyBecauseItsClockJumpedAhead) {
+  makeFile("cache/a", day);
+  run([&] {
+    simulation_.setDate({static_cast<double>(testNow + 30 * day)});
+    EXPECT_EQ(ask(protocol::servicePurgeable, 1, volumeOf(root_), 0), amount(0));
+    EXPECT_EQ(ask(protocol::servicePurge, 1, volumeOf(root_), unit), amount(0));
+    EXPECT_TRUE(exists("cache/a"));
+    EXPECT_EQ(ask(protocol::servicePurgeable, 2, volumeOf(root_), 0), amount(unit));
+  });
+  EXPECT_TRUE(simulation_.log().contains("the clock has jumped ahead by"));
 }
 
 TEST_F(ADirectoryCache, LogsWhatItIsNotifiedOf) {
