@@ -19,6 +19,21 @@ std::optional<std::string> writableForRoot(const DirectoryRules& rules) {
   return rules.othersMayWrite || !Rights().isRoot() ? std::nullopt : writableByOthers(rules.path);
 }
 
+std::variant<OpenDirectory, LeftDirectory> openDirectory(const DirectoryRules& rules, LockUse lockUse) {
+  std::optional<Tree> tree = Tree::open(rules.path);
+  if (!tree) {
+    return LeftDirectory{errno == ELOOP ? "a symbolic link is on the way" : std::strerror(errno), errno == ENOENT};
+  }
+  if (const auto writable = writableForRoot(rules)) {
+    return LeftDirectory{"others may write to " + *writable + ", so root deletes nothing there"};
+  }
+  auto lock = rules.lock.empty() ? nullptr : std::make_unique<ToolLock>(rules.lock);
+  if (lock && !(lockUse == LockUse::Hold ? lock->hold() : lock->isFree())) {
+    return LeftDirectory{rules.lock + " is locked", true};
+  }
+  return OpenDirectory{&rules, std::move(*tree), std::move(lock)};
+}
+
 std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const std::vector<DirectoryRules>& directories,
                                              LockUse lockUse) {
   std::vector<OpenDirectory> open;
@@ -27,28 +42,22 @@ std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const st
     return open;
   }
   for (const DirectoryRules& rules : directories) {
-    std::optional<Tree> tree = Tree::open(rules.path);
-    if (!tree) {
-      if (errno != ENOENT) {
-        const std::string reason = errno == ELOOP ? "a symbolic link is on the way" : std::strerror(errno);
-        reporting::writeLog(logLevels::warning, logCategory, "openDirectoriesOn", rules.path + ": " + reason);
+    const std::optional<VolumeIdentity> here = volumeAt(rules.path);
+    if (here && !here->isSame(*asked)) {
+      continue;
+    }
+    auto opened = openDirectory(rules, lockUse);
+    if (const auto* left = std::get_if<LeftDirectory>(&opened)) {
+      if (here || !left->isOrdinary) {
+        reporting::writeLog(left->isOrdinary ? logLevels::notice : logLevels::warning, logCategory, "openDirectoriesOn",
+                            rules.path + ": " + left->why);
       }
       continue;
     }
-    if (const auto writable = writableForRoot(rules)) {
-      reporting::writeLog(logLevels::warning, logCategory, "openDirectoriesOn",
-                          rules.path + ": others may write to " + *writable + ", so root deletes nothing there");
-      continue;
-    }
-    const std::optional<VolumeIdentity> here = volumeOf(tree->root());
-    if (here && here->isSame(*asked)) {
-      auto lock = rules.lock.empty() ? nullptr : std::make_unique<ToolLock>(rules.lock);
-      if (lock && !(lockUse == LockUse::Hold ? lock->hold() : lock->isFree())) {
-        reporting::writeLog(logLevels::notice, logCategory, "openDirectoriesOn",
-                            rules.path + ": " + rules.lock + " is locked");
-        continue;
-      }
-      open.push_back({&rules, std::move(*tree), std::move(lock)});
+    OpenDirectory& directory = std::get<OpenDirectory>(opened);
+    const std::optional<VolumeIdentity> there = volumeOf(directory.tree.root());
+    if (there && there->isSame(*asked)) {
+      open.push_back(std::move(directory));
     }
   }
   return open;

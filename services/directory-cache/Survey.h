@@ -7,6 +7,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "services/directory-cache/Candidates.h"
@@ -30,6 +31,15 @@ enum class LockUse { Look, Hold };
 
 /// For root, which directory on the path others may change although the rules do not expect it; none for anybody else.
 std::optional<std::string> writableForRoot(const DirectoryRules& rules);
+
+/// Why a directory is not looked at.
+struct LeftDirectory {
+  std::string why;
+  /// It comes and goes, and needs nobody's attention.
+  bool isOrdinary = false;
+};
+/// Opens a directory that may be worked on now.
+std::variant<OpenDirectory, LeftDirectory> openDirectory(const DirectoryRules& rules, LockUse lockUse);
 
 /// Opens those of the directories that are on the volume with this mount point. One that cannot be opened is left out
 /// and logged, and so is one that is locked or not to be trusted, but for one that does not exist: caches come and go.

@@ -3,13 +3,16 @@
 #include <sysexits.h>
 
 #include <CLI/CLI.hpp>
+#include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <string>
 #include <utility>
 #include <variant>
 
+#include "platform/Clock.h"
 #include "platform/Process.h"
+#include "services/directory-cache/Check.h"
 #include "services/directory-cache/Configuration.h"
 #include "services/directory-cache/DirectoryCache.h"
 #include "services/directory-cache/Ending.h"
@@ -35,19 +38,20 @@ int main(int argc, char** argv) {
   std::string path;
   bool checks = false;
   app.add_option("configuration", path, "The property list that says which files")->required();
-  app.add_flag("--check", checks, "Check the configuration and end");
+  app.add_flag("--check", checks, "Say what the configuration comes to on this machine, and end");
   CLI11_PARSE(app, argc, argv);
 
   auto configuration = readConfigurationFile(path);
   if (const auto* error = std::get_if<ConfigurationError>(&configuration)) {
     return fail(error->text, EX_CONFIG);
   }
-  if (checks) {
-    return EXIT_SUCCESS;
-  }
   auto& good = std::get<Configuration>(configuration);
   if (const auto error = runAsUser(good.user)) {
     return fail(path + ": " + *error, EX_CONFIG);
+  }
+  if (checks) {
+    const auto now = static_cast<std::int64_t>(kelvane::clock::now().secondsSince1970);
+    return checkDirectories(good, now, std::cout) ? EXIT_SUCCESS : EXIT_FAILURE;
   }
   kelvane::installTerminationHandler(&endProcess);
   DirectoryCache cache(std::move(good));
