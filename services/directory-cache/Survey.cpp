@@ -29,7 +29,7 @@ std::variant<OpenDirectory, LeftDirectory> openDirectory(const DirectoryRules& r
   }
   auto lock = rules.lock.empty() ? nullptr : std::make_unique<ToolLock>(rules.lock);
   if (lock && !(lockUse == LockUse::Hold ? lock->hold() : lock->isFree())) {
-    return LeftDirectory{rules.lock + " is locked", true};
+    return LeftDirectory{rules.lock + " is locked, or may not be opened", true};
   }
   return OpenDirectory{&rules, std::move(*tree), std::move(lock)};
 }
