@@ -11,6 +11,7 @@
 #include "platform/Limits.h"
 #include "platform/Reporting.h"
 #include "services/directory-cache/LogNames.h"
+#include "services/directory-cache/Mounts.h"
 #include "services/directory-cache/Rights.h"
 
 namespace kelvane::directoryCache {
@@ -41,7 +42,12 @@ std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const st
   if (!asked) {
     return open;
   }
+  const Mounts mounts = Mounts::ofThisProcess();
   for (const DirectoryRules& rules : directories) {
+    // Another volume may hang, and is not asked.
+    if (mounts.isElsewhere(rules.path, volume)) {
+      continue;
+    }
     const std::optional<VolumeIdentity> here = volumeAt(rules.path);
     if (here && !here->isSame(*asked)) {
       continue;
