@@ -18,6 +18,18 @@ constexpr std::uint64_t veryLowDiskFlag = 0x200;
 constexpr std::uint64_t lowDiskAmount = 250 * 1024 * 1024;
 constexpr std::int32_t lowDiskTimeoutSeconds = 300;
 
+/// The urgency is only named where somebody has chosen one.
+Value purgeInfo(const std::string& volume, const volumes::Relief& relief) {
+  Value::Dictionary info = {{keys::volume, volume},
+                            {keys::amount, relief.amountBytes.value_or(lowDiskAmount)},
+                            {keys::async, true},
+                            {keys::purgeTimeout, lowDiskTimeoutSeconds}};
+  if (relief.urgencyLimit) {
+    info[keys::urgencyLimit] = *relief.urgencyLimit;
+  }
+  return info;
+}
+
 }  // namespace
 
 void Kelvane::handleVFSStreamVEXEvent(const Value& event) {
@@ -37,11 +49,7 @@ void Kelvane::handleVFSStreamVEXEvent(const Value& event) {
     statistic = statistics::veryLowDiskEvent;
   }
   for (const std::string& volume : volumes) {
-    purge(Value::Dictionary{{keys::volume, volume},
-                            {keys::amount, lowDiskAmount},
-                            {keys::async, true},
-                            {keys::purgeTimeout, lowDiskTimeoutSeconds}},
-          nullptr);
+    purge(purgeInfo(volume, beginRelief(volume)), nullptr);
   }
   addReportStat(names::daemon, statistic, 1);
 }

@@ -77,6 +77,11 @@ inline constexpr std::size_t heldReplyBytesPerUser = 16 * 1024 * 1024;
 inline constexpr std::size_t statisticNames = 4096;
 inline constexpr std::size_t statisticNameBytes = 256;
 
+// Volumes
+/// Threads that ask file systems. One is lost to each that does not answer, until it does; when all are, nothing is known
+/// of any volume.
+inline constexpr std::size_t probeThreads = 64;
+
 // Files
 /// What a walk through a directory lists at most, and how deep it goes (1 is the directory's own entries).
 inline constexpr std::size_t directoryEntries = 64 * 1024;

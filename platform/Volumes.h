@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,14 +22,29 @@ struct Space {
   friend bool operator==(const Space&, const Space&) = default;
 };
 
+/// How a volume is relieved when it runs low, where somebody has said so.
+struct Relief {
+  std::optional<std::uint64_t> amountBytes = {};
+  /// The highest urgency, 1 to 4.
+  std::optional<std::int32_t> urgencyLimit = {};
+
+  friend bool operator==(const Relief&, const Relief&) = default;
+};
+
 /// Whether path is the mount point of a writable, local file system.
 [[nodiscard]] bool isUsable(const std::string& path);
 /// Block-backed and tmpfs mounts, one per file system; no pseudo, network, read-only or duplicate ones.
 [[nodiscard]] std::vector<std::string> local();
-/// Those of local() that are low on space now, the emptiest first.
+/// Those of local() that are low on space now and to be relieved, the emptiest first. Whoever handles a low-disk event
+/// is told what is to be relieved for that event; others, what is in no pause.
 [[nodiscard]] std::vector<std::string> lowOnSpace();
+/// The handler of a low-disk event turns to one of these: what the volume gains from now on until the handler returns
+/// is its doing. How it is to go about it.
+Relief beginRelief(const std::string& path);
 /// Not known when there is no such volume, or it cannot be asked.
 [[nodiscard]] Result<Space> space(const std::string& path);
+/// As space(), but perhaps as it was a millisecond ago: for what is judged many times in a row.
+[[nodiscard]] Result<Space> recentSpace(const std::string& path);
 /// Bytes available to unprivileged users; 0 when that is not known.
 [[nodiscard]] std::uint64_t availableBytes(const std::string& path);
 

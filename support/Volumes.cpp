@@ -20,6 +20,10 @@ std::vector<std::string> lowSpaceVolumes() {
   return volumes::lowOnSpace();
 }
 
+volumes::Relief beginRelief(const std::string& volume) {
+  return volumes::beginRelief(volume);
+}
+
 std::uint64_t volumeFreespace(const Value& volume) {
   return volume.isString() ? volumes::availableBytes(*volume.string()) : 0;
 }

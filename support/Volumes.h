@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/Value.h"
+#include "platform/Volumes.h"
 
 namespace kelvane {
 
@@ -17,8 +18,11 @@ bool validateVolume(const Value& info);
 /// The local volumes, by mount point.
 std::vector<std::string> getLocalVolumes();
 
-/// Those that are low on space now, the emptiest first.
+/// Those that are low on space now and to be relieved, the emptiest first. It only tells.
 std::vector<std::string> lowSpaceVolumes();
+
+/// The handler of a low-disk event is about to purge one of these; how it is to go about it.
+volumes::Relief beginRelief(const std::string& volume);
 
 /// Bytes of the volume that are available to unprivileged users; 0 for what is no volume or cannot be asked.
 std::uint64_t volumeFreespace(const Value& volume);

@@ -71,6 +71,12 @@ Result<volumes::Space> Volumes::space(const std::string& mountPoint) const {
   return volumes::Space{.size = free, .available = volume->available, .free = free};
 }
 
+volumes::Relief Volumes::beginRelief(const std::string& mountPoint) {
+  relieved_.push_back(mountPoint);
+  const Volume* volume = find(mountPoint);
+  return volume == nullptr ? volumes::Relief() : volume->relief;
+}
+
 Volumes::Volume& Volumes::volume(const std::string& mountPoint) {
   for (Volume& volume : volumes_) {
     if (volume.mountPoint == mountPoint) {
@@ -102,6 +108,14 @@ std::vector<std::string> volumes::lowOnSpace() {
 
 Result<volumes::Space> volumes::space(const std::string& path) {
   return simulated::world().volumes.space(path);
+}
+
+Result<volumes::Space> volumes::recentSpace(const std::string& path) {
+  return space(path);
+}
+
+volumes::Relief volumes::beginRelief(const std::string& path) {
+  return simulated::world().volumes.beginRelief(path);
 }
 
 std::uint64_t volumes::availableBytes(const std::string& path) {

@@ -29,6 +29,7 @@ class Volumes {
   void setReserve(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).reserve = bytes; }
   /// What root has used of that.
   void setReserveUsed(const std::string& mountPoint, std::uint64_t bytes) { volume(mountPoint).reserveUsed = bytes; }
+  void setRelief(const std::string& mountPoint, const volumes::Relief& relief) { volume(mountPoint).relief = relief; }
   /// A volume that is silent is usable no more, nor is its space known.
   void setSilent(const std::string& mountPoint, bool silent) { volume(mountPoint).silent = silent; }
 
@@ -36,6 +37,9 @@ class Volumes {
   std::vector<std::string> local() const;
   std::vector<std::string> low() const;
   Result<volumes::Space> space(const std::string& mountPoint) const;
+  volumes::Relief beginRelief(const std::string& mountPoint);
+  /// The volumes whose relief has begun, in that order.
+  const std::vector<std::string>& relieved() const { return relieved_; }
 
  private:
   struct Volume {
@@ -47,11 +51,13 @@ class Volumes {
     bool usable = true;
     bool local = true;
     bool low = false;
+    volumes::Relief relief = {};
   };
   Volume& volume(const std::string& mountPoint);
   const Volume* find(const std::string& mountPoint) const;
 
   std::vector<Volume> volumes_;
+  std::vector<std::string> relieved_;
 };
 
 }  // namespace kelvane::simulated

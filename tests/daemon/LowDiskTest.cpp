@@ -56,6 +56,41 @@ TEST_F(ALowDiskEvent, PurgesALowVolumeByAFixedAmount) {
   });
 }
 
+TEST_F(ALowDiskEvent, PurgesAVolumeAsIsSaidOfIt) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    simulation->volumes().setRelief(volume, {.amountBytes = 7, .urgencyLimit = 1});
+    ScriptedService service("a");
+    checkIn(TestClient(), service);
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x4));
+    ASSERT_EQ(service.infos().size(), 1u) << "one pass, in which nobody gives";
+    const Value info = service.infos()[0];
+    EXPECT_EQ(info[keys::amount], Value(std::uint64_t{7}));
+    EXPECT_EQ(info[keys::urgencyLimit], Value(1));
+    EXPECT_EQ(info.dictionary()->size(), 6u);
+    EXPECT_EQ(simulation->volumes().relieved(), std::vector<std::string>{volume});
+  });
+}
+
+TEST_F(ALowDiskEvent, TakesUpEachVolumeWhenItIsItsTurn) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    simulation->volumes().add("/second", 0);
+    simulation->volumes().setLow("/second", true);
+    std::vector<std::vector<std::string>> relieved;
+    ScriptedService service("a");
+    service.onPurge = [&](const ScriptedService::Request& request) {
+      relieved.push_back(simulation->volumes().relieved());
+      freesWhatIsAsked()(request);
+    };
+    checkIn(TestClient(), service);
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x4));
+    ASSERT_EQ(relieved.size(), 2u);
+    EXPECT_EQ(relieved[0], std::vector<std::string>{"/second"});
+    EXPECT_EQ(relieved[1], (std::vector<std::string>{"/second", volume}));
+  });
+}
+
 TEST_F(ALowDiskEvent, CountsAVeryLowDiskByItsOwnName) {
   runDaemon([&] {
     simulation->volumes().setLow(volume, true);

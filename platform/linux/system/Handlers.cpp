@@ -100,8 +100,8 @@ void registerActivity(const std::string& name, std::function<void(const Activity
 }
 
 void setEventStreamHandler(const std::string& stream, std::function<void(const Value&)> handler) {
-  if (stream == VolumeMonitor::stream) {
-    handler = VolumeMonitor::shared().attend(std::move(handler));
+  if (stream == LowDiskEvents::stream) {
+    handler = VolumeMonitor::shared().events().attend(std::move(handler));
   }
   handlers::eventStreams().add(stream, std::move(handler));
 }

@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 
 #include "platform/Value.h"
+#include "platform/Volumes.h"
 
 namespace kelvane {
 
@@ -32,24 +34,31 @@ class VolumeLevels {
     std::uint64_t lowBytes = std::uint64_t{1} << 30;
     double veryLowPercent = 3;
     std::uint64_t veryLowBytes = std::uint64_t{256} << 20;
+    bool isRelieved = true;
+    volumes::Relief relief;
   };
   /// Smaller file systems are not watched: what they hold is seldom anything that can be purged.
   static constexpr std::uint64_t smallestWatchedBytes = std::uint64_t{64} << 20;
 
   /// The defaults.
   VolumeLevels() = default;
-  /// From a dictionary with "LowPercent", "LowBytes", "VeryLowPercent" and "VeryLowBytes", for all volumes,
-  /// and the same keys for single ones beneath "Volumes" and the mount point. Whatever is no number of a
-  /// sensible range is left at the default.
+  /// From a dictionary with "LowPercent", "LowBytes", "VeryLowPercent", "VeryLowBytes", "Relief", "ReliefBytes" and
+  /// "ReliefUrgencyLimit", for all volumes, and the same keys for single ones beneath "Volumes" and the mount point.
+  /// Whatever is of another type or no sensible range is left at the default.
   explicit VolumeLevels(const Value& configuration);
   /// As the configuration file says at this moment; a file that cannot be used is logged, once until it
   /// changes, and gives the defaults.
   [[nodiscard]] static VolumeLevels current();
 
-  /// Of a volume of this size.
+  /// Those that have entries of their own.
+  [[nodiscard]] std::set<std::string> volumes() const;
+  [[nodiscard]] volumes::Relief relief(const std::string& volume) const;
+  /// Of a volume of this size; 0 for one that is not to be relieved.
   [[nodiscard]] SpaceMarks marks(const std::string& volume, std::uint64_t size) const;
 
  private:
+  [[nodiscard]] const Bounds& of(const std::string& volume) const;
+
   Bounds general_;
   std::map<std::string, Bounds, std::less<>> single_;
 };

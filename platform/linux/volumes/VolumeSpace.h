@@ -1,19 +1,33 @@
 // SPDX-License-Identifier: Apache-2.0
-// The space on a volume.
+// Questions about the space on volumes.
 #pragma once
 
-#include <optional>
+#include <atomic>
+#include <vector>
 
+#include "platform/Result.h"
 #include "platform/Volumes.h"
+#include "platform/linux/volumes/FileSystemProbe.h"
 #include "platform/linux/volumes/MountTable.h"
-#include "platform/linux/volumes/VolumeLevels.h"
 
 namespace kelvane {
 
-/// None when the mount is no directory or cannot be asked. May wait for as long as the file system likes.
-[[nodiscard]] std::optional<volumes::Space> spaceOf(const VolumeMount& mount);
+/// Asks a mount's file system itself; ENOTDIR for a mount that is no directory, as containers bind single files over
+/// others. It may wait for ever: it is for the probe's workers only.
+[[nodiscard]] Result<volumes::Space> readSpace(const VolumeMount& mount);
+/// What workers ask with: readSpace, unless a test puts something here that does not answer.
+extern std::atomic<Result<volumes::Space> (*)(const VolumeMount&)> spaceReader;
 
-/// Containers bind single files over others; those are mount points, but no volumes. May wait, too.
-[[nodiscard]] bool isDirectory(const VolumeMount& mount);
+/// As readSpace, by way of the probe: ETIMEDOUT while the file system is silent or rests.
+[[nodiscard]] Result<volumes::Space> askSpace(const VolumeMount& mount);
+
+/// What came of asking a mount.
+struct SpaceAnswer {
+  VolumeMount mount;
+  Result<volumes::Space> space;
+};
+/// Asks the file systems of all these mounts in as few questions to the probe as can be: one, and one more for each
+/// that hangs. Of the mounts of one file system, those up to the first that answers.
+[[nodiscard]] std::vector<SpaceAnswer> askEachSpace(const std::vector<VolumeMount>& mounts);
 
 }  // namespace kelvane

@@ -1,16 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
-// Mounted volumes, by the mount table and statvfs.
+// Mounted volumes, by the mount table and what their file systems say.
 #include "platform/Volumes.h"
-
-#include <sys/statvfs.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <set>
-#include <utility>
+#include <chrono>
+#include <map>
 
 #include "platform/linux/runtime/BlockedScope.h"
-#include "platform/linux/volumes/KnownMounts.h"
+#include "platform/linux/runtime/Mutex.h"
+#include "platform/linux/volumes/Mounts.h"
 #include "platform/linux/volumes/VolumeMonitor.h"
 #include "platform/linux/volumes/VolumeSpace.h"
 
@@ -18,102 +17,122 @@ namespace kelvane::volumes {
 
 namespace {
 
-/// None when there is no such mount point. The table holds each in its one canonical form, so comparing the text is
-/// enough to refuse every other spelling.
-const VolumeMount* find(const std::vector<VolumeMount>& mounts, const std::string& path) {
-  const auto mount = std::find_if(mounts.begin(), mounts.end(),
-                                  [&path](const VolumeMount& candidate) { return candidate.path == path; });
-  return mount == mounts.end() ? nullptr : &*mount;
-}
+/// What a volume said last, for those who ask many times in a row.
+class LastAnswers {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::milliseconds longestAge{1};
 
-/// Whether asking it would keep this thread waiting, too.
-bool isSilent(const VolumeMount& mount) {
-  return VolumeMonitor::shared().isSilent(mount.device);
-}
-
-/// Goes through the mounts of each file system that is not silent until one of them is accepted.
-template <typename Accepts>
-void forEachFileSystem(const std::vector<VolumeMount>& mounts, Accepts accepts) {
-  std::set<dev_t> accepted;
-  for (const VolumeMount& mount : mounts) {
-    if (!accepted.contains(mount.device) && !isSilent(mount) && accepts(mount)) {
-      accepted.insert(mount.device);
-    }
+  std::optional<Space> of(const VolumeMount& mount) {
+    const runtime::Lock lock(mutex_);
+    const auto known = answers_.find(mount.device);
+    const bool isNew = known != answers_.end() && Clock::now() - known->second.asked < longestAge;
+    return isNew ? std::optional(known->second.space) : std::nullopt;
   }
+
+  void set(const VolumeMount& mount, Clock::time_point asked, const Space& space) {
+    const runtime::Lock lock(mutex_);
+    std::erase_if(answers_, [asked](const auto& entry) { return asked - entry.second.asked >= longestAge; });
+    answers_.insert_or_assign(mount.device, Answer{asked, space});
+  }
+
+ private:
+  struct Answer {
+    Clock::time_point asked;
+    Space space;
+  };
+  runtime::Mutex mutex_;
+  std::map<dev_t, Answer> answers_ KELVANE_GUARDED_BY(mutex_);
+};
+
+LastAnswers& lastAnswers() {
+  static auto* const answers = new LastAnswers;
+  return *answers;
 }
 
-/// The mount and the file system both.
-bool isWritable(const std::string& path) {
-  struct statvfs status;
-  return statvfs(path.c_str(), &status) == 0 && (status.f_flag & ST_RDONLY) == 0;
+bool isSilent(const VolumeMount& mount) {
+  return FileSystemProbe::shared().closedUntil(mount.device) == FileSystemProbe::Time::max();
+}
+
+/// Whether a file system is mounted there, not a single file.
+bool isDirectory(const VolumeMount& mount) {
+  return mount.isWhole || askSpace(mount);
+}
+
+/// Beneath a mount point that has been unmounted is another file system, whose space is of no interest.
+Result<VolumeMount> mountAt(const std::string& path) {
+  const Mounts::Table mounts = Mounts::shared().current();
+  const VolumeMount* mount = findMount(*mounts, path);
+  return mount != nullptr ? Result<VolumeMount>(*mount) : Failure{.number = ENOENT, .tried = "asking " + path};
 }
 
 }  // namespace
 
 bool isUsable(const std::string& path) {
   const runtime::BlockedScope blocked;
-  // Only what is known to be usable is quick to tell: a mount that has become writable is no change of the table.
-  const KnownMounts::Mounts known = KnownMounts::shared().current();
-  if (const VolumeMount* mount = find(*known, path)) {
-    if (isSilent(*mount)) {
-      return false;
-    }
-    if (isDirectory(*mount) && isWritable(path)) {
-      return true;
-    }
-  }
-  const KnownMounts::Mounts mounts = KnownMounts::shared().readAgain();
-  const VolumeMount* mount = find(*mounts, path);
+  const Mounts::Table known = Mounts::shared().current();
+  const VolumeMount* mount = findMount(*known, path);
+  // Only what is known to be there is quick to tell: what has become writable by itself is no change of the table.
+  const Mounts::Table mounts = mount != nullptr ? known : Mounts::shared().readAgain();
+  mount = findMount(*mounts, path);
   return mount != nullptr && !isSilent(*mount) && isDirectory(*mount);
 }
 
 std::vector<std::string> local() {
   const runtime::BlockedScope blocked;
   std::vector<std::string> result;
-  forEachFileSystem(*KnownMounts::shared().readAgain(), [&result](const VolumeMount& mount) {
-    if (!isDirectory(mount)) {
-      return false;
+  for (const SpaceAnswer& answer : askEachSpace(*Mounts::shared().readAgain())) {
+    if (answer.space) {
+      result.push_back(answer.mount.path);
     }
-    result.push_back(mount.path);
-    return true;
-  });
+  }
   return result;
 }
 
 std::vector<std::string> lowOnSpace() {
   const runtime::BlockedScope blocked;
   const VolumeLevels levels = VolumeLevels::current();
-  std::vector<VolumeWatch::Sight> low;
-  forEachFileSystem(*KnownMounts::shared().current(), [&low, &levels](const VolumeMount& mount) {
-    const auto space = spaceOf(mount);
-    if (!space) {
-      return false;
+  std::vector<ReliefPolicy::Sight> low;
+  for (const SpaceAnswer& answer : askEachSpace(*Mounts::shared().current())) {
+    if (answer.space) {
+      ReliefPolicy::Sight sight(answer.mount, *answer.space, levels);
+      if (sight.level() != SpaceLevel::Ample) {
+        low.push_back(std::move(sight));
+      }
     }
-    VolumeWatch::Sight sight(mount, *space, levels);
-    if (sight.level() != SpaceLevel::Ample) {
-      low.push_back(std::move(sight));
-    }
-    return true;
-  });
-  std::stable_sort(low.begin(), low.end(), [](const VolumeWatch::Sight& left, const VolumeWatch::Sight& right) {
+  }
+  std::stable_sort(low.begin(), low.end(), [](const ReliefPolicy::Sight& left, const ReliefPolicy::Sight& right) {
     return left.space.available < right.space.available;
   });
   return VolumeMonitor::shared().volumesToRelieve(low);
 }
 
-Result<Space> space(const std::string& path) {
+Relief beginRelief(const std::string& path) {
   const runtime::BlockedScope blocked;
-  const KnownMounts::Mounts known = KnownMounts::shared().current();
-  // Beneath a mount point that has been unmounted is another file system, whose space is of no interest.
-  const VolumeMount* mount = find(*known, path);
-  if (mount == nullptr) {
-    return Failure{.number = ENOENT, .tried = "asking " + path};
+  const VolumeLevels levels = VolumeLevels::current();
+  if (const auto mount = mountAt(path)) {
+    VolumeMonitor::shared().beginRelief(*mount, askSpace(*mount), levels);
   }
-  if (isSilent(*mount)) {
-    return Failure{.number = ETIMEDOUT, .tried = "asking " + path};
+  return levels.relief(path);
+}
+
+Result<Space> space(const std::string& path) {
+  const auto mount = mountAt(path);
+  if (!mount) {
+    return mount.failure();
   }
-  const auto space = spaceOf(*mount);
-  return space ? Result<Space>(*space) : Failure{.number = EIO, .tried = "asking " + path};
+  const auto asked = LastAnswers::Clock::now();
+  auto space = askSpace(*mount);
+  if (space) {
+    lastAnswers().set(*mount, asked, *space);
+  }
+  return space;
+}
+
+Result<Space> recentSpace(const std::string& path) {
+  const auto mount = mountAt(path);
+  const auto known = mount ? lastAnswers().of(*mount) : std::nullopt;
+  return known ? Result<Space>(*known) : space(path);
 }
 
 std::uint64_t availableBytes(const std::string& path) {

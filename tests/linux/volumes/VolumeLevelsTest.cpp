@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "platform/linux/volumes/Paths.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
@@ -62,6 +64,45 @@ TEST(AVolumeConfiguration, ChangesSingleVolumesOnTopOfTheRest) {
   EXPECT_EQ(levelOf(levels, 3 * gibibyte, 2 * gibibyte), SpaceLevel::Ample);
   EXPECT_EQ(levelOf(levels, 3 * gibibyte, 2 * gibibyte - 1, "/other"), SpaceLevel::Ample);
   EXPECT_EQ(levelOf(levels, 3 * gibibyte, 0, "/scratch"), SpaceLevel::Ample);
+}
+
+TEST(AVolumeConfiguration, SaysHowVolumesAreRelieved) {
+  const VolumeLevels levels(Value::Dictionary{
+      {"ReliefBytes", 5 * gibibyte},
+      {"Volumes", Value::Dictionary{{"/data", Value::Dictionary{{"ReliefUrgencyLimit", 4}}},
+                                    {"/scratch", Value::Dictionary{{"ReliefBytes", 1}, {"ReliefUrgencyLimit", 1}}}}}});
+  EXPECT_EQ(levels.relief("/other"), (volumes::Relief{.amountBytes = 5 * gibibyte}));
+  EXPECT_EQ(levels.relief("/data"), (volumes::Relief{.amountBytes = 5 * gibibyte, .urgencyLimit = 4}));
+  EXPECT_EQ(levels.relief("/scratch"), (volumes::Relief{.amountBytes = 1, .urgencyLimit = 1}));
+  EXPECT_EQ(VolumeLevels().relief("/other"), volumes::Relief());
+  EXPECT_EQ(levels.volumes(), (std::set<std::string>{"/data", "/scratch"}));
+}
+
+TEST(AVolumeConfiguration, SaysWhichVolumesAreNotRelievedAtAll) {
+  const VolumeLevels levels(
+      Value::Dictionary{{"Relief", "NO"},
+                        {"Volumes", Value::Dictionary{{"/data", Value::Dictionary{{"Relief", true}}},
+                                                      {"/scratch", Value::Dictionary{{"Relief", "YES"}}},
+                                                      {"/odd", Value::Dictionary{{"Relief", "no"}}},
+                                                      {"/number", Value::Dictionary{{"Relief", 1}}}}}});
+  EXPECT_EQ(levelOf(levels, gibibyte, 0), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, gibibyte, 0, "/data"), SpaceLevel::VeryLow);
+  EXPECT_EQ(levelOf(levels, gibibyte, 0, "/scratch"), SpaceLevel::VeryLow);
+  EXPECT_EQ(levelOf(levels, gibibyte, 0, "/odd"), SpaceLevel::Ample) << "as the others";
+  EXPECT_EQ(levelOf(levels, gibibyte, 0, "/number"), SpaceLevel::Ample) << "as the others";
+  const VolumeLevels single(
+      Value::Dictionary{{"Volumes", Value::Dictionary{{"/data", Value::Dictionary{{"Relief", false}}}}}});
+  EXPECT_EQ(levelOf(single, gibibyte, 0, "/data"), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(single, gibibyte, 0), SpaceLevel::VeryLow);
+}
+
+TEST(AVolumeConfiguration, OfReliefsThatAreOutOfRangeChangesNothing) {
+  for (const Value& bytes : {Value(0), Value(-5), Value("5"), Value(true), Value(std::nan(""))}) {
+    EXPECT_EQ(VolumeLevels(Value::Dictionary{{"ReliefBytes", bytes}}).relief("/data"), volumes::Relief());
+  }
+  for (const Value& urgency : {Value(0), Value(5), Value(-1), Value("3"), Value(1e300), Value(std::nan(""))}) {
+    EXPECT_EQ(VolumeLevels(Value::Dictionary{{"ReliefUrgencyLimit", urgency}}).relief("/data"), volumes::Relief());
+  }
 }
 
 TEST(AVolumeConfiguration, OfTheWrongTypeOrRangeChangesNothing) {

@@ -20,8 +20,8 @@
 #include "platform/Volumes.h"
 #include "platform/linux/ipc/Readiness.h"
 #include "platform/linux/runtime/FileDescriptor.h"
-#include "platform/linux/runtime/Thread.h"
 #include "platform/linux/system/Handlers.h"
+#include "platform/linux/volumes/Paths.h"
 #include "platform/linux/volumes/VolumeSpace.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
@@ -41,6 +41,7 @@ std::vector<std::string> lowBelowMnt() {
   std::vector<std::string> ours;
   for (const std::string& volume : volumes::lowOnSpace()) {
     if (volume.starts_with("/mnt/")) {
+      volumes::beginRelief(volume);
       ours.push_back(volume);
     }
   }
@@ -154,39 +155,66 @@ TEST_F(TheVolumeMonitor, EndsPausesForAnEventOfSomebodyElse) {
   EXPECT_EQ(event->flags, 0x204u);
 }
 
+TEST_F(TheVolumeMonitor, PostsNothingForAVolumeThatIsNotToBeRelieved) {
+  mountVolume("/mnt/left-alone");
+  mountVolume("/mnt/other");
+  test::writeFile(paths::volumeLevelsFile, "{ Volumes = { \"/mnt/left-alone\" = { Relief = NO; }; }; }");
+  start();
+  fill("/mnt/left-alone", 63);
+  fill("/mnt/other", 63);
+  EXPECT_TRUE(await({"/mnt/other"}));
+  std::filesystem::remove(paths::volumeLevelsFile);
+}
+
+TEST_F(TheVolumeMonitor, TellsOnceOfANameInTheConfigurationThatIsNoVolume) {
+  mountVolume("/mnt/other");
+  test::writeFile(paths::volumeLevelsFile, "{ Volumes = { \"/mnt/nowhere\" = {}; \"/mnt/other\" = {}; }; }");
+  testing::internal::CaptureStderr();
+  start();
+  fill("/mnt/other", 60);
+  EXPECT_TRUE(await({"/mnt/other"}));
+  mountFullVolume("/mnt/second");
+  EXPECT_TRUE(await({"/mnt/second"}));
+  const std::string log = testing::internal::GetCapturedStderr();
+  const auto first = log.find("/etc/kelvane/volumes.plist: /mnt/nowhere is no volume");
+  ASSERT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find("is no volume", first + 50), std::string::npos);
+  std::filesystem::remove(paths::volumeLevelsFile);
+}
+
 /// Holds up whoever asks one volume, until the question is answered or this goes.
 class SilentVolume {
  public:
   SilentVolume() {
-    mayAnswer = questions = answers = 0;
-    volumeSpaceReader = [](const VolumeMount& volume) {
+    questions = answers = 0;
+    mayAnswer = false;
+    spaceReader = [](const VolumeMount& volume) {
       if (volume.path == "/mnt/silent") {
         std::unique_lock lock(mutex);
-        const int question = questions++;
+        ++questions;
         changed.notify_all();
-        changed.wait(lock, [question] { return question < mayAnswer; });
+        changed.wait(lock, [] { return mayAnswer; });
         ++answers;
         changed.notify_all();
       }
-      return spaceOf(volume);
+      return readSpace(volume);
     };
   }
   ~SilentVolume() {
-    volumeSpaceReader = spaceOf;
+    spaceReader = readSpace;
     std::unique_lock lock(mutex);
-    mayAnswer = std::numeric_limits<int>::max();
+    mayAnswer = true;
     changed.notify_all();
     EXPECT_TRUE(changed.wait_for(lock, patience, [] { return answers == questions; }));
   }
 
   void awaitQuestion() {
     std::unique_lock lock(mutex);
-    EXPECT_TRUE(changed.wait_for(lock, patience, [] { return questions > mayAnswer; }));
+    EXPECT_TRUE(changed.wait_for(lock, patience, [] { return questions > 0; }));
   }
-  /// The questions after this one are left open, too.
   void answer() {
     const std::lock_guard lock(mutex);
-    ++mayAnswer;
+    mayAnswer = true;
     changed.notify_all();
   }
 
@@ -196,10 +224,10 @@ class SilentVolume {
   static inline std::condition_variable changed;
   static inline int questions = 0;
   static inline int answers = 0;
-  static inline int mayAnswer = 0;
+  static inline bool mayAnswer = false;
 };
 
-TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswersAndCountsWhatItThenSays) {
+TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswers) {
   mountVolume("/mnt/silent");
   mountVolume("/mnt/talkative");
   fill("/mnt/silent", 63);
@@ -209,7 +237,7 @@ TEST_F(TheVolumeMonitor, LeavesASilentFileSystemOutUntilItAnswersAndCountsWhatIt
   fill("/mnt/talkative", 60);
   ASSERT_TRUE(await({"/mnt/talkative"})) << "one that does not answer holds up none that do, nor is it asked again";
   silent.answer();
-  ASSERT_TRUE(await({"/mnt/silent"})) << "though the next question is open";
+  ASSERT_TRUE(await({"/mnt/silent"})) << "after a rest";
 }
 
 TEST_F(TheVolumeMonitor, IsNotHeldUpByASilentFileSystemOfWhichOnlyADirectoryIsMounted) {
@@ -234,7 +262,7 @@ TEST_F(TheVolumeMonitor, LetsNobodyElseAskASilentFileSystem) {
   mountVolume("/mnt/silent");
   mountVolume("/mnt/talkative");
   EXPECT_TRUE(volumes::isUsable("/mnt/silent"));
-  EXPECT_GT(volumes::availableBytes("/mnt/silent"), 0u);
+  EXPECT_TRUE(volumes::space("/mnt/silent"));
   fill("/mnt/silent", 63);
   SilentVolume silent;
   start();
@@ -242,48 +270,12 @@ TEST_F(TheVolumeMonitor, LetsNobodyElseAskASilentFileSystem) {
   fill("/mnt/talkative", 60);
   ASSERT_TRUE(await({"/mnt/talkative"}));
   EXPECT_FALSE(volumes::isUsable("/mnt/silent"));
-  EXPECT_EQ(volumes::availableBytes("/mnt/silent"), 0u);
+  EXPECT_EQ(volumes::space("/mnt/silent").failure().number, ETIMEDOUT);
   EXPECT_TRUE(volumes::isUsable("/mnt/talkative"));
   silent.answer();
   ASSERT_TRUE(await({"/mnt/silent"}));
   EXPECT_TRUE(volumes::isUsable("/mnt/silent"));
-  EXPECT_GT(volumes::availableBytes("/mnt/silent"), 0u);
-}
-
-TEST_F(TheVolumeMonitor, GoesOnWithTheSameThreadWhenThereIsNoOther) {
-  mountVolume("/mnt/silent");
-  mountVolume("/mnt/talkative");
-  SilentVolume silent;
-  start();
-  silent.awaitQuestion();
-  static std::atomic<bool> wasRefused;
-  wasRefused = false;
-  runtime::threadCreator = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
-    runtime::threadCreator = &pthread_create;
-    wasRefused = true;
-    wasRefused.notify_one();
-    return EAGAIN;
-  };
-  wasRefused.wait(false);
-  silent.answer();
-  fill("/mnt/talkative", 60);
-  ASSERT_TRUE(await({"/mnt/talkative"}));
-}
-
-TEST(AFileSystemThatAnswersLate, RestsAsLongAsItTookAndTwiceAsLongEachTimeUpToAMinute) {
-  VolumeMonitor::SlowAnswers answers;
-  const VolumeWatch::Time now(1000h);
-  for (const auto rest : {3s, 6s, 12s, 24s, 48s, 60s, 60s}) {
-    answers.isAwaited = true;
-    answers.noteAnswer(now, 3s);
-    EXPECT_FALSE(answers.isAwaited);
-    EXPECT_EQ(answers.restsUntil, now + rest);
-  }
-  VolumeMonitor::SlowAnswers others;
-  others.noteAnswer(now, 20s);
-  EXPECT_EQ(others.restsUntil, now + 20s);
-  others.noteAnswer(now, 10min);
-  EXPECT_EQ(others.restsUntil, now + 1min);
+  EXPECT_TRUE(volumes::space("/mnt/silent"));
 }
 
 }  // namespace

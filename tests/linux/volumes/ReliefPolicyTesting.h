@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/volumes/VolumeWatch.h"
+#include "platform/linux/volumes/ReliefPolicy.h"
 
 namespace kelvane::test {
 
@@ -25,26 +25,29 @@ inline constexpr std::uint64_t veryLowMark = 256 * mebibyte;
 class WatchedVolumes : public testing::Test {
  protected:
   /// The first look finds nothing.
-  WatchedVolumes() { watch_.look(now_ - 1h, {}); }
+  WatchedVolumes() { policy_.look(now_ - 1h, {}); }
 
-  using Time = VolumeWatch::Time;
-  using Duration = VolumeWatch::Duration;
+  using Time = ReliefPolicy::Time;
+  using Duration = ReliefPolicy::Duration;
   using Names = std::vector<std::string>;
 
   void set(const std::string& volume, std::uint64_t available) {
-    const auto [entry, isNew] = volumes_.try_emplace(volume, Entry{nextDevice_, 0, false});
+    const auto [entry, isNew] = volumes_.try_emplace(volume, Entry{nextDevice_, 0});
     nextDevice_ += isNew ? 1 : 0;
     entry->second.available = available;
   }
   void unmount(const std::string& volume) { volumes_.erase(volume); }
   /// Looks are without it, or with it again.
   void silence(const std::string& volume, bool isSilent = true) { volumes_.at(volume).isSilent = isSilent; }
-  void seeLate(const std::string& volume, Duration took) { watch_.seeLate(now_ - took, sight(volume)); }
+
+  void tellWrites(const std::string& volume, bool areTold = true) { volumes_.at(volume).writesAreTold = areTold; }
+  bool mayRest(const std::string& volume) const { return policy_.mayRest(now_, volume); }
+  dev_t device(const std::string& volume) const { return volumes_.at(volume).device; }
 
   void pass(Duration time) { now_ += time; }
 
   void look() {
-    std::vector<VolumeWatch::Sight> sights;
+    std::vector<ReliefPolicy::Sight> sights;
     std::vector<VolumeMount> unasked;
     for (const auto& [name, entry] : volumes_) {
       if (entry.isSilent) {
@@ -53,12 +56,12 @@ class WatchedVolumes : public testing::Test {
         sights.push_back(sight(name));
       }
     }
-    watch_.look(now_, sights, unasked);
+    policy_.look(now_, sights, unasked);
   }
   /// Looks; the level of the event that is posted then.
   std::optional<SpaceLevel> announced() {
     look();
-    const auto event = watch_.nextEvent(now_);
+    const auto event = policy_.nextEvent(now_);
     if (!event) {
       return std::nullopt;
     }
@@ -66,7 +69,7 @@ class WatchedVolumes : public testing::Test {
     return event->level;
   }
   /// What a handler of the run is given, the emptiest first.
-  Names taken(VolumeWatch::Run run) {
+  Names taken(ReliefPolicy::Run run) {
     std::multimap<std::uint64_t, std::string> low;
     for (const auto& [name, entry] : volumes_) {
       if (sight(name).level() != SpaceLevel::Ample) {
@@ -75,7 +78,8 @@ class WatchedVolumes : public testing::Test {
     }
     Names result;
     for (const auto& [available, name] : low) {
-      if (watch_.take(run, now_, sight(name))) {
+      if (policy_.isFor(run, now_, sight(name))) {
+        policy_.take(run, now_, sight(name));
         result.push_back(name);
       }
     }
@@ -85,14 +89,14 @@ class WatchedVolumes : public testing::Test {
   /// The handler of the last event returns after this time.
   void endAfter(Duration time) {
     pass(time);
-    watch_.end(run_, now_);
+    policy_.end(run_, now_);
   }
   /// The whole handling of an event that has been posted.
   void handleInVain(Duration time) {
     taken();
     endAfter(time);
   }
-  Duration untilNextLook() { return watch_.nextLook() - now_; }
+  Duration untilNextLook() { return policy_.nextLook() - now_; }
 
   /// Looks when the watch wants to, for so long, and handles every event without any gain in no time; how long each
   /// was posted after the beginning.
@@ -105,26 +109,27 @@ class WatchedVolumes : public testing::Test {
         handleInVain(0s);
         look();
       }
-      now_ = std::max(watch_.nextLook(), now_);
+      now_ = std::max(policy_.nextLook(), now_);
     }
     return events;
   }
 
-  VolumeWatch watch_;
+  ReliefPolicy policy_;
   Time now_{1000h};
-  VolumeWatch::Run run_ = VolumeWatch::noRun;
+  ReliefPolicy::Run run_ = ReliefPolicy::noRun;
 
  private:
   struct Entry {
     dev_t device;
     std::uint64_t available;
     bool isSilent = false;
+    bool writesAreTold = false;
   };
 
-  VolumeWatch::Sight sight(const std::string& name) const {
+  ReliefPolicy::Sight sight(const std::string& name) const {
     const Entry& entry = volumes_.at(name);
     return {VolumeMount{name, entry.device, true},
-            volumes::Space{.size = 1000 * gibibyte, .available = entry.available}, VolumeLevels()};
+            volumes::Space{.size = 1000 * gibibyte, .available = entry.available}, VolumeLevels(), entry.writesAreTold};
   }
 
   std::map<std::string, Entry> volumes_;

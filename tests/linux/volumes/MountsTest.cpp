@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What is known of the mounts is never older than the last mount or unmount.
-#include "platform/linux/volumes/KnownMounts.h"
+#include "platform/linux/volumes/Mounts.h"
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -14,7 +14,7 @@ namespace kelvane {
 namespace {
 
 bool isKnown(const std::string& path) {
-  const KnownMounts::Mounts mounts = KnownMounts::shared().current();
+  const Mounts::Table mounts = Mounts::shared().current();
   return std::any_of(mounts->begin(), mounts->end(), [&path](const VolumeMount& mount) { return mount.path == path; });
 }
 
@@ -22,11 +22,11 @@ void remount(const char* path, unsigned long flags) {
   ASSERT_EQ(mount(nullptr, path, nullptr, MS_REMOUNT | flags, nullptr), 0);
 }
 
-TEST(KnownMounts, AreTheSameUntilSomethingIsMounted) {
-  const KnownMounts::Mounts before = KnownMounts::shared().current();
-  EXPECT_EQ(KnownMounts::shared().current(), before);
+TEST(Mounts, AreTheSameUntilSomethingIsMounted) {
+  const Mounts::Table before = Mounts::shared().current();
+  EXPECT_EQ(Mounts::shared().current(), before);
   test::mountTmpfs("/mnt/known", "size=1m");
-  EXPECT_NE(KnownMounts::shared().current(), before);
+  EXPECT_NE(Mounts::shared().current(), before);
   EXPECT_TRUE(isKnown("/mnt/known"));
   ASSERT_EQ(umount2("/mnt/known", MNT_DETACH), 0);
   EXPECT_FALSE(isKnown("/mnt/known"));

@@ -24,7 +24,7 @@ namespace kelvane {
 /// its hands pauses, unless it gained enough to be ample; the pause is at least as long as the run took, and
 /// doubles as long as runs gain nothing. So a volume that has nothing to give costs ever less, and as it is
 /// announced alone, after those that may have something to give, it holds none of them up.
-class VolumeWatch {
+class ReliefPolicy {
  public:
   using Time = std::chrono::steady_clock::time_point;
   using Duration = std::chrono::steady_clock::duration;
@@ -32,8 +32,10 @@ class VolumeWatch {
   using Run = std::uint64_t;
   static constexpr Run noRun = 0;
 
-  /// No two looks are further apart, so that changed levels take effect.
-  static constexpr Duration longestInterval = std::chrono::minutes(1);
+  /// No two looks are further apart, so that changed levels take effect, and writers are seen that nobody tells of.
+  static constexpr Duration longestInterval = std::chrono::minutes(2);
+  /// A volume whose space has not changed for so long rests, if somebody will tell when it is written to.
+  static constexpr Duration quietTime = std::chrono::seconds(5);
   /// How long a crossing may go unseen, leaving some of a second for the rest of the way to the handler.
   static constexpr Duration tolerance = std::chrono::milliseconds(750);
   /// The rate at which any volume may begin to fill at any moment.
@@ -53,21 +55,21 @@ class VolumeWatch {
 
   /// What there was to see of a volume.
   struct Sight {
-    Sight(const VolumeMount& mount, const volumes::Space& volumeSpace, const VolumeLevels& levels);
+    Sight(const VolumeMount& mount, const volumes::Space& volumeSpace, const VolumeLevels& levels,
+          bool writesAreTold = false);
     SpaceLevel level() const { return marks.levelAt(space.available); }
 
     std::string volume;
     dev_t device;
     volumes::Space space;
     SpaceMarks marks;
+    /// Whether somebody tells of writes to it that come after this sight.
+    bool writesAreTold;
   };
 
   /// All volumes there are: those seen at this time or later, and those that could not be asked, which stay as they
   /// were last seen. Judges the runs that had ended by then, each volume once it has been seen after the end.
   void look(Time now, const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked = {});
-  /// What came of asking a volume at this time, when the look in question is long over.
-  void seeLate(Time asked, const Sight& sight);
-
   struct Event {
     Run run;
     /// The worst of the volumes that it announces.
@@ -77,13 +79,20 @@ class VolumeWatch {
   [[nodiscard]] std::optional<Event> nextEvent(Time now);
   /// Begins the run of an event that somebody else has posted: all pauses are over, and the low volumes in its hands.
   [[nodiscard]] Run beginOutside(Time now);
-  /// Whether the run is to relieve this low volume, which is in its hands then. Without a run: whether the volume
-  /// is in no pause.
-  [[nodiscard]] bool take(Run run, Time now, const Sight& sight);
+  /// Whether the run is to relieve this low volume. Without a run: whether the volume is in no pause.
+  [[nodiscard]] bool isFor(Run run, Time now, const Sight& sight) const;
+  /// The run relieves this volume from now on, which is in its hands until it ends.
+  void take(Run run, Time now, const Sight& sight);
+  /// As take(), but nothing is known of the volume, nor ever of what it has gained.
+  void takeUnseen(Run run, const std::string& volume);
   void end(Run run, Time now);
 
   /// When to look next, at the latest.
   [[nodiscard]] Time nextLook() const;
+  /// Whether it would save looks if somebody told of writes to this volume: it has been quiet for some time.
+  [[nodiscard]] bool mayRest(Time now, const std::string& volume) const;
+  /// The volume has been written to, and nobody tells of the next time.
+  void noteWrite(Time now, dev_t device);
 
  private:
   struct Volume {
@@ -92,10 +101,13 @@ class VolumeWatch {
     SpaceMarks marks;
     SpaceLevel level = SpaceLevel::Ample;
     Time seen;
-    /// Whether the last look was without it; when it is seen next is not decided here.
+    /// Whether the last look was without it: it is not announced, and when it is seen next is not decided here.
     bool isUnasked = false;
-    /// When the available bytes last changed by more than trifles.
+    bool writesAreTold = false;
+    /// When the available bytes last changed at all, or might have.
     Time changed;
+    /// When they last changed by more than trifles.
+    Time changedMuch;
     std::uint64_t availableThen = 0;
     double bytesPerSecond = 0;
     std::optional<Time> lastLow;
@@ -103,7 +115,8 @@ class VolumeWatch {
     Run run = noRun;
     /// Whether that run relieves it; else it is only kept from other runs.
     bool isTaken = false;
-    std::uint64_t availableAtBegin = 0;
+    /// None when nobody knows.
+    std::optional<std::uint64_t> availableAtBegin;
     bool hasGained = false;
 
     /// The end of the last run that had it, and how long that took.
@@ -130,6 +143,7 @@ class VolumeWatch {
   static Time dueTime(const Volume& volume);
   static bool isPromising(const Volume& volume, Time now);
   static Duration interval(const Volume& volume);
+  static Duration intervalOfLooks(const Volume& volume);
 
   std::map<std::string, Volume> volumes_;
   std::map<Run, RunTimes> runs_;

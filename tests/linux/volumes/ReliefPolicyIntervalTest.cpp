@@ -5,8 +5,8 @@
 
 #include <random>
 
-#include "platform/linux/volumes/VolumeWatch.h"
-#include "tests/linux/volumes/VolumeWatchTesting.h"
+#include "platform/linux/volumes/ReliefPolicy.h"
+#include "tests/linux/volumes/ReliefPolicyTesting.h"
 
 namespace kelvane {
 namespace {
@@ -24,12 +24,57 @@ class TheNextLook : public WatchedVolumes {
   }
 };
 
-TEST_F(TheNextLook, ComesWithinAMinute) {
+TEST_F(TheNextLook, ComesWithinTwoMinutes) {
   look();
-  EXPECT_EQ(untilNextLook(), 1min);
+  EXPECT_EQ(untilNextLook(), 2min);
   set("/data", 900 * gigabyte);
   look();
-  EXPECT_EQ(untilNextLook(), 1min);
+  EXPECT_EQ(untilNextLook(), 2min);
+}
+
+TEST_F(TheNextLook, WaitsForAWriterOnceAVolumeIsQuietAndWritesToItAreTold) {
+  set("/data", lowMark + 1);
+  look();
+  EXPECT_FALSE(mayRest("/data"));
+  EXPECT_LT(untilNextLook(), 1s);
+  pass(5s - 1ns);
+  look();
+  EXPECT_FALSE(mayRest("/data"));
+  pass(1ns);
+  EXPECT_TRUE(mayRest("/data"));
+  look();
+  EXPECT_LT(untilNextLook(), 1s) << "nobody tells";
+  tellWrites("/data");
+  look();
+  EXPECT_EQ(untilNextLook(), 2min);
+  pass(1h);
+  policy_.noteWrite(now_, device("/data"));
+  tellWrites("/data", false);
+  look();
+  EXPECT_LT(untilNextLook(), 1s);
+  EXPECT_FALSE(mayRest("/data")) << "though no space was used: somebody may write to the same place all the time";
+  pass(5s);
+  look();
+  EXPECT_TRUE(mayRest("/data"));
+}
+
+TEST_F(TheNextLook, WaitsForNoWriterWhileARunHasTheVolumeInItsHands) {
+  set("/data", lowMark - 1);
+  ASSERT_TRUE(announced());
+  taken();
+  pass(10s);
+  tellWrites("/data");
+  look();
+  EXPECT_FALSE(mayRest("/data"));
+  EXPECT_LT(untilNextLook(), 3s);
+}
+
+TEST_F(TheNextLook, OfAVolumeFarAboveItsMarkNeedsNoNotices) {
+  set("/data", 900 * gigabyte);
+  look();
+  pass(1h);
+  look();
+  EXPECT_FALSE(mayRest("/data"));
 }
 
 TEST_F(TheNextLook, ComesLessThanTwiceAMinuteWhileAllVolumesAreFarAboveTheirMarks) {
@@ -83,7 +128,7 @@ TEST_F(TheNextLook, SeesEveryCrossingWithinASecondWhereverAWriterBeginsToWrite) 
     EXPECT_LT(now_ - crossing, 1s) << above << " bytes, idle for " << idle.count();
     unmount("/data");
     look();
-    watch_.end(run_, now_);
+    policy_.end(run_, now_);
     pass(1s);
     look();
   }

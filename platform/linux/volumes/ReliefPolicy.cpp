@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // When volumes are looked at, and when a shortage of theirs is announced.
-#include "platform/linux/volumes/VolumeWatch.h"
+#include "platform/linux/volumes/ReliefPolicy.h"
 
 #include <algorithm>
 #include <iterator>
@@ -10,7 +10,7 @@ namespace kelvane {
 
 namespace {
 
-using Duration = VolumeWatch::Duration;
+using Duration = ReliefPolicy::Duration;
 
 Duration seconds(double count) {
   return std::chrono::duration_cast<Duration>(std::chrono::duration<double>(count));
@@ -26,10 +26,15 @@ std::uint64_t difference(std::uint64_t one, std::uint64_t other) {
 
 }  // namespace
 
-VolumeWatch::Sight::Sight(const VolumeMount& mount, const volumes::Space& volumeSpace, const VolumeLevels& levels)
-    : volume(mount.path), device(mount.device), space(volumeSpace), marks(levels.marks(mount.path, volumeSpace.size)) {}
+ReliefPolicy::Sight::Sight(const VolumeMount& mount, const volumes::Space& volumeSpace, const VolumeLevels& levels,
+                           bool areTold)
+    : volume(mount.path),
+      device(mount.device),
+      space(volumeSpace),
+      marks(levels.marks(mount.path, volumeSpace.size)),
+      writesAreTold(areTold) {}
 
-void VolumeWatch::look(Time now, const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked) {
+void ReliefPolicy::look(Time now, const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked) {
   const bool isFirst = lastLook_ == Time::min();
   lastLook_ = now;
   std::map<std::string, Volume> seen;
@@ -62,16 +67,7 @@ void VolumeWatch::look(Time now, const std::vector<Sight>& sights, const std::ve
   }
 }
 
-void VolumeWatch::seeLate(Time asked, const Sight& sight) {
-  Volume& volume = volumes_[sight.volume];
-  // Another file system may have taken its place.
-  if (volume.device == 0 || volume.device == sight.device) {
-    see(volume, asked, sight);
-    volume.isUnasked = true;
-  }
-}
-
-void VolumeWatch::judgeRuns(Time now) {
+void ReliefPolicy::judgeRuns(Time now) {
   for (auto entry = runs_.begin(); entry != runs_.end();) {
     const auto& [run, times] = *entry;
     if (!times.ended || *times.ended > now) {
@@ -92,12 +88,15 @@ void VolumeWatch::judgeRuns(Time now) {
   }
 }
 
-void VolumeWatch::see(Volume& volume, Time now, const Sight& sight) {
+void ReliefPolicy::see(Volume& volume, Time now, const Sight& sight) {
   const std::uint64_t available = sight.space.available;
   if (volume.device != sight.device) {
     volume.device = sight.device;
-    volume.seen = volume.changed = now;
+    volume.seen = volume.changed = volume.changedMuch = now;
     volume.available = volume.availableThen = available;
+  }
+  if (available != volume.available) {
+    volume.changed = now;
   }
   if (now > volume.seen) {
     const double filled = static_cast<double>(volume.available) - static_cast<double>(available);
@@ -105,10 +104,11 @@ void VolumeWatch::see(Volume& volume, Time now, const Sight& sight) {
     volume.bytesPerSecond = std::max(filled / inSeconds(now - volume.seen), volume.bytesPerSecond / 2);
   }
   if (difference(available, volume.availableThen) >= leastGain) {
-    volume.changed = now;
+    volume.changedMuch = now;
     volume.availableThen = available;
   }
   volume.seen = now;
+  volume.writesAreTold = sight.writesAreTold;
   volume.available = available;
   volume.marks = sight.marks;
   volume.level = sight.level();
@@ -116,12 +116,12 @@ void VolumeWatch::see(Volume& volume, Time now, const Sight& sight) {
     volume.lastLow = now;
   }
   // Also while the run is under way: by its end a writer may have used the gain up again.
-  if (volume.isTaken && available >= volume.availableAtBegin + leastGain) {
+  if (volume.isTaken && volume.availableAtBegin && available >= *volume.availableAtBegin + leastGain) {
     volume.hasGained = true;
   }
 }
 
-void VolumeWatch::judge(Volume& volume, const RunTimes& times) {
+void ReliefPolicy::judge(Volume& volume, const RunTimes& times) {
   volume.run = noRun;
   if (!std::exchange(volume.isTaken, false)) {
     if (times.isOwn) {
@@ -145,7 +145,7 @@ void VolumeWatch::judge(Volume& volume, const RunTimes& times) {
   volume.pausedUntil = volume.ended + std::max({volume.took, volume.fruitless, shortestPause});
 }
 
-void VolumeWatch::considerRecovery(Volume& volume) {
+void ReliefPolicy::considerRecovery(Volume& volume) {
   if (volume.level != SpaceLevel::Ample || volume.run != noRun || !volume.lastLow) {
     return;
   }
@@ -161,20 +161,20 @@ void VolumeWatch::considerRecovery(Volume& volume) {
   }
 }
 
-bool VolumeWatch::isDue(const Volume& volume, Time now) {
-  return volume.level != SpaceLevel::Ample && volume.run == noRun && now >= dueTime(volume);
+bool ReliefPolicy::isDue(const Volume& volume, Time now) {
+  return !volume.isUnasked && volume.level != SpaceLevel::Ample && volume.run == noRun && now >= dueTime(volume);
 }
 
-VolumeWatch::Time VolumeWatch::dueTime(const Volume& volume) {
+ReliefPolicy::Time ReliefPolicy::dueTime(const Volume& volume) {
   return volume.level == SpaceLevel::VeryLow && !volume.wasVeryLow ? Time::min() : volume.pausedUntil;
 }
 
-bool VolumeWatch::isPromising(const Volume& volume, Time now) {
+bool ReliefPolicy::isPromising(const Volume& volume, Time now) {
   // One that has had to stand back for so long is given the chance, too.
   return volume.fruitless == Duration::zero() || now - longestPause >= dueTime(volume);
 }
 
-std::optional<VolumeWatch::Event> VolumeWatch::nextEvent(Time now) {
+std::optional<ReliefPolicy::Event> ReliefPolicy::nextEvent(Time now) {
   if (ownRun_ != noRun) {
     return std::nullopt;
   }
@@ -209,7 +209,7 @@ std::optional<VolumeWatch::Event> VolumeWatch::nextEvent(Time now) {
   return event;
 }
 
-VolumeWatch::Run VolumeWatch::beginOutside(Time now) {
+ReliefPolicy::Run ReliefPolicy::beginOutside(Time now) {
   const Run run = ++lastRun_;
   runs_[run] = {now, std::nullopt, false};
   for (auto& [name, volume] : volumes_) {
@@ -221,7 +221,7 @@ VolumeWatch::Run VolumeWatch::beginOutside(Time now) {
   return run;
 }
 
-bool VolumeWatch::take(Run run, Time now, const Sight& sight) {
+bool ReliefPolicy::isFor(Run run, Time now, const Sight& sight) const {
   const auto known = volumes_.find(sight.volume);
   const bool isKnown = known != volumes_.end() && known->second.device == sight.device;
   const bool pauses = isKnown && now < dueTime(known->second);
@@ -230,27 +230,50 @@ bool VolumeWatch::take(Run run, Time now, const Sight& sight) {
   }
   // One that nobody has seen low yet may join.
   const bool isFree = !isKnown || (known->second.run == noRun && !pauses && isPromising(known->second, now));
-  if (run == ownRun_ && !isFree && known->second.run != run) {
-    return false;
+  return run != ownRun_ || isFree || known->second.run == run;
+}
+
+void ReliefPolicy::take(Run run, Time now, const Sight& sight) {
+  if (run == noRun) {
+    return;
   }
-  Volume& volume = isKnown ? known->second : volumes_[sight.volume] = {};
+  Volume& volume = volumes_[sight.volume];
+  if (volume.device != sight.device) {
+    volume = {};
+  }
   see(volume, now, sight);
   volume.run = run;
   volume.isTaken = true;
   volume.hasGained = false;
   volume.availableAtBegin = sight.space.available;
   volume.wasVeryLow = volume.wasVeryLow || volume.level == SpaceLevel::VeryLow;
-  return true;
 }
 
-void VolumeWatch::end(Run run, Time now) {
+void ReliefPolicy::takeUnseen(Run run, const std::string& name) {
+  const auto known = volumes_.find(name);
+  if (run == noRun || known == volumes_.end()) {
+    return;
+  }
+  Volume& volume = known->second;
+  volume.run = run;
+  volume.isTaken = true;
+  volume.hasGained = false;
+  volume.availableAtBegin.reset();
+}
+
+void ReliefPolicy::end(Run run, Time now) {
   const auto entry = runs_.find(run);
   if (entry != runs_.end()) {
     entry->second.ended = now;
   }
 }
 
-VolumeWatch::Duration VolumeWatch::interval(const Volume& volume) {
+ReliefPolicy::Duration ReliefPolicy::interval(const Volume& volume) {
+  // What a run gains may be used up again before its end.
+  return volume.writesAreTold && volume.run == noRun ? longestInterval : intervalOfLooks(volume);
+}
+
+ReliefPolicy::Duration ReliefPolicy::intervalOfLooks(const Volume& volume) {
   const SpaceMarks& marks = volume.marks;
   std::uint64_t next = 0;
   if (volume.level == SpaceLevel::Ample) {
@@ -264,7 +287,8 @@ VolumeWatch::Duration VolumeWatch::interval(const Volume& volume) {
   if (next == 0) {
     // There is no crossing to be missed, only a recovery to be noticed.
     constexpr Duration shortest = std::chrono::seconds(1);
-    return std::clamp(volume.seen - volume.changed, shortest, longestInterval / 2);
+    constexpr Duration longestPollOfLow = std::chrono::seconds(30);
+    return std::clamp(volume.seen - volume.changedMuch, shortest, longestPollOfLow);
   }
   const double above = static_cast<double>(volume.available) - static_cast<double>(next);
   // It may still be getting faster.
@@ -273,17 +297,38 @@ VolumeWatch::Duration VolumeWatch::interval(const Volume& volume) {
   return above > farBytes ? std::max(byRate, farInterval) : byRate;
 }
 
-VolumeWatch::Time VolumeWatch::nextLook() const {
+ReliefPolicy::Time ReliefPolicy::nextLook() const {
   Time next = lastLook_ + longestInterval;
   for (const auto& [name, volume] : volumes_) {
-    if (!volume.isUnasked) {
-      next = std::min(next, volume.seen + interval(volume));
+    if (volume.isUnasked) {
+      continue;
     }
+    next = std::min(next, volume.seen + interval(volume));
     if (volume.level != SpaceLevel::Ample && volume.run == noRun && ownRun_ == noRun) {
       next = std::min(next, dueTime(volume));
     }
   }
   return next;
+}
+
+bool ReliefPolicy::mayRest(Time now, const std::string& name) const {
+  const auto known = volumes_.find(name);
+  if (known == volumes_.end()) {
+    return false;
+  }
+  const Volume& volume = known->second;
+  return volume.run == noRun && now - volume.changed >= quietTime && volume.seen > volume.changed &&
+         intervalOfLooks(volume) < longestInterval;
+}
+
+/// Also where it takes no more space: whoever writes in the same place all the time would have it told of all the time.
+void ReliefPolicy::noteWrite(Time now, dev_t device) {
+  for (auto& [name, volume] : volumes_) {
+    if (volume.device == device) {
+      volume.writesAreTold = false;
+      volume.changed = now;
+    }
+  }
 }
 
 }  // namespace kelvane

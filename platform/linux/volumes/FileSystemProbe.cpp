@@ -1,0 +1,246 @@
+// SPDX-License-Identifier: Apache-2.0
+// Questions to file systems that may never answer.
+#include "platform/linux/volumes/FileSystemProbe.h"
+
+#include "platform/Limits.h"
+#include "platform/Reporting.h"
+#include "platform/linux/runtime/BlockedScope.h"
+#include "platform/linux/runtime/Thread.h"
+
+namespace kelvane {
+
+struct FileSystemProbe::Job {
+  Question question;
+  Time put;
+  bool isTaken = false;
+  bool isDone = false;
+  /// Nobody waits for it any more.
+  bool isGivenUp = false;
+  /// Where its worker is, and since when.
+  std::optional<dev_t> device;
+  std::string name;
+  Time entered;
+  runtime::Condition done;
+};
+
+FileSystemProbe& FileSystemProbe::shared() {
+  static auto* const probe = new FileSystemProbe;
+  return *probe;
+}
+
+FileSystemProbe::~FileSystemProbe() {
+  runtime::Lock lock(mutex_);
+  isEnding_ = true;
+  work_.notifyAll();
+  while (workers_ > 0) {
+    ended_.wait(lock);
+  }
+}
+
+bool FileSystemProbe::Visit::enter(dev_t device, const std::string& name) {
+  return probe_.enter(job_, device, name);
+}
+
+bool FileSystemProbe::Visit::isLate() const {
+  const runtime::Lock lock(probe_.mutex_);
+  return job_.isGivenUp;
+}
+
+void FileSystemProbe::setListener(std::function<void()> listener) {
+  const runtime::Lock lock(mutex_);
+  listener_ = std::move(listener);
+}
+
+bool FileSystemProbe::run(Question question) {
+  const runtime::BlockedScope blocked;
+  const auto job = std::make_shared<Job>();
+  job->question = std::move(question);
+  job->put = Clock::now();
+  runtime::Lock lock(mutex_);
+  if (!haveWorkerFor(job, lock)) {
+    return false;
+  }
+  if (await(job, lock)) {
+    return true;
+  }
+  giveUp(*job);
+  if (job->device) {
+    const std::string name = job->name;
+    const bool isNews = places_[*job->device].rest == Duration::zero();
+    lock.unlock();
+    if (isNews) {
+      reporting::reportFailure("FileSystemProbe", name + " does not answer; it is left alone until it does");
+    }
+  }
+  return false;
+}
+
+/// False when all are lost, or there is none and the system refuses a thread.
+bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job, runtime::Lock& lock) {
+  if (lost_ >= limits::probeThreads) {
+    return false;
+  }
+  waiting_.push_back(job);
+  if (waiting_.size() <= idle_ || workers_ >= limits::probeThreads) {
+    work_.notifyAll();
+    return true;
+  }
+  ++workers_;
+  lock.unlock();
+  const bool isStarted = runtime::startThread(workerMain, this);
+  lock.lock();
+  if (isStarted) {
+    return true;
+  }
+  --workers_;
+  // Another one may have it by now, or will.
+  if (job->isTaken || workers_ > lost_) {
+    return true;
+  }
+  std::erase(waiting_, job);
+  return false;
+}
+
+/// False when there was no answer in time.
+bool FileSystemProbe::await(const std::shared_ptr<Job>& job, runtime::Lock& lock) {
+  while (!job->isDone) {
+    const Time now = Clock::now();
+    // At a door, or between two: whoever is within leaves, or is given up.
+    const bool isUnderWay = job->isTaken && !job->device;
+    const Time deadline = isUnderWay ? now + patience : (job->device ? job->entered : job->put) + patience;
+    if (now >= deadline) {
+      std::erase(waiting_, job);
+      return false;
+    }
+    static_cast<void>(job->done.waitUntil(lock, deadline));
+  }
+  return true;
+}
+
+void FileSystemProbe::giveUp(Job& job) {
+  job.isGivenUp = true;
+  if (job.device) {
+    places_[*job.device].isSilent = true;
+    setLost(lost_ + 1);
+    left_.notifyAll();
+  }
+}
+
+void* FileSystemProbe::workerMain(void* probe) {
+  pthread_setname_np(pthread_self(), "kelvane-probe");
+  static_cast<FileSystemProbe*>(probe)->work();
+  return nullptr;
+}
+
+/// One is kept for the next question, so that a quiet process starts no threads, and wakes none up in vain.
+void FileSystemProbe::work() {
+  runtime::Lock lock(mutex_);
+  while (!isEnding_ && (!waiting_.empty() || idle_ == 0)) {
+    if (waiting_.empty()) {
+      ++idle_;
+      work_.wait(lock);
+      --idle_;
+      continue;
+    }
+    const std::shared_ptr<Job> job = std::move(waiting_.front());
+    waiting_.pop_front();
+    answer(*job, lock);
+  }
+  --workers_;
+  ended_.notifyAll();
+}
+
+void FileSystemProbe::answer(Job& job, runtime::Lock& lock) {
+  job.isTaken = true;
+  lock.unlock();
+  Visit visit(*this, job);
+  job.question(visit);
+  // What it holds goes before whoever waits goes on.
+  job.question = nullptr;
+  lock.lock();
+  leave(job, Clock::now());
+  job.isDone = true;
+  // Woken under the lock, whoever waits would only wait for that.
+  lock.unlock();
+  job.done.notifyAll();
+  lock.lock();
+}
+
+bool FileSystemProbe::enter(Job& job, dev_t device, const std::string& name) {
+  runtime::Lock lock(mutex_);
+  leave(job, Clock::now());
+  while (!job.isGivenUp) {
+    Place& place = places_[device];
+    const Time now = Clock::now();
+    if (place.isSilent || now < place.restsUntil) {
+      return false;
+    }
+    if (place.visitor == nullptr) {
+      place.visitor = &job;
+      job.device = device;
+      job.name = name;
+      job.entered = now;
+      forgetOldPlaces(now);
+      return true;
+    }
+    left_.wait(lock);
+  }
+  return false;
+}
+
+void FileSystemProbe::leave(Job& job, Time now) {
+  if (!job.device) {
+    return;
+  }
+  const auto found = places_.find(*std::exchange(job.device, std::nullopt));
+  Place& place = found->second;
+  const Duration took = now - job.entered;
+  place.visitor = nullptr;
+  if (std::exchange(place.isSilent, false)) {
+    place.rest = restAfter(took, place.rest);
+    place.restsUntil = now + place.rest;
+    setLost(lost_ - 1);
+    if (listener_) {
+      listener_();
+    }
+  } else if (took >= slowness) {
+    place.rest = {};
+    place.restsUntil = now + took;
+  } else {
+    places_.erase(found);
+  }
+  left_.notifyAll();
+}
+
+/// The device number of one that is gone may be given to another.
+void FileSystemProbe::forgetOldPlaces(Time now) {
+  std::erase_if(places_, [now](const auto& entry) {
+    const Place& place = entry.second;
+    return place.visitor == nullptr && !place.isSilent && now >= place.restsUntil + longestRest;
+  });
+}
+
+void FileSystemProbe::setLost(std::size_t count) {
+  lost_ = count;
+  reporting::setGauge("kelvane_silent_file_systems", "File systems that do not answer, each of which keeps a thread.",
+                      static_cast<std::int64_t>(count));
+}
+
+std::optional<FileSystemProbe::Time> FileSystemProbe::closedUntil(dev_t device) {
+  const runtime::Lock lock(mutex_);
+  const auto place = places_.find(device);
+  if (place == places_.end()) {
+    return std::nullopt;
+  }
+  if (place->second.isSilent) {
+    return Time::max();
+  }
+  return Clock::now() < place->second.restsUntil ? std::optional(place->second.restsUntil) : std::nullopt;
+}
+
+std::size_t FileSystemProbe::lostWorkers() {
+  const runtime::Lock lock(mutex_);
+  return lost_;
+}
+
+}  // namespace kelvane

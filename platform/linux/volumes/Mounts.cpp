@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+// Mounts of this process's namespace, read no more often than they change.
+#include "platform/linux/volumes/Mounts.h"
+
+#include <fcntl.h>
+#include <poll.h>
+
+#include <algorithm>
+
+#include "platform/linux/volumes/Paths.h"
+
+namespace kelvane {
+
+Mounts& Mounts::shared() {
+  static Mounts& mounts = *new Mounts;
+  return mounts;
+}
+
+Mounts::Mounts()
+    : watch_(open(paths::mountInfo, O_RDONLY | O_CLOEXEC)), listener_(open(paths::mountInfo, O_RDONLY | O_CLOEXEC)) {}
+
+Mounts::Table Mounts::current() {
+  const runtime::Lock lock(mutex_);
+  // Asked before the table is read, so that a change while it is being read shows the next time.
+  if (haveChanged() || Clock::now() - read_ >= longestAge) {
+    read();
+  }
+  return table_;
+}
+
+Mounts::Table Mounts::readAgain() {
+  const runtime::Lock lock(mutex_);
+  read();
+  return table_;
+}
+
+void Mounts::read() {
+  table_ = std::make_shared<const std::vector<VolumeMount>>(volumeMounts(paths::mountInfo));
+  // A table without a single volume is more likely one that could not be read.
+  read_ = table_->empty() ? Clock::time_point() : Clock::now();
+}
+
+/// A table that cannot be watched may always have changed.
+bool Mounts::haveChanged() {
+  pollfd state{.fd = watch_.get(), .events = POLLPRI, .revents = 0};
+  return !watch_ || poll(&state, 1, 0) != 0;
+}
+
+const VolumeMount* findMount(const std::vector<VolumeMount>& mounts, const std::string& path) {
+  const auto mount = std::find_if(mounts.begin(), mounts.end(),
+                                  [&path](const VolumeMount& candidate) { return candidate.path == path; });
+  return mount == mounts.end() ? nullptr : &*mount;
+}
+
+}  // namespace kelvane
