@@ -11,7 +11,6 @@
 #include "support/KelvaneLog.h"
 #include "support/Statistics.h"
 #include "support/Timebase.h"
-#include "support/Volumes.h"
 
 namespace kelvane {
 
@@ -54,12 +53,18 @@ void KelvanePurgeOperation::startOperation(const Completion& completion) {
     setResult(Value::Dictionary{{keys::error, "Parameter error, no Amount key in info dict"}});
   } else {
     purge_amount_needed_ = amount.uint64Value();
-    working.set(keys::freespaceBegin, volumeFreespace(working[keys::volume]));
-    KELVANE_TRACE("%s urgencyLimit: %d, info at start: %@", startName, urgencyLimit(), result());
     purge_amount_reported_ = 0;
-    const std::uint64_t start = clock::ticks();
-    runPasses(working, userTimeout, completion);
-    finish(working, start);
+    if (const auto freespace = gain_.begin(working[keys::volume])) {
+      working.set(keys::freespaceBegin, *freespace);
+      KELVANE_TRACE("%s urgencyLimit: %d, info at start: %@", startName, urgencyLimit(), result());
+      const std::uint64_t start = clock::ticks();
+      runPasses(working, userTimeout, completion);
+      finish(working, start);
+    } else {
+      // Whatever services gave, nobody could tell what came of it.
+      KELVANE_ERROR("%s free space of %@ is not known", startName, working[keys::volume]);
+      working.set(keys::amount, std::uint64_t{0});
+    }
   }
   completion(working);
 }
@@ -80,11 +85,11 @@ void KelvanePurgeOperation::runPass(const MutableDictionary& working, std::uint3
   const MutableDictionary operationInfo;
   const Semaphore semaphore(0);
   purge_semaphore_.store(semaphore);
-  KELVANE_TRACE("%s IN QUEUE, amountPurged: %llu", startName, amountPurged(working));
+  KELVANE_TRACE("%s IN QUEUE, amountPurged: %llu", startName, gain_.amount(working));
   // Once a pass, not once a purge, on purpose.
   addDistributionStat(names::daemon, statistics::purgeAmountRequested, static_cast<double>(purge_amount_needed()));
 
-  const bool isShort = amountPurged(working) < purge_amount_needed();
+  const bool isShort = gain_.amount(working) < purge_amount_needed();
   beginRounds(isShort ? services().size() : 0);
   if (isShort) {
     KELVANE_TRACE("%s Urgency: %d", startName, urgency);
@@ -109,7 +114,7 @@ void KelvanePurgeOperation::runPass(const MutableDictionary& working, std::uint3
   viable_purging_services_ = services().size() - unguardedInFlightCount();
   const std::string key = formatted(keys::operationStatsUrgencyFormat, urgency);
   const std::uint64_t reported = purge_amount_reported();
-  const std::uint64_t purged = amountPurged(working);
+  const std::uint64_t purged = gain_.amount(working);
   const std::string passStatistics =
       formatted("amount reported: %llu, amountPurged: %llu, purge_amount_needed: %llu, cancel: %s", reported, purged,
                 purge_amount_needed(), cancel() ? "TRUE" : "FALSE");
@@ -130,7 +135,7 @@ void KelvanePurgeOperation::noteTimeout(const MutableDictionary& operationInfo, 
 }
 
 void KelvanePurgeOperation::finish(const MutableDictionary& working, std::uint64_t startTicks) {
-  const std::uint64_t purged = amountPurged(working);
+  const std::uint64_t purged = gain_.amount(working);
   const double elapsed = nanosecondsSince(startTicks);
   addDistributionStat(names::daemon, statistics::purgeElapsedNanoseconds, elapsed);
   purge_semaphore_.store(std::nullopt);
@@ -149,7 +154,7 @@ void KelvanePurgeOperation::finish(const MutableDictionary& working, std::uint64
   working.set(keys::amount, purged);
   // Once more, for the replies that arrived meanwhile.
   working.set(keys::amountReported, purge_amount_reported());
-  working.set(keys::freespaceEnd, volumeFreespace(working[keys::volume]));
+  working.set(keys::freespaceEnd, gain_.freespace(working[keys::volume]));
   KELVANE_TRACE("%s result %@", startName, Value(working));
   const std::uint64_t amount = working[keys::amount].uint64Value();
   if (amount < purge_amount_needed()) {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "operations/KelvaneOperation.h"
+#include "operations/PurgeGain.h"
 #include "operations/PurgeRound.h"
 #include "operations/PurgeServiceRequest.h"
 #include "platform/MutableDictionary.h"
@@ -104,6 +105,7 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   std::atomic<std::uint64_t> purge_amount_reported_ = 0;
   /// Services still expected to give their share; divides what is missing.
   std::atomic<std::uint64_t> viable_purging_services_ = 0;
+  PurgeGain gain_;
   static constexpr std::uint64_t notEnded = std::numeric_limits<std::uint64_t>::max();
   /// Ticks.
   std::atomic<std::uint64_t> ended_ = notEnded;

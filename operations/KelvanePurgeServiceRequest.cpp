@@ -39,7 +39,7 @@ void KelvanePurgeOperation::requestFromService(PurgeServiceRequest request) {
   if (request.turns++ >= unpacedTurns) {
     clock::sleepMicroseconds(paceMicroseconds);
   }
-  const std::uint64_t purged = amountPurged(request.info);
+  const std::uint64_t purged = gain_.amount(request.info);
   if (viable_purging_services() == 0 || purged >= purge_amount_needed() || cancel() || isLongOver()) {
     return;
   }

@@ -53,10 +53,9 @@ void storeWhatBecameOf(const std::shared_ptr<KelvaneRecentInfo>& record, int cod
 }
 
 void noteAnswer(KelvaneRecentInfo::Volumes& volumes, const std::string& identifier, const Value& amount,
-                const std::string& volume) {
+                const std::string& volume, const Value& freespace) {
   const Value now = clock::now();
   const auto service = KelvaneRecentServiceInfo::kelvaneRecentServiceInfo(amount, now);
-  const Value freespace = volumeFreespace(volume);
   const auto found = volumes.find(volume);
   if (found == volumes.end()) {
     volumes.emplace(volume, KelvaneRecentVolumeInfo::kelvaneRecentVolumeInfo(
@@ -105,8 +104,15 @@ void KelvanePurgeableOperation::updateServiceStats(const std::string& identifier
     std::shared_ptr<KelvaneRecentInfo> record = storedRecord(registry);
     KELVANE_TRACE("%s ^^^ENTRY, serviceID: %@ : %@, recentInfo: %@", writeName, identifier, statistics,
                   record ? record->description() : Value());
+    const std::string volume = *statistics[keys::volume].string();
+    const auto freespace = volumeFreespace(volume);
+    if (!freespace) {
+      // Nobody could tell later whether the answer still holds.
+      KELVANE_ERROR("%s free space of %@ is not known, forgetting the answer of %@", writeName, volume, identifier);
+      return;
+    }
     KelvaneRecentInfo::Volumes volumes = record ? record->takeVolumes() : KelvaneRecentInfo::Volumes();
-    noteAnswer(volumes, identifier, statistics[keys::amount], *statistics[keys::volume].string());
+    noteAnswer(volumes, identifier, statistics[keys::amount], volume, *freespace);
     if (record) {
       record->setVolumes(std::move(volumes));
     } else {

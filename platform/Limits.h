@@ -78,8 +78,8 @@ inline constexpr std::size_t statisticNames = 4096;
 inline constexpr std::size_t statisticNameBytes = 256;
 
 // Volumes
-/// Threads that ask file systems. One is lost to each that does not answer, until it does; when all are, nothing is known
-/// of any volume.
+/// Threads that ask file systems. One is lost to each that does not answer, until it does; when all are, nothing is
+/// known of any volume.
 inline constexpr std::size_t probeThreads = 64;
 
 // Files

@@ -45,7 +45,5 @@ Relief beginRelief(const std::string& path);
 [[nodiscard]] Result<Space> space(const std::string& path);
 /// As space(), but perhaps as it was a millisecond ago: for what is judged many times in a row.
 [[nodiscard]] Result<Space> recentSpace(const std::string& path);
-/// Bytes available to unprivileged users; 0 when that is not known.
-[[nodiscard]] std::uint64_t availableBytes(const std::string& path);
 
 }  // namespace kelvane::volumes

@@ -55,8 +55,9 @@ bool dropServices(KelvaneRecentVolumeInfo& volume, const Look& look, std::uint64
   if (volume.services() == nullptr || volume.services()->empty()) {
     return false;
   }
-  const bool hasChanged =
-      differByMore(volumeFreespace(volume.volumeName()), volume.freespace().uint64Value(), freespaceChange);
+  const auto freespace = recentVolumeFreespace(volume.volumeName());
+  // What is not known has not changed.
+  const bool hasChanged = freespace && differByMore(*freespace, volume.freespace().uint64Value(), freespaceChange);
   if (!hasChanged && !look.hasOld) {
     return false;
   }

@@ -7,6 +7,14 @@
 
 namespace kelvane {
 
+namespace {
+
+Result<volumes::Space> spaceOf(const Value& volume, Result<volumes::Space> (*ask)(const std::string&)) {
+  return volume.isString() ? ask(*volume.string()) : Failure{.number = 0, .tried = "asking what is no volume"};
+}
+
+}  // namespace
+
 bool validateVolume(const Value& info) {
   const Value volume = info[keys::volume];
   return volume.isString() && volumes::isUsable(*volume.string());
@@ -24,26 +32,24 @@ volumes::Relief beginRelief(const std::string& volume) {
   return volumes::beginRelief(volume);
 }
 
-std::uint64_t volumeFreespace(const Value& volume) {
-  return volume.isString() ? volumes::availableBytes(*volume.string()) : 0;
+std::optional<std::uint64_t> volumeFreespace(const Value& volume) {
+  const auto space = spaceOf(volume, volumes::space);
+  return space ? std::optional(space->available) : std::nullopt;
+}
+
+std::optional<std::uint64_t> recentVolumeFreespace(const Value& volume) {
+  const auto space = spaceOf(volume, volumes::recentSpace);
+  return space ? std::optional(space->available) : std::nullopt;
 }
 
 std::optional<std::uint64_t> volumeFreeBytes(const Value& volume) {
-  if (!volume.isString()) {
-    return std::nullopt;
-  }
-  const auto space = volumes::space(*volume.string());
+  const auto space = spaceOf(volume, volumes::space);
   return space ? std::optional(space->free) : std::nullopt;
 }
 
-std::uint64_t amountPurged(const Value& info) {
+std::uint64_t amountPurged(const Value& info, std::uint64_t freespace) {
   const Value begin = info[keys::freespaceBegin];
-  if (!begin.isNumber()) {
-    return 0;
-  }
-  const std::uint64_t before = begin.uint64Value();
-  const std::uint64_t now = volumeFreespace(info[keys::volume]);
-  return now > before ? now - before : 0;
+  return begin.isNumber() && freespace > begin.uint64Value() ? freespace - begin.uint64Value() : 0;
 }
 
 }  // namespace kelvane

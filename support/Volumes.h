@@ -24,14 +24,17 @@ std::vector<std::string> lowSpaceVolumes();
 /// The handler of a low-disk event is about to purge one of these; how it is to go about it.
 volumes::Relief beginRelief(const std::string& volume);
 
-/// Bytes of the volume that are available to unprivileged users; 0 for what is no volume or cannot be asked.
-std::uint64_t volumeFreespace(const Value& volume);
+/// Bytes of the volume that are available to unprivileged users; none for what is no volume or cannot be asked.
+std::optional<std::uint64_t> volumeFreespace(const Value& volume);
+
+/// As volumeFreespace(), but perhaps as it was a millisecond ago: for what is judged many times in a row.
+std::optional<std::uint64_t> recentVolumeFreespace(const Value& volume);
 
 /// Bytes of the volume that are free at all, those kept for the superuser among them; none likewise.
 std::optional<std::uint64_t> volumeFreeBytes(const Value& volume);
 
-/// Bytes gained so far by the purge that the info describes: the volume's free space now less
+/// Bytes gained so far by the purge that the info describes, with this much free space now: that less
 /// "KELVANE_FREESPACE_BEGIN", never below 0, and 0 while that is not known. No service's word is taken for it.
-std::uint64_t amountPurged(const Value& info);
+std::uint64_t amountPurged(const Value& info, std::uint64_t freespace);
 
 }  // namespace kelvane

@@ -118,9 +118,4 @@ volumes::Relief volumes::beginRelief(const std::string& path) {
   return simulated::world().volumes.beginRelief(path);
 }
 
-std::uint64_t volumes::availableBytes(const std::string& path) {
-  const auto known = space(path);
-  return known ? known->available : 0;
-}
-
 }  // namespace kelvane

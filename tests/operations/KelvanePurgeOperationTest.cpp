@@ -74,6 +74,60 @@ TEST_F(APurge, IsNotMadeFromARefusedInfo) {
   run([&] { EXPECT_EQ(KelvanePurgeOperation::initWithInfo("no dictionary", {}), nullptr); });
 }
 
+TEST_F(APurge, OfAVolumeThatDoesNotAnswerWhenItIsItsTurnRunsNoPass) {
+  run([&] {
+    ScriptedService service("a");
+    service.onPurge = freesWhatIsAsked();
+    operation = KelvanePurgeOperation::initWithInfo(infoFor(10), tableOf({service.record()}));
+    ASSERT_TRUE(operation);
+    simulation->volumes().setSilent(volume, true);
+    const std::uint64_t start = clock::ticks();
+    operation->startOperation([this](const Value& result) { delivered.push_back(result); });
+    EXPECT_EQ(clock::ticks(), start);
+    EXPECT_EQ(delivered, std::vector<Value>{infoFor(std::uint64_t{0})}) << "no figure of free space, and no pass";
+    EXPECT_TRUE(service.infos().empty());
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"-[KelvanePurgeOperation startOperation:] free space of /data is not known"});
+    EXPECT_TRUE(simulation->statistics().counterNames().empty()) << "no failure is counted";
+    EXPECT_TRUE(samples("KelvanePurgeDeficit").empty());
+  });
+}
+
+TEST_F(APurge, OfAVolumeThatFallsSilentHasGainedWhatWasSeenLast) {
+  run([&] {
+    ScriptedService service("a");
+    service.onPurge = [&](const ScriptedService::Request& request) {
+      simulation->volumes().setSilent(volume, true);
+      // Seen by nobody.
+      frees(3)(request);
+    };
+    const Value result = purge(infoFor(10, {{keys::urgency, 1}}), tableOf({service.record()}));
+    EXPECT_EQ(result[keys::freespaceBegin], Value(availableAtFirst));
+    EXPECT_EQ(result[keys::amount], Value(std::uint64_t{0}));
+    EXPECT_EQ(result[keys::freespaceEnd], Value(availableAtFirst));
+    EXPECT_EQ(result[keys::amountReported], Value(std::uint64_t{3}));
+    EXPECT_EQ(simulation->statistics().counter("KelvanePurgeFailed"), 1) << "it did not get what it asked for";
+  });
+}
+
+TEST_F(APurge, OfAVolumeThatAnswersAgainHasGainedWhatIsThereThen) {
+  run([&] {
+    ScriptedService service("a");
+    service.onPurge = [&](const ScriptedService::Request& request) {
+      simulation->volumes().setSilent(volume, true);
+      frees(3)(request);
+    };
+    ScriptedService other("b");
+    other.onPurge = [&](const ScriptedService::Request& request) {
+      simulation->volumes().setSilent(volume, false);
+      frees(1)(request);
+    };
+    const Value result = purge(infoFor(10, {{keys::urgency, 1}}), tableOf({service.record(), other.record()}));
+    EXPECT_EQ(result[keys::amount], Value(std::uint64_t{4}));
+    EXPECT_EQ(result[keys::freespaceEnd], Value(availableAtFirst + 4));
+  });
+}
+
 TEST_F(APurge, WithoutANumberAsAmountDeliversTheInfoAndRunsNoPass) {
   run([&] {
     const Value info = infoFor("many");

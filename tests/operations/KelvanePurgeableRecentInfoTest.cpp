@@ -155,6 +155,16 @@ TEST_F(RecentAnswers, AreAskedForAgainWhenTheVolumesFreeSpaceHasChanged) {
   });
 }
 
+TEST_F(RecentAnswers, StandWhileTheVolumeDoesNotAnswer) {
+  run([&] {
+    store(recordOf(Services{{"a", answer(7)}}));
+    const auto operation = operationOn({"a"});
+    simulation->volumes().setSilent(volume, true);
+    EXPECT_EQ(operation->cachedInfo(Value::Dictionary{{keys::volume, volume}}), cached({{"a", 7}}, {}));
+    EXPECT_TRUE(registry->changes.empty());
+  });
+}
+
 TEST_F(RecentAnswers, ServeOneMorePassWhenTheRecordIsInvalid) {
   run([&] {
     store(recordOf(Services{{"a", answer(100, 1000)}}, "no number"));
@@ -291,6 +301,20 @@ TEST_F(RecentAnswers, AreStoredEvenInARecordThatIsInvalid) {
     EXPECT_EQ(registry->changes, std::vector<std::string>{recentKey});
     EXPECT_EQ(stored()->volumes()->at(volume).services()->size(), 2u);
     EXPECT_TRUE(stored()->volumes()->contains("/odd"));
+  });
+}
+
+TEST_F(RecentAnswers, OnAVolumeThatDoesNotAnswerAreForgotten) {
+  run([&] {
+    store(recordOf(Services{{"a", answer(7)}}));
+    simulation->volumes().setSilent(volume, true);
+    note("a", 9);
+    note("b", 5);
+    EXPECT_TRUE(registry->changes.empty());
+    EXPECT_EQ(stored()->volumes()->at(volume).services()->at("a").amount(), Value(7));
+    EXPECT_EQ(log().texts(3),
+              (std::vector<std::string>{writeName + " free space of /data is not known, forgetting the answer of a",
+                                        writeName + " free space of /data is not known, forgetting the answer of b"}));
   });
 }
 

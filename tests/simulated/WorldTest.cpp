@@ -120,13 +120,13 @@ TEST(Volumes, AreWhatTheScriptSays) {
   EXPECT_FALSE(volumes::isUsable("/media"));
   EXPECT_FALSE(volumes::isUsable("/data/sub"));
   simulation.volumes().give("/data", 50);
-  EXPECT_EQ(volumes::availableBytes("/data"), 350U);
+  EXPECT_EQ(volumes::space("/data")->available, 350U);
   simulation.volumes().take("/data", 1000);
-  EXPECT_EQ(volumes::availableBytes("/data"), 0U);
+  EXPECT_EQ(volumes::space("/data")->available, 0U);
   simulation.volumes().setAvailable("/data", 7);
-  EXPECT_EQ(volumes::availableBytes("/data"), 7U);
+  EXPECT_EQ(volumes::space("/data")->available, 7U);
   simulation.volumes().remove("/data");
-  EXPECT_EQ(volumes::availableBytes("/data"), 0U);
+  EXPECT_FALSE(volumes::space("/data"));
 }
 
 TEST(Volumes, HaveSpaceThatIsKnownWhileTheyAreThereAndAnswer) {

@@ -15,8 +15,8 @@ class AVolume : public testing::Test {
   AVolume() { simulation.volumes().add("/data", 1000); }
 
   static Value infoFor(Value volume) { return Value::Dictionary{{"KELVANE_VOLUME", std::move(volume)}}; }
-  static std::uint64_t purgedSince(Value begin) {
-    return amountPurged(Value::Dictionary{{"KELVANE_VOLUME", "/data"}, {"KELVANE_FREESPACE_BEGIN", std::move(begin)}});
+  static std::uint64_t purgedSince(Value begin, std::uint64_t freespace = 1000) {
+    return amountPurged(Value::Dictionary{{"KELVANE_FREESPACE_BEGIN", std::move(begin)}}, freespace);
   }
 
   Simulation simulation;
@@ -67,39 +67,43 @@ TEST_F(AVolume, TellsItsFreeSpace) {
   EXPECT_EQ(volumeFreespace("/data"), 1005u);
 }
 
-TEST_F(AVolume, HasNoFreeSpaceWhenItIsNone) {
-  EXPECT_EQ(volumeFreespace("/nowhere"), 0u);
-  EXPECT_EQ(volumeFreespace(7), 0u);
-  EXPECT_EQ(volumeFreespace(Value()), 0u);
+TEST_F(AVolume, HasNoFreeSpaceThatIsKnownWhenItIsNone) {
+  EXPECT_EQ(volumeFreespace("/nowhere"), std::nullopt);
+  EXPECT_EQ(volumeFreespace(7), std::nullopt);
+  EXPECT_EQ(volumeFreespace(Value()), std::nullopt);
+  EXPECT_EQ(recentVolumeFreespace("/nowhere"), std::nullopt);
+  EXPECT_EQ(volumeFreeBytes("/nowhere"), std::nullopt);
+}
+
+TEST_F(AVolume, HasNoSpaceThatIsKnownWhileItDoesNotAnswer) {
+  simulation.volumes().setSilent("/data", true);
+  EXPECT_EQ(volumeFreespace("/data"), std::nullopt);
+  EXPECT_EQ(recentVolumeFreespace("/data"), std::nullopt);
+  EXPECT_EQ(volumeFreeBytes("/data"), std::nullopt);
+  simulation.volumes().setSilent("/data", false);
+  EXPECT_EQ(recentVolumeFreespace("/data"), 1000u);
 }
 
 TEST_F(AVolume, HasGainedWhatIsFreeNowAndWasNotAtTheBeginning) {
   EXPECT_EQ(purgedSince(std::uint64_t{1000}), 0u);
-  simulation.volumes().give("/data", 40);
-  EXPECT_EQ(purgedSince(std::uint64_t{1000}), 40u);
-  EXPECT_EQ(purgedSince(1000), 40u);
-  EXPECT_EQ(purgedSince(1000.0), 40u);
+  EXPECT_EQ(purgedSince(std::uint64_t{1000}, 1040), 40u);
+  EXPECT_EQ(purgedSince(1000, 1040), 40u);
+  EXPECT_EQ(purgedSince(1000.0, 1040), 40u);
 }
 
 TEST_F(AVolume, HasNeverGainedLessThanNothing) {
-  simulation.volumes().take("/data", 400);
-  EXPECT_EQ(purgedSince(std::uint64_t{1000}), 0u);
+  EXPECT_EQ(purgedSince(std::uint64_t{1000}, 600), 0u);
   EXPECT_EQ(purgedSince(std::numeric_limits<std::uint64_t>::max()), 0u);
 }
 
 TEST_F(AVolume, HasGainedNothingWhileItsBeginningIsNotKnown) {
-  EXPECT_EQ(amountPurged(infoFor("/data")), 0u);
+  EXPECT_EQ(amountPurged(infoFor("/data"), 1000), 0u);
   EXPECT_EQ(purgedSince("0"), 0u);
   EXPECT_EQ(purgedSince(Value()), 0u);
 }
 
 TEST_F(AVolume, HasGainedEverythingWhenItBeganFull) {
   EXPECT_EQ(purgedSince(std::uint64_t{0}), 1000u);
-}
-
-TEST_F(AVolume, HasGainedNothingWhenItIsGone) {
-  simulation.volumes().remove("/data");
-  EXPECT_EQ(purgedSince(std::uint64_t{0}), 0u);
 }
 
 }  // namespace

@@ -35,7 +35,7 @@ class ScriptedSite : public PurgeSite {
     available_ += static_cast<std::uint64_t>(step.gain);
     return step.answer;
   }
-  std::uint64_t available() override { return available_; }
+  std::optional<std::uint64_t> available() override { return isSilent ? std::nullopt : std::optional(available_); }
 
   std::vector<std::uint64_t> numbers(const char* key) const {
     std::vector<std::uint64_t> result;
@@ -46,6 +46,7 @@ class ScriptedSite : public PurgeSite {
   }
 
   std::vector<Value> requests;
+  bool isSilent = false;
 
  private:
   std::deque<Step> script_;
@@ -74,6 +75,15 @@ TEST(AnEscalation, EndsWithTheFirstRequestThatFreesEnough) {
   EXPECT_EQ(report.freed(), 100U);
   EXPECT_THAT(site.numbers(keys::urgency), ElementsAre(1U));
   EXPECT_EQ(report.requests.size(), 1U);
+}
+
+TEST(AnEscalation, OfAVolumeThatDoesNotAnswerAsksForNothing) {
+  ScriptedSite site({});
+  site.isSilent = true;
+  const PurgeReport report = freeBytes(order(100), site);
+  EXPECT_EQ(report.ending, Ending::NoVolume);
+  EXPECT_EQ(report.detail, "/data does not answer");
+  EXPECT_EQ(report.freed(), 0U);
 }
 
 TEST(AnEscalation, AsksForTheRestAtRisingLimits) {

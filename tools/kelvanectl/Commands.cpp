@@ -31,15 +31,20 @@ std::function<void()> progressOf(const PurgeOrder& order) {
   if (isatty(STDERR_FILENO) != 1) {
     return nullptr;
   }
-  const std::uint64_t before = volumes::availableBytes(order.volume);
+  const auto before = volumes::space(order.volume);
+  if (!before) {
+    return nullptr;
+  }
   const auto start = std::chrono::steady_clock::now();
-  return [before, start, order] {
+  return [before = before->available, start, order, last = before->available]() mutable {
     winsize size{};
     const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    const std::uint64_t now = volumes::availableBytes(order.volume);
+    if (const auto now = volumes::space(order.volume)) {
+      last = now->available;
+    }
     const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
     fmt::print(stderr, "\r{}{}",
-               progressLine(now > before ? now - before : 0, order.bytes, elapsed, known ? size.ws_col : 80),
+               progressLine(last > before ? last - before : 0, order.bytes, elapsed, known ? size.ws_col : 80),
                eraseToEnd);
   };
 }
@@ -57,8 +62,10 @@ PurgeReport purge(PurgeOrder order, OutputKind output, const Interruption& inter
 
   std::function<void()> progress;
   if (output == OutputKind::Text) {
-    fmt::print("{}", textHeading(order, volumes::availableBytes(order.volume)));
-    std::fflush(stdout);
+    if (const auto space = volumes::space(order.volume)) {
+      fmt::print("{}", textHeading(order, space->available));
+      std::fflush(stdout);
+    }
     progress = progressOf(order);
   }
   DaemonSite site(order.volume, interruption, progress);

@@ -47,8 +47,9 @@ Outcome DaemonSite::purge(const Value& info) {
   return result->status == Status::Refused ? result->value : outcomeOf(*result);
 }
 
-std::uint64_t DaemonSite::available() {
-  return volumes::availableBytes(volume_);
+std::optional<std::uint64_t> DaemonSite::available() {
+  const auto space = volumes::space(volume_);
+  return space ? std::optional(space->available) : std::nullopt;
 }
 
 Outcome sendCancel(const Value& token) {

@@ -20,7 +20,7 @@ class DaemonSite : public PurgeSite {
 
   /// Ends early when the process is interrupted: then it has told the daemon to cancel.
   Outcome purge(const Value& info) override;
-  std::uint64_t available() override;
+  std::optional<std::uint64_t> available() override;
 
  private:
   const std::string volume_;

@@ -58,7 +58,13 @@ void addDetails(RequestReport& request, const Value& answer) {
 PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site) {
   PurgeReport report;
   report.order = order;
-  report.availableBefore = report.availableAfter = site.available();
+  const auto available = site.available();
+  if (!available) {
+    report.ending = Ending::NoVolume;
+    report.detail = order.volume + " does not answer";
+    return report;
+  }
+  report.availableBefore = report.availableAfter = *available;
   const auto start = SteadyClock::now();
 
   for (int limit = order.single ? order.urgency : 1; limit <= order.urgency; ++limit) {
@@ -67,7 +73,8 @@ PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site) {
     const auto requestStart = SteadyClock::now();
     const auto outcome = site.purge(requestInfo(order, limit, request.asked));
     request.elapsed = SteadyClock::now() - requestStart;
-    report.availableAfter = site.available();
+    // While it does not answer it has gained what it had.
+    report.availableAfter = site.available().value_or(report.availableAfter);
     request.freed = gain(before, report.availableAfter);
 
     if (const auto* failure = std::get_if<RequestFailure>(&outcome)) {

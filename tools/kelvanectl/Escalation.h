@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include "platform/Value.h"
 #include "tools/kelvanectl/PurgeReport.h"
@@ -16,8 +17,8 @@ class PurgeSite {
   virtual ~PurgeSite() = default;
   /// Sends one purge request and waits for the daemon's answer, absent for none.
   virtual Outcome purge(const Value& info) = 0;
-  /// Bytes of the volume that are available now.
-  virtual std::uint64_t available() = 0;
+  /// Bytes of the volume that are available now; none when it does not answer.
+  virtual std::optional<std::uint64_t> available() = 0;
 };
 
 /// A request at the daemon's full limit waits out all its passes, whatever the first has freed. So this sends a request

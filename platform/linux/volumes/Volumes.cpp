@@ -135,9 +135,4 @@ Result<Space> recentSpace(const std::string& path) {
   return known ? Result<Space>(*known) : space(path);
 }
 
-std::uint64_t availableBytes(const std::string& path) {
-  const auto known = space(path);
-  return known ? known->available : 0;
-}
-
 }  // namespace kelvane::volumes

@@ -85,7 +85,7 @@ TEST(AVolumeConfiguration, SaysWhichVolumesAreNotRelievedAtAll) {
                                                       {"/scratch", Value::Dictionary{{"Relief", "YES"}}},
                                                       {"/odd", Value::Dictionary{{"Relief", "no"}}},
                                                       {"/number", Value::Dictionary{{"Relief", 1}}}}}});
-  EXPECT_EQ(levelOf(levels, gibibyte, 0), SpaceLevel::Ample);
+  EXPECT_EQ(levelOf(levels, gibibyte, 0, "/other"), SpaceLevel::Ample);
   EXPECT_EQ(levelOf(levels, gibibyte, 0, "/data"), SpaceLevel::VeryLow);
   EXPECT_EQ(levelOf(levels, gibibyte, 0, "/scratch"), SpaceLevel::VeryLow);
   EXPECT_EQ(levelOf(levels, gibibyte, 0, "/odd"), SpaceLevel::Ample) << "as the others";
@@ -93,11 +93,11 @@ TEST(AVolumeConfiguration, SaysWhichVolumesAreNotRelievedAtAll) {
   const VolumeLevels single(
       Value::Dictionary{{"Volumes", Value::Dictionary{{"/data", Value::Dictionary{{"Relief", false}}}}}});
   EXPECT_EQ(levelOf(single, gibibyte, 0, "/data"), SpaceLevel::Ample);
-  EXPECT_EQ(levelOf(single, gibibyte, 0), SpaceLevel::VeryLow);
+  EXPECT_EQ(levelOf(single, gibibyte, 0, "/other"), SpaceLevel::VeryLow);
 }
 
 TEST(AVolumeConfiguration, OfReliefsThatAreOutOfRangeChangesNothing) {
-  for (const Value& bytes : {Value(0), Value(-5), Value("5"), Value(true), Value(std::nan(""))}) {
+  for (const Value& bytes : {Value(0), Value(-5), Value("5"), Value(std::nan(""))}) {
     EXPECT_EQ(VolumeLevels(Value::Dictionary{{"ReliefBytes", bytes}}).relief("/data"), volumes::Relief());
   }
   for (const Value& urgency : {Value(0), Value(5), Value(-1), Value("3"), Value(1e300), Value(std::nan(""))}) {

@@ -50,7 +50,9 @@ class MountedVolumes : public testing::Test {
 
   /// Fills a volume with one more file until this many bytes are left.
   static void leave(const std::string& path, std::uint64_t bytes) {
-    const std::uint64_t available = volumes::availableBytes(path);
+    const auto space = volumes::space(path);
+    ASSERT_TRUE(space);
+    const std::uint64_t available = space->available;
     ASSERT_GT(available, bytes);
     std::ofstream file(path + "/filler", std::ios::binary);
     const std::string block(1 << 20, 'x');
@@ -123,11 +125,11 @@ TEST_F(MountedVolumes, CountAsTheTopmostMountSaysSo) {
   EXPECT_TRUE(volumes::isUsable("/mnt/a"));
 }
 
-TEST_F(MountedVolumes, HaveNothingAvailableOnceTheyAreGone) {
+TEST_F(MountedVolumes, HaveNoSpaceThatIsKnownOnceTheyAreGone) {
   test::mountTmpfs("/mnt/b", "size=1m");
-  EXPECT_GT(volumes::availableBytes("/mnt/b"), 0u);
+  EXPECT_TRUE(volumes::space("/mnt/b"));
   ASSERT_EQ(umount("/mnt/b"), 0);
-  EXPECT_EQ(volumes::availableBytes("/mnt/b"), 0u) << "though there is room beneath";
+  EXPECT_FALSE(volumes::space("/mnt/b")) << "though there is room beneath";
 }
 
 TEST_F(MountedVolumes, MayComeAndGoWhileTheyAreLookedAt) {
@@ -139,7 +141,7 @@ TEST_F(MountedVolumes, MayComeAndGoWhileTheyAreLookedAt) {
   });
   std::thread other([&isOver] {
     while (!isOver) {
-      EXPECT_EQ(volumes::availableBytes("/mnt/missing/"), 0u);
+      EXPECT_FALSE(volumes::space("/mnt/missing/"));
     }
   });
   for (int count = 0; count < 100; ++count) {
@@ -155,9 +157,9 @@ TEST_F(MountedVolumes, TellWhatIsAvailableToUnprivilegedUsers) {
   mountVolume("/mnt/a", "size=1m");
   struct statvfs status;
   ASSERT_EQ(statvfs("/mnt/a", &status), 0);
-  EXPECT_EQ(volumes::availableBytes("/mnt/a"), status.f_bavail * status.f_frsize);
-  EXPECT_EQ(volumes::availableBytes("/mnt/a"), std::uint64_t{1} << 20);
-  EXPECT_EQ(volumes::availableBytes("/mnt/missing"), 0u);
+  EXPECT_EQ(volumes::space("/mnt/a")->available, status.f_bavail * status.f_frsize);
+  EXPECT_EQ(volumes::space("/mnt/a")->available, std::uint64_t{1} << 20);
+  EXPECT_FALSE(volumes::space("/mnt/missing"));
 }
 
 TEST_F(MountedVolumes, TellWhatIsFreeWithTheReserveOfRoot) {

@@ -1,0 +1,27 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a purge has gained, by the volume's own figures.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+
+#include "platform/Value.h"
+
+namespace kelvane {
+
+/// Bytes that the volume of one purge has gained since it began. While the volume cannot be asked, the last figure
+/// since then holds: nothing is gained that nobody saw. A purge owns it; any thread may ask.
+class PurgeGain {
+ public:
+  /// The free space to begin with; none when it is not known.
+  [[nodiscard]] std::optional<std::uint64_t> begin(const Value& volume);
+  [[nodiscard]] std::uint64_t freespace(const Value& volume);
+  /// Of the purge's working result.
+  [[nodiscard]] std::uint64_t amount(const Value& info);
+
+ private:
+  std::atomic<std::uint64_t> freespace_ = 0;
+};
+
+}  // namespace kelvane
