@@ -118,9 +118,9 @@ TEST_F(RootsPurge, DeletesWhereRootAloneMayWrite) {
 
 TEST_F(RootsPurge, LeavesDirectoriesThatOthersMayWriteToUnlessToldOtherwise) {
   for (const char* path : {"", "cache", "cache/deep"}) {
-    for (const mode_t mode : {0775, 0757, 01777}) {
+    for (const mode_t mode : {0775U, 0757U, 01777U}) {
       EXPECT_EQ(after(path, [=](const char* where) { return chmod(where, mode); }),
-                mode == 01777 && *path == '\0' ? unit : 0)
+                mode == 01777U && *path == '\0' ? unit : 0)
           << path;
     }
     EXPECT_EQ(after(path, [](const char* where) { return chmod(where, 0755); }), unit) << path;
