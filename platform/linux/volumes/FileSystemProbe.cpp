@@ -57,7 +57,7 @@ bool FileSystemProbe::run(Question question) {
   job->question = std::move(question);
   job->put = Clock::now();
   runtime::Lock lock(mutex_);
-  if (!haveWorkerFor(job, lock)) {
+  if (!haveWorkerFor(job)) {
     return false;
   }
   if (await(job, lock)) {
@@ -76,7 +76,7 @@ bool FileSystemProbe::run(Question question) {
 }
 
 /// False when all are lost, or there is none and the system refuses a thread.
-bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job, runtime::Lock& lock) {
+bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job) {
   if (lost_ >= limits::probeThreads) {
     return false;
   }
@@ -86,9 +86,9 @@ bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job, runtime::Lo
     return true;
   }
   ++workers_;
-  lock.unlock();
+  mutex_.unlock();
   const bool isStarted = runtime::startThread(workerMain, this);
-  lock.lock();
+  mutex_.lock();
   if (isStarted) {
     return true;
   }
@@ -144,26 +144,26 @@ void FileSystemProbe::work() {
     }
     const std::shared_ptr<Job> job = std::move(waiting_.front());
     waiting_.pop_front();
-    answer(*job, lock);
+    answer(*job);
   }
   --workers_;
   ended_.notifyAll();
 }
 
-void FileSystemProbe::answer(Job& job, runtime::Lock& lock) {
+void FileSystemProbe::answer(Job& job) {
   job.isTaken = true;
-  lock.unlock();
+  mutex_.unlock();
   Visit visit(*this, job);
   job.question(visit);
   // What it holds goes before whoever waits goes on.
   job.question = nullptr;
-  lock.lock();
+  mutex_.lock();
   leave(job, Clock::now());
   job.isDone = true;
   // Woken under the lock, whoever waits would only wait for that.
-  lock.unlock();
+  mutex_.unlock();
   job.done.notifyAll();
-  lock.lock();
+  mutex_.lock();
 }
 
 bool FileSystemProbe::enter(Job& job, dev_t device, const std::string& name) {

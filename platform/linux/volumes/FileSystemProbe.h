@@ -107,8 +107,8 @@ class FileSystemProbe {
 
   static void* workerMain(void* probe);
   void work();
-  void answer(Job& job, runtime::Lock& lock) KELVANE_REQUIRES(mutex_);
-  [[nodiscard]] bool haveWorkerFor(const std::shared_ptr<Job>& job, runtime::Lock& lock) KELVANE_REQUIRES(mutex_);
+  void answer(Job& job) KELVANE_REQUIRES(mutex_);
+  [[nodiscard]] bool haveWorkerFor(const std::shared_ptr<Job>& job) KELVANE_REQUIRES(mutex_);
   [[nodiscard]] bool await(const std::shared_ptr<Job>& job, runtime::Lock& lock) KELVANE_REQUIRES(mutex_);
   bool enter(Job& job, dev_t device, const std::string& name);
   void leave(Job& job, Time now) KELVANE_REQUIRES(mutex_);
