@@ -29,6 +29,9 @@ class Boot(unittest.TestCase):
         units = "kelvaned.socket kelvaned-control.socket kelvaned.service"
         self.assertEqual("active\n" * 3, self.machine.run(f"systemctl is-active {units}").output)
 
+    def test_has_a_daemon_that_has_not_been_started_again(self):
+        self.assertEqual("0\n", self.machine.run("systemctl show --value -p NRestarts kelvaned.service").output)
+
     def test_answers_a_query_through_the_socket_that_starts_the_daemon(self):
         self.machine.run("systemctl stop kelvaned.service")
         self.assertEqual("inactive\n", self.machine.run("systemctl is-active kelvaned.service", check=False).output)

@@ -3,6 +3,7 @@
 
 import signal
 import subprocess
+import time
 import unittest
 
 from kelvane_system import CONTROL_SOCKET, DAEMON_SOCKET, DIRECTORY_CACHE, KELVANECTL, KELVANED, PATIENCE_SECONDS
@@ -77,6 +78,16 @@ class Daemon(ActivationTest):
         self.start_service("com.example.web", directory)
         self.assertEqual(KELVANED.resolve(), executable(daemon.pid))
         self.assert_frees(volume, "3M")
+
+    def test_serves_a_system_that_has_just_booted(self):
+        volume, directory = self.described()
+        self.start_on_demand("com.example.described", directory)
+        daemon = self.start("kelvaned", "unshare", "--time", f"--monotonic=-{int(time.monotonic())}", "--fork",
+                            "--kill-child", KELVANED)
+        self.await_daemon(daemon)
+        self.assert_served(self.begin(DAILY))
+        self.assert_frees(volume, "3M")
+        self.assertTrue(daemon.is_running(), daemon.log())
 
 
 class Restart(ActivationTest):

@@ -22,7 +22,7 @@ Mounts::Mounts()
 Mounts::Table Mounts::current() {
   const runtime::Lock lock(mutex_);
   // Asked before the table is read, so that a change while it is being read shows the next time.
-  if (haveChanged() || Clock::now() - read_ >= longestAge) {
+  if (haveChanged() || !read_ || Clock::now() - *read_ >= longestAge) {
     read();
   }
   return table_;
@@ -37,7 +37,7 @@ Mounts::Table Mounts::readAgain() {
 void Mounts::read() {
   table_ = std::make_shared<const std::vector<VolumeMount>>(volumeMounts(paths::mountInfo));
   // A table without a single volume is more likely one that could not be read.
-  read_ = table_->empty() ? Clock::time_point() : Clock::now();
+  read_ = table_->empty() ? std::nullopt : std::optional(Clock::now());
 }
 
 /// A table that cannot be watched may always have changed.

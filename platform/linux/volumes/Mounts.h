@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -44,7 +45,8 @@ class Mounts {
   const FileDescriptor listener_;
   runtime::Mutex mutex_;
   Table table_ KELVANE_GUARDED_BY(mutex_);
-  Clock::time_point read_ KELVANE_GUARDED_BY(mutex_);
+  /// When, unless it is to be read again in any case.
+  std::optional<Clock::time_point> read_ KELVANE_GUARDED_BY(mutex_);
 };
 
 /// The mount at this path; null when there is none. The table holds each path in its one canonical form, so comparing
