@@ -31,6 +31,9 @@ while True:
 
 
 class Turns:
+    # Elsewhere what the writer has given up may stay in use for a while, and is made good for.
+    overwrites_in_place = True
+
     def fill(self, volume, service, blocks):
         """Gives a service so many files of a block. Returns its directory."""
         directory = volume.path / service
@@ -95,7 +98,8 @@ class Turns:
         taken = (1024 - files_for_urgency(self.directories["plenty"], 1)) * BLOCK
         slack = WRITTEN_BLOCKS * BLOCK + OWN_ACCOUNTS
         self.assertGreaterEqual(taken, AMOUNT - slack)
-        self.assertLessEqual(taken, AMOUNT + BLOCK + slack)
+        if self.overwrites_in_place:
+            self.assertLessEqual(taken, AMOUNT + BLOCK + slack)
 
 
 class TurnsOnTmpfs(Turns, SystemTest):
@@ -139,6 +143,7 @@ class TurnsOnXfs(Turns, SystemTest):
 
 class TurnsOnBtrfs(Turns, SystemTest):
     kind = "btrfs"
+    overwrites_in_place = False
 
 
 if __name__ == "__main__":
