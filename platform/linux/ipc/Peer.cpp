@@ -2,7 +2,6 @@
 // What entitlement rules ask about a peer.
 #include <grp.h>
 #include <pwd.h>
-#include <sys/stat.h>
 
 #include <cerrno>
 #include <charconv>
@@ -15,6 +14,7 @@
 #include "platform/linux/ipc/ControlGroup.h"
 #include "platform/linux/ipc/PeerState.h"
 #include "platform/linux/runtime/BlockedScope.h"
+#include "platform/linux/volumes/PathWalk.h"
 
 namespace kelvane::ipc {
 
@@ -110,11 +110,16 @@ bool Peer::isInGroup(std::string_view group) const {
 bool Peer::runsExecutable(const std::string& path) const {
   const runtime::BlockedScope blocked;
   const State::Pinned process = state_->pinned();
-  struct stat running {};
-  struct stat wanted {};
-  return process.descriptor && stat(("/proc/" + std::to_string(process.pid) + "/exe").c_str(), &running) == 0 &&
-         process.isAlive() && stat(path.c_str(), &wanted) == 0 && running.st_dev == wanted.st_dev &&
-         running.st_ino == wanted.st_ino;
+  if (!process.descriptor) {
+    return false;
+  }
+  const auto running = identityAt("/proc/" + std::to_string(process.pid) + "/exe");
+  if (!running || !process.isAlive()) {
+    return false;
+  }
+  // The rule's path may lead to any disk.
+  const auto wanted = askIdentity(path);
+  return wanted && wanted->isSame(*running);
 }
 
 bool Peer::runsInUnit(std::string_view unit) const {

@@ -14,33 +14,42 @@
 #include <string_view>
 
 #include "platform/Limits.h"
-#include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/runtime/FileDescriptor.h"
+#include "platform/linux/volumes/FileSystemProbe.h"
+#include "platform/linux/volumes/PathWalk.h"
 
 namespace kelvane::files {
 
 namespace {
+
+/// One more than so many disks that hang beneath one directory leave it without entries.
+constexpr int mostWalks = 8;
 
 struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
 
-Directory openDirectory(int parent, const char* name, int extraFlags) {
-  FileDescriptor descriptor(openat(parent, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC | extraFlags));
-  if (!descriptor) {
-    return nullptr;
-  }
-  Directory directory(fdopendir(descriptor.get()));
+/// A place, opened for reading. /proc leads to it without another walk.
+FileDescriptor openForReading(const FileDescriptor& place, int flags) {
+  return FileDescriptor(open(("/proc/self/fd/" + std::to_string(place.get())).c_str(), O_RDONLY | O_CLOEXEC | flags));
+}
+
+Directory openDirectory(const FileDescriptor& place) {
+  FileDescriptor descriptor = openForReading(place, O_DIRECTORY);
+  Directory directory(descriptor ? fdopendir(descriptor.get()) : nullptr);
   if (directory) {
     descriptor.release();
   }
   return directory;
 }
 
-std::vector<std::string> sortedNames(DIR* directory) {
+/// In order; none when it cannot be read.
+std::vector<std::string> namesIn(const FileDescriptor& place) {
   std::vector<std::string> names;
-  for (const dirent* entry = nullptr; names.size() < limits::directoryEntries && (entry = readdir(directory));) {
+  const Directory directory = openDirectory(place);
+  const dirent* entry = nullptr;
+  while (directory && names.size() < limits::directoryEntries && (entry = readdir(directory.get())) != nullptr) {
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") {
       names.emplace_back(name);
@@ -50,22 +59,42 @@ std::vector<std::string> sortedNames(DIR* directory) {
   return names;
 }
 
-void collectEntries(DIR* directory, const std::string& prefix, int depth, std::vector<std::string>& entries) {
-  for (const std::string& name : sortedNames(directory)) {
-    if (entries.size() >= limits::directoryEntries) {
-      return;
-    }
-    entries.push_back(prefix + name);
-    if (depth >= limits::directoryDepth) {
-      continue;
-    }
-    // O_DIRECTORY makes this fail on everything else before the file itself is opened, so no FIFO or device
-    // notices, and O_NOFOLLOW keeps the walk beneath the top.
-    if (const Directory child = openDirectory(dirfd(directory), name.c_str(), O_NOFOLLOW)) {
-      collectEntries(child.get(), prefix + name + "/", depth + 1, entries);
+/// The walk through one directory and what is beneath it, which enters each file system before it asks it.
+class Collection {
+ public:
+  explicit Collection(FileSystemProbe::Visit& visit) : visit_(visit) {}
+
+  /// The place's file system has been entered.
+  void collect(const FileDescriptor& place, const std::string& prefix, int depth) {
+    for (const std::string& name : namesIn(place)) {
+      if (entries_.size() >= limits::directoryEntries) {
+        return;
+      }
+      entries_.push_back(prefix + name);
+      if (depth < limits::directoryDepth) {
+        descend(place, name, prefix + name + "/", depth + 1);
+      }
     }
   }
-}
+
+  std::vector<std::string> take() { return std::move(entries_); }
+
+ private:
+  void descend(const FileDescriptor& parent, const std::string& name, const std::string& prefix, int depth) {
+    // O_DIRECTORY makes this fail on everything else before the file itself is opened, so no FIFO or device
+    // notices, and O_NOFOLLOW keeps the walk beneath the top.
+    if (!enterFileSystemOf(visit_, parent, prefix)) {
+      return;
+    }
+    const FileDescriptor child(openat(parent.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (child && enterFileSystemOf(visit_, child, prefix)) {
+      collect(child, prefix, depth);
+    }
+  }
+
+  FileSystemProbe::Visit& visit_;
+  std::vector<std::string> entries_;
+};
 
 Error systemError(int number) {
   return Error{std::strerror(number), number == ENOENT || number == ENOTDIR};
@@ -109,29 +138,17 @@ std::variant<Data, Error> readAll(int descriptor, std::size_t expectedBytes, std
   }
 }
 
-}  // namespace
-
-std::vector<std::string> entriesBeneath(const std::string& directory) {
-  const runtime::BlockedScope blocked;
-  std::vector<std::string> entries;
-  if (const Directory top = openDirectory(AT_FDCWD, directory.c_str(), 0)) {
-    collectEntries(top.get(), "", 1, entries);
-  }
-  return entries;
-}
-
-std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes) {
-  const runtime::BlockedScope blocked;
+std::variant<Data, Error> readPlace(const FileDescriptor& place, std::size_t maximumBytes) {
   // Opening alone can already do something to a device or wake a FIFO's writer, so ask first. Should the
   // file change in between, O_NONBLOCK and the second look keep it from holding the thread.
   struct stat status;
-  if (stat(path.c_str(), &status) != 0) {
+  if (fstat(place.get(), &status) != 0) {
     return systemError(errno);
   }
   if (auto error = typeError(status)) {
     return *error;
   }
-  const FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+  const FileDescriptor file = openForReading(place, O_NONBLOCK | O_NOCTTY);
   if (!file || fstat(file.get(), &status) != 0) {
     return systemError(errno);
   }
@@ -139,6 +156,41 @@ std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes
     return *error;
   }
   return readAll(file.get(), static_cast<std::size_t>(status.st_size), maximumBytes);
+}
+
+}  // namespace
+
+std::vector<std::string> entriesBeneath(const std::string& directory) {
+  using Entries = std::vector<std::string>;
+  // What hangs is silent from then on, so that the next walk passes it by.
+  for (int walk = 0; walk < mostWalks; ++walk) {
+    auto entries = FileSystemProbe::shared().ask<Entries>(
+        "listing " + directory,
+        [directory](FileSystemProbe::Visit& visit) -> Result<Entries> {
+          Collection collection(visit);
+          if (const auto top = walkTo(visit, directory)) {
+            collection.collect(*top, "", 1);
+          }
+          return collection.take();
+        },
+        FileSystemProbe::About::Files, FileSystemProbe::longPatience);
+    if (entries) {
+      return std::move(*entries);
+    }
+  }
+  return {};
+}
+
+std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes) {
+  using Contents = std::variant<Data, Error>;
+  auto contents = FileSystemProbe::shared().ask<Contents>(
+      "reading " + path,
+      [path, maximumBytes](FileSystemProbe::Visit& visit) -> Result<Contents> {
+        const auto place = walkTo(visit, path);
+        return place ? readPlace(*place, maximumBytes) : Contents(systemError(place.failure().number));
+      },
+      FileSystemProbe::About::Files, FileSystemProbe::longPatience);
+  return contents ? std::move(*contents) : systemError(contents.failure().number);
 }
 
 }  // namespace kelvane::files

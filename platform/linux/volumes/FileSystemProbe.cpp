@@ -11,15 +11,16 @@ namespace kelvane {
 
 struct FileSystemProbe::Job {
   Question question;
-  Time put;
-  bool isTaken = false;
+  About about;
+  Duration patience;
+  /// When it was put, came to a door or entered.
+  Time since;
   bool isDone = false;
   /// Nobody waits for it any more.
   bool isGivenUp = false;
   /// Where its worker is, and since when.
   std::optional<dev_t> device;
   std::string name;
-  Time entered;
   runtime::Condition done;
 };
 
@@ -51,11 +52,13 @@ void FileSystemProbe::setListener(std::function<void()> listener) {
   listener_ = std::move(listener);
 }
 
-bool FileSystemProbe::run(Question question) {
+bool FileSystemProbe::run(Question question, About about, Duration patience) {
   const runtime::BlockedScope blocked;
   const auto job = std::make_shared<Job>();
   job->question = std::move(question);
-  job->put = Clock::now();
+  job->about = about;
+  job->patience = patience;
+  job->since = Clock::now();
   runtime::Lock lock(mutex_);
   if (!haveWorkerFor(job)) {
     return false;
@@ -93,8 +96,8 @@ bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job) {
     return true;
   }
   --workers_;
-  // Another one may have it by now, or will.
-  if (job->isTaken || workers_ > lost_) {
+  // Another one has it by now, or will.
+  if (workers_ > lost_) {
     return true;
   }
   std::erase(waiting_, job);
@@ -104,11 +107,8 @@ bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job) {
 /// False when there was no answer in time.
 bool FileSystemProbe::await(const std::shared_ptr<Job>& job, runtime::Lock& lock) {
   while (!job->isDone) {
-    const Time now = Clock::now();
-    // At a door, or between two: whoever is within leaves, or is given up.
-    const bool isUnderWay = job->isTaken && !job->device;
-    const Time deadline = isUnderWay ? now + patience : (job->device ? job->entered : job->put) + patience;
-    if (now >= deadline) {
+    const Time deadline = job->since + job->patience;
+    if (Clock::now() >= deadline) {
       std::erase(waiting_, job);
       return false;
     }
@@ -120,7 +120,7 @@ bool FileSystemProbe::await(const std::shared_ptr<Job>& job, runtime::Lock& lock
 void FileSystemProbe::giveUp(Job& job) {
   job.isGivenUp = true;
   if (job.device) {
-    places_[*job.device].isSilent = true;
+    ++places_[*job.device].lost;
     setLost(lost_ + 1);
     left_.notifyAll();
   }
@@ -151,7 +151,6 @@ void FileSystemProbe::work() {
 }
 
 void FileSystemProbe::answer(Job& job) {
-  job.isTaken = true;
   mutex_.unlock();
   Visit visit(*this, job);
   job.question(visit);
@@ -169,17 +168,21 @@ void FileSystemProbe::answer(Job& job) {
 bool FileSystemProbe::enter(Job& job, dev_t device, const std::string& name) {
   runtime::Lock lock(mutex_);
   leave(job, Clock::now());
+  job.since = Clock::now();
   while (!job.isGivenUp) {
     Place& place = places_[device];
     const Time now = Clock::now();
-    if (place.isSilent || now < place.restsUntil) {
+    // Files wait for nobody's rest but that of one that was silent.
+    const bool rests = now < place.restsUntil && (job.about == About::Space || place.rest > Duration::zero());
+    if (place.lost > 0 || rests) {
       return false;
     }
-    if (place.visitor == nullptr) {
-      place.visitor = &job;
+    const Job*& visitor = place.visitors[static_cast<std::size_t>(job.about)];
+    if (visitor == nullptr) {
+      visitor = &job;
       job.device = device;
       job.name = name;
-      job.entered = now;
+      job.since = now;
       forgetOldPlaces(now);
       return true;
     }
@@ -194,20 +197,24 @@ void FileSystemProbe::leave(Job& job, Time now) {
   }
   const auto found = places_.find(*std::exchange(job.device, std::nullopt));
   Place& place = found->second;
-  const Duration took = now - job.entered;
-  place.visitor = nullptr;
-  if (std::exchange(place.isSilent, false)) {
+  const Duration took = now - job.since;
+  place.visitors[static_cast<std::size_t>(job.about)] = nullptr;
+  if (job.isGivenUp) {
+    --place.lost;
     place.rest = restAfter(took, place.rest);
     place.restsUntil = now + place.rest;
     setLost(lost_ - 1);
     if (listener_) {
       listener_();
     }
-  } else if (took >= slowness) {
+  } else if (job.about == About::Space && took >= slowness) {
     place.rest = {};
     place.restsUntil = now + took;
   } else {
-    places_.erase(found);
+    place.rest = {};
+    if (place.isEmpty() && now >= place.restsUntil) {
+      places_.erase(found);
+    }
   }
   left_.notifyAll();
 }
@@ -216,7 +223,7 @@ void FileSystemProbe::leave(Job& job, Time now) {
 void FileSystemProbe::forgetOldPlaces(Time now) {
   std::erase_if(places_, [now](const auto& entry) {
     const Place& place = entry.second;
-    return place.visitor == nullptr && !place.isSilent && now >= place.restsUntil + longestRest;
+    return place.isEmpty() && now >= place.restsUntil + longestRest;
   });
 }
 
@@ -232,7 +239,7 @@ std::optional<FileSystemProbe::Time> FileSystemProbe::closedUntil(dev_t device) 
   if (place == places_.end()) {
     return std::nullopt;
   }
-  if (place->second.isSilent) {
+  if (place->second.lost > 0) {
     return Time::max();
   }
   return Clock::now() < place->second.restsUntil ? std::optional(place->second.restsUntil) : std::nullopt;

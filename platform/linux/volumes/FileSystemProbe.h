@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <deque>
@@ -25,8 +26,8 @@ namespace kelvane {
 /// A question is a function that a worker runs. It enters each file system before it asks it anything; whoever put the
 /// question waits, but no longer than its patience for each file system entered. One that has kept a worker for longer
 /// is silent: whoever waits goes on without an answer, and nobody enters it until the worker has returned. Then it
-/// rests, and so does one that was merely slow, so that asking it takes nobody more than half of the time. A worker is
-/// alone in a file system; others wait at its door.
+/// rests, and so does one that was merely slow to tell its space, so that asking it takes nobody more than half of the
+/// time. Of the questions of one kind, one at a time is in a file system; others wait at its door.
 ///
 /// The process has one, which is never destroyed; tests make more, and none with a question open. Any thread may ask,
 /// but no question.
@@ -40,6 +41,8 @@ class FileSystemProbe {
   using Duration = Clock::duration;
 
   static constexpr Duration patience = std::chrono::seconds(2);
+  /// For what is read once, when a process starts: a disk that is only slow then should not do without.
+  static constexpr Duration longPatience = std::chrono::seconds(10);
   /// An answer that took as long is slow.
   static constexpr Duration slowness = std::chrono::milliseconds(200);
   static constexpr Duration longestRest = std::chrono::minutes(1);
@@ -48,6 +51,10 @@ class FileSystemProbe {
   [[nodiscard]] static Duration restAfter(Duration took, Duration lastRest) {
     return std::min(std::max(2 * lastRest, took), longestRest);
   }
+
+  /// What is asked of a file system: how much space it has, which it should know, or for its files, which may take a
+  /// disk's time. Neither waits for the other.
+  enum class About { Space, Files };
 
   /// What a question is given, for as long as it runs.
   class Visit {
@@ -75,13 +82,15 @@ class FileSystemProbe {
 
   /// False when there was no answer in time. Then the question may still run, or run never, and must own what it uses;
   /// else it is gone.
-  [[nodiscard]] bool run(Question question);
+  [[nodiscard]] bool run(Question question, About about = About::Space, Duration patience = FileSystemProbe::patience);
 
   /// The value that a function of a Visit returns; ETIMEDOUT when that comes too late, with what was tried.
   template <typename Answer, typename Function>
-  [[nodiscard]] Result<Answer> ask(std::string tried, Function function) {
+  [[nodiscard]] Result<Answer> ask(std::string tried, Function function, About about = About::Space,
+                                   Duration patience = FileSystemProbe::patience) {
     const auto answer = std::make_shared<std::optional<Result<Answer>>>();
-    if (!run([answer, function = std::move(function)](Visit& visit) { answer->emplace(function(visit)); })) {
+    if (!run([answer, function = std::move(function)](Visit& visit) { answer->emplace(function(visit)); }, about,
+             patience)) {
       return Failure{.number = ETIMEDOUT, .tried = std::move(tried)};
     }
     return std::move(**answer);
@@ -98,8 +107,11 @@ class FileSystemProbe {
  private:
   /// A file system that a worker is in, or that did not answer at once.
   struct Place {
-    const Job* visitor = nullptr;
-    bool isSilent = false;
+    /// By what they ask about.
+    std::array<const Job*, 2> visitors = {};
+    /// How many of them have been given up.
+    int lost = 0;
+    bool isEmpty() const { return visitors[0] == nullptr && visitors[1] == nullptr; }
     Time restsUntil;
     /// Doubles as long as answers come too late.
     Duration rest{};

@@ -13,6 +13,7 @@
 #include "platform/Limits.h"
 #include "platform/PropertyList.h"
 #include "platform/Reporting.h"
+#include "platform/linux/runtime/Mutex.h"
 #include "platform/linux/volumes/Paths.h"
 
 namespace kelvane {
@@ -66,6 +67,33 @@ std::uint64_t markOf(std::uint64_t size, double percent, std::uint64_t bytes) {
   return share < static_cast<double>(bytes) ? static_cast<std::uint64_t>(share) : bytes;
 }
 
+/// What a file said last. Looking at a volume costs few wake-ups, and one more thread to read the same again would cost
+/// as many.
+class KnownLevels {
+ public:
+  std::optional<VolumeLevels> of(const struct stat& file) {
+    const runtime::Lock lock(mutex_);
+    return isKnown_ && isSame(file) ? std::optional(levels_) : std::nullopt;
+  }
+  void set(const struct stat& file, const VolumeLevels& levels) {
+    const runtime::Lock lock(mutex_);
+    isKnown_ = true;
+    file_ = file;
+    levels_ = levels;
+  }
+
+ private:
+  bool isSame(const struct stat& file) const KELVANE_REQUIRES(mutex_) {
+    return file.st_dev == file_.st_dev && file.st_ino == file_.st_ino && file.st_size == file_.st_size &&
+           file.st_ctim.tv_sec == file_.st_ctim.tv_sec && file.st_ctim.tv_nsec == file_.st_ctim.tv_nsec;
+  }
+
+  runtime::Mutex mutex_;
+  bool isKnown_ KELVANE_GUARDED_BY(mutex_) = false;
+  struct stat file_ KELVANE_GUARDED_BY(mutex_) = {};
+  VolumeLevels levels_ KELVANE_GUARDED_BY(mutex_);
+};
+
 /// Logs an unusable configuration when it differs from what was logged last.
 void reportProblem(const std::string& problem) {
   static std::mutex mutex;
@@ -93,11 +121,25 @@ VolumeLevels::VolumeLevels(const Value& configuration) : general_(boundsFrom(con
 }
 
 VolumeLevels VolumeLevels::current() {
+  static KnownLevels& known = *new KnownLevels;
   struct stat status;
-  if (stat(paths::volumeLevelsFile, &status) != 0 && errno == ENOENT) {
+  // A link may lead to any disk: it is followed by whoever reads the file.
+  if (lstat(paths::volumeLevelsFile, &status) != 0 && errno == ENOENT) {
     reportProblem("");
     return {};
   }
+  if (!S_ISREG(status.st_mode)) {
+    return read();
+  }
+  auto levels = known.of(status);
+  if (!levels) {
+    levels = read();
+    known.set(status, *levels);
+  }
+  return *levels;
+}
+
+VolumeLevels VolumeLevels::read() {
   const std::string name = paths::volumeLevelsFile;
   const auto contents = files::read(name, limits::propertyListBytes);
   if (const auto* error = std::get_if<files::Error>(&contents)) {

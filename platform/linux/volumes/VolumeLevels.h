@@ -57,6 +57,7 @@ class VolumeLevels {
   [[nodiscard]] SpaceMarks marks(const std::string& volume, std::uint64_t size) const;
 
  private:
+  [[nodiscard]] static VolumeLevels read();
   [[nodiscard]] const Bounds& of(const std::string& volume) const;
 
   Bounds general_;

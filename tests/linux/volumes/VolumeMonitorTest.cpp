@@ -14,6 +14,7 @@
 #include <fstream>
 #include <limits>
 #include <mutex>
+#include <thread>
 
 #include "platform/Process.h"
 #include "platform/Queues.h"
@@ -153,6 +154,29 @@ TEST_F(TheVolumeMonitor, EndsPausesForAnEventOfSomebodyElse) {
   const auto event = await({"/mnt/pausing"});
   ASSERT_TRUE(event);
   EXPECT_EQ(event->flags, 0x204u);
+}
+
+/// Notices that this process waits for, by what the kernel says of its descriptors.
+std::size_t noticesAskedFor() {
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fdinfo")) {
+    count += test::readFile(entry.path()).find("fanotify sdev:") != std::string::npos ? 1 : 0;
+  }
+  return count;
+}
+
+TEST_F(TheVolumeMonitor, SeesAtOnceWhenAVolumeFillsThatHasRestedLong) {
+  mountVolume("/mnt/resting");
+  const FileDescriptor file(open("/mnt/resting/filler", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+  start();
+  // Only this system's root is told of writes, by notices of this volume, and of others that are near their marks.
+  const auto giveUp = std::chrono::steady_clock::now() + patience;
+  while (test::isTrulyRoot() && noticesAskedFor() == 0 && std::chrono::steady_clock::now() < giveUp) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(noticesAskedFor() > 0, test::isTrulyRoot());
+  ASSERT_EQ(posix_fallocate(file.get(), 0, 60 << 20), 0);
+  EXPECT_TRUE(await({"/mnt/resting"})) << "long before anybody would have looked";
 }
 
 TEST_F(TheVolumeMonitor, PostsNothingForAVolumeThatIsNotToBeRelieved) {

@@ -1,0 +1,122 @@
+// SPDX-License-Identifier: Apache-2.0
+// Paths that lead through file systems that may never answer.
+#include "platform/linux/volumes/PathWalk.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <sstream>
+#include <utility>
+#include <vector>
+
+namespace kelvane {
+
+namespace {
+
+constexpr int mostLinks = 40;
+
+Result<FileIdentity> identityBy(int directory, const char* path, int flags) {
+  struct statx status = {};
+  if (statx(directory, path, flags | AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_INO, &status) != 0) {
+    return systemFailure("statx", path);
+  }
+  return FileIdentity{
+      .device = makedev(status.stx_dev_major, status.stx_dev_minor), .inode = status.stx_ino, .mode = status.stx_mode};
+}
+
+/// Puts a path's components on top of those that are left, the next one last.
+void pushComponents(const std::string& path, std::vector<std::string>& left) {
+  std::vector<std::string> components;
+  std::istringstream stream(path);
+  for (std::string component; std::getline(stream, component, '/');) {
+    if (!component.empty() && component != ".") {
+      components.push_back(std::move(component));
+    }
+  }
+  left.insert(left.end(), components.rbegin(), components.rend());
+}
+
+Result<FileDescriptor> openPlace(int directory, const std::string& name, const std::string& path) {
+  FileDescriptor place(openat(directory, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+  return place ? Result<FileDescriptor>(std::move(place)) : systemFailure("opening", path);
+}
+
+Result<std::string> readLink(const FileDescriptor& link, const std::string& path) {
+  std::array<char, PATH_MAX> text;
+  const ssize_t length = readlinkat(link.get(), "", text.data(), text.size());
+  return length < 0 ? Result<std::string>(systemFailure("reading the link", path))
+                    : std::string(text.data(), static_cast<std::size_t>(length));
+}
+
+}  // namespace
+
+Result<FileIdentity> identityOf(const FileDescriptor& file) {
+  return identityBy(file.get(), "", AT_EMPTY_PATH);
+}
+
+Result<FileIdentity> identityAt(const std::string& link) {
+  return identityBy(AT_FDCWD, link.c_str(), 0);
+}
+
+Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileDescriptor& file, const std::string& path) {
+  const auto identity = identityOf(file);
+  if (!identity) {
+    return identity.failure();
+  }
+  if (!visit.enter(identity->device, path)) {
+    return Failure{.number = ETIMEDOUT, .tried = "asking " + path};
+  }
+  return {};
+}
+
+Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path) {
+  const auto start = [&path](bool isAbsolute) { return openPlace(AT_FDCWD, isAbsolute ? "/" : ".", path); };
+  auto here = start(path.starts_with('/'));
+  std::vector<std::string> left;
+  pushComponents(path, left);
+  int links = 0;
+  while (here) {
+    if (const auto entered = enterFileSystemOf(visit, *here, path); !entered) {
+      return entered.failure();
+    }
+    if (left.empty()) {
+      break;
+    }
+    auto next = openPlace(here->get(), left.back(), path);
+    left.pop_back();
+    const auto identity = next ? identityOf(*next) : next.failure();
+    if (!identity) {
+      return identity.failure();
+    }
+    if (!S_ISLNK(identity->mode)) {
+      here = std::move(next);
+      continue;
+    }
+    const auto target = readLink(*next, path);
+    if (!target || ++links > mostLinks) {
+      return target ? Failure{.number = ELOOP, .tried = "opening " + path} : target.failure();
+    }
+    pushComponents(*target, left);
+    if (target->starts_with('/')) {
+      here = start(true);
+    }
+  }
+  return here;
+}
+
+Result<FileIdentity> askIdentity(const std::string& path) {
+  return FileSystemProbe::shared().ask<FileIdentity>(
+      "asking " + path,
+      [path](FileSystemProbe::Visit& visit) -> Result<FileIdentity> {
+        const auto file = walkTo(visit, path);
+        return file ? identityOf(*file) : file.failure();
+      },
+      FileSystemProbe::About::Files);
+}
+
+}  // namespace kelvane

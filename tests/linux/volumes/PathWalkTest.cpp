@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+// Paths, and disks that hang on the way.
+#include "platform/linux/volumes/PathWalk.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+
+#include "platform/Files.h"
+#include "tests/hanging-volume/HangingVolume.h"
+#include "tests/linux/testing/PrivateNamespace.h"
+
+namespace kelvane {
+namespace {
+
+class APath : public testing::Test {
+ protected:
+  APath() {
+    std::filesystem::remove_all(top);
+    std::filesystem::create_directories(top + "/inner/more");
+    test::writeFile(top + "/inner/file", "contents");
+  }
+  void link(const std::string& target, const std::string& name) const {
+    std::filesystem::create_symlink(target, top + "/" + name);
+  }
+  /// The errno of asking, or 0 when it is the file in question.
+  int ask(const std::string& path) const {
+    struct stat wanted = {};
+    EXPECT_EQ(stat((top + "/inner/file").c_str(), &wanted), 0);
+    const auto identity = askIdentity(path);
+    if (!identity) {
+      return identity.failure().number;
+    }
+    EXPECT_TRUE(identity->isSame({.device = wanted.st_dev, .inode = wanted.st_ino})) << path;
+    return 0;
+  }
+
+  /// Another test may be given a disk with the same number.
+  static void awaitRest(dev_t device) {
+    while (FileSystemProbe::shared().closedUntil(device)) {
+      usleep(1000);
+    }
+  }
+
+  const std::string top = "/mnt/paths";
+};
+
+TEST_F(APath, LeadsToTheFileThatTheSystemFindsThere) {
+  link("inner", "directory");
+  link("/mnt/paths/directory/file", "absolute");
+  link("inner/../directory/more/../file", "upAndDown");
+  link("absolute", "second");
+  for (const char* name :
+       {"inner/file", "./inner//file", "directory/file", "absolute", "upAndDown", "second", "inner/more/../file"}) {
+    EXPECT_EQ(ask(top + "/" + name), 0) << name;
+  }
+  EXPECT_EQ(ask(top + "/missing"), ENOENT);
+  EXPECT_EQ(ask(top + "/missing/../inner/file"), ENOENT);
+  EXPECT_EQ(ask(top + "/inner/file/more"), ENOTDIR);
+}
+
+TEST_F(APath, WithoutAnEndIsRefused) {
+  link("loop", "loop");
+  EXPECT_EQ(ask(top + "/loop"), ELOOP);
+}
+
+TEST_F(APath, ToADiskThatHangsBlamesThatDiskAlone) {
+  if (!test::isTrulyRoot()) {
+    // Others have no disks of their own; what waits here is the same code as for the others.
+    return;
+  }
+  test::HangingVolume disk("/mnt/hanging");
+  disk.addFile("file", "contents");
+  link("/mnt/hanging/file", "outward");
+  struct stat status = {};
+  ASSERT_EQ(stat("/mnt/hanging", &status), 0);
+  disk.hang();
+  EXPECT_EQ(ask(top + "/outward"), ETIMEDOUT);
+  EXPECT_EQ(FileSystemProbe::shared().closedUntil(status.st_dev), FileSystemProbe::Time::max());
+  EXPECT_EQ(ask(top + "/inner/file"), 0) << "the link's own disk is none the worse";
+  const auto asked = disk.received();
+  const auto unread = files::read(top + "/outward", 1000);
+  EXPECT_TRUE(std::holds_alternative<files::Error>(unread));
+  EXPECT_TRUE(files::entriesBeneath("/mnt/hanging").empty());
+  EXPECT_EQ(disk.received(), asked) << "it is known to hang";
+  disk.resume();
+  awaitRest(status.st_dev);
+}
+
+TEST_F(APath, ThatADescriptionsDirectoryHoldsMayHangWithoutTheOthers) {
+  if (!test::isTrulyRoot()) {
+    return;
+  }
+  test::HangingVolume disk(top + "/inner/more/disk");
+  test::writeFile(top + "/inner/other", "");
+  struct stat status = {};
+  ASSERT_EQ(stat((top + "/inner/more/disk").c_str(), &status), 0);
+  disk.hang();
+  const std::vector<std::string> found = files::entriesBeneath(top + "/inner");
+  EXPECT_EQ(found, (std::vector<std::string>{"file", "more", "more/disk", "other"}));
+  EXPECT_EQ(FileSystemProbe::shared().lostWorkers(), 1u);
+  disk.resume();
+  awaitRest(status.st_dev);
+}
+
+}  // namespace
+}  // namespace kelvane
