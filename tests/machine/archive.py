@@ -24,7 +24,7 @@ class Archive:
 
     def add_file(self, name, contents, mode=0o644):
         self.add_directories(pathlib.PurePath(name).parent)
-        self._add(name, stat.S_IFREG | mode, contents)
+        self._add(name, stat.S_IFREG | stat.S_IMODE(mode), contents)
 
     def add_tree(self, top, name=""):
         """What is in a directory, as what is in the directory of that name."""

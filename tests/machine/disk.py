@@ -14,6 +14,8 @@ import time
 from block_protocol import BlockConnection, Closed, Command
 
 SECTOR = 512
+# What such a disk writes whole or not at all.
+BLOCK = 4096
 MIB = 1024 * 1024
 
 # How an image becomes a file system.
@@ -42,6 +44,7 @@ class Disk:
         self._changed = threading.Condition()
         self._failing = frozenset()
         self._hung = frozenset()
+        self._writes_left = None
         self._held = []
         self._is_lying = False
         self._delay = 0
@@ -76,12 +79,20 @@ class Disk:
     def mend(self):
         """All is well again; what was held is answered."""
         with self._changed:
-            self._is_lying = False
-            self._failing = self._hung = frozenset()
-            self._delay = 0
+            self._heal()
             held, self._held = self._held, []
             for connection, request in held:
                 self._answer(connection, request)
+
+    def stop_after(self, writes):
+        """Takes so many more writes, and then answers nothing."""
+        with self._changed:
+            self._writes_left = writes
+
+    def holds(self):
+        """Whether somebody waits in vain for an answer."""
+        with self._changed:
+            return bool(self._held)
 
     def await_held(self, seconds=30):
         """Returns once somebody waits in vain for an answer."""
@@ -94,20 +105,29 @@ class Disk:
             return self._received[Command[kind.upper()]]
 
     def lose_power(self, seed=None):
-        """To be told when the machine has lost it. What was in the cache is gone; or, with a seed, each of its sectors by
-        chance. Sectors are never torn."""
+        """To be told when the machine has lost it. What was in the cache is gone; or, with a seed, each of its blocks by
+        chance. It is as healthy as at first when the power is back."""
         chance = random.Random(seed)
         with self._changed:
             self._changed.wait_for(lambda: self._connections == 0)
             self._held = []
+            self._heal()
             if seed is not None:
-                self._cache = {sector: self._cache[sector] for sector in sorted(self._cache) if chance.random() < 0.5}
+                blocks = sorted({sector * SECTOR // BLOCK for sector in self._cache})
+                kept = {block for block in blocks if chance.random() < 0.5}
+                self._cache = {sector: data for sector, data in self._cache.items() if sector * SECTOR // BLOCK in kept}
                 self._flush()
             self._cache = {}
 
     def close(self):
         self._listener.close()
         self._file.close()
+
+    def _heal(self):
+        self._is_lying = False
+        self._failing = self._hung = frozenset()
+        self._writes_left = None
+        self._delay = 0
 
     def _serve(self):
         while True:
@@ -135,7 +155,9 @@ class Disk:
         with self._changed:
             self._received[request.command] += 1
             delay = self._delay
-            if request.command in self._hung:
+            if self._writes_left is not None and request.command == Command.WRITE:
+                self._writes_left -= 1
+            if request.command in self._hung or (self._writes_left is not None and self._writes_left < 0):
                 self._held.append((connection, request))
                 self._changed.notify_all()
                 return

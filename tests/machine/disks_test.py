@@ -77,6 +77,8 @@ class Disks(unittest.TestCase):
     def test_fail_for_everything_from_within(self):
         self.assert_written(self.mapped.path, "there")
         self.mapped.fail()
+        # Nobody can have it made durable any more.
+        self.assertEqual(b"there", self.inner.image.read_bytes()[:5])
         self.assert_fails(self.read(self.mapped.path))
         self.assert_fails(self.write(self.mapped.path, "other"))
         self.mapped.mend()

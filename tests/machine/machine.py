@@ -73,14 +73,17 @@ class Machine:
 
     def __init__(self, *disks, mounts=None, files=None, memory_mib=512):
         """Mounts are disks by directory, mounted before the daemon can be started; every disk is in /dev/disks by its name.
-        Files are put into the root: contents by path."""
+        Files are put into the root: by path, texts or files of this side's."""
         self.mounts = mounts or {}
         self.disks = list(dict.fromkeys((*self.mounts.values(), *disks)))
         self.memory_mib = memory_mib
         self.files = Archive()
         table = "".join(f"/dev/disks/{disk.name} {path} {disk.kind}\n" for path, disk in self.mounts.items())
         for path, contents in {"/etc/machine-mounts": table, **(files or {})}.items():
-            self.files.add_file(f"installed{path}", contents.encode())
+            if isinstance(contents, pathlib.Path):
+                self.files.add_file(f"installed{path}", contents.read_bytes(), contents.stat().st_mode)
+            else:
+                self.files.add_file(f"installed{path}", contents.encode())
         self.directory = pathlib.Path(tempfile.mkdtemp(prefix="kelvane-machine-"))
         self.accelerator = None
         self.emulator = None
@@ -101,6 +104,10 @@ class Machine:
         finally:
             self.close()
 
+    def begin_to_boot(self):
+        """As it has booted before, and without waiting for anything."""
+        self._start()
+
     def boot(self):
         """Returns when commands can be run; units may still be starting."""
         for self.accelerator, patience in accelerators():
@@ -111,6 +118,10 @@ class Machine:
             if self.accelerator == "kvm":
                 remember_no_support()
         raise RuntimeError(f"the machine does not boot; its console:\n{self.console()}")
+
+    def is_ready(self):
+        """Whether commands can be run."""
+        return self.agent.await_ready(0)
 
     def run(self, command, check=True, seconds=PATIENCE_SECONDS):
         """What a shell's command does and says. Unless it may fail, that it does is an error."""
@@ -134,12 +145,14 @@ class Machine:
         for disk in self.disks:
             disk.lose_power(seed)
 
-    def reboot_without_power(self, seed=None):
-        self.cut_power(seed)
-        self.boot()
-
     def is_running(self):
         return self.emulator is not None and self.emulator.poll() is None
+
+    def reports(self):
+        """The lines that the machine has ever written to /dev/vport0p2: they are here once they are written."""
+        path = self.directory / "reports"
+        # The last may be there in part.
+        return path.read_text(encoding="ascii").split("\n")[:-1] if path.exists() else []
 
     def console(self):
         path = self.directory / "console"
@@ -156,7 +169,7 @@ class Machine:
         drives = []
         for disk in self.disks:
             drives += ["-blockdev", f"driver=nbd,node-name={disk.name},server.type=unix,server.path={disk.socket}",
-                       "-device", f"virtio-blk-pci,drive={disk.name},serial={disk.name},write-cache=on"]
+                       "-device", f"virtio-blk-pci,drive={disk.name},serial={disk.name},write-cache=on,physical_block_size=4096"]
         command = [
             # However this process ends, it ends.
             "setpriv", "--pdeathsig=KILL",
@@ -167,6 +180,8 @@ class Machine:
             "-chardev", f"file,id=console,path={self.directory}/console", "-serial", "chardev:console",
             "-device", "virtio-serial-pci", "-chardev", f"socket,id=agent,path={self.agent.path}",
             "-device", "virtserialport,chardev=agent,nr=1",
+            "-chardev", f"file,id=reports,append=on,path={self.directory}/reports",
+            "-device", "virtserialport,chardev=reports,nr=2",
             "-drive", f"file={root().disk},format=raw,if=none,id=root,snapshot=on",
             "-device", "virtio-blk-pci,drive=root,serial=root", *drives,
         ]

@@ -20,8 +20,9 @@ class MappedDisk:
         self._become("linear", self._disk, 0)
 
     def fail(self):
-        """Every read and write."""
-        self._become("error")
+        """Every read and write; but flushes are taken for done. So that they lie about nothing, what the disk has taken
+        until now is made durable."""
+        self._become("error", meanwhile=f"dd if=/dev/null of={self._disk} conv=fsync,notrunc status=none")
 
     def flake(self, *features):
         """With "drop_writes" writes are said to be done and are not; with "error_writes" they fail."""
@@ -34,7 +35,9 @@ class MappedDisk:
     def _table(self, *words):
         return " ".join(map(str, (0, self._sectors, *words)))
 
-    def _become(self, *words):
+    def _become(self, *words, meanwhile=":"):
+        """With a command for when there are no requests of the disk."""
         # What a file system has not written yet is not written before.
         self._machine.run(f"{DMSETUP} load {self._name} --table '{self._table(*words)}' && "
-                          f"{DMSETUP} suspend --noflush --nolockfs {self._name} && {DMSETUP} resume {self._name}")
+                          f"{DMSETUP} suspend --noflush --nolockfs {self._name} && {{ {meanwhile}; }} && "
+                          f"{DMSETUP} resume {self._name}")
