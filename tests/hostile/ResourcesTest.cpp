@@ -125,7 +125,8 @@ TEST_F(AFullDirectory, CostsNoMoreThanStatistics) {
   startDaemon();
   fill();
   purgeForAnotherClient();
-  EXPECT_TRUE(eventuallyLogs("Unable to write /run/kelvane/metrics.prom: No space left on device"));
+  EXPECT_TRUE(eventuallyLogs(
+      "Unable to write /run/kelvane/metrics.prom: writing /run/kelvane/.metrics.prom.new: No space left on device"));
   std::filesystem::remove(filling);
   purgeForAnotherClient();
   EXPECT_TRUE(eventually([] { return std::filesystem::exists("/run/kelvane/metrics.prom"); }));

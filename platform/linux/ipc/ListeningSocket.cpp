@@ -15,6 +15,7 @@
 
 #include "platform/linux/ipc/PassedSockets.h"
 #include "platform/linux/ipc/SocketAddress.h"
+#include "platform/linux/runtime/FileAccess.h"
 
 namespace kelvane::ipc {
 
@@ -97,20 +98,6 @@ std::optional<std::string> putInPlace(const std::string& from, const std::string
   return path + ": other processes keep making it";
 }
 
-/// The modes of directories that are made do not depend on the process's mask.
-std::optional<std::string> makeDirectories(const std::filesystem::path& directory) {
-  std::filesystem::path made;
-  for (const std::filesystem::path& component : directory) {
-    made /= component;
-    if (mkdir(made.c_str(), 0755) == 0) {
-      chmod(made.c_str(), 0755);
-    } else if (errno != EEXIST) {
-      return errorText(made);
-    }
-  }
-  return std::nullopt;
-}
-
 }  // namespace
 
 void letDescriptorsThrough(int socket, bool isAllowed) {
@@ -131,8 +118,8 @@ std::variant<ListeningSocket, ListeningSocket::Error> ListeningSocket::at(const 
   if (!SocketAddress::at(path)) {
     return Error{path + ": is too long for a socket's path"};
   }
-  if (auto error = makeDirectories(std::filesystem::path(path).parent_path())) {
-    return Error{*std::move(error)};
+  if (const auto made = makeDirectories(std::filesystem::path(path).parent_path()); !made) {
+    return Error{made.failure().text()};
   }
   const std::string temporary = temporaryPath(path);
   ListeningSocket made(makeListening(temporary, mode));

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Publishes the statistics of this process as a file.
 #include <atomic>
-#include <cerrno>
-#include <cstring>
 #include <string>
 
 #include "platform/Reporting.h"
@@ -27,14 +25,10 @@ void publish() {
   static std::atomic<bool> failed = false;
   const std::string file = paths::metricsFile;
   const std::size_t slash = file.rfind('/');
-  if (replaceFile(file.substr(0, slash), file.substr(slash + 1), statistics().prometheusText()) == 0) {
-    failed = false;
-  } else {
-    const std::string reason = std::strerror(errno);
-    // Statistics are worth one line, not one a second.
-    if (!failed.exchange(true)) {
-      reportFailure("reporting::publish", "Unable to write " + file + ": " + reason);
-    }
+  const auto replaced = replaceFile(file.substr(0, slash), file.substr(slash + 1), statistics().prometheusText());
+  // Statistics are worth one line, not one a second.
+  if (!failed.exchange(!replaced) && !replaced) {
+    reportFailure("reporting::publish", "Unable to write " + file + ": " + replaced.failure().text());
   }
 }
 

@@ -55,7 +55,12 @@ int postNotification(const std::string& name) {
   char contents[64];
   const int length = std::snprintf(contents, sizeof contents, "%lld.%09ld\n", static_cast<long long>(now.tv_sec),
                                    static_cast<long>(now.tv_nsec));
-  return replaceFile(paths::notificationDirectory, name, {contents, static_cast<std::size_t>(length)});
+  const auto replaced = replaceFile(paths::notificationDirectory, name, {contents, static_cast<std::size_t>(length)});
+  if (!replaced) {
+    errno = replaced.failure().number;
+    return -1;
+  }
+  return 0;
 }
 
 void installTerminationHandler(void (*handler)(int signal)) {

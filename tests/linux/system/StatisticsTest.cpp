@@ -173,7 +173,8 @@ TEST_F(TheMetricsFile, ThatCannotBeWrittenIsLoggedOnceUntilItCan) {
   const ssize_t length = read(descriptors[0], line, sizeof line);
   ASSERT_GT(length, 0);
   EXPECT_THAT(std::string(line, static_cast<std::size_t>(length)),
-              HasSubstr("Unable to write /run/kelvane/metrics.prom: Is a directory"));
+              HasSubstr("Unable to write /run/kelvane/metrics.prom: opening /run/kelvane/.metrics.prom.new: "
+                        "Is a directory"));
   reporting::addToCounter("domain", "failing", 1);
   EXPECT_EQ(poll(&logged, 1, 1500), 0) << "a second line for the same failure";
 

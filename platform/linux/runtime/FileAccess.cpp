@@ -1,0 +1,61 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whole writes, and directories with those above them.
+#include "platform/linux/runtime/FileAccess.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+
+#include "platform/linux/runtime/FileDescriptor.h"
+
+namespace kelvane {
+
+namespace {
+
+Result<> flushDirectory(const std::filesystem::path& path, FlushCall flush) {
+  const FileDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (!directory || flush(directory.get()) != 0) {
+    return systemFailure("flushing", path.native());
+  }
+  return {};
+}
+
+}  // namespace
+
+Result<> writeAll(int file, std::string_view name, std::span<const std::uint8_t> bytes, off_t offset, WriteCall write) {
+  while (!bytes.empty()) {
+    const ssize_t count = write(file, bytes.data(), bytes.size(), offset);
+    if (count < 0 && errno != EINTR) {
+      return systemFailure("writing", name);
+    }
+    if (count > 0) {
+      bytes = bytes.subspan(static_cast<std::size_t>(count));
+      offset += count;
+    }
+  }
+  return {};
+}
+
+Result<> makeDirectories(const std::filesystem::path& path, mode_t mode, FlushCall flush) {
+  std::filesystem::path made;
+  for (auto component = path.begin(); component != path.end(); ++component) {
+    const std::filesystem::path above = made.empty() ? "." : made;
+    made /= *component;
+    const mode_t wanted = std::next(component) == path.end() ? mode : 0755;
+    if (mkdir(made.c_str(), wanted) == 0) {
+      if (chmod(made.c_str(), wanted) != 0) {
+        return systemFailure("making", made.native());
+      }
+      const Result<> flushed = flush != nullptr ? flushDirectory(above, flush) : Result<>();
+      if (!flushed) {
+        return flushed;
+      }
+    } else if (errno != EEXIST) {
+      return systemFailure("making", made.native());
+    }
+  }
+  return {};
+}
+
+}  // namespace kelvane
