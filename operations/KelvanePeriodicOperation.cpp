@@ -2,9 +2,13 @@
 // Asks services to do their periodic maintenance on one volume.
 #include "operations/KelvanePeriodicOperation.h"
 
+#include <chrono>
+
+#include "platform/Clock.h"
 #include "protocols/Keys.h"
 #include "support/CallService.h"
 #include "support/KelvaneLog.h"
+#include "support/Timebase.h"
 
 namespace kelvane {
 
@@ -39,9 +43,12 @@ void KelvanePeriodicOperation::startOperation(const Completion& completion) {
     }
   }
   bool isInTime = true;
-  // An answer that comes before the next service was asked finds nobody in flight, and signals.
+  // An answer that comes before the next service was asked finds nobody in flight, and signals. One limit holds for all
+  // the waits that follow from it.
+  const std::uint64_t start = clock::ticks();
   do {
-    isInTime = round->semaphore.wait(timeLimit);
+    const std::chrono::nanoseconds passed(static_cast<std::int64_t>(nanosecondsSince(start)));
+    isInTime = round->semaphore.wait(timeLimit - passed);
   } while (isInTime && inFlightCount() != 0);
   if (!isInTime) {
     KELVANE_TRACE("%s timed out waiting for: %@", startName, arrayOf(inFlight()));

@@ -87,7 +87,7 @@ void KelvanePurgeOperation::handleReply(const PurgeServiceRequest& request, std:
   const Value amount = reply[keys::amount];
   const Value answer = withElapsedTime(reply, elapsed);
   if (!amount.isNumber()) {
-    KELVANE_ERROR("%s %d num is not a number: %@", blockName, 232, amount);
+    KELVANE_ERROR("%s %d num is not a number: %@", blockName, 232, shortened(amount));
   }
   const std::uint64_t got = amount.uint64Value();
   purge_amount_reported_ += got;

@@ -17,15 +17,16 @@ inline constexpr std::size_t propertyListEntries = 128 * 1024;
 inline constexpr std::size_t propertyListContentBytes = 8 * 1024 * 1024;
 
 // Archives
-inline constexpr std::size_t archiveBytes = 1024 * 1024;
+/// Enough for what all the services that may connect for one user answer about a volume, whatever their identifiers.
+inline constexpr std::size_t archiveBytes = 3 * 1024 * 1024;
 /// Objects, fields, and values within values.
 inline constexpr std::size_t archiveEntries = 128 * 1024;
 inline constexpr std::size_t archiveClasses = 16;
 
 // The record of recent answers
 inline constexpr std::size_t recentVolumes = 256;
-/// An amount that is no number, as a binary property list. A longer one is none, so that a few services' cannot take
-/// up the record's room.
+/// An amount that is no number, as a binary property list and in an archive. A longer one is none, so that a few
+/// services' cannot take up the record's room.
 inline constexpr std::size_t recentAmountBytes = 256;
 
 // The wire, both directions
@@ -109,12 +110,16 @@ inline constexpr std::size_t preferencesBytes = 2 * stateBytes + archiveBytes + 
 inline constexpr std::size_t preferencesEntries = 2 * propertyListEntries;
 /// What a suite can always be written with, however full the disk: room for the record and for 256 KiB besides.
 inline constexpr std::size_t preferencesRoom = archiveBytes + 256 * 1024;
+/// How long anybody waits for the disk of the preferences who is not told when it has answered.
+inline constexpr std::chrono::seconds diskPatience{2};
 /// Damaged stores of one suite that are kept; the last takes the place of the one before it.
 inline constexpr int damagedPreferences = 8;
 
 // Log
 /// The rest of a longer message is left out.
 inline constexpr std::size_t logMessageBytes = 64 * 1024;
+/// Of a service's answer in a message that is not tracing.
+inline constexpr std::size_t shownReplyBytes = 1024;
 /// Connections that are refused one after the other are told of at most so often.
 inline constexpr std::chrono::seconds refusalLogInterval{60};
 

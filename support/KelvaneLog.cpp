@@ -2,6 +2,7 @@
 // The log handle, the log writer and the two ways to log.
 #include "support/KelvaneLog.h"
 
+#include "platform/Limits.h"
 #include "platform/Reporting.h"
 #include "support/PropertyListFile.h"
 
@@ -26,6 +27,19 @@ std::atomic<LogWriter> logWriter = reportLog;
 
 const LogHandle* getLogHandle() {
   return currentHandle.load(std::memory_order_acquire);
+}
+
+std::string shortened(const Value& value) {
+  std::string text = value.description();
+  if (text.size() <= limits::shownReplyBytes) {
+    return text;
+  }
+  std::size_t end = limits::shownReplyBytes;
+  const auto isInsideACharacter = [&] { return (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U; };
+  while (end > 0 && isInsideACharacter()) {
+    --end;
+  }
+  return text.substr(0, end) + "...";
 }
 
 void configureLog() {

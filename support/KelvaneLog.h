@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdint>
 #include <span>
+#include <string>
 
 #include "support/Format.h"
 
@@ -32,6 +33,10 @@ void configureLog();
 using LogWriter = void (*)(const LogHandle* handle, std::int32_t level, const char* category, const char* format,
                            std::span<const FormatArgument> arguments);
 extern std::atomic<LogWriter> logWriter;
+
+/// The value as "%@" shows it, but at most limits::shownReplyBytes of it, whole characters, and "..." for the rest: for
+/// messages that are always written, about what comes from services.
+std::string shortened(const Value& value);
 
 /// Tracing is written when there is no handle at all, so that a process that never got one can be followed.
 inline bool isTracing() {

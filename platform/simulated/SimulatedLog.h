@@ -30,6 +30,7 @@ class Log {
   /// Whether, and how often, a message holds this text.
   bool contains(std::string_view text) const { return count(text) > 0; }
   std::size_t count(std::string_view text) const;
+  std::size_t count(std::string_view text, std::int32_t level) const;
   void clear() { messages_.clear(); }
 
   void add(LogMessage message) { messages_.push_back(std::move(message)); }

@@ -43,6 +43,12 @@ std::size_t Log::count(std::string_view text) const {
   }));
 }
 
+std::size_t Log::count(std::string_view text, std::int32_t level) const {
+  return static_cast<std::size_t>(std::count_if(messages_.begin(), messages_.end(), [&](const LogMessage& message) {
+    return message.level == level && message.message.find(text) != std::string::npos;
+  }));
+}
+
 bool Statistics::hasCounter(const std::string& name, const std::string& domain) const {
   return counters_.count({domain, name}) > 0;
 }

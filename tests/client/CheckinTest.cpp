@@ -2,6 +2,7 @@
 // Check-in: who becomes known, how, and when it ends.
 #include <gtest/gtest.h>
 
+#include "platform/Limits.h"
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/KelvaneServiceProtocol.h"
 #include "protocols/Keys.h"
@@ -231,12 +232,33 @@ TEST_F(ACheckIn, OfAServiceThatDiesBeforeItsPongHoldsTheCollectionQueueToo) {
     const auto answer = TestClient().checkIn(service.identifier(), service.endpoint(), Value::Dictionary{});
     clock::sleepMicroseconds(600'000'000);
     EXPECT_FALSE(answer->arrived);
-    EXPECT_TRUE(log().contains(std::string(blockName) + " peerHandleOrFault error: "));
+    EXPECT_EQ(log().count(std::string(blockName) + " peerHandleOrFault error: ", 5), 1u);
     EXPECT_TRUE(log().contains(std::string(blockName) + " interruptionHandler ENTRY"));
     EXPECT_TRUE(log().texts(3).empty());
     // The removal waits behind the ping.
     EXPECT_TRUE(kelvane->services()->contains("com.example.dead"));
     static_cast<void>(kelvane.release());
+  });
+}
+
+TEST_F(ACheckIn, OfMoreThanIsKeptIsAnsweredWithTheLimitAndChangesNothing) {
+  runDaemon([&] {
+    ScriptedService service("com.example.cache");
+    const std::string longName(limits::serviceIdentifierBytes + 1, 'x');
+    const Value names = Value::Array{std::string(limits::notificationNamesBytes, 'n')};
+    const TestClient client;
+    const auto refusal = [&](const std::string& identifier, Value::Dictionary info) {
+      const auto outcome = client.checkInOutcome(identifier, service.endpoint(), std::move(info));
+      const auto* error = std::get_if<ipc::CallError>(&outcome);
+      return error != nullptr ? error->text : "accepted";
+    };
+    EXPECT_EQ(refusal(longName, {}),
+              "org.freedesktop.DBus.Error.LimitsExceeded: The identifier has more than 1024 bytes");
+    EXPECT_EQ(refusal("com.example.cache", {{"KELVANE_NOTIFICATIONS", names}}),
+              "org.freedesktop.DBus.Error.LimitsExceeded: The names of notifications take more than 16384 bytes");
+    EXPECT_EQ(kelvane->copyServices()->size(), 1u) << "the described one";
+    EXPECT_TRUE(service.calls().empty());
+    EXPECT_EQ(refusal(longName.substr(1), {}), "accepted");
   });
 }
 

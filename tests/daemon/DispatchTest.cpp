@@ -212,6 +212,18 @@ TEST_F(Dispatch, GivesNoResultAndDoesNotBlockWhenTheInfoIsRefused) {
   });
 }
 
+TEST_F(Dispatch, LetsARefusedPurgeWaitItsTurnBehindOneThatRuns) {
+  runDaemon([&] {
+    const std::uint64_t start = clock::ticks();
+    const Group group;
+    group.asyncGlobal([&] { kelvane->purge(purgeInfo(100), nullptr); });
+    simulation->settle();
+    EXPECT_TRUE(kelvane->purge("no dictionary", nullptr).isAbsent());
+    EXPECT_EQ(secondsSince(start), 2.0);
+    group.wait();
+  });
+}
+
 TEST_F(Dispatch, HandsAPurgeASnapshotOfTheServices) {
   runDaemon([&] {
     ScriptedService first("a");

@@ -2,6 +2,8 @@
 // Low-disk events: which volumes are purged, by how much, and what is counted.
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "protocols/Keys.h"
 #include "tests/harness/DaemonTest.h"
 
@@ -166,6 +168,28 @@ TEST_F(ALowDiskEvent, IsDoneWithAVolumeBeforeItTurnsToTheNext) {
     }
     // The emptiest first, and each at every urgency up to the usual limit.
     EXPECT_EQ(asked, (std::vector<std::string>{"/more", "/more", "/more", volume, volume, volume}));
+  });
+}
+
+TEST_F(ALowDiskEvent, WithBothFlagsPurgesEveryOfThreeVolumesAndCountsOnce) {
+  runDaemon([&] {
+    simulation->volumes().setLow(volume, true);
+    for (const char* other : {"/more", "/most"}) {
+      simulation->volumes().add(other, 10);
+      simulation->volumes().setLow(other, true);
+    }
+    ScriptedService service("a");
+    service.onPurge = ScriptedService::gives(0);
+    checkIn(TestClient(), service);
+    kelvane->handleVFSStreamVEXEvent(eventWith(0x204));
+    std::set<std::string> asked;
+    for (const Value& info : service.infos()) {
+      asked.insert(*info[keys::volume].string());
+    }
+    EXPECT_EQ(asked, (std::set<std::string>{volume, "/more", "/most"}));
+    EXPECT_EQ(counter("KL_LOWDISK_EVENT"), 1);
+    EXPECT_FALSE(simulation->statistics().hasCounter("KL_VERYLOWDISK_EVENT"));
+    EXPECT_EQ(log().count("caught VQ_LOWDISK", 3), 1u);
   });
 }
 

@@ -57,6 +57,11 @@ std::shared_ptr<Answer> TestClient::checkIn(const std::string& identifier, const
   return send(KelvaneClientProtocol::clientCheckin, {Value(identifier), endpoint, info});
 }
 
+std::variant<Value, ipc::CallError> TestClient::checkInOutcome(const std::string& identifier,
+                                                               const ipc::Endpoint& endpoint, const Value& info) const {
+  return outcome(KelvaneClientProtocol::clientCheckin, {Value(identifier), endpoint, info});
+}
+
 std::variant<Value, ipc::CallError> TestClient::outcome(const ipc::Operation& operation,
                                                         ipc::Arguments arguments) const {
   const Semaphore arrived(0);

@@ -32,6 +32,8 @@ class TestClient {
   std::shared_ptr<Answer> checkIn(const std::string& identifier, const ipc::Endpoint& endpoint,
                                   const Value& info) const;
   /// Sends and waits for the answer.
+  std::variant<Value, ipc::CallError> checkInOutcome(const std::string& identifier, const ipc::Endpoint& endpoint,
+                                                     const Value& info) const;
   Value purge(const Value& info) const;
   Value purgeableSpace(const Value& info) const;
   Value itemizedPurgeableSpace(const Value& info) const;

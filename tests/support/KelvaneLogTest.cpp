@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/Limits.h"
 #include "platform/Reporting.h"
 #include "platform/simulated/Simulation.h"
 
@@ -52,6 +53,15 @@ const std::vector<std::int32_t> nothing;
 const std::vector<std::int32_t> errors = {3};
 const std::vector<std::int32_t> traces = {5};
 const std::vector<std::int32_t> both = {3, 5};
+
+TEST_F(TheLog, ShowsOnlyTheBeginningOfWhatIsLong) {
+  const std::string most(limits::shownReplyBytes, 'x');
+  EXPECT_EQ(shortened(most), most);
+  EXPECT_EQ(shortened(most + "y"), most + "...");
+  EXPECT_EQ(shortened(Value::Array{most}), "( " + most.substr(2) + "...");
+  EXPECT_EQ(shortened(most.substr(1) + "\u00e4"), most.substr(1) + "...") << "whole characters";
+  EXPECT_EQ(shortened(Value()), "(null)");
+}
 
 TEST_F(TheLog, WritesWhatItsThresholdLetsThrough) {
   setThreshold(2);
