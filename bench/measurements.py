@@ -267,11 +267,25 @@ def record(plan, report):
     report.section("An answer put into the record, one processor", ["time", "to 1"])
     results = world.measure([plan.build / "bench/bench-record", world.VOLUME, "--benchmark_format=json",
                              f"--benchmark_min_time={plan.amount(0.5, 0.01)}"], plan.processors[0])["benchmarks"]
-    times = {int(result["name"].split("/")[1]): 1e9 / result["items_per_second"] for result in results}
-    for count, duration in times.items():
+    times = {tuple(result["name"].removesuffix("/process_time").split("/")): 1e9 / result["items_per_second"]
+             for result in results}
+    for name, duration in times.items():
+        if name[0] != "recordUpdate" or name[2] != "0":
+            continue
+        count = int(name[1])
         report.row(f"record.{count}", f"{count:,} services in it" if count > 1 else "1 service in it",
-                   [report.duration(duration), f"{duration / times[1]:.1f}"],
+                   [report.duration(duration), f"{duration / times['recordUpdate', '1', '0']:.1f}"],
                    Aim("near 50 µs", duration < 60e3) if count == 1000 else None, {"ns": duration})
+    report.section("The same and a set in memory, by how many keys are stored, one processor", ["time", "to none"])
+    for name, duration in times.items():
+        keys = name[-1]
+        none = times[*name[:-1], "0"]
+        if keys != "0":
+            what = "a set" if name[0] == "stateSet" else f"an answer, {name[1]} in the record"
+            report.row("keys." + ".".join(name[:-1]) + ".0", f"{what}, no keys", [report.duration(none), "1.00"], None, {"ns": none})
+            report.row("keys." + ".".join(name), f"{what}, {int(keys):,} keys of 100 bytes",
+                       [report.duration(duration), f"{duration / none:.2f}"],
+                       Aim("at most 1.2", duration <= 1.2 * none), {"ns": duration})
 
 
 def state(plan, report):

@@ -8,6 +8,7 @@
 #include <set>
 #include <string>
 
+#include "client/StateLimits.h"
 #include "operations/KelvaneOperation.h"
 #include "operations/SharedRegistry.h"
 #include "platform/Preferences.h"
@@ -56,6 +57,7 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   void _clientGetState(const Value& key, const ValueReply& replyBlock);
   StateObject clientGetStateSync(const Value& key) override;
   void clientSetStateSync(const StateObject& value, const std::string& key) override;
+  void handOverState() override;
 
  protected:
   ClientInterface() = default;
@@ -65,7 +67,10 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   virtual void notifyRecipients(const std::string& name, const Value& value) = 0;
   virtual bool pingService(const KelvaneServiceProxy& proxy) = 0;
 
-  /// The preferences suite; null when it could not be opened. Set once, before anybody asks.
+  /// To be called once at most, before anybody asks.
+  void setUserDefaults(std::unique_ptr<PreferencesSuite> suite) KELVANE_NO_THREAD_SAFETY_ANALYSIS;
+
+  /// The preferences suite; null when it could not be opened.
   std::unique_ptr<PreferencesSuite> userDefaults_;
   /// State values that hold until others are set; never stored.
   const Value default_values_ = Value::Dictionary{{keys::cacheEnabled, true}};
@@ -90,10 +95,12 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
                           SpaceRequest work);
   Value purgeWithoutCallback(const Value& info) { return purge(info, nullptr); }
 
-  Value storedState() const;
-  std::optional<StateError> whyNotStored(const Value::Dictionary& state, const Value& value, const std::string& key);
+  std::optional<StateError> whyNotStored(const StateTotals& totals, const Value& value, const std::string& key);
   Value stateValue(const std::string& key) const;
   std::shared_ptr<KelvaneRecentInfo> decoded(const Value& data) KELVANE_REQUIRES(queues_.defaults_queue);
+
+  /// What is stored in the suite comes to this.
+  StateTotals stateTotals_ KELVANE_GUARDED_BY(queues_.defaults_queue);
 
   /// What an archive in the store means, remembered by the identity of its bytes so that they need not be decoded
   /// at every reply of every service.

@@ -76,14 +76,24 @@ Measure measureOfOne(const Value& value) {
   return measure;
 }
 
-/// All but the record of recent answers.
-Measure measureOf(const Value::Dictionary& state) {
+std::optional<StateError> whyOfAnotherShape(const Measure& measure) {
+  if (measure.isTooDeep) {
+    return StateError{StateError::Cause::TooMuch, "The value has more than " +
+                                                      std::to_string(limits::stateDictionaryDepth) +
+                                                      " dictionaries, or too many arrays, within each other"};
+  }
+  if (measure.holdsNone) {
+    return StateError{StateError::Cause::Unstorable, "The value holds none, which cannot be stored"};
+  }
+  return std::nullopt;
+}
+
+/// An entry of the state.
+Measure measureOf(const std::string& key, const Value& value) {
   Measure measure;
-  for (const auto& [key, value] : state) {
-    if (key != keys::recentServiceStats) {
-      measure.addKey(key);
-      measure.add(value, 0, 0);
-    }
+  if (key != keys::recentServiceStats && !value.isAbsent()) {
+    measure.addKey(key);
+    measure.add(value, 0, 0);
   }
   return measure;
 }
@@ -92,43 +102,51 @@ Measure measureOf(const Value::Dictionary& state) {
 
 std::optional<StateError> whyUnstorable(const Value& value) {
   const Measure measure = measureOfOne(value);
-  if (measure.isTooDeep) {
-    return StateError{StateError::Cause::TooMuch, "The value has more than " +
-                                                      std::to_string(limits::stateDictionaryDepth) +
-                                                      " dictionaries, or too many arrays, within each other"};
-  }
   if (measure.bytes > limits::stateValueBytes) {
     return StateError{StateError::Cause::TooMuch,
                       "The value takes more than " + std::to_string(limits::stateValueBytes) + " bytes"};
   }
-  if (measure.holdsNone) {
-    return StateError{StateError::Cause::Unstorable, "The value holds none, which cannot be stored"};
-  }
-  return std::nullopt;
+  return whyOfAnotherShape(measure);
 }
 
-std::optional<StateError> whyTooLargeForRecord(const Value& value) {
+std::optional<StateError> whyNoRecord(const Value& value) {
   const Measure measure = measureOfOne(value);
   if (measure.room > limits::archiveBytes) {
     return StateError{StateError::Cause::TooMuch, "The value takes more than the " +
                                                       std::to_string(limits::archiveBytes) +
                                                       " bytes that are kept for the record of recent answers"};
   }
-  return std::nullopt;
+  return whyOfAnotherShape(measure);
 }
 
-std::variant<std::size_t, StateError> roomFor(const Value::Dictionary& state) {
-  if (state.size() - state.count(keys::recentServiceStats) > limits::stateKeys) {
+StateTotals::StateTotals(const Value::Dictionary& state) {
+  for (const auto& [key, value] : state) {
+    *this = with(key, Value(), value);
+  }
+}
+
+StateTotals StateTotals::with(const std::string& key, const Value& before, const Value& after) const {
+  const Measure gone = measureOf(key, before);
+  const Measure come = measureOf(key, after);
+  StateTotals totals = *this;
+  totals.keys_ += come.bytes > 0 ? 1U : 0U;
+  totals.keys_ -= gone.bytes > 0 ? 1U : 0U;
+  totals.bytes_ += come.bytes - gone.bytes;
+  totals.room_ += come.room - gone.room;
+  return totals;
+}
+
+std::variant<std::size_t, StateError> StateTotals::room() const {
+  if (keys_ > limits::stateKeys) {
     return StateError{StateError::Cause::TooMuch,
                       "The state has more than " + std::to_string(limits::stateKeys) + " keys"};
   }
-  const Measure measure = measureOf(state);
-  if (measure.bytes > limits::stateBytes) {
+  if (bytes_ > limits::stateBytes) {
     return StateError{StateError::Cause::TooMuch,
                       "All state takes more than " + std::to_string(limits::stateBytes) + " bytes"};
   }
   // The record, and what is around it all.
-  return measure.room + limits::archiveBytes + 1024;
+  return room_ + limits::archiveBytes + 1024;
 }
 
 std::optional<std::string> whyTooMuchToKeep(const std::string& identifier, const Value& notifications) {

@@ -6,6 +6,16 @@
 
 namespace kelvane {
 
+namespace {
+
+using StateError = KelvaneExportedObject::StateError;
+
+std::optional<StateError> whyNotWritten(const PreferencesSuite::Outcome& outcome) {
+  return outcome ? std::nullopt : std::optional(StateError{StateError::Cause::NotWritten, outcome.failure().text()});
+}
+
+}  // namespace
+
 void ClientInterface::clientSetState(const Value& value, const std::string& key, SetReply replyBlock) {
   defaults_queue().async([this, value, key, replyBlock = std::move(replyBlock)] {
     _clientSetState(value, key, [this, &replyBlock](const std::optional<StateError>& error) {
@@ -14,9 +24,8 @@ void ClientInterface::clientSetState(const Value& value, const std::string& key,
         return;
       }
       // The client learns of it when a crash can no longer undo it; others need not wait that long for their turn.
-      userDefaults_->whenDurable([replyBlock](const PreferencesSuite::Outcome& outcome) {
-        replyBlock(outcome ? std::optional(StateError{StateError::Cause::NotWritten, *outcome}) : std::nullopt);
-      });
+      userDefaults_->whenDurable(
+          [replyBlock](const PreferencesSuite::Outcome& outcome) { replyBlock(whyNotWritten(outcome)); });
     });
   });
 }
@@ -27,19 +36,15 @@ void ClientInterface::clientGetState(const Value& key, ValueReply replyBlock) {
 
 void ClientInterface::_clientSetState(const Value& value, const std::string& key, const SetReply& replyBlock) {
   defaults_queue().assertCurrent();
-  const auto stored = storedState().dictionary();
-  Value::Dictionary state = stored ? *stored : Value::Dictionary();
-  if (value.isAbsent()) {
-    state.erase(key);
-  } else {
-    state[key] = value;
-    if (const auto error = whyNotStored(state, value, key)) {
-      replyBlock(error);
-      return;
-    }
+  const Value before = userDefaults_ ? userDefaults_->entry(keys::userDefaults, key).value_or(Value()) : Value();
+  const StateTotals totals = stateTotals_.with(key, before, value);
+  if (const auto error = whyNotStored(totals, value, key)) {
+    replyBlock(error);
+    return;
   }
   if (userDefaults_) {
-    userDefaults_->set(keys::userDefaults, std::move(state));
+    userDefaults_->setEntry(keys::userDefaults, key, value);
+    stateTotals_ = totals;
   }
   if (key == keys::cacheEnabled) {
     notifyRecipients(key, value);
@@ -101,53 +106,61 @@ StateObject ClientInterface::clientGetStateSync(const Value& key) {
   return kept;
 }
 
-/// What the suite holds for the store, of whatever type. This process is the suite's only writer, so what is in
-/// memory is what a look at the disk would give, or newer.
-Value ClientInterface::storedState() const {
-  return userDefaults_ ? (*userDefaults_)[keys::userDefaults] : Value();
+void ClientInterface::handOverState() {
+  if (userDefaults_) {
+    userDefaults_->handOver();
+  }
 }
 
-/// Why the state may not become this, with the value under the key.
-std::optional<ClientInterface::StateError> ClientInterface::whyNotStored(const Value::Dictionary& state,
-                                                                         const Value& value, const std::string& key) {
-  if (const auto error = whyUnstorable(value)) {
-    return error;
+void ClientInterface::setUserDefaults(std::unique_ptr<PreferencesSuite> suite) {
+  userDefaults_ = std::move(suite);
+  const auto state = (*userDefaults_)[keys::userDefaults].dictionary();
+  stateTotals_ = state ? StateTotals(*state) : StateTotals();
+}
+
+/// Why the value may not be stored under the key, with which the state would come to so much.
+std::optional<ClientInterface::StateError> ClientInterface::whyNotStored(const StateTotals& totals, const Value& value,
+                                                                         const std::string& key) {
+  if (value.isAbsent()) {
+    return std::nullopt;
   }
   if (key == keys::recentServiceStats) {
     // Its room is there whatever else is stored.
-    return whyTooLargeForRecord(value);
+    return whyNoRecord(value);
   }
-  const auto room = roomFor(state);
+  if (const auto error = whyUnstorable(value)) {
+    return error;
+  }
+  const auto room = totals.room();
   if (const auto* error = std::get_if<StateError>(&room)) {
     return *error;
   }
-  const PreferencesSuite::Outcome outcome =
-      userDefaults_ ? userDefaults_->makeRoom(std::get<std::size_t>(room)) : std::nullopt;
-  return outcome ? std::optional(StateError{StateError::Cause::NotWritten, *outcome}) : std::nullopt;
+  return userDefaults_ ? whyNotWritten(userDefaults_->makeRoom(std::get<std::size_t>(room))) : std::nullopt;
 }
 
 Value ClientInterface::stateValue(const std::string& key) const {
   constexpr char name[] = "-[Kelvane _clientGetState:replyBlock:]";
-  const Value state = storedState();
   const Value standard = default_values_[key];
-  if (state.isAbsent()) {
-    return standard;
-  }
-  if (!state.isDictionary()) {
+  // This process is the suite's only writer, so what is in memory is what a look at the disk would give, or newer.
+  const auto value = userDefaults_ ? userDefaults_->entry(keys::userDefaults, key) : std::nullopt;
+  if (!value) {
+    const Value state = userDefaults_ ? (*userDefaults_)[keys::userDefaults] : Value();
+    if (state.isAbsent()) {
+      return standard;
+    }
     KELVANE_ERROR("%s persistent_state is not a dictionary: %@", name, state);
     return {};
   }
   if (key == keys::userDefaults) {
-    Value::Dictionary filled = *state.dictionary();
+    Value::Dictionary filled = *(*userDefaults_)[keys::userDefaults].dictionary();
     filled.insert(default_values_.dictionary()->begin(), default_values_.dictionary()->end());
     return filled;
   }
-  const Value value = state[key];
-  if (value.isAbsent() && !standard.isAbsent()) {
+  if (value->isAbsent() && !standard.isAbsent()) {
     KELVANE_TRACE("%s using default value: %@ for key: %@", name, standard, key);
     return standard;
   }
-  return value;
+  return *value;
 }
 
 std::shared_ptr<KelvaneRecentInfo> ClientInterface::decoded(const Value& data) {

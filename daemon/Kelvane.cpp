@@ -2,7 +2,11 @@
 // The registry: making it, and the snapshots of its service table.
 #include "daemon/Kelvane.h"
 
+#include <cerrno>
+#include <cstdlib>
+
 #include "daemon/Descriptions.h"
+#include "platform/Process.h"
 #include "protocols/Keys.h"
 #include "protocols/Names.h"
 #include "support/KelvaneLog.h"
@@ -27,8 +31,13 @@ Kelvane::Kelvane() {
   // The root's own slash makes two, here and in the paths logged beneath it.
   const std::string systemDirectory = formatted("%s%@", rootPath_, names::systemDescriptions);
   KELVANE_TRACE("%s plistDir: %@", initName, systemDirectory);
-  userDefaults_ = PreferencesSuite::open(names::daemon);
-  if (!userDefaults_) {
+  if (auto suite = PreferencesSuite::open(names::daemon)) {
+    setUserDefaults(*std::move(suite));
+  } else if (suite.failure().number == EBUSY) {
+    // Whatever the log's threshold: these are the process's last words.
+    writeLog(errorLevel, "%s another daemon is running: %@", initName, suite.failure().text());
+    exitImmediately(EXIT_FAILURE);
+  } else {
     KELVANE_ERROR("%s Unable to initialize user defaults!", initName);
   }
   ServiceTable described;

@@ -2,6 +2,8 @@
 // Tells how much the services could free on one volume.
 #include "operations/KelvanePurgeableOperation.h"
 
+#include "operations/SharedRegistry.h"
+#include "platform/Archive.h"
 #include "platform/Clock.h"
 #include "platform/Limits.h"
 #include "platform/PropertyList.h"
@@ -34,7 +36,8 @@ bool isRemembered(const Value& amount) {
   }
   const auto written = propertyList::writeBinary(amount);
   const Data* bytes = std::get_if<Data>(&written);
-  return bytes != nullptr && bytes->size() <= limits::recentAmountBytes;
+  return bytes != nullptr && bytes->size() <= limits::recentAmountBytes &&
+         archive::sizeOf(amount).bytes <= limits::recentAmountBytes;
 }
 
 }  // namespace
@@ -63,6 +66,8 @@ void KelvanePurgeableOperation::startOperation(const Completion& completion) {
   const Value result = resultOf(cached[keys::servicesToCount]);
   KELVANE_TRACE("%s Still in flight: %@", startName, arrayOf(inFlight()));
   KELVANE_TRACE("%s elapsed time: %f result: %@", startName, nanosecondsSince(start) / nanosecondsPerSecond, result);
+  // What has been answered is remembered, whatever becomes of this process.
+  SharedRegistry::sharedKelvane().handOverState();
   completion(result);
 }
 
@@ -106,7 +111,7 @@ void KelvanePurgeableOperation::handleReply(const std::string& identifier, const
     KELVANE_TRACE("%s %@ has %@, skipping", blockName, identifier, reply);
   }
   if (!isRemembered(amount)) {
-    KELVANE_ERROR("%s %@ answered without an amount that can be kept: %@", blockName, identifier, reply);
+    KELVANE_ERROR("%s %@ answered without an amount that can be kept: %@", blockName, identifier, shortened(reply));
   } else {
     // Queued before the service leaves the in-flight set, so that whoever finds the set empty finds the answer too.
     updateServiceStats(identifier, Value::Dictionary{{keys::amount, amount}, {keys::volume, message[keys::volume]}});

@@ -21,7 +21,8 @@ std::shared_ptr<KelvaneRecentInfo> storedRecord(SharedRegistry& registry) {
   return record != nullptr ? *record : nullptr;
 }
 
-int validate(KelvaneRecentInfo& record) {
+int validate(KelvaneRecentInfo& record, const std::string& volume) {
+  record.setAskedVolume(volume);
   return record.validate(KelvanePurgeableOperation::recentFreespaceChange, KelvanePurgeableOperation::recentSeconds);
 }
 
@@ -77,7 +78,7 @@ Value KelvanePurgeableOperation::cachedInfo(const Value& info) const {
   registry.defaults_queue().sync([&] {
     const Value volume = info[keys::volume];
     const auto record = volume.isString() ? storedRecord(registry) : nullptr;
-    const int code = record ? validate(*record) : KelvaneRecentInfo::nothingToDo;
+    const int code = record ? validate(*record, *volume.string()) : KelvaneRecentInfo::nothingToDo;
     const Value servicesToCount = record ? amountsIn(*record, *volume.string()) : Value::Dictionary();
     KELVANE_TRACE("%s servicesToCount: %@", readName, servicesToCount);
     Value::Array servicesToQuery;
@@ -119,7 +120,7 @@ void KelvanePurgeableOperation::updateServiceStats(const std::string& identifier
       record = KelvaneRecentInfo::kelvaneRecentInfo(std::move(volumes));
     }
     // Other volumes' entries, and this one's older ones, may have had their time.
-    validate(*record);
+    validate(*record, volume);
     registry.clientSetStateSync(record, keys::recentServiceStats);
   });
 }

@@ -46,6 +46,10 @@ class SharedRegistry {
   /// not stored. Stops the process off the defaults queue.
   virtual void clientSetStateSync(const StateObject& value, const std::string& key) = 0;
 
+  /// Sees to it that the state as it is now outlives this process, though no loss of power. Waits for it, but not long
+  /// when the disk does not answer. Any thread.
+  virtual void handOverState() = 0;
+
   const SerialQueue& purge_queue() const KELVANE_RETURN_CAPABILITY(queues_.purge_queue) { return queues_.purge_queue; }
   const SerialQueue& purgeable_queue() const KELVANE_RETURN_CAPABILITY(queues_.purgeable_queue) {
     return queues_.purgeable_queue;

@@ -56,6 +56,26 @@ class Object {
   std::vector<Field> fields_;
 };
 
+/// What something takes in an archive, against limits::archiveBytes and limits::archiveEntries.
+struct Size {
+  std::size_t bytes = 0;
+  std::size_t entries = 0;
+
+  Size& operator+=(const Size& other) {
+    bytes += other.bytes;
+    entries += other.entries;
+    return *this;
+  }
+  bool fits() const;
+};
+/// Of what comes before the object, of a key, and of a value in a field or within another.
+[[nodiscard]] Size sizeOf(std::span<const Class> classes);
+[[nodiscard]] Size sizeOfKey(std::string_view key);
+[[nodiscard]] Size sizeOf(const Value& value);
+/// Of an object but for its fields, and of a field of objects but for these.
+inline constexpr Size sizeOfObject = {.bytes = 4, .entries = 1};
+inline constexpr Size sizeOfObjects = {.bytes = 5, .entries = 1};
+
 /// Writes the archive of one object, in one go from its first field to the last: object(), then for each field of
 /// its class value() or objects(), of which the latter is followed by as many times key() and an object.
 class Writer {

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/Result.h"
 #include "platform/Value.h"
 
 namespace kelvane {
@@ -16,27 +17,35 @@ namespace kelvane {
 /// when asks whenDurable(). Any thread may call any function; each is atomic.
 class PreferencesSuite {
  public:
-  /// None, or what went wrong, in words.
-  using Outcome = std::optional<std::string>;
+  using Outcome = Result<>;
   using OutcomeHandler = std::function<void(const Outcome&)>;
 
-  /// None when the store cannot be opened or made. A damaged store is kept aside, logged and replaced by an
-  /// empty one.
-  [[nodiscard]] static std::unique_ptr<PreferencesSuite> open(const std::string& name);
+  /// A damaged store is kept aside, logged and replaced by an empty one. One that cannot be read, or was written by a
+  /// later version, is left alone, which the log says. Fails with EBUSY while another process has it open.
+  static Result<std::unique_ptr<PreferencesSuite>> open(const std::string& name);
   /// Waits for a write under way, and until the handlers of all that was asked for have run.
   ~PreferencesSuite();
 
+  /// A dictionary is copied.
   Value operator[](const std::string& key) const;
-  /// An absent value removes the entry. Costs the same however much the suite holds. Written to disk within seconds
-  /// even when nobody asks for it.
+  /// An entry of the dictionary under a key, absent when it has no such entry; none when there is no dictionary.
+  std::optional<Value> entry(const std::string& key, const std::string& entry) const;
+  /// An absent value removes what is under the key. Written to disk within seconds even when nobody asks for it.
   void set(const std::string& key, Value value);
+  /// The same for an entry of the dictionary under the key; an empty one takes the place of anything else. Costs the
+  /// same however much the suite holds.
+  void setEntry(const std::string& key, const std::string& entry, Value value);
   /// Has what was set so far written to disk, returns at once, and has the handler called with how that went.
   /// Callers share writes: one covers all that was set before it began. What could not be written stays in memory
   /// for the next attempt. The handler runs on the thread that writes, so it must return soon.
   void whenDurable(OutcomeHandler handler);
+  /// Has what was set so far handed to the system, so that it outlives this process, though no loss of power, and waits
+  /// for that: at most limits::diskPatience, and not at all while the disk has kept somebody waiting so long and still
+  /// does. Costs nothing when nothing was set since. A failure is logged.
+  void handOver();
   /// Makes sure that the suite can be written with contents of so many bytes (as a binary property list), even
-  /// when the disk is full by then. May block; the first limits::preferencesRoom bytes are always there.
-  [[nodiscard]] Outcome makeRoom(std::size_t bytes);
+  /// when the disk is full by then. Waits as handOver() does; the first limits::preferencesRoom bytes are always there.
+  Outcome makeRoom(std::size_t bytes);
 
   struct State;
   explicit PreferencesSuite(std::unique_ptr<State> state);

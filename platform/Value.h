@@ -42,6 +42,8 @@ class Value {
   Value(Data data);
   Value(Array array);
   Value(Dictionary dictionary);
+  /// Shared, so it must not change while any value made from this one lives.
+  Value(std::shared_ptr<const Dictionary> dictionary);
   /// A live view: readers see every later change of the dictionary.
   Value(const MutableDictionary& dictionary);
   /// bool, any integer type (kept signed or unsigned as it is) or a floating-point type.

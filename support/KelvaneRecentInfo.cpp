@@ -36,15 +36,18 @@ struct Look {
   bool isWellFormed;
   /// One of its services' answers is too old.
   bool hasOld;
+  /// What it takes in an archive.
+  archive::Size size;
 };
 
 Look lookAt(const std::string& name, const KelvaneRecentVolumeInfo& volume, const Age& age) {
   Look look = {volume.freespace().isNumber() && volume.timestamp().isDate() && volume.volumeName() == Value(name),
-               false};
+               false, archiveSizeOf(name, volume)};
   if (volume.services() != nullptr) {
     for (const auto& [identifier, service] : *volume.services()) {
       look.isWellFormed = look.isWellFormed && service.timestamp().isDate();
       look.hasOld = look.hasOld || !look.isWellFormed || age.isOver(service.timestamp());
+      look.size += archiveSizeOf(identifier, service);
     }
   }
   return look;
@@ -92,11 +95,13 @@ int KelvaneRecentInfo::validate(const Value& freespaceChange, double threshold) 
   // First all is looked at: a record of another shape stays as it is, and most of the time nothing is to be done.
   const Age age(threshold);
   std::vector<Look> looks;
+  archive::Size size = archiveSizeOfRecord();
   for (const auto& [name, volume] : *volumes_) {
     looks.push_back(lookAt(name, volume, age));
     if (!looks.back().isWellFormed) {
       return isInvalid;
     }
+    size += looks.back().size;
   }
   bool hasDropped = false;
   auto volume = volumes_->begin();
@@ -110,8 +115,45 @@ int KelvaneRecentInfo::validate(const Value& freespaceChange, double threshold) 
     }
   }
   isFromArchive_ = false;
+  if (!size.fits()) {
+    hasDropped = dropWhatDoesNotFit() || hasDropped;
+  }
   changes_ += hasDropped ? 1 : 0;
   return hasDropped ? needsSyncing : nothingToDo;
+}
+
+archive::Size KelvaneRecentInfo::archiveSize() const {
+  archive::Size size = archiveSizeOfRecord();
+  for (const auto& [name, volume] : *volumes_) {
+    size += archiveSizeOf(name, volume);
+    if (volume.services() != nullptr) {
+      for (const auto& [identifier, service] : *volume.services()) {
+        size += archiveSizeOf(identifier, service);
+      }
+    }
+  }
+  return size;
+}
+
+/// Whether anything was dropped.
+bool KelvaneRecentInfo::dropWhatDoesNotFit() {
+  bool hasDropped = false;
+  while (!archiveSize().fits()) {
+    auto oldest = volumes_->end();
+    for (auto volume = volumes_->begin(); volume != volumes_->end(); ++volume) {
+      if (volume->first != askedVolume_ &&
+          (oldest == volumes_->end() ||
+           volume->second.timestamp().date()->secondsSince1970 < oldest->second.timestamp().date()->secondsSince1970)) {
+        oldest = volume;
+      }
+    }
+    if (oldest == volumes_->end()) {
+      break;
+    }
+    volumes_->erase(oldest);
+    hasDropped = true;
+  }
+  return hasDropped;
 }
 
 /// What an archive names may be anything, such as the mount point of a server that does not answer.

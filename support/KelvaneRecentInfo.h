@@ -10,10 +10,17 @@
 #include <string>
 #include <utility>
 
+#include "platform/Archive.h"
 #include "platform/Value.h"
 #include "support/KelvaneRecentVolumeInfo.h"
 
 namespace kelvane {
+
+/// What parts of a record take in its archive at most: a service's answer, a volume but for its services, and a record
+/// but for its volumes.
+[[nodiscard]] archive::Size archiveSizeOf(const std::string& identifier, const KelvaneRecentServiceInfo& service);
+[[nodiscard]] archive::Size archiveSizeOf(const std::string& name, const KelvaneRecentVolumeInfo& volume);
+[[nodiscard]] archive::Size archiveSizeOfRecord();
 
 /// What the services last said about the volumes. The state store keeps it as an archive; whoever reads it
 /// there owns what it gets. Not safe for concurrent use.
@@ -41,12 +48,14 @@ class KelvaneRecentInfo {
   /// Drops what can no longer be relied on: entries of services and of volumes that are more than threshold
   /// seconds old or from the future, all services of a volume that has gained or lost more than so many bytes of
   /// free space since its last answer, and, after an archive was read, what is no volume. A record that is not of
-  /// the expected shape, or has more than limits::recentVolumes, is invalid and left as it is.
+  /// the expected shape, or has more than limits::recentVolumes, is invalid and left as it is. When what is left is
+  /// too long to be archived, the volumes whose last answer is the oldest go, but never the one that is asked about.
+  void setAskedVolume(std::string volume) { askedVolume_ = std::move(volume); }
   int validate(const Value& freespaceChange, double threshold);
 
   /// Null for an archive of anything else.
   static std::shared_ptr<KelvaneRecentInfo> fromArchive(std::span<const std::uint8_t> bytes);
-  /// None when the record is too large (limits::archiveBytes).
+  /// None when the record is too large (limits::archiveBytes), as it can be with one volume.
   [[nodiscard]] std::optional<Data> archive() const;
 
   /// A number that rises with every change.
@@ -60,8 +69,11 @@ class KelvaneRecentInfo {
 
  private:
   bool mayBeAsked(const std::string& volume) const;
+  bool dropWhatDoesNotFit();
+  archive::Size archiveSize() const;
 
   std::optional<Volumes> volumes_;
+  std::string askedVolume_;
   std::uint64_t changes_ = 0;
   /// Nobody has made sure yet that its volumes are some.
   bool isFromArchive_ = false;

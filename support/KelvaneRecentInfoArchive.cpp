@@ -91,6 +91,32 @@ std::shared_ptr<KelvaneRecentInfo> KelvaneRecentInfo::fromArchive(std::span<cons
   return info;
 }
 
+archive::Size archiveSizeOf(const std::string& identifier, const KelvaneRecentServiceInfo& service) {
+  archive::Size size = archive::sizeOfObject;
+  size += archive::sizeOfKey(identifier);
+  size += archive::sizeOf(service.amount());
+  size += archive::sizeOf(service.timestamp());
+  return size;
+}
+
+archive::Size archiveSizeOf(const std::string& name, const KelvaneRecentVolumeInfo& volume) {
+  archive::Size size = archive::sizeOfObject;
+  size += archive::sizeOfKey(name);
+  size += archive::sizeOf(volume.freespace());
+  size += archive::sizeOf(volume.timestamp());
+  size += archive::sizeOf(volume.volumeName());
+  // At most: a field without services is shorter than one with none.
+  size += archive::sizeOfObjects;
+  return size;
+}
+
+archive::Size archiveSizeOfRecord() {
+  archive::Size size = archive::sizeOf(classes);
+  size += archive::sizeOfObject;
+  size += archive::sizeOfObjects;
+  return size;
+}
+
 std::optional<Data> KelvaneRecentInfo::archive() const {
   // One entry more than the last time still fits.
   archive::Writer writer(classes, expectedBytes_ + 512);

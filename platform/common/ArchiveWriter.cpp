@@ -25,6 +25,50 @@ void putLittleEndian(std::uint8_t* place, Number number) {
 
 }  // namespace
 
+bool Size::fits() const {
+  return bytes <= limits::archiveBytes && entries <= limits::archiveEntries;
+}
+
+Size sizeOf(std::span<const Class> classes) {
+  std::size_t bytes = magic.size() + 4;
+  for (const Class& type : classes) {
+    bytes += 12 + type.name.size();
+    for (const std::string_view field : type.fields) {
+      bytes += 4 + field.size();
+    }
+  }
+  return {.bytes = bytes, .entries = 0};
+}
+
+Size sizeOfKey(std::string_view key) {
+  return {.bytes = 4 + key.size(), .entries = 0};
+}
+
+Size sizeOf(const Value& value) {
+  if (value.isAbsent() || value.isBoolean()) {
+    return {.bytes = 1, .entries = 1};
+  }
+  if (value.isNumber() || value.isDate()) {
+    return {.bytes = 9, .entries = 1};
+  }
+  Size size = {.bytes = 5, .entries = 1};
+  if (const std::string* string = value.string()) {
+    size.bytes += string->size();
+  } else if (const Data* data = value.data()) {
+    size.bytes += data->size();
+  } else if (const Value::Array* array = value.array()) {
+    for (const Value& element : *array) {
+      size += sizeOf(element);
+    }
+  } else if (const auto dictionary = value.dictionary()) {
+    for (const auto& [key, entry] : *dictionary) {
+      size += sizeOfKey(key);
+      size += sizeOf(entry);
+    }
+  }
+  return size;
+}
+
 Writer::Writer(std::span<const Class> classes, std::size_t expectedBytes) : classes_(classes) {
   bytes_.resize(std::max<std::size_t>(expectedBytes, 256));
   addBytes(magic.data(), magic.size());

@@ -43,6 +43,7 @@ Value::Value(Date date) : storage_(date) {}
 Value::Value(Data data) : storage_(std::make_shared<const Data>(std::move(data))) {}
 Value::Value(Array array) : storage_(std::make_shared<const Array>(std::move(array))) {}
 Value::Value(Dictionary dictionary) : storage_(std::make_shared<const Dictionary>(std::move(dictionary))) {}
+Value::Value(std::shared_ptr<const Dictionary> dictionary) : storage_(std::move(dictionary)) {}
 Value::Value(const MutableDictionary& dictionary) : storage_(std::make_shared<MutableDictionary>(dictionary)) {}
 
 bool Value::isDictionary() const {

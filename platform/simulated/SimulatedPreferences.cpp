@@ -2,6 +2,8 @@
 // Preferences suites in memory.
 #include "platform/simulated/SimulatedPreferences.h"
 
+#include <cerrno>
+
 #include "platform/Preferences.h"
 #include "platform/Queues.h"
 #include "platform/common/FrozenValue.h"
@@ -27,6 +29,11 @@ Value Preferences::onDisk(const std::string& suite) const {
   return found == stores_.end() ? Value() : Value(found->second->disk);
 }
 
+Value Preferences::handedOver(const std::string& suite) const {
+  const auto found = stores_.find(suite);
+  return found == stores_.end() ? Value() : Value(found->second->handedOver);
+}
+
 std::shared_ptr<Preferences::Store> Preferences::open(const std::string& suite) {
   ++openings_;
   return store(suite);
@@ -35,7 +42,7 @@ std::shared_ptr<Preferences::Store> Preferences::open(const std::string& suite) 
 void Preferences::loseMemory() {
   // New stores: whoever still holds an old one belongs to a process that is gone.
   for (auto& [name, store] : stores_) {
-    store = std::make_shared<Store>(Store{store->disk, store->disk});
+    store = std::make_shared<Store>(Store{store->disk, store->disk, store->disk});
   }
 }
 
@@ -57,10 +64,10 @@ PreferencesSuite::PreferencesSuite(std::unique_ptr<State> state) : state_(std::m
 
 PreferencesSuite::~PreferencesSuite() = default;
 
-std::unique_ptr<PreferencesSuite> PreferencesSuite::open(const std::string& name) {
+Result<std::unique_ptr<PreferencesSuite>> PreferencesSuite::open(const std::string& name) {
   simulated::Preferences& preferences = simulated::world().preferences;
-  if (!preferences.openable()) {
-    return nullptr;
+  if (const int error = preferences.openingError(); error != 0) {
+    return Failure{.number = error, .tried = "opening " + name};
   }
   return std::make_unique<PreferencesSuite>(std::make_unique<State>(State{preferences.open(name)}));
 }
@@ -70,12 +77,33 @@ Value PreferencesSuite::operator[](const std::string& key) const {
   return found == state_->store->memory.end() ? Value() : found->second;
 }
 
+std::optional<Value> PreferencesSuite::entry(const std::string& key, const std::string& entry) const {
+  const Value whole = (*this)[key];
+  return whole.isDictionary() ? std::optional(whole[entry]) : std::nullopt;
+}
+
 void PreferencesSuite::set(const std::string& key, Value value) {
   if (value.isAbsent()) {
     state_->store->memory.erase(key);
   } else {
     state_->store->memory[key] = std::move(value);
   }
+}
+
+void PreferencesSuite::setEntry(const std::string& key, const std::string& entry, Value value) {
+  const auto before = (*this)[key].dictionary();
+  Value::Dictionary entries = before ? *before : Value::Dictionary();
+  if (value.isAbsent()) {
+    entries.erase(entry);
+  } else {
+    entries[entry] = std::move(value);
+  }
+  set(key, std::move(entries));
+}
+
+void PreferencesSuite::handOver() {
+  state_->store->handedOver = state_->store->memory;
+  simulated::world().preferences.countHandOver();
 }
 
 void PreferencesSuite::whenDurable(OutcomeHandler handler) {
@@ -90,12 +118,12 @@ void PreferencesSuite::whenDurable(OutcomeHandler handler) {
       preferences.countWrite();
     }
     simulated::scheduler().yield();
-    handler(written ? std::nullopt : Outcome("Input/output error"));
+    handler(written ? Outcome() : Failure{.number = EIO, .tried = "flushing"});
   });
 }
 
 PreferencesSuite::Outcome PreferencesSuite::makeRoom(std::size_t bytes) {
-  return bytes <= simulated::world().preferences.room() ? std::nullopt : Outcome("No space left on device");
+  return bytes <= simulated::world().preferences.room() ? Outcome() : Failure{.number = ENOSPC, .tried = "writing"};
 }
 
 }  // namespace kelvane

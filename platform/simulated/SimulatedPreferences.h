@@ -2,6 +2,7 @@
 // The preferences suites as a test scripts them.
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
 #include <limits>
 #include <map>
@@ -19,11 +20,15 @@ class Preferences {
   struct Store {
     Value::Dictionary memory;
     Value::Dictionary disk;
+    /// What outlives a process that is killed.
+    Value::Dictionary handedOver;
   };
 
   /// False makes every later opening give none.
-  void setOpenable(bool openable) { openable_ = openable; }
-  bool openable() const { return openable_; }
+  void setOpenable(bool openable) { openingError_ = openable ? 0 : EIO; }
+  /// Opening fails with this error, or with 0 does not.
+  void setOpeningError(int error) { openingError_ = error; }
+  int openingError() const { return openingError_; }
   /// Makes every write fail until it is called with false.
   void setFailing(bool failing) { failing_ = failing; }
   bool failing() const { return failing_; }
@@ -39,19 +44,24 @@ class Preferences {
   /// How often a suite was opened, and how often one was written with success.
   int openings() const { return openings_; }
   int writes() const { return writes_; }
+  /// What was handed over last, and how often that was asked for.
+  Value handedOver(const std::string& suite) const;
+  int handOvers() const { return handOvers_; }
 
   std::shared_ptr<Store> open(const std::string& suite);
   void countWrite() { ++writes_; }
+  void countHandOver() { ++handOvers_; }
   void loseMemory();
 
  private:
   std::shared_ptr<Store> store(const std::string& suite);
 
-  bool openable_ = true;
+  int openingError_ = 0;
   bool failing_ = false;
   std::size_t room_ = std::numeric_limits<std::size_t>::max();
   int openings_ = 0;
   int writes_ = 0;
+  int handOvers_ = 0;
   std::map<std::string, std::shared_ptr<Store>> stores_;
 };
 

@@ -128,25 +128,48 @@ TEST_F(TheStateStore, HasRoomForTheRecordBesideTheQuota) {
     for (int index = 0; index < 8; ++index) {
       client.setState("k" + std::to_string(index), std::string(each, 'x'));
     }
-    EXPECT_EQ(client.setState(keys::recentServiceStats, Data(limits::stateValueBytes, 7)), std::nullopt);
-    EXPECT_NE(client.setState(keys::recentServiceStats, Data(limits::stateValueBytes + 1, 7)), std::nullopt);
+    EXPECT_EQ(client.setState(keys::recentServiceStats, Data(limits::archiveBytes, 7)), std::nullopt);
+    EXPECT_NE(client.setState(keys::recentServiceStats, Data(limits::archiveBytes + 1, 7)), std::nullopt);
     EXPECT_EQ(client.setState("k0", std::string(each, 'y')), std::nullopt) << "it does not count";
   });
 }
 
-TEST_F(TheStateStore, HasSoManyKeysAndNoMore) {
-  runDaemon([&] {
+class AStateStoreWithManyKeys : public TheStateStore {
+ protected:
+  void prepare() override {
     Value::Dictionary state;
     for (std::size_t index = 0; index < limits::stateKeys; ++index) {
       state[std::to_string(index)] = 1;
     }
     simulation->preferences().set("com.tessaly.kelvane", keys::userDefaults, state);
+  }
+};
+
+TEST_F(AStateStoreWithManyKeys, HasSoManyAndNoMore) {
+  runDaemon([&] {
     const TestClient client;
     EXPECT_EQ(client.setState("one more", 1), std::string(tooMuch) + "The state has more than 4096 keys");
     EXPECT_EQ(client.setState("0", 2), std::nullopt);
     EXPECT_EQ(client.setState(keys::recentServiceStats, Value(Data(1))), std::nullopt);
     EXPECT_EQ(client.setState("0", 3), std::nullopt) << "the record is not among the keys of clients";
+    EXPECT_EQ(client.setState("0", Value()), std::nullopt);
+    EXPECT_EQ(client.setState("0", Value()), std::nullopt);
+    EXPECT_EQ(client.setState("one more", 1), std::nullopt) << "in the place of the one that is gone";
+    EXPECT_NE(client.setState("0", 2), std::nullopt);
   });
+}
+
+TEST(TheTotalsOfTheState, AreThoseOfACountHoweverTheyCameAbout) {
+  const Value::Dictionary state = {{"a", Value::Array{1, "text"}}, {"b", std::string(1000, 'x')}};
+  const StateTotals totals = StateTotals(state)
+                                 .with("c", Value(), Value::Dictionary{{"in", Data(500)}})
+                                 .with("a", state.at("a"), Value())
+                                 .with(keys::recentServiceStats, Value(), Data(5000))
+                                 .with("b", state.at("b"), "y")
+                                 .with("d", Value(), Value());
+  const StateTotals counted({{"b", "y"}, {"c", Value::Dictionary{{"in", Data(500)}}}});
+  EXPECT_EQ(std::get<std::size_t>(totals.room()), std::get<std::size_t>(counted.room()));
+  EXPECT_NE(std::get<std::size_t>(totals.room()), std::get<std::size_t>(StateTotals().room()));
 }
 
 TEST_F(TheStateStore, NeverOutgrowsItsSuite) {
@@ -159,7 +182,7 @@ TEST_F(TheStateStore, NeverOutgrowsItsSuite) {
     elements[std::to_string(index)] = Value::Array(each / limits::stateElementBytes, 0.5);
   }
   for (const Value::Dictionary& state : {texts, elements}) {
-    const auto room = roomFor(state);
+    const auto room = StateTotals(state).room();
     ASSERT_TRUE(std::holds_alternative<std::size_t>(room));
     Value::Dictionary all = state;
     all[keys::recentServiceStats] = Data(limits::archiveBytes);
@@ -192,7 +215,7 @@ TEST_F(TheStateStore, RefusesWhatAFullDiskHasNoRoomFor) {
     const TestClient client;
     EXPECT_EQ(client.setState("x", std::string(1000, 'x')), std::nullopt);
     simulation->preferences().setRoom(limits::preferencesRoom);
-    const char error[] = "org.freedesktop.DBus.Error.IOError: No space left on device";
+    const char error[] = "org.freedesktop.DBus.Error.IOError: writing: No space left on device";
     EXPECT_EQ(client.setState("x", std::string(200'000, 'y')), error);
     EXPECT_EQ(client.state("x"), Value(std::string(1000, 'x')));
     EXPECT_EQ(client.setState("x", std::string(100'000, 'z')), std::nullopt);
@@ -218,7 +241,7 @@ TEST_F(TheStateStore, SaysWhenTheDiskFailed) {
   runDaemon([&] {
     const TestClient client;
     simulation->preferences().setFailing(true);
-    EXPECT_EQ(client.setState("x", 1), "org.freedesktop.DBus.Error.IOError: Input/output error");
+    EXPECT_EQ(client.setState("x", 1), "org.freedesktop.DBus.Error.IOError: flushing: Input/output error");
     simulation->preferences().setFailing(false);
     EXPECT_EQ(client.setState("y", 2), std::nullopt);
     EXPECT_EQ(simulation->preferences().onDisk("com.tessaly.kelvane")[keys::userDefaults]["x"], Value(1))

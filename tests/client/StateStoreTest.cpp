@@ -54,6 +54,7 @@ TEST_F(TheState, AsAWholeIsAFilledInCopyOnceSomethingIsStored) {
     EXPECT_EQ(logOf([&] { EXPECT_EQ(client.state("KELVANE_CACHE_ENABLED"), Value(true)); }),
               (std::vector<std::string>{line("ENTRY"), line("using default value: 1 for key: KELVANE_CACHE_ENABLED"),
                                         line("EXIT")}));
+    EXPECT_EQ(log().texts(5).size(), 3u) << "all of it traces";
     EXPECT_EQ(client.state("x"), Value(1));
     EXPECT_TRUE(client.state("y").isAbsent());
   });
@@ -308,6 +309,7 @@ TEST_F(TheState, IsReadSynchronouslyWithTheseLines) {
     EXPECT_EQ(logOf([&] { EXPECT_EQ(plainSync("x"), Value("value")); }),
               (std::vector<std::string>{std::string(getSyncName) + " ENTRY", std::string(getSyncName) + " 619",
                                         line("ENTRY"), line("EXIT"), std::string(getSyncName) + " EXIT"}));
+    EXPECT_EQ(log().texts(5).size(), 5u) << "all of it traces";
     EXPECT_EQ(plainSync("KELVANE_CACHE_ENABLED"), Value(true));
     EXPECT_TRUE(plainSync("unknown").isAbsent());
     EXPECT_TRUE(plainSync(7).isAbsent());

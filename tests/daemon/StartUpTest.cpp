@@ -48,6 +48,16 @@ TEST_F(TheDaemon, TellsHowItStarts) {
   });
 }
 
+TEST_F(TheDaemon, SaysSoAndEndsWhenAnotherHasItsPreferences) {
+  prepareMachine = [&] { simulation->preferences().setOpeningError(EBUSY); };
+  start([&] {
+    EXPECT_EQ(simulation->process().exitStatus(), std::optional<int>(1));
+    EXPECT_EQ(log().texts(3), std::vector<std::string>{"-[Kelvane init] another daemon is running: opening "
+                                                       "com.tessaly.kelvane: Device or resource busy"});
+    EXPECT_FALSE(simulation->ipc().isListening("com.tessaly.kelvane"));
+  });
+}
+
 TEST_F(TheDaemon, KeepsPlacesForItsOwnStatistics) {
   start([&] {
     for (const char* name :

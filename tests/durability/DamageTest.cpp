@@ -30,10 +30,11 @@ std::string readFile(const std::string& path) {
 /// One of a store's two files as it was when the daemon was killed.
 struct Slot {
   explicit Slot(const char* name) : path(std::string(test::storeDirectory) + "/" + name), image(readFile(path)) {
-    const auto record = decodeSlotRecord({reinterpret_cast<const std::uint8_t*>(image.data()), image.size()});
-    EXPECT_TRUE(record);
-    generation = record ? record->generation : 0;
-    length = record ? encodeSlotRecord(record->generation, record->contents).size() : 0;
+    const auto contents = decodeSlot({reinterpret_cast<const std::uint8_t*>(image.data()), image.size()});
+    const auto* record = std::get_if<SlotRecord>(&contents);
+    EXPECT_NE(record, nullptr);
+    generation = record != nullptr ? record->generation : 0;
+    length = record != nullptr ? encodeSlotRecord(record->generation, record->contents).size() : 0;
   }
   void restore() const { writeFile(path, image); }
   void truncate(std::size_t kept) const { writeFile(path, image.substr(0, kept)); }

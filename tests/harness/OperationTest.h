@@ -27,10 +27,14 @@ class PlainRegistry : public SharedRegistry {
   StateObject clientGetStateSync(const Value& key) override;
   void clientSetStateSync(const StateObject& value, const std::string& key) override;
 
+  void handOverState() override { handOvers.push_back(changes.size()); }
+
   /// What is stored. A record there is nobody else's.
   std::map<std::string, StateObject> state;
   /// The keys that were set, in order; those that were removed with a '-' before them.
   std::vector<std::string> changes;
+  /// How many keys had been set at each time that the state was handed over.
+  std::vector<std::size_t> handOvers;
 };
 
 /// Sets up the log so that tracing is written too.

@@ -7,6 +7,7 @@
 #include "platform/Clock.h"
 #include "platform/Limits.h"
 #include "protocols/Keys.h"
+#include "support/Timebase.h"
 #include "tests/harness/OperationTest.h"
 
 namespace kelvane::test {
@@ -304,7 +305,7 @@ TEST_F(PurgeableSpace, CountsAServiceThatOptsOut) {
     const Value answer = Value::Dictionary{{keys::amount, 7}, {keys::optOut, false}};
     shy.onPurgeable = after(1000, answer);
     EXPECT_EQ(query(tableOf({shy.record()})), result({{"shy", 7}}, 7));
-    EXPECT_TRUE(log().contains(blockName + " shy has " + answer.description() + ", skipping"));
+    EXPECT_EQ(log().count(blockName + " shy has " + answer.description() + ", skipping", 5), 1u);
     EXPECT_TRUE(operation->optOutService("shy", false));
   });
 }
@@ -341,6 +342,7 @@ TEST_F(PurgeableSpace, LetsAnOptOutHoldForTwoMinutes) {
     EXPECT_EQ(operation->optOuts()["a"], Value(clock::now()));
     clock::sleepMicroseconds(119'999'000);
     EXPECT_TRUE(operation->optOutService("a", false));
+    EXPECT_TRUE(operation->optOutService("a", false)) << "that somebody asked changes nothing";
     clock::sleepMicroseconds(1'000);
     EXPECT_FALSE(operation->optOutService("a", false));
     EXPECT_FALSE(operation->optOuts().snapshot()->contains("a"));
@@ -382,11 +384,54 @@ TEST_F(PurgeableSpace, RemembersNoAmountThatIsNeitherANumberNorSmall) {
     greedy.onPurgeable = ScriptedService::gives(std::string(limits::recentAmountBytes, 'x'));
     ScriptedService small("small");
     small.onPurgeable = ScriptedService::gives(std::string(limits::recentAmountBytes / 2, 'x'));
-    const Value answer = query(tableOf({greedy.record(), small.record()}));
+    // Small as a property list, which writes equal numbers once.
+    ScriptedService repetitive("repetitive");
+    repetitive.onPurgeable = ScriptedService::gives(Value::Array(100, 7));
+    const Value answer = query(tableOf({greedy.record(), small.record(), repetitive.record()}));
     EXPECT_FALSE(answer.contains("greedy"));
+    EXPECT_FALSE(answer.contains("repetitive"));
     EXPECT_TRUE(answer.contains("small"));
     EXPECT_EQ(operation->inFlightCount(), 0u);
     EXPECT_TRUE(log().contains(" greedy answered without an amount that can be kept: "));
+  });
+}
+
+TEST_F(PurgeableSpace, ShowsOnlyTheBeginningOfAnAnswerThatItCannotKeep) {
+  run([&] {
+    ScriptedService greedy("greedy");
+    const Value answer = Value::Dictionary{{"A", std::string(60'000, 'x')}};
+    greedy.onPurgeable = after(1000, answer);
+    query(tableOf({greedy.record()}));
+    const std::vector<std::string> lines = log().texts(3);
+    ASSERT_EQ(lines.size(), 1u);
+    const std::string beginning = blockName + " greedy answered without an amount that can be kept: ";
+    EXPECT_EQ(lines[0], beginning + answer.description().substr(0, limits::shownReplyBytes) + "...");
+    EXPECT_EQ(log().count(answer.description(), 5), 1u) << "tracing has all of it";
+  });
+}
+
+TEST_F(PurgeableSpace, MeasuresNoTimesWithoutATimebase) {
+  run([&] {
+    gTimebaseConversion = 0.0;
+    ScriptedService service("a");
+    service.onPurgeable = after(1000, Value::Dictionary{{keys::amount, 7}});
+    EXPECT_EQ(query(tableOf({service.record()})), result({{"a", 7}}, 7));
+    EXPECT_EQ(log().count(blockName + " a took 0.000000 seconds, returned: ", 5), 1u);
+    EXPECT_EQ(log().count(startName + " elapsed time: 0.000000 result: ", 5), 1u);
+    EXPECT_EQ(simulation->statistics().samples("a_purgeableElapsedNanoseconds"), std::vector<double>{0.0});
+  });
+}
+
+TEST_F(PurgeableSpace, HandsTheStateOverWhenAllIsInItAndBeforeItIsDelivered) {
+  run([&] {
+    ScriptedService service("a");
+    service.onPurgeable = ScriptedService::gives(7);
+    make(tableOf({service.record()}));
+    std::size_t handOvers = 0;
+    operation->startOperation([&](const Value&) { handOvers = registry->handOvers.size(); });
+    EXPECT_EQ(handOvers, 1u);
+    EXPECT_EQ(registry->handOvers, std::vector<std::size_t>{registry->changes.size()});
+    EXPECT_EQ(registry->changes.size(), 1u);
   });
 }
 

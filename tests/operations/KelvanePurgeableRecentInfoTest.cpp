@@ -174,6 +174,7 @@ TEST_F(RecentAnswers, ServeOneMorePassWhenTheRecordIsInvalid) {
     EXPECT_EQ(log().textsOf(readName), (std::vector<std::string>{readName + " servicesToCount: { a = 100; }",
                                                                  readName + " Recent Info is invalid, deleting...",
                                                                  readName + " servicesToQuery: ( b )"}));
+    EXPECT_EQ(log().count(" Recent Info is invalid, deleting...", 5), 1u);
     EXPECT_EQ(read({"a", "b"}), cached({}, {"a", "b"}));
   });
 }

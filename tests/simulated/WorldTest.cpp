@@ -14,6 +14,7 @@
 #include "platform/Reporting.h"
 #include "platform/Volumes.h"
 #include "platform/simulated/Simulation.h"
+#include "tests/harness/ResultText.h"
 
 namespace kelvane {
 namespace {
@@ -205,12 +206,18 @@ TEST(AnUnreadableDirectory, IsListedWithoutWhatIsInIt) {
   EXPECT_EQ(files::entriesBeneath("/library"), (Texts{"closed"}));
 }
 
-/// Has the suite written, and waits for it.
-PreferencesSuite::Outcome written(PreferencesSuite& suite) {
+/// A suite of this name; null when it cannot be opened.
+std::unique_ptr<PreferencesSuite> opened(const std::string& name) {
+  auto suite = PreferencesSuite::open(name);
+  return suite ? *std::move(suite) : nullptr;
+}
+
+/// Has the suite written, and waits for it: empty when it went well.
+std::string written(PreferencesSuite& suite) {
   const Semaphore done(0);
-  PreferencesSuite::Outcome result;
+  std::string result;
   suite.whenDurable([&](const PreferencesSuite::Outcome& outcome) {
-    result = outcome;
+    result = test::textOf(outcome);
     done.signal();
   });
   done.wait();
@@ -220,12 +227,12 @@ PreferencesSuite::Outcome written(PreferencesSuite& suite) {
 TEST(ASuite, ShowsWhatWasSetAtOnceAndOnDiskOnceSynchronized) {
   Simulation simulation;
   simulation.run([&] {
-    const auto suite = PreferencesSuite::open("com.tessaly.kelvane");
+    const auto suite = opened("com.tessaly.kelvane");
     ASSERT_NE(suite, nullptr);
     suite->set("state", Value(1));
     EXPECT_EQ((*suite)["state"], Value(1));
     EXPECT_TRUE(simulation.preferences().onDisk("com.tessaly.kelvane")["state"].isAbsent());
-    EXPECT_EQ(written(*suite), std::nullopt);
+    EXPECT_EQ(written(*suite), "");
     EXPECT_EQ(simulation.preferences().onDisk("com.tessaly.kelvane")["state"], Value(1));
     suite->set("state", Value());
     EXPECT_TRUE((*suite)["state"].isAbsent());
@@ -236,10 +243,10 @@ TEST(ASuite, ShowsWhatWasSetAtOnceAndOnDiskOnceSynchronized) {
 TEST(ASuite, KeepsOnDiskWhatASharedDictionaryHeldWhenItWasWritten) {
   Simulation simulation;
   simulation.run([&] {
-    const auto suite = PreferencesSuite::open("suite");
+    const auto suite = opened("suite");
     MutableDictionary dictionary;
     suite->set("live", Value::Array{dictionary});
-    EXPECT_EQ(written(*suite), std::nullopt);
+    EXPECT_EQ(written(*suite), "");
     dictionary.set("later", Value(1));
     EXPECT_TRUE((*simulation.preferences().onDisk("suite")["live"].array())[0]["later"].isAbsent());
   });
@@ -248,13 +255,13 @@ TEST(ASuite, KeepsOnDiskWhatASharedDictionaryHeldWhenItWasWritten) {
 TEST(ASuite, ThatCannotBeWrittenStaysInMemory) {
   Simulation simulation;
   simulation.run([&] {
-    const auto suite = PreferencesSuite::open("suite");
+    const auto suite = opened("suite");
     suite->set("key", Value("value"));
     simulation.preferences().setFailing(true);
-    EXPECT_EQ(written(*suite), "Input/output error");
+    EXPECT_EQ(written(*suite), "flushing: Input/output error");
     EXPECT_EQ((*suite)["key"], Value("value"));
     simulation.preferences().setFailing(false);
-    EXPECT_EQ(written(*suite), std::nullopt);
+    EXPECT_EQ(written(*suite), "");
     EXPECT_EQ(simulation.preferences().onDisk("suite")["key"], Value("value"));
   });
 }
@@ -262,20 +269,49 @@ TEST(ASuite, ThatCannotBeWrittenStaysInMemory) {
 TEST(ASuite, HasTheRoomThatATestSays) {
   Simulation simulation;
   simulation.run([&] {
-    const auto suite = PreferencesSuite::open("suite");
-    EXPECT_EQ(suite->makeRoom(1'000'000'000), std::nullopt);
+    const auto suite = opened("suite");
+    EXPECT_EQ(test::textOf(suite->makeRoom(1'000'000'000)), "");
     simulation.preferences().setRoom(100);
-    EXPECT_EQ(suite->makeRoom(100), std::nullopt);
-    EXPECT_EQ(suite->makeRoom(101), "No space left on device");
+    EXPECT_EQ(test::textOf(suite->makeRoom(100)), "");
+    EXPECT_EQ(test::textOf(suite->makeRoom(101)), "writing: No space left on device");
+  });
+}
+
+TEST(ASuite, HasEntriesThatChangeByThemselves) {
+  Simulation simulation;
+  simulation.run([&] {
+    const auto suite = opened("suite");
+    EXPECT_EQ(suite->entry("state", "a"), std::nullopt);
+    suite->setEntry("state", "a", 1);
+    suite->setEntry("state", "b", 2);
+    suite->setEntry("state", "a", Value());
+    EXPECT_EQ(suite->entry("state", "a"), Value());
+    EXPECT_EQ(suite->entry("state", "b"), Value(2));
+    EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"b", 2}}));
+    suite->set("state", 7);
+    EXPECT_EQ(suite->entry("state", "b"), std::nullopt);
+  });
+}
+
+TEST(ASuite, TellsWhatWasHandedOver) {
+  Simulation simulation;
+  simulation.run([&] {
+    const auto suite = opened("suite");
+    suite->set("key", 1);
+    EXPECT_TRUE(simulation.preferences().handedOver("suite")["key"].isAbsent());
+    suite->handOver();
+    suite->set("key", 2);
+    EXPECT_EQ(simulation.preferences().handedOver("suite")["key"], Value(1));
+    EXPECT_EQ(simulation.preferences().handOvers(), 1);
   });
 }
 
 TEST(ASuite, MayBeRefused) {
   Simulation simulation;
   simulation.preferences().setOpenable(false);
-  EXPECT_EQ(PreferencesSuite::open("suite"), nullptr);
+  EXPECT_EQ(opened("suite"), nullptr);
   simulation.preferences().setOpenable(true);
-  EXPECT_NE(PreferencesSuite::open("suite"), nullptr);
+  EXPECT_NE(opened("suite"), nullptr);
   EXPECT_EQ(simulation.preferences().openings(), 1);
 }
 
@@ -283,15 +319,15 @@ TEST(ASuite, BeginsAfterARestartWithWhatWasOnDisk) {
   Simulation simulation;
   simulation.preferences().set("suite", "earlier", Value(0));
   simulation.run([&] {
-    const auto suite = PreferencesSuite::open("suite");
+    const auto suite = opened("suite");
     EXPECT_EQ((*suite)["earlier"], Value(0));
     suite->set("kept", Value(1));
-    EXPECT_EQ(written(*suite), std::nullopt);
+    EXPECT_EQ(written(*suite), "");
     suite->set("lost", Value(2));
     EXPECT_EQ(simulation.preferences().contents("suite")["lost"], Value(2));
   });
   simulation.run([&] {
-    const auto suite = PreferencesSuite::open("suite");
+    const auto suite = opened("suite");
     EXPECT_EQ((*suite)["kept"], Value(1));
     EXPECT_TRUE((*suite)["lost"].isAbsent());
   });

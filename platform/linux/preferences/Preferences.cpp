@@ -2,13 +2,14 @@
 // Preferences suites: values in memory, written behind to a store on disk.
 #include "platform/Preferences.h"
 
-#include <unistd.h>
-
+#include <cerrno>
 #include <chrono>
 #include <memory>
 #include <string>
 #include <utility>
 
+#include "platform/Limits.h"
+#include "platform/Reporting.h"
 #include "platform/linux/preferences/Paths.h"
 #include "platform/linux/preferences/PreferencesStore.h"
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
@@ -30,16 +31,20 @@ constexpr std::chrono::milliseconds writingDelay{2000};
 
 }  // namespace
 
-std::unique_ptr<PreferencesSuite> PreferencesSuite::open(const std::string& name) {
+Result<std::unique_ptr<PreferencesSuite>> PreferencesSuite::open(const std::string& name) {
   if (!isFileName(name)) {
-    return nullptr;
+    return Failure{.number = EINVAL, .tried = "naming preferences"};
   }
   const runtime::BlockedScope blocked;
-  auto store = PreferencesStore::open(paths::preferencesDirectory, name, fdatasync);
+  auto store = PreferencesStore::open(paths::preferencesDirectory, name);
+  reporting::setGauge("kelvane_preferences_available", "Whether state is kept: 0 when the store could not be opened.",
+                      store ? 1 : 0);
   if (!store) {
-    return nullptr;
+    reporting::reportFailure("PreferencesSuite::open",
+                             "Unable to open the preferences " + name + ": " + store.failure().text());
+    return store.failure();
   }
-  auto core = std::make_shared<PreferencesSuiteCore>(name, std::move(store));
+  auto core = std::make_shared<PreferencesSuiteCore>(name, *std::move(store));
   DelayedItem writer(writingDelay, [weak = std::weak_ptr(core)] {
     if (const auto suite = weak.lock()) {
       // A failure is logged, and what was set stays for the next time.
@@ -60,8 +65,17 @@ Value PreferencesSuite::operator[](const std::string& key) const {
   return state_->core->value(key);
 }
 
+std::optional<Value> PreferencesSuite::entry(const std::string& key, const std::string& entry) const {
+  return state_->core->entry(key, entry);
+}
+
 void PreferencesSuite::set(const std::string& key, Value value) {
-  state_->core->set(key, std::move(value));
+  state_->core->set({.key = key, .entry = {}, .value = std::move(value)});
+  state_->writer.request();
+}
+
+void PreferencesSuite::setEntry(const std::string& key, const std::string& entry, Value value) {
+  state_->core->set({.key = key, .entry = entry, .value = std::move(value)});
   state_->writer.request();
 }
 
@@ -69,8 +83,12 @@ void PreferencesSuite::whenDurable(OutcomeHandler handler) {
   state_->core->whenDurable(std::move(handler));
 }
 
+void PreferencesSuite::handOver() {
+  static_cast<void>(state_->core->handOver(limits::diskPatience));
+}
+
 PreferencesSuite::Outcome PreferencesSuite::makeRoom(std::size_t bytes) {
-  return state_->core->makeRoom(bytes);
+  return state_->core->makeRoom(bytes, limits::diskPatience);
 }
 
 }  // namespace kelvane

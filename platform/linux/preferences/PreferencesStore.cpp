@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <optional>
 #include <system_error>
@@ -36,71 +35,64 @@ FileDescriptor openDirectory(int parent, const char* name) {
   return FileDescriptor(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-/// The directory, made with those above it when they are missing; none with errno set.
-FileDescriptor openParent(const std::string& directory) {
-  std::error_code error;
-  std::filesystem::create_directories(std::filesystem::path(directory).parent_path(), error);
-  if (error) {
-    errno = error.value();
-    return {};
+/// The directory of all stores, made when it is missing, and locked.
+Result<FileDescriptor> openParent(const std::string& directory, const DiskCalls& calls) {
+  if (auto made = makeDirectories(directory, 0700, calls.flushDirectory); !made) {
+    return made.failure();
   }
-  if (mkdir(directory.c_str(), 0700) != 0 && errno != EEXIST) {
-    return {};
+  FileDescriptor parent = openDirectory(AT_FDCWD, directory.c_str());
+  if (!parent) {
+    return systemFailure("opening", directory);
   }
-  return openDirectory(AT_FDCWD, directory.c_str());
+  if (flock(parent.get(), LOCK_EX | LOCK_NB) != 0) {
+    return errno == EWOULDBLOCK ? Failure{.number = EBUSY, .tried = "locking " + directory}
+                                : systemFailure("locking", directory);
+  }
+  return parent;
 }
 
-/// The newer record that can be read, and which slot it is in.
+/// The newer whole record.
 struct Newest {
-  std::size_t slot;
-  std::uint64_t generation;
+  std::size_t slot = 0;
+  std::uint64_t generation = 0;
+  Data record;
   Value::Dictionary contents;
-  /// Something was written to the other slot, but it is no whole record.
-  bool otherIsBroken;
 };
 
-std::optional<Newest> newestRecord(std::array<PreferencesSlot, 2>& slots) {
+/// What the slots hold together.
+struct Survey {
   std::optional<Newest> newest;
-  bool oneIsBroken = false;
+  /// Something was written to a slot that is no whole record.
+  bool hasTorn = false;
+};
+
+Result<Survey> survey(std::array<PreferencesSlot, 2>& slots) {
+  Survey found;
   for (std::size_t index = 0; index < slots.size(); ++index) {
-    const std::optional<SlotRecord> record = slots[index].read();
+    const auto contents = slots[index] ? slots[index].read() : SlotContents(TornSlot());
+    if (!contents) {
+      return contents.failure();
+    }
+    if (const auto* foreign = std::get_if<ForeignSlot>(&*contents)) {
+      return Failure{.tried = std::string(slotNames[index]) + " has format " + std::to_string(foreign->format) +
+                              ", and this version knows " + std::to_string(slotFormat)};
+    }
+    const auto* record = std::get_if<SlotRecord>(&*contents);
     const propertyList::Result parsed =
-        record ? propertyList::readBinary(record->contents, bounds) : propertyList::Result();
+        record != nullptr ? propertyList::readBinary(record->contents, bounds) : propertyList::Result();
     const Value* value = std::get_if<Value>(&parsed);
     if (value == nullptr || !value->isDictionary()) {
-      oneIsBroken = !slots[index].isBlank();
-    } else if (!newest || newest->generation <= record->generation) {
-      newest = Newest{index, record->generation, *value->dictionary(), false};
+      found.hasTorn = found.hasTorn || !std::holds_alternative<BlankSlot>(*contents);
+    } else if (!found.newest || found.newest->generation <= record->generation) {
+      found.newest = Newest{index, record->generation, encodeSlotRecord(record->generation, record->contents),
+                            *value->dictionary()};
     }
   }
-  if (newest) {
-    newest->otherIsBroken = oneIsBroken;
-  }
-  return newest;
-}
-
-/// Makes a complete, durable store of an empty dictionary under a temporary name, then gives it its own, so
-/// that a store is never found half made.
-bool create(int parent, const std::string& directory, const std::string& name, PreferencesStore::Flush flush) {
-  const std::string temporary = "." + name + ".new";
-  std::error_code ignored;
-  std::filesystem::remove_all(directory + "/" + temporary, ignored);
-  if (mkdirat(parent, temporary.c_str(), 0700) != 0) {
-    return false;
-  }
-  const FileDescriptor made = openDirectory(parent, temporary.c_str());
-  auto first = made ? PreferencesSlot::open(made.get(), slotNames[0]) : std::nullopt;
-  auto second = made ? PreferencesSlot::open(made.get(), slotNames[1]) : std::nullopt;
-  const auto empty = propertyList::writeBinary(Value::Dictionary());
-  return first && second && std::holds_alternative<Data>(empty) &&
-         first->write(encodeSlotRecord(1, std::get<Data>(empty))) && first->reserve(limits::preferencesRoom) &&
-         second->reserve(limits::preferencesRoom) && flush(first->descriptor()) == 0 &&
-         flush(second->descriptor()) == 0 && fsync(made.get()) == 0 &&
-         renameat(parent, temporary.c_str(), parent, name.c_str()) == 0 && fsync(parent) == 0;
+  return found;
 }
 
 /// Renames the store to the first free NAME.damaged-N, or the last.
-bool keepAside(int parent, const std::string& directory, const std::string& name) {
+Result<> keepAside(int parent, const std::string& directory, const std::string& name) {
   for (int number = 1; number <= limits::damagedPreferences; ++number) {
     const std::string aside = name + ".damaged-" + std::to_string(number);
     if (number == limits::damagedPreferences) {
@@ -110,90 +102,181 @@ bool keepAside(int parent, const std::string& directory, const std::string& name
     if (renameat2(parent, name.c_str(), parent, aside.c_str(), RENAME_NOREPLACE) == 0) {
       report("The preferences " + directory + "/" + name + " are damaged; kept as " + aside +
              " and replaced by empty ones");
-      return true;
+      return {};
     }
-    if (errno != EEXIST) {
-      return false;
+    if (errno != EEXIST || number == limits::damagedPreferences) {
+      return systemFailure("renaming", name);
     }
   }
-  return false;
+  return {};
+}
+
+bool isNoFile(int error) {
+  return error == ELOOP || error == EISDIR || error == ENXIO || error == EINVAL;
+}
+
+/// What a slot's failure to open says about the store, the graver the later.
+enum class Obstacle { Missing, NoFile, Unreadable };
+Obstacle obstacle(const Failure& failure) {
+  return failure.number == ENOENT   ? Obstacle::Missing
+         : isNoFile(failure.number) ? Obstacle::NoFile
+                                    : Obstacle::Unreadable;
 }
 
 }  // namespace
 
-PreferencesStore::Condition PreferencesStore::load(const std::string& name) {
-  for (std::size_t index = 0; index < slots_.size(); ++index) {
-    auto slot = PreferencesSlot::open(directory_.get(), slotNames[index]);
-    if (!slot) {
-      const bool isOther = errno == ELOOP || errno == EISDIR || errno == ENXIO || errno == EINVAL;
-      return isOther ? Condition::Damaged : Condition::Inaccessible;
+Result<std::unique_ptr<PreferencesStore>> PreferencesStore::open(const std::string& directory, const std::string& name,
+                                                                 const DiskCalls& calls) {
+  auto parent = openParent(directory, calls);
+  if (!parent) {
+    return parent.failure();
+  }
+  std::unique_ptr<PreferencesStore> store(new PreferencesStore(calls));
+  store->parent_ = *std::move(parent);
+  const int place = store->parent_.get();
+  auto found = store->find(place, name);
+  if (found && *found == Finding::Damage) {
+    if (auto kept = keepAside(place, directory, name); !kept) {
+      return kept.failure();
     }
-    slots_[index] = std::move(*slot);
   }
-  std::optional<Newest> newest = newestRecord(slots_);
-  if (!newest) {
-    return Condition::Damaged;
+  if (found && *found != Finding::Store) {
+    if (auto created = store->create(place, directory, name); !created) {
+      return created.failure();
+    }
+    found = store->find(place, name);
   }
-  if (newest->otherIsBroken) {
-    report("The preferences " + name + ": " + slotNames[1 - newest->slot] +
-           " holds no whole record, as after a write that was cut off; " + slotNames[newest->slot] + " is used");
+  if (!found) {
+    return found.failure();
   }
-  generation_ = newest->generation;
-  contents_ = std::move(newest->contents);
-  // The newest record may have been written by a process that did not live to flush it. Until it is on disk
-  // the other slot, which was flushed, must stay as it is.
-  if (flush_(slots_[newest->slot].descriptor()) != 0) {
-    next_ = newest->slot;
-    return Condition::Good;
+  if (*found != Finding::Store) {
+    return Failure{.tried = "finding the new " + directory + "/" + name};
   }
-  next_ = 1 - newest->slot;
-  // As a copying program may have left them without. What cannot be had now may not be needed.
+  return store;
+}
+
+Result<PreferencesStore::Finding> PreferencesStore::find(int parent, const std::string& name) {
+  const FileDescriptor directory = openDirectory(parent, name.c_str());
+  if (directory) {
+    return load(directory.get(), name);
+  }
+  if (errno == ENOENT) {
+    return Finding::Nothing;
+  }
+  return errno == ENOTDIR || errno == ELOOP ? Result(Finding::Damage) : systemFailure("opening", name);
+}
+
+Result<PreferencesStore::Finding> PreferencesStore::load(int directory, const std::string& name) {
+  slots_ = {};
+  // Nothing is made before it is known that all there is can be relied on.
+  const auto opened = openSlots(directory, PreferencesSlot::Missing::Fails);
+  if (!opened && obstacle(opened.failure()) == Obstacle::Unreadable) {
+    return opened.failure();
+  }
+  auto found = survey(slots_);
+  if (!found) {
+    return found.failure();
+  }
+  if (!found->newest || (!opened && obstacle(opened.failure()) == Obstacle::NoFile)) {
+    return Finding::Damage;
+  }
+  if (auto made = openSlots(directory, PreferencesSlot::Missing::IsMade); !made) {
+    return made.failure();
+  }
+  Newest& newest = *found->newest;
+  if (found->hasTorn) {
+    report("The preferences " + name + ": " + slotNames[1 - newest.slot] +
+           " holds no whole record, as after a write that was cut off; " + slotNames[newest.slot] + " is used");
+  }
+  generation_ = newest.generation;
+  contents_ = std::move(newest.contents);
+  next_ = 1 - newest.slot;
+  unsettled_ = std::move(newest.record);
+  // What cannot be had now may be had before the first write, or may not be needed.
+  static_cast<void>(settle());
   for (PreferencesSlot& slot : slots_) {
     static_cast<void>(slot.reserve(limits::preferencesRoom));
   }
-  return Condition::Good;
+  return Finding::Store;
 }
 
-std::unique_ptr<PreferencesStore> PreferencesStore::openExisting(int parent, const std::string& name, Flush flush,
-                                                                 Condition& condition) {
-  FileDescriptor directory = openDirectory(parent, name.c_str());
-  if (!directory) {
-    condition = errno == ENOTDIR || errno == ELOOP ? Condition::Damaged : Condition::Inaccessible;
-    return nullptr;
-  }
-  if (flock(directory.get(), LOCK_EX | LOCK_NB) != 0) {
-    condition = Condition::Inaccessible;
-    return nullptr;
-  }
-  auto store = std::unique_ptr<PreferencesStore>(new PreferencesStore(std::move(directory), flush));
-  condition = store->load(name);
-  return condition == Condition::Good ? std::move(store) : nullptr;
-}
-
-std::unique_ptr<PreferencesStore> PreferencesStore::open(const std::string& directory, const std::string& name,
-                                                         Flush flush) {
-  const FileDescriptor parent = openParent(directory);
-  Condition condition = Condition::Inaccessible;
-  std::unique_ptr<PreferencesStore> store;
-  if (parent) {
-    store = openExisting(parent.get(), name, flush, condition);
-    const bool isMissing = !store && condition == Condition::Inaccessible && errno == ENOENT;
-    const bool isReplaced = condition == Condition::Damaged && keepAside(parent.get(), directory, name);
-    if ((isMissing || isReplaced) && create(parent.get(), directory, name, flush)) {
-      store = openExisting(parent.get(), name, flush, condition);
+/// Those that are not open yet. When one is missing and not to be made the others are open all the same, and it fails
+/// with ENOENT; a failure that says more goes before it.
+Result<> PreferencesStore::openSlots(int directory, PreferencesSlot::Missing missing) {
+  Result<> outcome;
+  for (std::size_t index = 0; index < slots_.size(); ++index) {
+    if (slots_[index]) {
+      continue;
+    }
+    auto slot = PreferencesSlot::open(directory, slotNames[index], missing, calls_);
+    if (slot) {
+      slots_[index] = *std::move(slot);
+      if (missing == PreferencesSlot::Missing::IsMade && calls_.flushDirectory(directory) != 0) {
+        return systemFailure("flushing the directory of", slotNames[index]);
+      }
+    } else if (outcome || obstacle(slot.failure()) > obstacle(outcome.failure())) {
+      outcome = slot.failure();
     }
   }
-  if (!store) {
-    report("Unable to open the preferences " + directory + "/" + name + ": " + std::strerror(errno));
+  return outcome;
+}
+
+/// The newest record may have been written by a process that did not live to flush it, or whose flush failed, after
+/// which the kernel counts as written what is in memory only. So it is written again, the same bytes over themselves,
+/// and flushed. Until then neither slot may be changed: this one may be the newest on disk, the other the only one.
+Result<> PreferencesStore::settle() {
+  if (unsettled_.empty()) {
+    return {};
   }
-  return store;
+  PreferencesSlot& newest = slots_[1 - next_];
+  auto settled = newest.write(unsettled_);
+  if (settled) {
+    settled = newest.flush();
+  }
+  if (settled) {
+    unsettled_ = {};
+  }
+  return settled;
+}
+
+/// Makes a complete, durable store of an empty dictionary under a temporary name, then gives it its own, so
+/// that a store is never found half made.
+Result<> PreferencesStore::create(int parent, const std::string& directory, const std::string& name) const {
+  const std::string temporary = "." + name + ".new";
+  std::error_code ignored;
+  std::filesystem::remove_all(directory + "/" + temporary, ignored);
+  if (mkdirat(parent, temporary.c_str(), 0700) != 0) {
+    return systemFailure("making", temporary);
+  }
+  const FileDescriptor made = openDirectory(parent, temporary.c_str());
+  if (!made) {
+    return systemFailure("opening", temporary);
+  }
+  const auto empty = propertyList::writeBinary(Value::Dictionary());
+  for (std::size_t index = 0; index < slotNames.size(); ++index) {
+    auto slot = PreferencesSlot::open(made.get(), slotNames[index], PreferencesSlot::Missing::IsMade, calls_);
+    if (!slot) {
+      return slot.failure();
+    }
+    Result<> done = index == 0 ? slot->write(encodeSlotRecord(1, std::get<Data>(empty))) : Result<>();
+    done = done ? slot->reserve(limits::preferencesRoom) : done;
+    done = done ? slot->flush() : done;
+    if (!done) {
+      return done;
+    }
+  }
+  if (calls_.flushDirectory(made.get()) != 0 || renameat(parent, temporary.c_str(), parent, name.c_str()) != 0 ||
+      calls_.flushDirectory(parent) != 0) {
+    return systemFailure("making", name);
+  }
+  return {};
 }
 
 std::size_t PreferencesStore::room() const {
   return std::min(slots_[0].room(), slots_[1].room());
 }
 
-std::optional<std::string> PreferencesStore::makeRoom(std::size_t bytes) {
+Result<> PreferencesStore::makeRoom(std::size_t bytes) {
   // In steps, so that not every little more has to be flushed.
   constexpr std::size_t step = 256 * 1024;
   const std::size_t rounded = (bytes + step - 1) / step * step;
@@ -201,27 +284,48 @@ std::optional<std::string> PreferencesStore::makeRoom(std::size_t bytes) {
     if (slot.room() >= bytes) {
       continue;
     }
-    const bool isThere = slot.reserve(rounded) || slot.room() >= bytes;
-    if (!isThere || flush_(slot.descriptor()) != 0) {
-      return std::strerror(errno);
+    auto made = slot.reserve(rounded);
+    made = made || slot.room() >= bytes ? slot.flush() : made;
+    if (!made) {
+      // A failed flush of what was handed over may have lost it, and a later one would not say so.
+      isHandedOver_ = false;
+      return made;
     }
   }
-  return std::nullopt;
+  return {};
 }
 
-std::optional<std::string> PreferencesStore::write(const Value::Dictionary& contents) {
+Result<> PreferencesStore::write(const Value& contents) {
+  auto written = handOver(contents);
+  return written ? flush() : written;
+}
+
+Result<> PreferencesStore::handOver(const Value& contents) {
   const auto encoded = propertyList::writeBinary(contents, bounds);
   if (const auto* error = std::get_if<propertyList::Error>(&encoded)) {
-    return error->text;
+    return Failure{.tried = error->text};
+  }
+  if (auto settled = settle(); !settled) {
+    return settled;
   }
   // Even a failed write uses its number up, as its record may be found later.
   ++generation_;
-  if (!slots_[next_].write(encodeSlotRecord(generation_, std::get<Data>(encoded))) ||
-      flush_(slots_[next_].descriptor()) != 0) {
-    return std::strerror(errno);
+  auto written = slots_[next_].write(encodeSlotRecord(generation_, std::get<Data>(encoded)));
+  isHandedOver_ = static_cast<bool>(written);
+  return written;
+}
+
+Result<> PreferencesStore::flush() {
+  if (!isHandedOver_) {
+    return Failure{.tried = "nothing was handed over since the last flush"};
   }
-  next_ = 1 - next_;
-  return std::nullopt;
+  // Whatever comes of it: what a failed flush has not written is no longer known to be in memory either.
+  isHandedOver_ = false;
+  auto flushed = slots_[next_].flush();
+  if (flushed) {
+    next_ = 1 - next_;
+  }
+  return flushed;
 }
 
 }  // namespace kelvane

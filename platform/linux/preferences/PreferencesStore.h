@@ -5,10 +5,11 @@
 #include <array>
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
 
+#include "platform/Result.h"
 #include "platform/Value.h"
+#include "platform/linux/preferences/DiskCalls.h"
 #include "platform/linux/preferences/PreferencesSlot.h"
 #include "platform/linux/runtime/FileDescriptor.h"
 
@@ -16,44 +17,56 @@ namespace kelvane {
 
 /// A directory with two slot files, written in turn. At every moment one of them holds, on disk, the last
 /// contents that write() reported as written, and the other is the one that may be changed. Not safe for
-/// concurrent use; locked against other processes while it is open.
+/// concurrent use; locked against other processes while it is open, with all stores of its directory.
 class PreferencesStore {
  public:
-  /// Makes a descriptor's data durable: 0, or -1 with errno set.
-  using Flush = int (*)(int descriptor);
+  /// Opens the store of this name beneath the directory, or makes both. A damaged one is renamed to NAME.damaged-N,
+  /// logged and replaced by an empty one; one that cannot be read, or that a later version has written, stays as it
+  /// is. Fails with EBUSY while another process has a store of the directory open.
+  static Result<std::unique_ptr<PreferencesStore>> open(const std::string& directory, const std::string& name,
+                                                        const DiskCalls& calls = {});
 
-  /// Opens the store of this name beneath the directory, or makes both. A damaged one is renamed to
-  /// NAME.damaged-N, logged and replaced by an empty one. Null, and logged, when that cannot be done.
-  [[nodiscard]] static std::unique_ptr<PreferencesStore> open(const std::string& directory, const std::string& name,
-                                                              Flush flush);
-
-  /// What the store held when it was opened.
+  /// What the store held when it was opened, until it is taken.
   const Value::Dictionary& contents() const { return contents_; }
+  Value::Dictionary takeContents() { return std::move(contents_); }
   /// How many bytes the binary property list of contents may take that can be written without any more space.
   std::size_t room() const;
-  /// Brings the room to at least so many bytes. Otherwise says what went wrong; the contents are as they were in
-  /// any case.
-  [[nodiscard]] std::optional<std::string> makeRoom(std::size_t bytes);
-  /// Replaces the contents, durably when it returns none. Otherwise says what went wrong, for instance that
-  /// they do not fit into limits::preferencesBytes; the old contents then are what a later opening finds,
-  /// unless the new got through all the same, and nothing of the failed write is relied on again.
-  [[nodiscard]] std::optional<std::string> write(const Value::Dictionary& contents);
+  /// Brings the room to at least so many bytes. The contents are as they were in any case.
+  Result<> makeRoom(std::size_t bytes);
+
+  /// Replaces the contents, durably when it succeeds. Otherwise, for instance when they do not fit into
+  /// limits::preferencesBytes, the old contents are what a later opening finds, unless the new got through all the
+  /// same, and nothing of the failed write is relied on again.
+  Result<> write(const Value& contents);
+  /// The two halves of it. What was handed over outlives this process, but not the system; what was handed over and
+  /// then flushed outlives both.
+  Result<> handOver(const Value& contents);
+  Result<> flush();
+  /// Whether flush() has something that it may rely on.
+  bool isHandedOver() const { return isHandedOver_; }
 
  private:
-  enum class Condition { Good, Damaged, Inaccessible };
+  /// What there is under a store's name.
+  enum class Finding { Store, Nothing, Damage };
 
-  PreferencesStore(FileDescriptor directory, Flush flush) : directory_(std::move(directory)), flush_(flush) {}
-  [[nodiscard]] static std::unique_ptr<PreferencesStore> openExisting(int parent, const std::string& name, Flush flush,
-                                                                      Condition& condition);
-  [[nodiscard]] Condition load(const std::string& name);
+  explicit PreferencesStore(const DiskCalls& calls) : calls_(calls) {}
+  Result<Finding> find(int parent, const std::string& name);
+  Result<> openSlots(int directory, PreferencesSlot::Missing missing);
+  Result<Finding> load(int directory, const std::string& name);
+  Result<> create(int parent, const std::string& directory, const std::string& name) const;
+  Result<> settle();
 
+  DiskCalls calls_;
   /// Holds the lock.
-  FileDescriptor directory_;
-  Flush flush_;
+  FileDescriptor parent_;
   std::array<PreferencesSlot, 2> slots_;
   /// The slot whose record is not needed.
   std::size_t next_ = 0;
   std::uint64_t generation_ = 0;
+  /// The record found at opening, while it is not known to be on disk.
+  Data unsettled_;
+  /// Whether the next slot holds a whole record that waits for its flush.
+  bool isHandedOver_ = false;
   Value::Dictionary contents_;
 };
 

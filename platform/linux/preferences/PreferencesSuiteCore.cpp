@@ -2,6 +2,8 @@
 // The values of one preferences suite, and who writes them.
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <utility>
 
 #include "platform/Queues.h"
@@ -10,86 +12,212 @@
 
 namespace kelvane {
 
-PreferencesSuiteCore::PreferencesSuiteCore(std::string name, std::unique_ptr<PreferencesStore> store)
-    : name_(std::move(name)), values_(store->contents()), room_(store->room()), store_(std::move(store)) {}
+using runtime::Lock;
 
-Value PreferencesSuiteCore::value(const std::string& key) const {
-  const std::lock_guard lock(mutex_);
-  const auto found = values_.find(key);
-  return found == values_.end() ? Value() : found->second;
+namespace {
+constexpr char closed[] = "the store is closed";
 }
 
-void PreferencesSuiteCore::set(const std::string& key, Value value) {
-  // The value replaced goes after the lock is released: it may be large.
-  const std::lock_guard lock(mutex_);
-  if (!value.isAbsent()) {
-    std::swap(values_[key], value);
-  } else if (auto removed = values_.extract(key)) {
-    value = std::move(removed.mapped());
-  }
+PreferencesSuiteCore::PreferencesSuiteCore(std::string name, std::unique_ptr<PreferencesStore> store)
+    : name_(std::move(name)),
+      values_(store->contents()),
+      room_(store->room()),
+      store_(std::move(store)),
+      written_(store_->takeContents()) {}
+
+Value PreferencesSuiteCore::value(const std::string& key) const {
+  const Lock lock(mutex_);
+  return values_.value(key);
+}
+
+std::optional<Value> PreferencesSuiteCore::entry(const std::string& key, const std::string& entry) const {
+  const Lock lock(mutex_);
+  return values_.entry(key, entry);
+}
+
+void PreferencesSuiteCore::set(SuiteChange change) {
+  // What was there goes after the lock is released.
+  Value before;
+  const Lock lock(mutex_);
+  before = values_.apply(change);
+  changed_.emplace(std::move(change.key), std::move(change.entry));
   ++changes_;
 }
 
 void PreferencesSuiteCore::whenDurable(PreferencesSuite::OutcomeHandler handler) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   waiting_.push_back(std::move(handler));
+  startFlusher();
+}
+
+bool PreferencesSuiteCore::handOver(std::chrono::milliseconds patience) {
+  {
+    const Lock lock(mutex_);
+    if (handedOver_ == changes_) {
+      return true;
+    }
+  }
+  const runtime::BlockedScope blocked;
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  Lock lock(mutex_);
+  const std::uint64_t wanted = changes_;
+  const std::uint64_t request = ++handOverRequests_;
+  startFlusher();
+  while (handedOver_ < wanted && handOversTried_ < request && !isStuck_) {
+    waitForFlusher(lock, deadline);
+  }
+  return handedOver_ >= wanted;
+}
+
+PreferencesSuite::Outcome PreferencesSuiteCore::makeRoom(std::size_t bytes, std::chrono::milliseconds patience) {
+  if (room_ >= bytes) {
+    return {};
+  }
+  const runtime::BlockedScope blocked;
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  Lock lock(mutex_);
+  roomWanted_ = std::max(roomWanted_, bytes);
+  const std::uint64_t request = ++roomRequests_;
+  startFlusher();
+  while (roomTried_ < request && !isStuck_) {
+    waitForFlusher(lock, deadline);
+  }
+  if (roomTried_ < request) {
+    return Failure{.number = ETIMEDOUT, .tried = "making room"};
+  }
+  return room_ >= bytes ? PreferencesSuite::Outcome() : roomOutcome_;
+}
+
+/// Waits for news of it. Without any until then it is stuck.
+void PreferencesSuiteCore::waitForFlusher(Lock& lock, std::chrono::steady_clock::time_point deadline) {
+  if (!changedState_.waitUntil(lock, deadline) && isFlushing_ && !std::exchange(isStuck_, true)) {
+    reporting::reportFailure("PreferencesSuite::waitForFlusher", "The disk of the preferences " + name_ +
+                                                                     " keeps everybody waiting; nobody waits any more");
+  }
+}
+
+void PreferencesSuiteCore::close() {
+  const runtime::BlockedScope blocked;
+  Lock lock(mutex_);
+  while (isFlushing_) {
+    changedState_.wait(lock);
+  }
+  const Lock storeLock(storeMutex_);
+  store_.reset();
+}
+
+void PreferencesSuiteCore::startFlusher() {
   if (!std::exchange(isFlushing_, true)) {
     globalQueue::async([self = shared_from_this()] { self->flush(); });
   }
 }
 
-PreferencesSuite::Outcome PreferencesSuiteCore::makeRoom(std::size_t bytes) {
-  // Without the lock, which is held as long as a write takes.
-  if (room_ >= bytes) {
-    return std::nullopt;
-  }
-  const runtime::BlockedScope blocked;
-  const std::lock_guard lock(storeMutex_);
-  const PreferencesSuite::Outcome outcome = store_->makeRoom(bytes);
-  room_ = store_->room();
-  return outcome;
-}
-
-void PreferencesSuiteCore::close() {
-  const runtime::BlockedScope blocked;
-  std::unique_lock lock(mutex_);
-  flushed_.wait(lock, [this] { return !isFlushing_; });
-  const std::lock_guard storeLock(storeMutex_);
-  store_.reset();
-}
-
 void PreferencesSuiteCore::flush() {
-  std::unique_lock lock(mutex_);
-  while (!waiting_.empty()) {
-    const auto handlers = std::exchange(waiting_, {});
-    const std::uint64_t covered = changes_;
-    const bool isDurable = durable_ == covered;
-    const Value::Dictionary values = isDurable ? Value::Dictionary() : values_;
+  Lock lock(mutex_);
+  while (!waiting_.empty() || handOversTried_ < handOverRequests_ || roomWanted_ > 0) {
+    const Round round = nextRound();
     lock.unlock();
-    const PreferencesSuite::Outcome outcome = isDurable ? std::nullopt : write(values);
-    for (const auto& handler : handlers) {
+    PreferencesSuite::Outcome outcome;
+    makeRoomFor(round);
+    handOverRound(round, outcome);
+    flushRound(round, outcome);
+    for (const auto& handler : round.handlers) {
       handler(outcome);
     }
     lock.lock();
-    durable_ = outcome ? durable_ : covered;
   }
   isFlushing_ = false;
-  flushed_.notify_all();
+  changedState_.notifyAll();
 }
 
-PreferencesSuite::Outcome PreferencesSuiteCore::write(const Value::Dictionary& values) {
-  const runtime::BlockedScope blocked;
-  const std::lock_guard lock(storeMutex_);
-  const PreferencesSuite::Outcome outcome = store_ ? store_->write(values) : "the store is closed";
-  report(outcome);
-  return outcome;
+PreferencesSuiteCore::Round PreferencesSuiteCore::nextRound() {
+  Round round;
+  round.room = std::exchange(roomWanted_, 0);
+  round.roomRequests = roomRequests_;
+  for (const auto& [key, entry] : changed_) {
+    // Where there is no dictionary any more the key itself has changed, which comes before its entries.
+    if (const auto value = entry ? values_.entry(key, *entry) : values_.value(key)) {
+      round.changes.push_back({.key = key, .entry = entry, .value = *value});
+    }
+  }
+  changed_.clear();
+  round.handlers = std::exchange(waiting_, {});
+  round.covered = changes_;
+  round.isToFlush = !round.handlers.empty() && durable_ != changes_;
+  round.isToWrite = handedOver_ != changes_;
+  round.handOverRequests = handOverRequests_;
+  return round;
+}
+
+void PreferencesSuiteCore::makeRoomFor(const Round& round) {
+  if (round.room == 0) {
+    return;
+  }
+  PreferencesSuite::Outcome outcome = Failure{.tried = closed};
+  {
+    const runtime::BlockedScope blocked;
+    const Lock lock(storeMutex_);
+    if (store_) {
+      outcome = store_->makeRoom(round.room);
+      room_ = store_->room();
+    }
+  }
+  const Lock lock(mutex_);
+  roomTried_ = round.roomRequests;
+  roomOutcome_ = std::move(outcome);
+  isStuck_ = false;
+  changedState_.notifyAll();
+}
+
+/// The first half: from here on it outlives the process.
+void PreferencesSuiteCore::handOverRound(const Round& round, PreferencesSuite::Outcome& outcome) {
+  {
+    const runtime::BlockedScope blocked;
+    const Lock lock(storeMutex_);
+    for (const SuiteChange& change : round.changes) {
+      written_.apply(change);
+    }
+    if (!store_) {
+      outcome = Failure{.tried = closed};
+    } else if (round.isToWrite || (round.isToFlush && !store_->isHandedOver())) {
+      outcome = store_->handOver(written_.shared());
+    }
+    report(outcome);
+  }
+  const Lock lock(mutex_);
+  handOversTried_ = round.handOverRequests;
+  handedOver_ = outcome ? round.covered : handedOver_;
+  isStuck_ = false;
+  changedState_.notifyAll();
+}
+
+/// The second half: from here on it outlives the system.
+void PreferencesSuiteCore::flushRound(const Round& round, PreferencesSuite::Outcome& outcome) {
+  if (!round.isToFlush || !outcome) {
+    return;
+  }
+  {
+    const runtime::BlockedScope blocked;
+    const Lock lock(storeMutex_);
+    outcome = store_->flush();
+    report(outcome);
+    hasFailed_ = !outcome;
+  }
+  const Lock lock(mutex_);
+  isStuck_ = false;
+  if (outcome) {
+    durable_ = round.covered;
+  } else {
+    // What was not flushed need not be in memory any more.
+    handedOver_ = durable_;
+  }
 }
 
 /// A disk that keeps failing is worth one line, not one for every attempt.
 void PreferencesSuiteCore::report(const PreferencesSuite::Outcome& outcome) {
-  if (!std::exchange(hasFailed_, outcome.has_value()) && outcome) {
+  if (!outcome && !std::exchange(hasFailed_, true)) {
     reporting::reportFailure("PreferencesSuite::whenDurable",
-                             "Unable to write the preferences " + name_ + ": " + *outcome);
+                             "Unable to write the preferences " + name_ + ": " + outcome.failure().text());
   }
 }
 

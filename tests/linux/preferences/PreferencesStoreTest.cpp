@@ -12,14 +12,18 @@
 #include <initializer_list>
 #include <memory>
 #include <optional>
+#include <set>
+#include <variant>
 
 #include "platform/Limits.h"
+#include "tests/harness/ResultText.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {
 
 using test::readFile;
+using test::textOf;
 using test::writeFile;
 
 const std::string directory = "/mnt/preferences";
@@ -36,6 +40,7 @@ int flush(int descriptor) {
   }
   return fdatasync(descriptor);
 }
+constexpr DiskCalls calls = {.flush = flush};
 
 Value::Dictionary dictionary(const std::string& text) {
   return {{"key", text}};
@@ -48,7 +53,10 @@ class AStore : public testing::Test {
     failingFlushes = 0;
   }
 
-  std::unique_ptr<PreferencesStore> open() { return PreferencesStore::open(directory, "suite", flush); }
+  std::unique_ptr<PreferencesStore> open() {
+    auto store = PreferencesStore::open(directory, "suite", calls);
+    return store ? *std::move(store) : nullptr;
+  }
   /// The text of the one entry that these tests store; "(empty)" without.
   std::string storedText() {
     const auto store = open();
@@ -63,7 +71,7 @@ class AStore : public testing::Test {
     const auto store = open();
     ASSERT_TRUE(store);
     for (const std::string& text : texts) {
-      ASSERT_EQ(store->write(dictionary(text)), std::nullopt);
+      ASSERT_EQ(textOf(store->write(dictionary(text))), "");
     }
   }
   static bool isAside(int number) {
@@ -71,8 +79,9 @@ class AStore : public testing::Test {
   }
   static std::size_t recordLength(const std::string& slot) {
     const std::string bytes = readFile(slot);
-    const auto record = decodeSlotRecord({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
-    return record ? encodeSlotRecord(record->generation, record->contents).size() : 0;
+    const auto contents = decodeSlot({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+    const auto* record = std::get_if<SlotRecord>(&contents);
+    return record != nullptr ? encodeSlotRecord(record->generation, record->contents).size() : 0;
   }
   static off_t firstHole(const std::string& path) {
     const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
@@ -109,7 +118,7 @@ TEST_F(AStore, HasTheRoomItIsAskedForInBothSlots) {
   EXPECT_GE(store->room(), limits::preferencesRoom);
   constexpr std::size_t more = limits::preferencesRoom + 500'000;
   EXPECT_LT(store->room(), more);
-  EXPECT_EQ(store->makeRoom(more), std::nullopt);
+  EXPECT_EQ(textOf(store->makeRoom(more)), "");
   EXPECT_GE(store->room(), more);
   EXPECT_GE(firstHole(slotA), static_cast<off_t>(more));
   EXPECT_GE(firstHole(slotB), static_cast<off_t>(more));
@@ -120,7 +129,7 @@ TEST_F(AStore, KeepsWhatItHoldsWhenItGetsMoreRoom) {
   write({"older", "newer"});
   {
     const auto store = open();
-    ASSERT_EQ(store->makeRoom(2 * limits::preferencesRoom), std::nullopt);
+    ASSERT_EQ(textOf(store->makeRoom(2 * limits::preferencesRoom)), "");
   }
   EXPECT_EQ(storedText(), "newer");
   writeFile(slotA, "damage");
@@ -130,15 +139,15 @@ TEST_F(AStore, KeepsWhatItHoldsWhenItGetsMoreRoom) {
 TEST_F(AStore, SaysWhenTheRoomCannotBeFlushed) {
   const auto store = open();
   failingFlushes = 1;
-  EXPECT_EQ(store->makeRoom(2 * limits::preferencesRoom), "Input/output error");
+  EXPECT_EQ(textOf(store->makeRoom(2 * limits::preferencesRoom)), "flushing slot-a: Input/output error");
 }
 
 TEST_F(AStore, RefusesMoreThanTheLimit) {
   write({"kept"});
   const auto store = open();
   const std::string most(limits::preferencesBytes - 100, 'x');
-  EXPECT_NE(store->write(dictionary(std::string(limits::preferencesBytes, 'x'))), std::nullopt);
-  EXPECT_EQ(store->write(dictionary(most)), std::nullopt);
+  EXPECT_NE(textOf(store->write(dictionary(std::string(limits::preferencesBytes, 'x')))), "");
+  EXPECT_EQ(textOf(store->write(dictionary(most))), "");
 }
 
 TEST_F(AStore, ReadsTheLargestContentsBack) {
@@ -149,15 +158,22 @@ TEST_F(AStore, ReadsTheLargestContentsBack) {
 
 TEST_F(AStore, RefusesWhatIsNoPropertyList) {
   const auto store = open();
-  EXPECT_NE(store->write({{"key", Value::Array{Value()}}}), std::nullopt);
+  EXPECT_NE(textOf(store->write({{"key", Value::Array{Value()}}})), "");
 }
 
 TEST_F(AStore, IsOpenOnceAtATime) {
   const auto store = open();
   ASSERT_TRUE(store);
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(storedText(), "(none)");
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("Unable to open the preferences"), std::string::npos);
+  EXPECT_EQ(PreferencesStore::open(directory, "suite", calls).failure().number, EBUSY);
+}
+
+TEST_F(AStore, LocksItsDirectoryBeforeThereIsAnythingInIt) {
+  const auto store = open();
+  std::filesystem::remove_all(directory + "/suite");
+  const auto second = PreferencesStore::open(directory, "suite", calls);
+  ASSERT_FALSE(second);
+  EXPECT_EQ(second.failure().number, EBUSY);
+  EXPECT_FALSE(std::filesystem::exists(directory + "/suite"));
 }
 
 TEST_F(AStore, GoesBackOneWriteWhenTheLastIsTruncatedAnywhere) {
@@ -294,33 +310,202 @@ TEST_F(AStore, FillsHolesBeforeItReliesOnThem) {
 
 TEST_F(AStore, WritesAgainToTheSameSlotAfterAFailedFlush) {
   auto store = open();
-  ASSERT_EQ(store->write(dictionary("acknowledged")), std::nullopt);
+  ASSERT_EQ(textOf(store->write(dictionary("acknowledged"))), "");
   const std::string good = readFile(slotB);
   failingFlushes = 1;
-  EXPECT_EQ(store->write(dictionary("lost")), "Input/output error");
+  EXPECT_EQ(textOf(store->write(dictionary("lost"))), "flushing slot-a: Input/output error");
   // What the flush did not write may be gone from memory too, although the next flush succeeds.
   writeFile(slotA, std::string(limits::preferencesRoom, '\0'));
   EXPECT_EQ(readFile(slotB), good) << "the good record is left alone";
-  EXPECT_EQ(store->write(dictionary("written again")), std::nullopt);
+  EXPECT_EQ(textOf(store->write(dictionary("written again"))), "");
   EXPECT_EQ(readFile(slotB), good);
   store.reset();
   EXPECT_EQ(storedText(), "written again");
 }
 
-TEST_F(AStore, DoesNotRelyOnARecordThatCannotBeFlushedAtOpening) {
+TEST_F(AStore, ChangesNeitherSlotWhileTheNewestCannotBeFlushed) {
   write({"older", "newer"});
+  const std::string newer = readFile(slotA);
   const std::string older = readFile(slotB);
+  failingFlushes = 2;
+  const auto store = open();
+  ASSERT_TRUE(store);
+  EXPECT_EQ(textOf(store->write(dictionary("refused"))), "flushing slot-a: Input/output error");
+  EXPECT_EQ(readFile(slotA), newer) << "it may be the newest on disk";
+  EXPECT_EQ(readFile(slotB), older) << "it may be the only one on disk";
+  EXPECT_EQ(textOf(store->write(dictionary("newest"))), "");
+  EXPECT_EQ(readFile(slotA), newer);
+}
+
+/// The bytes written to each file, and the order of writes and flushes.
+std::string writesAndFlushes;
+ssize_t notedWrite(int file, const void* bytes, std::size_t count, off_t offset) {
+  writesAndFlushes += 'w';
+  return pwrite(file, bytes, count, offset);
+}
+int notedFlush(int file) {
+  writesAndFlushes += 'f';
+  return fdatasync(file);
+}
+
+TEST_F(AStore, WritesWhatItFindsAgainBeforeItReliesOnIt) {
+  write({"older", "newer"});
+  const std::string newer = readFile(slotA);
+  writesAndFlushes.clear();
+  // An earlier flush of it may have failed, after which the kernel takes it for written.
+  ASSERT_TRUE(PreferencesStore::open(directory, "suite", {.write = notedWrite, .flush = notedFlush}));
+  EXPECT_EQ(writesAndFlushes, "wf");
+  EXPECT_EQ(readFile(slotA), newer);
+}
+
+TEST_F(AStore, HandsOverIntoTheSlotWithoutTheNewestFlushedWriteHoweverOften) {
+  write({"older", "newer"});
+  const std::string newer = readFile(slotA);
+  auto store = open();
+  for (const char* text : {"one", "two", "three"}) {
+    ASSERT_EQ(textOf(store->handOver(dictionary(text))), "");
+    EXPECT_EQ(readFile(slotA), newer);
+    EXPECT_TRUE(store->isHandedOver());
+  }
+  store.reset();
+  EXPECT_EQ(storedText(), "three") << "it outlives its process";
+}
+
+TEST_F(AStore, FlushesWhatItHandedOver) {
+  auto store = open();
+  ASSERT_EQ(textOf(store->handOver(dictionary("handed over"))), "");
+  const std::string handedOver = readFile(slotB);
+  ASSERT_EQ(textOf(store->flush()), "");
+  EXPECT_FALSE(store->isHandedOver());
+  ASSERT_EQ(textOf(store->handOver(dictionary("later"))), "");
+  EXPECT_EQ(readFile(slotB), handedOver);
+}
+
+TEST_F(AStore, DoesNotFlushTwiceWhatAFlushHasFailedFor) {
+  const auto store = open();
+  ASSERT_EQ(textOf(store->handOver(dictionary("lost"))), "");
   failingFlushes = 1;
-  write({"newest"});
-  EXPECT_EQ(readFile(slotB), older) << "the one record that is on disk is left alone";
-  EXPECT_EQ(storedText(), "newest");
+  EXPECT_NE(textOf(store->flush()), "");
+  EXPECT_NE(textOf(store->flush()), "") << "it would succeed without having written anything";
+  ASSERT_EQ(textOf(store->handOver(dictionary("again"))), "");
+  failingFlushes = 1;
+  EXPECT_NE(textOf(store->makeRoom(2 * limits::preferencesRoom)), "");
+  EXPECT_FALSE(store->isHandedOver()) << "that flush may have been the one that failed for it";
+}
+
+/// Fails for the slot of this name.
+std::string unreadableSlot;
+ssize_t failingRead(int file, void* bytes, std::size_t count, off_t offset) {
+  const std::string path = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file));
+  if (path.ends_with(unreadableSlot)) {
+    errno = EIO;
+    return -1;
+  }
+  return pread(file, bytes, count, offset);
+}
+
+TEST_F(AStore, ThatCannotBeReadIsLeftAloneToTheLastByte) {
+  write({"older", "newer"});
+  const std::string newer = readFile(slotA);
+  const std::string older = readFile(slotB);
+  for (const char* slot : {"slot-a", "slot-b"}) {
+    for (const bool isOtherMissing : {false, true}) {
+      unreadableSlot = slot;
+      const std::string other = unreadableSlot == "slot-a" ? slotB : slotA;
+      if (isOtherMissing) {
+        std::filesystem::remove(other);
+      }
+      const auto store = PreferencesStore::open(directory, "suite", {.read = failingRead});
+      EXPECT_EQ(textOf(store), std::string("reading ") + slot + ": Input/output error");
+      EXPECT_EQ(std::filesystem::exists(other), !isOtherMissing);
+      EXPECT_FALSE(isAside(1));
+      writeFile(other, other == slotA ? newer : older);
+      EXPECT_EQ(readFile(slotA), newer);
+      EXPECT_EQ(readFile(slotB), older);
+    }
+  }
+  EXPECT_EQ(storedText(), "newer") << "when the disk is well again it is there";
+}
+
+TEST_F(AStore, ThatIsHalfUnreadableAndHalfNoFileIsNotTakenForDamaged) {
+  write({"older", "newer"});
+  std::filesystem::remove(slotB);
+  std::filesystem::create_directory(slotB);
+  unreadableSlot = "slot-a";
+  EXPECT_FALSE(PreferencesStore::open(directory, "suite", {.read = failingRead}));
+  EXPECT_FALSE(isAside(1)) << "of the two, that the disk does not answer says more";
+  EXPECT_EQ(storedText(), "(empty)");
+  EXPECT_TRUE(isAside(1));
+}
+
+/// A record in the format of a later version.
+std::string ofALaterFormat(const std::string& slot) {
+  const std::string bytes = readFile(slot);
+  const auto contents = decodeSlot({reinterpret_cast<const std::uint8_t*>(bytes.data()), bytes.size()});
+  Data record = encodeSlotRecord(std::get<SlotRecord>(contents).generation, std::get<SlotRecord>(contents).contents, 2);
+  return std::string(record.begin(), record.end()) + bytes.substr(record.size());
+}
+
+TEST_F(AStore, OfALaterVersionIsLeftAlone) {
+  write({"older", "newer"});
+  const std::string newer = readFile(slotA);
+  const std::string older = readFile(slotB);
+  for (const std::string& slot : {slotA, slotB}) {
+    writeFile(slotA, newer);
+    writeFile(slotB, older);
+    const std::string later = ofALaterFormat(slot);
+    writeFile(slot, later);
+    const auto store = PreferencesStore::open(directory, "suite", calls);
+    EXPECT_NE(textOf(store).find("has format 2, and this version knows 1"), std::string::npos) << textOf(store);
+    EXPECT_EQ(readFile(slot), later);
+    EXPECT_EQ(readFile(slot == slotA ? slotB : slotA), slot == slotA ? older : newer);
+    EXPECT_FALSE(isAside(1));
+  }
+}
+
+TEST_F(AStore, OfALaterVersionIsLeftAloneHoweverLongItsRecordsAre) {
+  write({"older", "newer"});
+  std::string later = readFile(slotA);
+  later[7] = '2';
+  for (std::size_t place = 16; place < 24; ++place) {
+    later[place] = place == 20 ? '\1' : '\0';  // 4 GiB
+  }
+  writeFile(slotA, later);
+  EXPECT_FALSE(PreferencesStore::open(directory, "suite", calls));
+  EXPECT_EQ(readFile(slotA), later);
+}
+
+TEST_F(AStore, IsTornWhereOnlyTheFormatsDigitIsAnother) {
+  write({"older", "newer"});
+  std::string changed = readFile(slotA);
+  changed[7] = '2';
+  writeFile(slotA, changed);
+  EXPECT_EQ(storedText(), "older") << "its checksum tells that no version has written it";
+}
+
+/// The directories that were flushed.
+std::set<std::string> flushedDirectories;
+int notedDirectoryFlush(int file) {
+  flushedDirectories.insert(std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(file)));
+  return fsync(file);
+}
+
+TEST_F(AStore, FlushesEveryDirectoryThatItMakesAnEntryIn) {
+  std::filesystem::remove_all("/mnt/deep");
+  flushedDirectories.clear();
+  ASSERT_TRUE(PreferencesStore::open("/mnt/deep/er/preferences", "suite", {.flushDirectory = notedDirectoryFlush}));
+  EXPECT_EQ(flushedDirectories, (std::set<std::string>{"/mnt", "/mnt/deep", "/mnt/deep/er", "/mnt/deep/er/preferences",
+                                                       "/mnt/deep/er/preferences/.suite.new"}));
+  flushedDirectories.clear();
+  std::filesystem::remove("/mnt/deep/er/preferences/suite/slot-b");
+  ASSERT_TRUE(PreferencesStore::open("/mnt/deep/er/preferences", "suite", {.flushDirectory = notedDirectoryFlush}));
+  EXPECT_EQ(flushedDirectories, std::set<std::string>{"/mnt/deep/er/preferences/suite"});
 }
 
 TEST_F(AStore, CannotBeMadeWhereItsDirectoryCannot) {
   writeFile("/mnt/file", "");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(PreferencesStore::open("/mnt/file/preferences", "suite", flush), nullptr);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("Not a directory"), std::string::npos);
+  EXPECT_EQ(textOf(PreferencesStore::open("/mnt/file/preferences", "suite", calls)),
+            "making /mnt/file/preferences: Not a directory");
 }
 
 }  // namespace

@@ -18,20 +18,27 @@
 #include "platform/Limits.h"
 #include "platform/linux/preferences/Paths.h"
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
+#include "tests/harness/ResultText.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {
 
-/// Has a suite, or its core, written, and waits for it.
-PreferencesSuite::Outcome written(auto& suite) {
-  std::promise<PreferencesSuite::Outcome> promise;
-  suite.whenDurable([&](const PreferencesSuite::Outcome& outcome) { promise.set_value(outcome); });
+/// A suite of this name; null when it cannot be opened.
+std::unique_ptr<PreferencesSuite> opened(const std::string& name) {
+  auto suite = PreferencesSuite::open(name);
+  return suite ? *std::move(suite) : nullptr;
+}
+
+/// Has a suite, or its core, written, and waits for it: empty when it went well.
+std::string written(auto& suite) {
+  std::promise<std::string> promise;
+  suite.whenDurable([&](const PreferencesSuite::Outcome& outcome) { promise.set_value(test::textOf(outcome)); });
   return promise.get_future().get();
 }
 
 TEST(ASuite, ShowsAtOnceWhatIsSet) {
-  const auto suite = PreferencesSuite::open("shows");
+  const auto suite = opened("shows");
   ASSERT_TRUE(suite);
   EXPECT_TRUE((*suite)["key"].isAbsent());
   suite->set("key", 5);
@@ -40,16 +47,68 @@ TEST(ASuite, ShowsAtOnceWhatIsSet) {
   EXPECT_TRUE((*suite)["key"].isAbsent());
 }
 
+TEST(ASuite, ChangesSingleEntriesOfItsDictionaries) {
+  const auto suite = opened("entries");
+  ASSERT_TRUE(suite);
+  EXPECT_EQ(suite->entry("state", "a"), std::nullopt) << "there is no dictionary";
+  suite->setEntry("state", "a", 1);
+  suite->setEntry("state", "b", 2);
+  EXPECT_EQ(suite->entry("state", "a"), Value(1));
+  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"a", 1}, {"b", 2}}));
+  suite->setEntry("state", "a", Value());
+  suite->setEntry("state", "c", Value());
+  EXPECT_EQ(suite->entry("state", "a"), Value());
+  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"b", 2}}));
+  suite->set("state", "text");
+  EXPECT_EQ(suite->entry("state", "b"), std::nullopt);
+  suite->setEntry("state", "gone", Value());
+  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{})) << "an empty one takes the place of the text";
+  suite->set("state", Value::Dictionary{{"d", 4}});
+  suite->setEntry("state", "e", 5);
+  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"d", 4}, {"e", 5}}));
+  suite->set("state", Value());
+  EXPECT_EQ(suite->entry("state", "d"), std::nullopt);
+}
+
+TEST(ASuite, WritesEveryChangeHoweverEntriesAndWholeValuesAlternate) {
+  auto suite = opened("alternating");
+  ASSERT_TRUE(suite);
+  const Value::Dictionary last = {{"a", 3}, {"c", 5}};
+  suite->setEntry("state", "a", 1);
+  suite->set("other", Value::Dictionary{{"x", 1}});
+  EXPECT_EQ(written(*suite), "");
+  suite->set("state", "text");
+  EXPECT_EQ(written(*suite), "");
+  suite->setEntry("state", "b", 2);
+  suite->set("state", Value::Dictionary{{"a", 3}, {"b", 4}});
+  suite->setEntry("state", "c", 5);
+  suite->setEntry("state", "b", Value());
+  suite->setEntry("other", "x", Value());
+  suite->set("other", Value());
+  EXPECT_EQ((*suite)["state"], Value(last));
+  EXPECT_EQ(written(*suite), "");
+  suite.reset();
+  suite = opened("alternating");
+  ASSERT_TRUE(suite);
+  EXPECT_EQ((*suite)["state"], Value(last));
+  EXPECT_TRUE((*suite)["other"].isAbsent());
+}
+
+TEST(ASuite, ThatAnotherProcessHasOpenSaysSo) {
+  const auto suite = opened("first");
+  EXPECT_EQ(PreferencesSuite::open("second").failure().number, EBUSY);
+}
+
 TEST(ASuite, FindsWhatWasWrittenWhenItIsOpenedAgain) {
-  auto suite = PreferencesSuite::open("com.tessaly.kelvane");
+  auto suite = opened("com.tessaly.kelvane");
   ASSERT_TRUE(suite);
   suite->set("kept", Value::Dictionary{{"a", "b"}});
   suite->set("removed", true);
-  EXPECT_EQ(written(*suite), std::nullopt);
+  EXPECT_EQ(written(*suite), "");
   suite->set("removed", Value());
-  EXPECT_EQ(written(*suite), std::nullopt);
+  EXPECT_EQ(written(*suite), "");
   suite.reset();
-  suite = PreferencesSuite::open("com.tessaly.kelvane");
+  suite = opened("com.tessaly.kelvane");
   ASSERT_TRUE(suite);
   EXPECT_EQ((*suite)["kept"]["a"], Value("b"));
   EXPECT_TRUE((*suite)["removed"].isAbsent());
@@ -59,13 +118,13 @@ TEST(ASuite, FindsWhatWasWrittenWhenItIsOpenedAgain) {
 TEST(ASuite, NeedsANameThatAFileCanHave) {
   for (const std::string& name : {std::string(), std::string("a/b"), std::string(".."), std::string(".hidden"),
                                   std::string("a\0b", 3), std::string(201, 'x')}) {
-    EXPECT_EQ(PreferencesSuite::open(name), nullptr) << name;
+    EXPECT_EQ(opened(name), nullptr) << name;
   }
-  EXPECT_NE(PreferencesSuite::open(std::string(200, 'x')), nullptr);
+  EXPECT_NE(opened(std::string(200, 'x')), nullptr);
 }
 
 TEST(ASuite, IsWrittenBehindWhenNobodyWaitsForIt) {
-  auto suite = PreferencesSuite::open("behind");
+  auto suite = opened("behind");
   ASSERT_TRUE(suite);
   const int watch = inotify_init1(IN_CLOEXEC);
   ASSERT_GE(inotify_add_watch(watch, "/var/lib/kelvane/preferences/behind/slot-b", IN_MODIFY), 0);
@@ -74,14 +133,17 @@ TEST(ASuite, IsWrittenBehindWhenNobodyWaitsForIt) {
   ASSERT_EQ(poll(&written, 1, 30'000), 1);
   close(watch);
   suite.reset();  // Waits for the write to end.
-  suite = PreferencesSuite::open("behind");
+  suite = opened("behind");
   ASSERT_TRUE(suite);
   EXPECT_EQ((*suite)["key"], Value("value"));
 }
 
+constexpr std::chrono::seconds patience{30};
+
 /// A flush that counts, and can be held up or made to fail.
 struct Disk {
   std::atomic<int> flushes = 0;
+  std::atomic<int> writes = 0;
   std::atomic<bool> fails = false;
   std::atomic<std::latch*> entered = nullptr;
   std::atomic<std::latch*> released = nullptr;
@@ -101,6 +163,11 @@ int countedFlush(int descriptor) {
   return fdatasync(descriptor);
 }
 
+ssize_t countedWrite(int file, const void* bytes, std::size_t count, off_t offset) {
+  ++disk.writes;
+  return pwrite(file, bytes, count, offset);
+}
+
 class WaitingCallers : public testing::Test {
  protected:
   WaitingCallers() {
@@ -110,7 +177,8 @@ class WaitingCallers : public testing::Test {
     disk.flushes = 0;
   }
   static std::unique_ptr<PreferencesStore> openStore() {
-    return PreferencesStore::open("/mnt/shared", "suite", countedFlush);
+    auto store = PreferencesStore::open("/mnt/shared", "suite", {.write = countedWrite, .flush = countedFlush});
+    return store ? *std::move(store) : nullptr;
   }
 
   /// Lets the store be opened again.
@@ -130,14 +198,14 @@ TEST_F(WaitingCallers, ShareOneFlush) {
   disk.entered = &entered;
   std::latch answered(1 + count);
   const auto answer = [&](const PreferencesSuite::Outcome& outcome) {
-    EXPECT_EQ(outcome, std::nullopt);
+    EXPECT_EQ(test::textOf(outcome), "");
     answered.count_down();
   };
-  core_->set("first", true);
+  core_->set({.key = "first", .entry = {}, .value = true});
   core_->whenDurable(answer);
   entered.wait();
   for (int index = 0; index < count; ++index) {
-    core_->set(std::to_string(index), index);
+    core_->set({.key = std::to_string(index), .entry = {}, .value = index});
     core_->whenDurable(answer);
   }
   released.count_down();
@@ -153,38 +221,38 @@ TEST_F(WaitingCallers, AreNotAnsweredBeforeTheDiskHasTheirChange) {
   std::latch released(1);
   disk.released = &released;
   disk.entered = &entered;
-  core_->set("key", 1);
+  core_->set({.key = "key", .entry = {}, .value = 1});
   std::atomic<bool> isAnswered = false;
   core_->whenDurable([&](const PreferencesSuite::Outcome&) { isAnswered = true; });
   entered.wait();
   EXPECT_FALSE(isAnswered);
   EXPECT_EQ(core_->value("key"), Value(1)) << "readers have it at once";
   released.count_down();
-  EXPECT_EQ(written(*core_), std::nullopt);
+  EXPECT_EQ(written(*core_), "");
   EXPECT_TRUE(isAnswered);
 }
 
 TEST_F(WaitingCallers, PayNothingWhenNothingHasChanged) {
-  EXPECT_EQ(written(*core_), std::nullopt);
-  core_->set("key", 1);
-  EXPECT_EQ(written(*core_), std::nullopt);
-  EXPECT_EQ(written(*core_), std::nullopt);
+  EXPECT_EQ(written(*core_), "");
+  core_->set({.key = "key", .entry = {}, .value = 1});
+  EXPECT_EQ(written(*core_), "");
+  EXPECT_EQ(written(*core_), "");
   EXPECT_EQ(disk.flushes, 1);
 }
 
 TEST_F(WaitingCallers, LearnOfAFailureAndTheNextAttemptWritesAgain) {
   disk.fails = true;
-  core_->set("key", "value");
+  core_->set({.key = "key", .entry = {}, .value = "value"});
   testing::internal::CaptureStderr();
-  EXPECT_EQ(written(*core_), "Input/output error");
-  EXPECT_EQ(written(*core_), "Input/output error");
+  EXPECT_EQ(written(*core_), "flushing slot-b: Input/output error");
+  EXPECT_EQ(written(*core_), "flushing slot-b: Input/output error");
   const std::string log = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(log.find("Unable to write the preferences suite: Input/output error"),
-            log.rfind("Unable to write the preferences suite: Input/output error"));
+  EXPECT_EQ(log.find("Unable to write the preferences suite: flushing slot-b: Input/output error"),
+            log.rfind("Unable to write the preferences suite: flushing slot-b: Input/output error"));
   EXPECT_NE(log.find("Unable to write"), std::string::npos);
   EXPECT_EQ(core_->value("key"), Value("value")) << "what was set stays in memory";
   disk.fails = false;
-  EXPECT_EQ(written(*core_), std::nullopt);
+  EXPECT_EQ(written(*core_), "");
   close();
   EXPECT_EQ(openStore()->contents().at("key"), Value("value"));
 }
@@ -196,8 +264,8 @@ TEST_F(WaitingCallers, AndSettersMayComeFromAnyThread) {
   for (int index = 0; index < threads; ++index) {
     callers.emplace_back([this, index] {
       for (int round = 1; round <= rounds; ++round) {
-        core_->set(std::to_string(index), round);
-        EXPECT_EQ(written(*core_), std::nullopt);
+        core_->set({.key = std::to_string(index), .entry = {}, .value = round});
+        EXPECT_EQ(written(*core_), "");
         EXPECT_EQ(core_->value(std::to_string(index)), Value(round));
       }
     });
@@ -216,20 +284,126 @@ TEST_F(WaitingCallers, GetTheRoomTheyAskForWhileOthersWrite) {
   constexpr int rounds = 20;
   std::thread writer([this] {
     for (int round = 0; round < rounds; ++round) {
-      core_->set("key", round);
-      EXPECT_EQ(written(*core_), std::nullopt);
+      core_->set({.key = "key", .entry = {}, .value = round});
+      EXPECT_EQ(written(*core_), "");
     }
   });
   for (std::size_t round = 0; round < rounds; ++round) {
-    EXPECT_EQ(core_->makeRoom(limits::preferencesRoom + round * 100'000), std::nullopt);
+    EXPECT_EQ(test::textOf(core_->makeRoom(limits::preferencesRoom + round * 100'000, patience)), "");
   }
   writer.join();
   close();
   EXPECT_GE(openStore()->room(), limits::preferencesRoom + (rounds - 1) * 100'000);
 }
 
+/// What the slots of the store hold at this moment, as the process's death would leave them.
+Value::Dictionary leftBehind() {
+  std::filesystem::remove_all("/mnt/copy");
+  std::filesystem::copy("/mnt/shared", "/mnt/copy", std::filesystem::copy_options::recursive);
+  const auto store = PreferencesStore::open("/mnt/copy", "suite");
+  EXPECT_TRUE(store) << test::textOf(store);
+  return store ? (*store)->contents() : Value::Dictionary();
+}
+
+TEST_F(WaitingCallers, HaveItHandedOverWithoutAFlush) {
+  core_->set({.key = "key", .entry = {}, .value = 1});
+  EXPECT_TRUE(core_->handOver(patience));
+  EXPECT_EQ(disk.flushes, 0);
+  EXPECT_EQ(leftBehind(), (Value::Dictionary{{"key", 1}}));
+  EXPECT_EQ(disk.flushes, 0);
+}
+
+TEST_F(WaitingCallers, PayOnlyForTheFlushOfWhatWasHandedOver) {
+  core_->set({.key = "key", .entry = {}, .value = 1});
+  EXPECT_TRUE(core_->handOver(patience));
+  disk.writes = 0;
+  EXPECT_TRUE(core_->handOver(patience));
+  EXPECT_EQ(written(*core_), "");
+  EXPECT_EQ(disk.writes, 0) << "a write that is cut off would take from a process's death what it was promised";
+  EXPECT_EQ(disk.flushes, 1);
+  core_->set({.key = "key", .entry = {}, .value = 2});
+  EXPECT_TRUE(core_->handOver(patience));
+  EXPECT_EQ(disk.writes, 1);
+}
+
+TEST_F(WaitingCallers, HaveItWrittenAgainAfterAFailedFlush) {
+  core_->set({.key = "key", .entry = {}, .value = 1});
+  EXPECT_TRUE(core_->handOver(patience));
+  disk.fails = true;
+  EXPECT_NE(written(*core_), "");
+  disk.fails = false;
+  disk.writes = 0;
+  EXPECT_TRUE(core_->handOver(patience));
+  EXPECT_EQ(disk.writes, 1);
+  EXPECT_EQ(written(*core_), "");
+  close();
+  EXPECT_EQ(openStore()->contents().at("key"), Value(1));
+}
+
+TEST_F(WaitingCallers, OfAHandOverAreReleasedBeforeTheFlushThatFollows) {
+  std::latch entered(1);
+  std::latch released(1);
+  disk.released = &released;
+  disk.entered = &entered;
+  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
+  entered.wait();
+  EXPECT_TRUE(core_->handOver(patience)) << "the flush has begun, so it is with the kernel";
+  released.count_down();
+  close();
+}
+
+TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
+  std::latch entered(1);
+  std::latch released(1);
+  disk.released = &released;
+  disk.entered = &entered;
+  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
+  entered.wait();
+  core_->set({.key = "key", .entry = {}, .value = 2});
+  testing::internal::CaptureStderr();
+  EXPECT_FALSE(core_->handOver(std::chrono::milliseconds(20)));
+  // Any of these would not return if it waited.
+  constexpr auto forEver = std::chrono::hours(24);
+  EXPECT_FALSE(core_->handOver(forEver));
+  EXPECT_EQ(core_->makeRoom(2 * limits::preferencesRoom, forEver).failure().number, ETIMEDOUT);
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("The disk of the preferences suite keeps everybody waiting"), std::string::npos);
+  EXPECT_EQ(log.find("keeps everybody"), log.rfind("keeps everybody"));
+  released.count_down();
+  EXPECT_EQ(written(*core_), "");
+  core_->set({.key = "key", .entry = {}, .value = 3});
+  EXPECT_TRUE(core_->handOver(patience)) << "it answers again";
+  EXPECT_EQ(test::textOf(core_->makeRoom(2 * limits::preferencesRoom, patience)), "");
+  close();
+}
+
+TEST_F(WaitingCallers, FindTheLastOfManyChangesHoweverLongTheDiskTakes) {
+  std::latch entered(1);
+  std::latch released(1);
+  disk.released = &released;
+  disk.entered = &entered;
+  core_->set({.key = "state", .entry = "key", .value = 0});
+  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
+  entered.wait();
+  std::weak_ptr<const Value::Dictionary> replaced;
+  for (int round = 1; round <= 1000; ++round) {
+    const Value value = Value::Dictionary{{"round", round}};
+    if (round == 500) {
+      replaced = value.dictionary();
+    }
+    core_->set({.key = "state", .entry = "key", .value = value});
+  }
+  EXPECT_TRUE(replaced.expired()) << "what nobody will write is not kept for the disk";
+  released.count_down();
+  EXPECT_EQ(written(*core_), "");
+  close();
+  EXPECT_EQ(openStore()->contents().at("state")["key"]["round"], Value(1000));
+}
+
 TEST_F(WaitingCallers, FailOnceTheStoreIsClosed) {
-  core_->set("key", 1);
+  core_->set({.key = "key", .entry = {}, .value = 1});
   core_->close();
   EXPECT_EQ(written(*core_), "the store is closed");
 }
