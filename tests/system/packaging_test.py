@@ -77,6 +77,14 @@ class Installation(unittest.TestCase):
             result = run("systemd-analyze", "verify", "--man=no", "--recursive-errors=no", f"--root={self.root}", unit)
             self.assertEqual((0, ""), (result.returncode, result.stderr), unit.name)
 
+    def test_has_units_that_are_restricted(self):
+        # In tenths of what systemd-analyze calls exposure, at most. Those that look after volumes see all mounts.
+        for unit, exposure in (("kelvaned.service", 33), ("kelvane-directory-cache@cache.service", 31),
+                               ("kelvane-daily.service", 10)):
+            result = run("systemd-analyze", "security", "--offline=yes", f"--threshold={exposure}", f"--root={self.root}",
+                         unit)
+            self.assertEqual(0, result.returncode, result.stdout[-200:] + result.stderr)
+
     def test_has_the_interfaces_where_tools_look_for_them(self):
         for name in ("KelvaneClientProtocol", "KelvaneServiceProtocol", "KelvanePlatform"):
             path = self.installed(f"com.tessaly.{name}.xml")

@@ -1,0 +1,188 @@
+# SPDX-License-Identifier: Apache-2.0
+# That the units let the programs do what they are for, and nothing of what they are not for.
+
+import json
+import tempfile
+import unittest
+
+from disk import MIB, Disk
+from durability import until
+from machine import GUEST, Machine
+
+CACHE = "com.example.cache"
+NAMED = "com.example.named"
+CACHE_UNIT = f"kelvane-directory-cache@{CACHE}.service"
+DIRECTORIES = ("/volumes/data/cache", "/volumes/data/named")
+MISDEEDS = "/usr/libexec/misdeeds"
+
+RULES = '{ User = "www-data"; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT); }'
+DESCRIPTION = f'{{ KELVANE_ID = "{NAMED}"; KELVANE_SERVICES = (PURGE); }}'
+# Of the volumes here: all others are never low.
+LEVELS = """<plist version="1.0"><dict>
+<key>LowBytes</key><integer>0</integer><key>VeryLowBytes</key><integer>0</integer>
+<key>Volumes</key><dict><key>/volumes/data</key><dict><key>LowPercent</key><integer>100</integer>
+<key>LowBytes</key><integer>20971520</integer></dict></dict></dict></plist>"""
+
+
+def configuration(identifier, directory, **keys):
+    more = " ".join(f"{key} = {value};" for key, value in keys.items())
+    return (f'{{ Identifier = "{identifier}"; User = "www-data"; {more} Directories = ({{ Path = "{directory}"; '
+            'Ages = (0, 0, 0, 0); MinimumAge = (0, 0, 0, 0); }); }')
+
+
+class Units(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        directory = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="kelvane-disks-"))
+        data, cls.late = Disk(directory, "data", mib=128, kind="ext4"), Disk(directory, "late", kind="ext4")
+        cls.addClassCleanup(data.close)
+        cls.addClassCleanup(cls.late.close)
+        cls.machine = cls.enterClassContext(Machine(
+            cls.late, mounts={"/volumes/data": data},
+            files={"/etc/kelvane/entitlements.d/caches.plist": RULES, "/etc/kelvane/volumes.plist": LEVELS,
+                   "/System/Library/Kelvane/named.plist": DESCRIPTION,
+                   f"/etc/kelvane/directory-cache/{CACHE}.plist": configuration(CACHE, "/volumes/data/cache"),
+                   f"/etc/kelvane/directory-cache/{NAMED}.plist":
+                       configuration(NAMED, "/volumes/data/named", Manner="Named"),
+                   MISDEEDS: GUEST / "misdeeds"}))
+        cls.machine.run(f"systemctl start kelvaned.service {CACHE_UNIT} kelvane-directory-cache@{NAMED}.socket")
+        cls.await_check_in(0)
+
+    @classmethod
+    def check_ins(cls):
+        return int(cls.machine.run(f"journalctl --unit={CACHE_UNIT} | grep --count 'checked in'", check=False).output)
+
+    @classmethod
+    def await_check_in(cls, before):
+        """After so many."""
+        until(lambda: cls.check_ins() > before, "a check-in")
+
+    @classmethod
+    def administrate(cls, command):
+        """Does something after which the cache has to check in again."""
+        before = cls.check_ins()
+        cls.machine.run(command)
+        cls.await_check_in(before)
+
+    def fill(self, mib):
+        """Each cache, with files of a mebibyte."""
+        for directory in DIRECTORIES:
+            self.machine.run(f"rm -rf {directory} && mkdir {directory} && cd {directory} && for file in $(seq {mib}); do "
+                             f"head --bytes=1M /dev/urandom >$file; done && chown -R www-data: . && sync -f .")
+
+    def left(self):
+        """How many files each cache has."""
+        return [int(self.machine.run(f"ls {directory} | wc --lines").output) for directory in DIRECTORIES]
+
+    def assert_purges(self):
+        """That both caches give."""
+        self.fill(4)
+        report = json.loads(self.machine.run("kelvanectl purge --json --single --urgency=1 /volumes/data 6M").output)
+        self.assertEqual("freed", report["ending"], report)
+        self.assertLess(max(self.left()), 4)
+
+    def namespace(self, unit, kind):
+        process = self.machine.run(f"systemctl show --value --property=MainPID {unit}").output.strip()
+        return self.machine.run(f"readlink /proc/{process}/ns/{kind}").output
+
+    def misdeeds(self, unit):
+        """What a program could do that ran as the unit's does."""
+        replaced = "Type|Exec[A-Za-z]*|Restart[A-Za-z]*|Watchdog[A-Za-z]*|Requires|After|Wants|Condition[A-Za-z]*"
+        self.machine.run(f"systemctl cat {unit} | sed --regexp-extended '/^({replaced})=/d; "
+                         f"s|^\\[Service\\]|&\\nType=oneshot\\nExecStart={MISDEEDS}\\nStandardOutput=truncate:/run/done|' "
+                         ">/run/systemd/system/twin.service && systemctl daemon-reload && systemctl start twin.service")
+        return self.machine.run("cat /run/done").output.split()
+
+    def test_keep_programs_from_what_they_are_not_for(self):
+        for unit in ("kelvaned.service", CACHE_UNIT, "kelvane-daily.service"):
+            with self.subTest(unit):
+                self.assertEqual([], self.misdeeds(unit))
+
+    def test_would_let_them_do_it_without_the_restrictions(self):
+        """Or the test above could not fail."""
+        self.machine.run(f"printf '[Service]\\nType=oneshot\\nExecStart={MISDEEDS}\\n' >/run/systemd/system/free.service && "
+                         "systemctl daemon-reload")
+        attempted = [line.split()[1] for line in (GUEST / "misdeeds").read_text().splitlines() if line.startswith("attempt ")]
+        self.assertEqual(attempted, self.misdeeds("free.service"))
+        self.machine.run("umount /mnt")
+
+    def test_leave_programs_the_mounts_of_all(self):
+        for unit in ("kelvaned.service", CACHE_UNIT):
+            self.assertEqual(self.machine.run("readlink /proc/1/ns/mnt").output, self.namespace(unit, "mnt"))
+            self.assertNotEqual(self.machine.run("readlink /proc/1/ns/net").output, self.namespace(unit, "net"))
+
+    def test_let_volumes_come_and_go_below_a_mount_that_tells_nobody(self):
+        late = "/run/secretive/late"
+        self.machine.run("mkdir /run/secretive && mount -t tmpfs tmpfs /run/secretive && mount --make-private /run/secretive")
+        self.machine.run(f"mkdir {late} && mount -t ext4 /dev/disks/late {late}")
+        self.administrate(f"systemctl restart kelvaned.service {CACHE_UNIT}")
+        # Nobody has the disk any more once it is unmounted.
+        self.machine.run(f"umount {late} && DM_DISABLE_UDEV=1 dmsetup create exclusive --table "
+                         f"'0 {self.late.size // 512} linear /dev/disks/late 0' && DM_DISABLE_UDEV=1 dmsetup remove exclusive")
+        self.machine.run(f"mount -t ext4 /dev/disks/late {late}")
+        self.assertTrue(self.is_purged(late))
+        self.machine.run(f"umount {late} /run/secretive")
+
+    def is_purged(self, volume):
+        """Whether services are asked for it, though nobody has anything on it."""
+        command = f"kelvanectl purge --json --single --urgency=1 --timeout=1 {volume} 1M"
+        (request,) = json.loads(self.machine.run(command, check=False).output)["requests"]
+        return request["passes"] != []
+
+    def without(self, capability):
+        """The daemon goes on without it."""
+        directory = "/run/systemd/system/kelvaned.service.d"
+        self.administrate(f"mkdir {directory} && printf '[Service]\\nCapabilityBoundingSet=~{capability}\\n' >{directory}/less.conf "
+                          "&& systemctl daemon-reload && systemctl restart kelvaned.service")
+        self.addCleanup(self.administrate,
+                        f"rm -r {directory} && systemctl daemon-reload && systemctl restart kelvaned.service")
+
+    def test_have_the_capability_to_reach_volumes_in_directories_of_users(self):
+        late = "/home/user/late"
+        self.machine.run(f"mkdir -p {late} && chown www-data /home/user && chmod 700 /home/user && "
+                         f"mount -t ext4 /dev/disks/late {late}")
+        self.addCleanup(self.machine.run, f"umount {late}")
+        self.assertTrue(self.is_purged(late))
+        self.without("CAP_DAC_OVERRIDE")
+        self.assertFalse(self.is_purged(late))
+
+    def test_have_the_capability_to_be_told_of_writes(self):
+        process = "$(systemctl show --value --property=MainPID kelvaned.service)"
+        marks = f"grep --quiet --recursive --no-messages 'fanotify sdev' /proc/{process}/fdinfo"
+        refusals = "journalctl --unit=kelvaned.service | grep --quiet 'Nobody tells of writes'"
+        until(lambda: self.machine.run(marks, check=False).status == 0, "notices of writes")
+        self.assertEqual(1, self.machine.run(refusals, check=False).status)
+        self.without("CAP_SYS_ADMIN")
+        until(lambda: self.machine.run(refusals, check=False).status == 0, "a refusal of notices")
+        self.assertEqual(1, self.machine.run(marks, check=False).status)
+
+    def test_let_caches_be_purged(self):
+        self.assert_purges()
+
+    def test_let_a_volume_be_relieved(self):
+        self.fill(12)
+        self.machine.run(f"fallocate --length=$(($(stat --file-system --format='%a*%S' /volumes/data) - {10 * MIB})) "
+                         "/volumes/data/filler")
+        try:
+            until(lambda: self.left() == [0, 0], "relief")
+        finally:
+            self.machine.run("rm /volumes/data/filler")
+
+    def test_stand_a_restart_and_a_kill(self):
+        self.administrate("systemctl restart kelvaned.service")
+        self.assert_purges()
+        self.administrate("systemctl kill --signal=KILL kelvaned.service")
+        self.assert_purges()
+        self.administrate(f"systemctl restart {CACHE_UNIT}")
+        self.assert_purges()
+
+    def test_stand_a_stop_of_everything(self):
+        units = "kelvaned.socket kelvaned-control.socket kelvaned.service"
+        self.machine.run(f"systemctl stop {units}")
+        self.assertEqual(3, self.machine.run("kelvanectl purgeable", check=False).status)
+        self.administrate("systemctl start kelvaned.socket kelvaned-control.socket")
+        self.assert_purges()
+
+
+if __name__ == "__main__":
+    unittest.main()
