@@ -14,16 +14,18 @@ constexpr char blockName[] = "-[Kelvane notifyRecipients:value:]_block";
 
 void Kelvane::notifyRecipients(const std::string& name, const Value& value) {
   KELVANE_TRACE("%s name: %@, value: %@", "-[Kelvane notifyRecipients:value:]", name, value);
-  notify_queue().async([name, value, services = copyServices()] {
+  // One for all: however many services are slow to take it, it is held once.
+  const Value notification = Value::Dictionary{{name, value}};
+  notify_queue().async([name, notification, services = copyServices()] {
     for (const auto& [identifier, service] : *services) {
       if (!service->desiresNotification(name)) {
         continue;
       }
       CallServiceAsync(
           service,
-          [name, value, identifier = identifier](const KelvaneServiceProxy& proxy, Block completion) {
+          [notification, identifier = identifier](const KelvaneServiceProxy& proxy, Block completion) {
             KELVANE_TRACE("%s %d serviceID: %@", blockName, 347, identifier);
-            proxy.serviceNotify(Value::Dictionary{{name, value}}, std::move(completion));
+            proxy.serviceNotify(notification, std::move(completion));
           },
           [] { KELVANE_TRACE("%s connection invalidated", blockName); });
     }

@@ -77,6 +77,7 @@ class KelvanePurgeOperation final : public KelvaneOperation {
   /// Whether it ended so long ago that no pass could have lasted until now. What was queued in its last pass may run
   /// after it; a service whose claims the volume does not bear out would be asked for ever.
   bool isLongOver() const;
+  bool hasEnded() const { return ended_ != notEnded; }
 
   // One service, one urgency: KelvanePurgeServiceRequest.cpp.
   void queueServiceRequest(const std::shared_ptr<KLService>& service, const MutableDictionary& info,

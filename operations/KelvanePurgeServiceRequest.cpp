@@ -77,7 +77,9 @@ void KelvanePurgeOperation::requestFromService(PurgeServiceRequest request) {
         KELVANE_TRACE("%s connection invalidated", blockName);
         self->updateInFlight(identifier, false);
         self->changeRound([&](PurgeRound& round) { round.settled(identifier); });
-      });
+      },
+      // What a service has not been sent when the purge ends would free what nobody waits for any more.
+      [self = self(), wasOver = hasEnded()] { return wasOver || !self->hasEnded(); });
 }
 
 void KelvanePurgeOperation::handleReply(const PurgeServiceRequest& request, std::uint64_t startTicks,

@@ -76,6 +76,7 @@ struct CallError {
     NotAdmitted,  ///< the connection was made and ended before its handshake was complete
     Lost,         ///< the connection ended later, or by invalidate()
     Answered,     ///< by the peer: a D-Bus error, or a value outside the mapping
+    NotSent,      ///< it was one call too many, or no longer wanted; the connection stays
   };
   std::string text;
   Cause cause = Cause::Lost;
@@ -91,13 +92,16 @@ class Proxy {
   using OutcomeHandler = std::function<void(std::variant<Value, CallError>)>;
   /// Given what went wrong, or none.
   using ErrorHandler = std::function<void(std::optional<CallError>)>;
+  /// Whether a call is still to be sent. Asked right before it is, on a thread that must not wait.
+  using Wanted = std::function<bool()>;
 
   struct State;
   explicit Proxy(std::shared_ptr<State> state) : state_(std::move(state)) {}
 
   /// Sends a call of the connection's remote interface and returns at once. Then exactly one of the two
   /// handlers runs, once, on a thread of the IPC facility that may block: the reply handler when an answer
-  /// came, the proxy's error handler when the connection failed first. A D-Bus error and a value outside
+  /// came, the proxy's error handler when the connection failed first or the call is never sent: because too many
+  /// are outstanding, or because it is not wanted any more. A D-Bus error and a value outside
   /// the mapping count as an absent reply. No time limit. What comes after the first answer is dropped.
   void call(const Operation& operation, Arguments arguments, ReplyHandler reply) const;
   /// As call(), for callers that tell an absent reply from a refusal: a D-Bus error and a value outside the
@@ -134,7 +138,8 @@ class Connection {
   void setInterruptionHandler(std::function<void()> handler) const;
   /// Must outlive the connection: one of the constant tables.
   void setRemoteInterface(const Interface& interface) const;
-  Proxy remoteProxy(Proxy::ErrorHandler handler) const;
+  /// Its calls are sent while they are wanted, always if nobody says.
+  Proxy remoteProxy(Proxy::ErrorHandler handler, Proxy::Wanted wanted = nullptr) const;
   void resume() const;
   void invalidate() const;
 

@@ -69,7 +69,14 @@ inline constexpr std::size_t notificationNamesBytes = 16 * 1024;
 
 // The daemon's connections to services
 inline constexpr int outstandingCallsPerService = 64;
+/// Notifications that wait beyond that, and about how many bytes of them: above either, a later one takes the place of
+/// an earlier one of its name.
+inline constexpr int waitingCallsPerService = 1024;
+inline constexpr std::size_t waitingBytesPerService = 8 * 1024 * 1024;
+/// A service that is slow to end a reply makes this process hold so much of it, and no more.
 inline constexpr std::size_t serviceReplyBytes = 64 * 1024;
+/// For so long a service may take nothing off its socket while something waits to be sent.
+inline constexpr std::chrono::seconds serviceStall{5 * 60};
 /// Replies of one user's services that were decoded and are being dealt with.
 inline constexpr std::size_t heldReplyBytesPerUser = 16 * 1024 * 1024;
 

@@ -28,7 +28,7 @@ inline constexpr ipc::Operation serviceCancelPurge = {
     "serviceCancelPurge:", "serviceCancelPurge", {}, ipc::ReplyKind::Nothing};
 inline constexpr ipc::Operation servicePing = {"servicePing:", "servicePing", {}, ipc::ReplyKind::Nothing};
 inline constexpr ipc::Operation serviceNotify = {"serviceNotify:replyBlock:", "serviceNotify", arguments::notification,
-                                                 ipc::ReplyKind::Nothing};
+                                                 ipc::ReplyKind::Nothing, ipc::BeyondLimit::Waits};
 /// Part of the interface, never called by the daemon.
 inline constexpr ipc::Operation serviceCallback = {"serviceCallback:replyBlock:", "serviceCallback", arguments::info,
                                                    ipc::ReplyKind::Any};
@@ -36,7 +36,13 @@ inline constexpr ipc::Operation serviceCallback = {"serviceCallback:replyBlock:"
 inline constexpr std::array operations = {&servicePurgeable, &servicePurge,  &servicePeriodic, &serviceCancelPurge,
                                           &servicePing,      &serviceNotify, &serviceCallback};
 
-inline constexpr ipc::Interface interface = {"/com/tessaly/KelvaneService", "com.tessaly.KelvaneServiceProtocol",
-                                             operations, limits::outstandingCallsPerService, limits::serviceReplyBytes};
+inline constexpr ipc::Interface interface = {.objectPath = "/com/tessaly/KelvaneService",
+                                             .name = "com.tessaly.KelvaneServiceProtocol",
+                                             .operations = operations,
+                                             .maximumOutstandingCalls = limits::outstandingCallsPerService,
+                                             .maximumReplyBytes = limits::serviceReplyBytes,
+                                             .maximumWaitingCalls = limits::waitingCallsPerService,
+                                             .maximumWaitingBytes = limits::waitingBytesPerService,
+                                             .maximumStall = limits::serviceStall};
 
 }  // namespace kelvane::KelvaneServiceProtocol

@@ -27,11 +27,12 @@ class Call {
 
 }  // namespace
 
-void CallServiceAsync(const std::shared_ptr<KLService>& service, WorkBlock work, Block error) {
+void CallServiceAsync(const std::shared_ptr<KLService>& service, WorkBlock work, Block error,
+                      ipc::Proxy::Wanted wanted) {
   auto call = std::make_shared<Call>(std::move(error));
-  service->call_queue().async([service, work = std::move(work), call = std::move(call)] {
-    const KelvaneServiceProxy proxy(
-        service->connectionForCall().remoteProxy([call](const std::optional<ipc::CallError>&) { call->fail(); }));
+  service->call_queue().async([service, work = std::move(work), call = std::move(call), wanted = std::move(wanted)] {
+    const KelvaneServiceProxy proxy(service->connectionForCall().remoteProxy(
+        [call](const std::optional<ipc::CallError>&) { call->fail(); }, wanted));
     work(proxy, [call] { call->complete(); });
   });
 }

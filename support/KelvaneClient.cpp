@@ -25,6 +25,7 @@ Status statusFor(ipc::CallError::Cause cause) {
     case ipc::CallError::Cause::Lost:
       return Status::ConnectionLost;
     case ipc::CallError::Cause::Answered:
+    case ipc::CallError::Cause::NotSent:
       return Status::Failed;
   }
   return Status::Failed;

@@ -136,6 +136,7 @@ void Connection::State::readAnswer(Message message) {
   }
   Call call = std::move(found->second);
   calls.erase(found);
+  sendUnsent();
   simulated::scheduler().start("reply to " + std::string(call.operation->member),
                                [call = std::move(call), answer = std::move(message.answer)] {
                                  if (call.outcome) {

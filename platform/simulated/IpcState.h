@@ -50,6 +50,7 @@ struct ipc::Peer::State {
 struct ipc::Proxy::State {
   std::shared_ptr<Connection::State> connection;
   ErrorHandler errorHandler;
+  Wanted wanted;
 };
 
 /// One end of a connection: the caller's, or the one that a listener serves. An end that nobody refers to
@@ -82,8 +83,10 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
   std::optional<std::string> service;
   simulated::PeerTraits self;
   const Interface* remoteInterface = nullptr;
+  /// In order: what waits for the connection to open, or for answers to those that were sent.
   std::deque<simulated::Message> unsent;
   std::uint64_t lastSerial = 0;
+  /// By their serials, those that are unsent too.
   std::map<std::uint64_t, Call> calls;
 
   // The served end.
@@ -95,6 +98,10 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
   int unanswered = 0;
 
   void send(simulated::Message message);
+  /// Takes a call, which fails when it is one too many, and sends it in its turn.
+  void take(simulated::Message message, Call call);
+  /// Sends what may be sent by now.
+  void sendUnsent();
   /// Whether the event loop may read the next message now.
   bool canRead() const;
   /// On the event loop: takes the next message.
@@ -113,6 +120,10 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
   static void failCall(Call call, const CallError& error);
 
  private:
+  bool isFull() const;
+  void makeRoomFor(const simulated::Message& message);
+  void dropUnwanted();
+  void drop(std::uint64_t serial, const char* why);
   void readRequest(simulated::Message message);
   void readAnswer(simulated::Message message);
   void deliver();

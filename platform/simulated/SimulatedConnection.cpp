@@ -82,8 +82,8 @@ void Connection::setRemoteInterface(const Interface& interface) const {
   state_->remoteInterface = &interface;
 }
 
-Proxy Connection::remoteProxy(Proxy::ErrorHandler handler) const {
-  return Proxy(std::make_shared<Proxy::State>(Proxy::State{state_, std::move(handler)}));
+Proxy Connection::remoteProxy(Proxy::ErrorHandler handler, Proxy::Wanted wanted) const {
+  return Proxy(std::make_shared<Proxy::State>(Proxy::State{state_, std::move(handler), std::move(wanted)}));
 }
 
 void Connection::resume() const {
@@ -100,9 +100,7 @@ void Connection::resume() const {
     state->network.post([state] { connect(state); });
   } else {
     state->phase = Phase::Open;
-    for (simulated::Message& message : std::exchange(state->unsent, {})) {
-      state->send(std::move(message));
-    }
+    state->sendUnsent();
     if (state->otherGone) {
       state->network.hangUp(state);
     }
@@ -147,15 +145,7 @@ void Proxy::callForOutcome(const Operation& operation, Arguments arguments, Outc
     connection->failCall(std::move(call),
                          {"org.freedesktop.DBus.Error.UnknownInterface: The connection has no remote interface"});
   } else {
-    connection->calls.emplace(message.serial, std::move(call));
-    const int maximum = connection->remoteInterface->maximumOutstandingCalls;
-    if (maximum > 0 && connection->calls.size() > static_cast<std::size_t>(maximum)) {
-      connection->invalidate();
-    } else if (connection->phase == Phase::Open) {
-      connection->send(std::move(message));
-    } else {
-      connection->unsent.push_back(std::move(message));
-    }
+    connection->take(std::move(message), std::move(call));
   }
   simulated::scheduler().yield();
 }

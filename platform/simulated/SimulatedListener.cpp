@@ -112,9 +112,7 @@ void Listener::State::admit(const std::shared_ptr<Connection::State>& connection
   connection->other = end;
   connection->peer = self;
   connection->phase = Phase::Open;
-  for (simulated::Message& message : std::exchange(connection->unsent, {})) {
-    connection->send(std::move(message));
-  }
+  connection->sendUnsent();
 }
 
 Listener Listener::named(const std::string& name, const Interface& interface, RequestHandler handler) {

@@ -2,6 +2,7 @@
 // Notifications and pings.
 #include <gtest/gtest.h>
 
+#include "platform/Limits.h"
 #include "support/KelvaneServiceProxy.h"
 #include "tests/harness/DaemonTest.h"
 
@@ -156,6 +157,38 @@ TEST_F(APing, ThatIsNeverAnsweredNeverReturns) {
     });
     clock::sleepMicroseconds(4'000'000'000);
     EXPECT_FALSE(returned);
+  });
+}
+
+TEST_F(ANotification, IsSentInItsTurnToAServiceThatOwesManyAnswers) {
+  runDaemon([&] {
+    constexpr int count = 5 * limits::outstandingCallsPerService;
+    ScriptedService service("a");
+    std::vector<ipc::Reply> owed;
+    bool isBusy = true;
+    service.onNotify = [&](const ScriptedService::Request& request) {
+      if (isBusy) {
+        owed.push_back(request.reply);
+      } else {
+        request.reply.send();
+      }
+    };
+    checkIn(TestClient(), service, {{"KELVANE_NOTIFICATIONS", Value::Array{"x"}}});
+    for (int number = 0; number < count; ++number) {
+      kelvane->notifyRecipients("x", number);
+    }
+    simulation->settle();
+    EXPECT_EQ(owed.size(), static_cast<std::size_t>(limits::outstandingCallsPerService));
+    isBusy = false;
+    for (const ipc::Reply& reply : owed) {
+      reply.send();
+    }
+    simulation->settle();
+    const std::vector<Value> infos = service.infos();
+    ASSERT_EQ(infos.size(), static_cast<std::size_t>(count));
+    for (int number = 0; number < count; ++number) {
+      EXPECT_EQ(infos[static_cast<std::size_t>(number)]["x"], Value(number));
+    }
   });
 }
 

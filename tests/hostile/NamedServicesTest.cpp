@@ -109,6 +109,19 @@ TEST_F(ANamedService, ThatAcceptsAndSaysNothingCostsItsPassesTheirTime) {
   purgeForAnotherClient();
 }
 
+TEST_F(ANamedService, ThatShakesHandsWhenThePurgeHasEndedIsNotAskedForIt) {
+  listenWith(10);
+  Client client;
+  ASSERT_TRUE(client.send("clientPurge", purgeOf(mebibyte)));
+  BusServer service(accepted().release());
+  expectNothingOfIt(client);
+  // All that is left of the purge.
+  const test::Message call = service.nextCall();
+  ASSERT_TRUE(call);
+  EXPECT_STREQ(sd_bus_message_get_member(call.get()), "serviceCancelPurge");
+  EXPECT_TRUE(service.answer(call));
+}
+
 TEST_F(ANamedService, ThatDoesNotAcceptCostsItsPassesTheirTime) {
   listenWith(0);
   const FileDescriptor inTheQueue(test::connectedSocket(path()));

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Services that die while they are told of a state's change, or do not answer.
+#include <deque>
+
 #include "platform/Limits.h"
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
@@ -8,6 +10,7 @@
 namespace kelvane {
 namespace {
 
+using test::Client;
 using test::Message;
 using test::Service;
 
@@ -55,27 +58,73 @@ TEST_F(ANotification, ForServicesThatDieReachesTheOthers) {
   last.bus().answer(last.expect("serviceNotify"));
 }
 
-TEST_F(ANotification, ThatIsNeverAnsweredHoldsUpNobodyAndIsOutstandingForGood) {
+TEST_F(ANotification, ThatIsNeverAnsweredHoldsUpNobody) {
   Service silent("com.example.silent");
   Service other("com.example.other");
   checkIn(silent);
   checkIn(other);
-  const auto changeStateForBoth = [&] {
+  // As many as it may owe answers to, and more.
+  Message first;
+  for (int change = 0; change < 2 * limits::outstandingCallsPerService; ++change) {
     changeState();
     other.bus().answer(other.expect("serviceNotify"));
-  };
-  for (int change = 0; change < limits::outstandingCallsPerService; ++change) {
-    changeStateForBoth();
-    EXPECT_TRUE(silent.expect("serviceNotify"));
+    if (change < limits::outstandingCallsPerService) {
+      const Message call = silent.expect("serviceNotify");
+      first = first ? std::move(first) : Message(sd_bus_message_ref(call.get()));
+    }
   }
   purgeForAnotherClient();
-  // One more than it may owe answers to.
-  changeStateForBoth();
-  EXPECT_FALSE(silent.bus().nextCall()) << "the daemon has not hung up";
-  changeStateForBoth();
-  // It is forgotten, so it is pinged as one who was never there.
-  Service successor("com.example.silent");
-  checkIn(successor);
+  EXPECT_FALSE(silent.bus().pendingCall());
+  // The others wait for it.
+  silent.bus().answer(first);
+  EXPECT_TRUE(silent.expect("serviceNotify"));
+  first = nullptr;
+}
+
+TEST_F(ANotification, ReachesAServiceThatWasBusyInItsTurn) {
+  constexpr int count = 300;
+  Service busy("com.example.busy");
+  checkIn(busy);
+  Client client;
+  for (int number = 0; number < count; ++number) {
+    const auto answer = client.call("clientSetState", [number](sd_bus_message* message) {
+      return sd_bus_message_append(message, "vs", "x", std::int64_t{number}, keys::cacheEnabled);
+    });
+    ASSERT_EQ(answer.error, "");
+  }
+  for (int number = 0; number < count; ++number) {
+    const Message call = busy.expect("serviceNotify");
+    ASSERT_TRUE(call);
+    EXPECT_EQ(test::nextValue(call)[keys::cacheEnabled], Value(number));
+    ASSERT_TRUE(busy.bus().answer(call));
+  }
+  EXPECT_TRUE(busy.isServed());
+}
+
+TEST_F(ANotification, ThatManyServicesDoNotReadIsHeldOnce) {
+  const std::string text(test::mebibyte - 64, 'x');
+  std::deque<Service> services;
+  for (int number = 0; number < test::scaled(100); ++number) {
+    services.emplace_back("com.example.service" + std::to_string(number));
+    checkIn(services.back());
+  }
+  const auto set = [&text](sd_bus_message* message) {
+    return sd_bus_message_append(message, "vs", "s", text.c_str(), keys::cacheEnabled);
+  };
+  const std::size_t before = daemon_.residentBytes();
+  for (int change = 0; change < 3; ++change) {
+    EXPECT_EQ(Client().call("clientSetState", set).error, "");
+  }
+  // The last is queued for all of them when this is answered.
+  for (Service& service : services) {
+    ASSERT_TRUE(service.bus().hasArrival());
+  }
+  purgeForAnotherClient();
+  EXPECT_LT(daemon_.residentBytes(), before + 40 * test::mebibyte);
+  Service& one = services.front();
+  for (int change = 0; change < 3; ++change) {
+    one.bus().answer(one.expect("serviceNotify"));
+  }
 }
 
 }  // namespace

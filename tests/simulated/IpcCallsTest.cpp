@@ -272,21 +272,5 @@ TEST(ACallWithoutARemoteInterface, RunsItsErrorHandler) {
   });
 }
 
-TEST(MoreCallsThanTheInterfaceAllows, InvalidateTheConnection) {
-  underManySchedules([](Simulation& simulation) {
-    static constexpr ipc::Interface narrow = {"/test", "com.tessaly.Test", ipcTesting::operations, 2};
-    const ipc::Listener listener = serve([](const ipc::Request&) {});
-    const Caller caller(ipc::Connection::toEndpoint(*listener.endpoint()), narrow);
-    caller.connection().resume();
-    caller.echo(Value(1));
-    caller.echo(Value(2));
-    simulation.settle();
-    EXPECT_THAT(caller.events(), IsEmpty());
-    caller.echo(Value(3));
-    simulation.settle();
-    EXPECT_THAT(caller.events(), ElementsAre("invalidated", "error", "error", "error"));
-  });
-}
-
 }  // namespace
 }  // namespace kelvane

@@ -18,6 +18,7 @@ inline constexpr std::array echoArguments = {ipc::Argument{"value", ipc::Argumen
 inline constexpr std::array countArguments = {ipc::Argument{"number", ipc::ArgumentKind::Integer},
                                               ipc::Argument{"text", ipc::ArgumentKind::String},
                                               ipc::Argument{"info", ipc::ArgumentKind::Dictionary}};
+inline constexpr std::array tellArguments = {ipc::Argument{"info", ipc::ArgumentKind::Dictionary}};
 inline constexpr std::array handArguments = {ipc::Argument{"endpoint", ipc::ArgumentKind::Endpoint}};
 
 inline constexpr ipc::Operation echo = {"echo:replyBlock:", "echo", echoArguments, ipc::ReplyKind::Any};
@@ -25,8 +26,16 @@ inline constexpr ipc::Operation count = {"count:text:info:", "count", countArgum
 inline constexpr ipc::Operation hand = {"hand:replyBlock:", "hand", handArguments, ipc::ReplyKind::Any};
 inline constexpr ipc::Operation foreign = {"foreign:", "foreign", {}, ipc::ReplyKind::Any};
 
-inline constexpr std::array operations = {&echo, &count, &hand};
+inline constexpr ipc::Operation tell = {"tell:", "tell", tellArguments, ipc::ReplyKind::Any, ipc::BeyondLimit::Waits};
+
+inline constexpr std::array operations = {&echo, &count, &hand, &tell};
 inline constexpr ipc::Interface interface = {"/test", "com.tessaly.Test", operations};
+/// As a caller that limits what it has under way.
+inline constexpr ipc::Interface limitedInterface = {.objectPath = interface.objectPath,
+                                                    .name = interface.name,
+                                                    .operations = operations,
+                                                    .maximumOutstandingCalls = 2,
+                                                    .maximumWaitingCalls = 3};
 
 inline void answerWithArgument(const ipc::Request& request) {
   request.reply.send(request.value(0));

@@ -2,7 +2,9 @@
 // One connected socket that speaks D-Bus.
 #include "platform/linux/ipc/BusLink.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -35,6 +37,13 @@ bool hasHungUp(int socket) {
   return poll(&state, 1, 0) != 0;
 }
 
+/// As the kernel counts them: with what it needs itself.
+std::size_t setSendBuffer(int socket, int bytes) {
+  socklen_t size = sizeof bytes;
+  setsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, size);
+  return getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, &size) == 0 ? static_cast<std::size_t>(bytes) : SIZE_MAX;
+}
+
 std::span<const std::uint8_t> bytesOf(std::string_view text) {
   return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
 }
@@ -55,7 +64,7 @@ bool BusLink::open(FileDescriptor socket, const Handshake& handshake, bool takes
     destroy();
     return false;
   }
-  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &socketSendBytes, sizeof socketSendBytes);
+  sendBufferBytes_ = setSendBuffer(fd, socketSendBytes);
   input_.start(fd, takesDescriptors);
   startHandshakeTimer();
   loop_.runAgain(*this);
@@ -72,13 +81,14 @@ void BusLink::close() {
 
 void BusLink::ready(std::uint32_t events) {
   hungUp_ = hungUp_ || (events & hangUpEvents) != 0;
+  moves_ += (events & EPOLLOUT) != 0 ? 1 : 0;
   processing_ = true;
   const bool goesOn = process(events);
   processing_ = false;
   if (closing_) {
     destroy();
   } else if (goesOn) {
-    countUnsent();
+    countUnsent((events & EPOLLOUT) != 0 && std::exchange(awaitsRoom_, false));
   } else {
     owner_.linkEnded();
   }
@@ -255,15 +265,33 @@ std::optional<std::uint64_t> BusLink::send(sd_bus_message* message, std::size_t 
     loop_.runAgain(*this);
     return std::nullopt;
   }
+  ++moves_;
   unsent_.push_back(bytes + limits::unsentMessageBytes);
   unsentBytes_ += unsent_.back();
   if (!processing_) {
-    countUnsent();
+    countUnsent(false);
   }
   return cookie;
 }
 
-void BusLink::countUnsent() {
+bool BusLink::hasRoom() const {
+  // So the kernel decides; it calls a socket writable only when much less is in it.
+  return untaken() < sendBufferBytes_;
+}
+
+void BusLink::awaitRoom() {
+  awaitsRoom_ = true;
+  if (!processing_) {
+    refreshEvents();
+  }
+}
+
+std::size_t BusLink::untaken() const {
+  int bytes = 0;
+  return isOpen() && ioctl(socket_, SIOCOUTQ, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
+void BusLink::countUnsent(bool roomCame) {
   std::uint64_t queued = 0;
   sd_bus_get_n_queued_write(bus_, &queued);
   const bool wereUnsent = !unsent_.empty();
@@ -272,7 +300,7 @@ void BusLink::countUnsent() {
     unsent_.pop_front();
   }
   refreshEvents();
-  if (wereUnsent || !unsent_.empty()) {
+  if (roomCame || wereUnsent || !unsent_.empty()) {
     owner_.linkUnsent(unsent_.size(), unsentBytes_);
   }
 }
@@ -280,7 +308,7 @@ void BusLink::countUnsent() {
 void BusLink::refreshEvents() {
   const int wanted = sd_bus_get_events(bus_);
   std::uint32_t events = EPOLLRDHUP;
-  events |= wanted >= 0 && (wanted & POLLOUT) != 0 ? EPOLLOUT : 0U;
+  events |= awaitsRoom_ || (wanted >= 0 && (wanted & POLLOUT) != 0) ? EPOLLOUT : 0U;
   events |= paused_ || isWriting() ? 0U : EPOLLIN;
   if (events != events_) {
     events_ = events;

@@ -60,6 +60,14 @@ class BusLink final : private EventLoop::Source {
   bool isReady() const { return isOpen() && !handshake_; }
   /// Whether messages wait for the peer to read.
   bool hasUnsent() const { return !unsent_.empty(); }
+  /// Whether the socket takes at least the beginning of a message now.
+  bool hasRoom() const;
+  /// Tells the owner by linkUnsent() when there is room again.
+  void awaitRoom();
+  /// How many bytes, about, are in the socket that the peer has not taken.
+  std::size_t untaken() const;
+  /// Grows whenever the socket takes something.
+  std::uint64_t moves() const { return moves_; }
   /// For making messages, while isOpen().
   sd_bus* bus() const { return bus_; }
 
@@ -87,7 +95,7 @@ class BusLink final : private EventLoop::Source {
   std::size_t wantedBytes() const;
   void countPart();
   void tellPart(std::size_t bytes);
-  void countUnsent();
+  void countUnsent(bool roomCame);
   void refreshEvents();
   void startHandshakeTimer();
   void stopHandshakeTimer();
@@ -111,6 +119,9 @@ class BusLink final : private EventLoop::Source {
   /// What the messages take that are in the library's queue, which tells only how many they are.
   std::list<std::size_t> unsent_;
   std::size_t unsentBytes_ = 0;
+  std::size_t sendBufferBytes_ = 0;
+  std::uint64_t moves_ = 0;
+  bool awaitsRoom_ = false;
   bool inPart_ = false;
   bool paused_ = false;
   bool hungUp_ = false;

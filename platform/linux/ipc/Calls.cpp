@@ -2,6 +2,8 @@
 // The calls of one connection that have no answer yet.
 #include "platform/linux/ipc/Calls.h"
 
+#include <algorithm>
+
 #include "platform/Queues.h"
 #include "platform/linux/ipc/Hub.h"
 
@@ -43,9 +45,18 @@ void refuse(Call call) {
                                         CallError::Cause::Answered});
 }
 
+CallError notSent(const char* name, const char* why) {
+  return {std::string(name) + ": " + why, CallError::Cause::NotSent};
+}
+
+CallError unwanted() {
+  return notSent(SD_BUS_ERROR_NO_REPLY, "The call is not wanted any more");
+}
+
 }  // namespace
 
 void failCall(Call call, const CallError& error) {
+  call.shared = nullptr;
   // Whoever learns that the connection has failed finds done what was to be done at its end.
   Hub::shared().endHandlers.runAfter([call = std::make_shared<Call>(std::move(call)), error] {
     const Call failed = std::move(*call);
@@ -55,10 +66,82 @@ void failCall(Call call, const CallError& error) {
   });
 }
 
+bool Calls::isFull() const {
+  return maximumOutstanding_ != 0 && waiting_.size() + sent_.size() >= maximumOutstanding_;
+}
+
 void Calls::add(Call call) {
+  maximumOutstanding_ = static_cast<std::size_t>(call.interface->maximumOutstandingCalls);
   maximumReplyBytes_ = std::max(maximumReplyBytes_, call.interface->maximumReplyBytes);
-  waiting_.push_back(std::move(call));
+  maximumStall_ = call.interface->maximumStall;
+  if (call.operation->beyondLimit == BeyondLimit::Waits) {
+    call.shared = Hub::shared().sharedCalls.of(*call.interface, *call.operation, call.arguments);
+    if (call.shared == nullptr) {
+      refuse(std::move(call));
+      return;
+    }
+    call.arguments.clear();
+    makeRoomFor(call);
+  } else if (isFull()) {
+    dropUnwanted();
+    if (isFull()) {
+      failCall(std::move(call), notSent(SD_BUS_ERROR_LIMITS_EXCEEDED, "Too many calls are outstanding"));
+      return;
+    }
+  }
+  wait(waiting_.end(), std::move(call));
   sendWaiting();
+}
+
+/// What waits and was told of later is the least that its receiver misses.
+void Calls::makeRoomFor(const Call& call) {
+  const auto mostCalls = static_cast<std::size_t>(call.interface->maximumWaitingCalls);
+  const std::size_t mostBytes = call.interface->maximumWaitingBytes;
+  const std::size_t bytes = call.shared->message().bytes;
+  auto next = waiting_.begin();
+  while (isFull() && ((mostCalls != 0 && waiting_.size() + sent_.size() >= maximumOutstanding_ + mostCalls) ||
+                      (mostBytes != 0 && waitingBytes_ + bytes > mostBytes))) {
+    next = std::find_if(next, waiting_.end(), [&call](const Call& earlier) {
+      return earlier.operation == call.operation && earlier.shared->names() == call.shared->names();
+    });
+    if (next == waiting_.end()) {
+      return;
+    }
+    failCall(take(next++), notSent(SD_BUS_ERROR_LIMITS_EXCEEDED, "A later one has taken its place"));
+  }
+}
+
+void Calls::dropUnwanted() {
+  for (auto next = waiting_.begin(); next != waiting_.end();) {
+    const auto call = next++;
+    if (call->wanted && !call->wanted()) {
+      failCall(take(call), unwanted());
+    }
+  }
+}
+
+void Calls::wait(Waiting::iterator place, Call call) {
+  waitingBytes_ += call.shared != nullptr ? call.shared->message().bytes : 0;
+  waiting_.insert(place, std::move(call));
+}
+
+Call Calls::take(Waiting::iterator call) {
+  Call taken = std::move(*call);
+  waiting_.erase(call);
+  waitingBytes_ -= taken.shared != nullptr ? taken.shared->message().bytes : 0;
+  return taken;
+}
+
+bool Calls::maySend() {
+  if (!link_.isReady() || link_.hasUnsent() || (maximumOutstanding_ != 0 && sent_.size() >= maximumOutstanding_)) {
+    return false;
+  }
+  // What the library has been given is sent for certain, even if the socket has taken nothing of it yet.
+  if (!link_.hasRoom()) {
+    link_.awaitRoom();
+    return false;
+  }
+  return true;
 }
 
 void Calls::sendWaiting() {
@@ -67,18 +150,34 @@ void Calls::sendWaiting() {
     return;
   }
   while (!waiting_.empty() && maySend()) {
-    Call call = std::move(waiting_.front());
-    waiting_.pop_front();
-    if (!send(std::move(call))) {
+    Call call = take(waiting_.begin());
+    if (call.wanted && !call.wanted()) {
+      failCall(std::move(call), unwanted());
+    } else if (!send(std::move(call))) {
       break;
     }
+  }
+  if (!link_.hasUnsent()) {
+    writing_ = nullptr;
   }
   isSending_ = false;
 }
 
+std::optional<OutgoingMessage> Calls::messageOf(const Call& call) {
+  if (call.shared == nullptr) {
+    return makeCall(link_.bus(), *call.interface, *call.operation, call.arguments);
+  }
+  const OutgoingMessage& message = call.shared->message();
+  // The very same call may be under way here already.
+  if (sent_.contains(cookieOf(message))) {
+    return makeCopy(link_.bus(), message);
+  }
+  return OutgoingMessage{sd_bus_message_ref(message.message), message.bytes};
+}
+
 /// False when the link is about to end; the call then fails with it.
 bool Calls::send(Call call) {
-  const auto message = makeCall(link_.bus(), *call.interface, *call.operation, call.arguments);
+  const auto message = messageOf(call);
   if (!message) {
     refuse(std::move(call));
     return true;
@@ -86,11 +185,12 @@ bool Calls::send(Call call) {
   if (const auto cookie = link_.send(message->message, message->bytes)) {
     // The endpoints among the arguments are the other end's now.
     call.arguments.clear();
+    writing_ = std::move(call.shared);
     sent_.emplace(*cookie, std::move(call));
     return true;
   }
   if (link_.isEnding()) {
-    waiting_.push_back(std::move(call));
+    wait(waiting_.begin(), std::move(call));
     return false;
   }
   refuse(std::move(call));
@@ -113,15 +213,17 @@ void Calls::answer(sd_bus_message* reply, uid_t user) {
       decodeReply(reply, *call.operation, isLimited ? Hub::shared().heldReplies.holdable(user) : SIZE_MAX);
   HeldReplies::Room room = isLimited ? hold(decoded, user) : nullptr;
   answerCall(std::move(call), std::move(decoded.outcome), std::move(room));
+  sendWaiting();
 }
 
 void Calls::fail(const CallError& error) {
   for (auto& [cookie, call] : std::exchange(sent_, {})) {
     failCall(std::move(call), error);
   }
-  for (Call& call : std::exchange(waiting_, {})) {
-    failCall(std::move(call), error);
+  while (!waiting_.empty()) {
+    failCall(take(waiting_.begin()), error);
   }
+  writing_ = nullptr;
 }
 
 }  // namespace kelvane::ipc

@@ -22,6 +22,8 @@ constexpr auto connectTime = std::chrono::seconds(30);
 constexpr auto partTime = std::chrono::seconds(30);
 /// A request that is too long is answered with an error, but not at any length.
 constexpr std::size_t longestMessage = 2 * limits::requestBytes;
+/// So often it is looked whether a peer takes what there is for it, in the time that it may take nothing.
+constexpr int looksPerStall = 5;
 
 bool takesEndpoints(const Interface& interface) {
   return std::ranges::any_of(interface.operations, [](const Operation* operation) {
@@ -99,17 +101,12 @@ void Channel::call(Call call) {
     failCall(std::move(call), endError_);
     return;
   }
-  const auto most = static_cast<std::size_t>(call.interface->maximumOutstandingCalls);
-  if (most != 0 && calls_.count() >= most) {
-    endForLimit("Too many calls are outstanding");
-    failCall(std::move(call), endError_);
-    return;
-  }
   calls_.add(std::move(call));
   if (ended_) {
-    // It was one too many for a peer that does not read.
+    // It was too long for a peer that does not read.
     calls_.fail(endError_);
   }
+  watchForStall();
 }
 
 bool Channel::send(const std::optional<OutgoingMessage>& message) {
@@ -156,6 +153,9 @@ void Channel::linkReceivedPart(std::size_t bytes) {
   }
   if (bytes > most) {
     endForLimit("A message is too long");
+  } else if (!requests_) {
+    // An answer is short, and whoever is long in sending it is not held to be at fault.
+    return;
   } else if (bytes == 0 && inPart_) {
     inPart_ = false;
     stopTimer();
@@ -174,8 +174,8 @@ void Channel::linkUnsent(std::size_t messages, std::size_t bytes) {
   // What goes to a service is what others make this process send, of which one message at a time waits here.
   const bool isCounted = requests_.has_value();
   hub_.quota.removeUnsent(user_, countedUnsent_);
-  const bool fits = messages <= limits::unsentMessagesPerConnection && bytes <= limits::unsentBytesPerConnection &&
-                    (!isCounted || hub_.quota.addUnsent(user_, bytes));
+  const bool fits = !isCounted || (messages <= limits::unsentMessagesPerConnection &&
+                                   bytes <= limits::unsentBytesPerConnection && hub_.quota.addUnsent(user_, bytes));
   countedUnsent_ = fits && isCounted ? bytes : 0;
   if (!fits) {
     endForLimit("The peer does not read");
@@ -201,6 +201,9 @@ void Channel::end(End how, const std::string& reason) {
     endError_.cause = connected_ ? CallError::Cause::NotAdmitted : CallError::Cause::NotReached;
   }
   stopTimer();
+  if (stallTimer_) {
+    hub_.loop.cancel(*std::exchange(stallTimer_, std::nullopt));
+  }
   peer_->release();
   link_.close();
   hub_.quota.removeUnsent(user_, std::exchange(countedUnsent_, 0));
@@ -240,6 +243,36 @@ void Channel::runHandlers(End how) {
       handlers.invalidation();
     }
   });
+}
+
+Stall::Look Channel::lookAtSocket() const {
+  return {.moves = link_.moves(), .untaken = link_.untaken()};
+}
+
+/// What a call begins, the looks go on with.
+void Channel::watchForStall() {
+  const auto most = calls_.maximumStall();
+  if (ended_ || most == most.zero() || (!link_.hasUnsent() && !calls_.areWaiting())) {
+    stall_.reset();
+    return;
+  }
+  if (!stall_) {
+    stall_.emplace(most, EventLoop::Clock::now(), lookAtSocket());
+  }
+  if (!stallTimer_) {
+    stallTimer_ = hub_.loop.runAt(EventLoop::Clock::now() + most / looksPerStall, [this] {
+      stallTimer_.reset();
+      lookForStall(EventLoop::Clock::now());
+    });
+  }
+}
+
+void Channel::lookForStall(EventLoop::Clock::time_point now) {
+  if (stall_ && stall_->isTooLong(now, lookAtSocket()) && (link_.hasUnsent() || calls_.areWaiting())) {
+    endForLimit("The peer takes nothing off its socket");
+  } else {
+    watchForStall();
+  }
 }
 
 void Channel::startTimer(EventLoop::Clock::time_point when, EventLoop::Task task) {

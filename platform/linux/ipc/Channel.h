@@ -12,6 +12,7 @@
 #include "platform/linux/ipc/Hub.h"
 #include "platform/linux/ipc/PeerState.h"
 #include "platform/linux/ipc/Requests.h"
+#include "platform/linux/ipc/Stall.h"
 
 namespace kelvane::ipc {
 
@@ -47,6 +48,8 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
   void startServer(FileDescriptor socket, std::shared_ptr<ListenerCore> listener);
 
   void call(Call call);
+  /// Ends the connection if, at this time, its peer has taken nothing off its socket for too long.
+  void lookForStall(EventLoop::Clock::time_point now);
   void end(End how, const std::string& reason);
   bool hasEnded() const { return ended_; }
 
@@ -71,6 +74,8 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
   std::size_t maximumMessageBytes() const;
   void startTimer(EventLoop::Clock::time_point when, EventLoop::Task task);
   void stopTimer();
+  void watchForStall();
+  Stall::Look lookAtSocket() const;
 
   Hub& hub_ = Hub::shared();
   const std::shared_ptr<Peer::State> peer_;
@@ -83,6 +88,9 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
   std::size_t countedUnsent_ = 0;
   /// For the next attempt to connect, then for the rest of a message.
   std::optional<EventLoop::Timer> timer_;
+  /// While something waits to be sent, and for the next look.
+  std::optional<Stall> stall_;
+  std::optional<EventLoop::Timer> stallTimer_;
   CallError endError_;
   bool ended_ = false;
   /// Whether the socket was connected, and whether the handshake over it was completed.

@@ -12,6 +12,7 @@ namespace kelvane::ipc {
 struct Proxy::State {
   const std::shared_ptr<Connection::State> connection;
   const std::shared_ptr<const ErrorHandler> error;
+  const Wanted wanted;
 };
 
 namespace {
@@ -38,7 +39,13 @@ void Proxy::call(const Operation& operation, Arguments arguments, ReplyHandler r
 }
 
 void Proxy::callForOutcome(const Operation& operation, Arguments arguments, OutcomeHandler outcome) const {
-  state_->connection->call(operation, frozenArguments(std::move(arguments)), std::move(outcome), state_->error);
+  state_->connection->call({.interface = nullptr,
+                            .operation = &operation,
+                            .arguments = frozenArguments(std::move(arguments)),
+                            .outcome = std::move(outcome),
+                            .error = state_->error,
+                            .wanted = state_->wanted,
+                            .connection = nullptr});
 }
 
 Connection Connection::toEndpoint(const Endpoint& endpoint) {
@@ -74,9 +81,9 @@ void Connection::setRemoteInterface(const Interface& interface) const {
   state_->setRemoteInterface(interface);
 }
 
-Proxy Connection::remoteProxy(Proxy::ErrorHandler handler) const {
+Proxy Connection::remoteProxy(Proxy::ErrorHandler handler, Proxy::Wanted wanted) const {
   return Proxy(std::make_shared<Proxy::State>(
-      Proxy::State{state_, std::make_shared<const Proxy::ErrorHandler>(std::move(handler))}));
+      Proxy::State{state_, std::make_shared<const Proxy::ErrorHandler>(std::move(handler)), std::move(wanted)}));
 }
 
 void Connection::resume() const {

@@ -55,15 +55,9 @@ Connection::State::Handlers Connection::State::takeHandlers() {
   return std::exchange(handlers_, {});
 }
 
-void Connection::State::call(const Operation& operation, Arguments arguments, Proxy::OutcomeHandler outcome,
-                             std::shared_ptr<const Proxy::ErrorHandler> error) {
+void Connection::State::call(Call call) {
   const std::lock_guard lock(mutex_);
-  Call call{.interface = remoteInterface_,
-            .operation = &operation,
-            .arguments = std::move(arguments),
-            .outcome = std::move(outcome),
-            .error = std::move(error),
-            .connection = nullptr};
+  call.interface = remoteInterface_;
   if (remoteInterface_ == nullptr) {
     failCall(std::move(call),
              {std::string(SD_BUS_ERROR_UNKNOWN_INTERFACE) + ": The connection has no remote interface"});

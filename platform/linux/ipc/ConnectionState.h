@@ -32,9 +32,8 @@ struct Connection::State : public std::enable_shared_from_this<Connection::State
   void setInvalidationHandler(std::function<void()> handler);
   void setInterruptionHandler(std::function<void()> handler);
   void setRemoteInterface(const Interface& interface);
-  /// Sends the call, once the connection is resumed.
-  void call(const Operation& operation, Arguments arguments, Proxy::OutcomeHandler outcome,
-            std::shared_ptr<const Proxy::ErrorHandler> error);
+  /// Sends the call, of the remote interface, once the connection is resumed.
+  void call(Call call);
   void resume();
   void invalidate();
 

@@ -8,6 +8,7 @@
 #include "platform/linux/ipc/HeldReplies.h"
 #include "platform/linux/ipc/LibraryInput.h"
 #include "platform/linux/ipc/Quota.h"
+#include "platform/linux/ipc/SharedCalls.h"
 
 namespace kelvane::ipc {
 
@@ -24,6 +25,7 @@ struct Hub {
   LibraryInput libraryInput;
   HeldReplies heldReplies;
   Quota quota;
+  SharedCalls sharedCalls;
   DeliveryGate gate;
 };
 

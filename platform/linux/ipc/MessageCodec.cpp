@@ -141,6 +141,14 @@ bool appendArgument(sd_bus_message* message, ValueEncoder& encoder, ArgumentKind
   }
 }
 
+/// Ends the making of a call.
+bool seal(sd_bus_message* call) {
+  static std::uint32_t cookie = 0;
+  // 0 is none.
+  cookie = cookie == UINT32_MAX ? 1 : cookie + 1;
+  return sd_bus_message_seal(call, cookie, 0) >= 0;
+}
+
 /// Stands for a call that was freed: the library makes answers only from calls.
 sd_bus_message* makeStandIn(sd_bus* bus, std::uint64_t cookie) {
   sd_bus_message* call = nullptr;
@@ -200,8 +208,31 @@ std::optional<OutgoingMessage> makeCall(sd_bus* bus, const Interface& interface,
       return std::nullopt;
     }
   }
+  if (!seal(call.message)) {
+    sd_bus_message_unref(call.message);
+    return std::nullopt;
+  }
   call.bytes = headerBytes + encoder.bytes();
   return call;
+}
+
+std::optional<OutgoingMessage> makeCopy(sd_bus* bus, const OutgoingMessage& call) {
+  sd_bus_message* const original = call.message;
+  OutgoingMessage copy = {.message = nullptr, .bytes = call.bytes};
+  if (sd_bus_message_new_method_call(bus, &copy.message, nullptr, sd_bus_message_get_path(original),
+                                     sd_bus_message_get_interface(original), sd_bus_message_get_member(original)) < 0 ||
+      sd_bus_message_rewind(original, 1) < 0 || sd_bus_message_copy(copy.message, original, 1) < 0 ||
+      !seal(copy.message)) {
+    sd_bus_message_unref(copy.message);
+    return std::nullopt;
+  }
+  return copy;
+}
+
+std::uint64_t cookieOf(const OutgoingMessage& message) {
+  std::uint64_t cookie = 0;
+  sd_bus_message_get_cookie(message.message, &cookie);
+  return cookie;
 }
 
 std::optional<OutgoingMessage> makeReply(sd_bus* bus, std::uint64_t cookie, const Operation& operation,

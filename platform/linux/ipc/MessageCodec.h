@@ -52,9 +52,13 @@ struct DecodedReply {
 /// takes more memory than the budget.
 [[nodiscard]] DecodedReply decodeReply(sd_bus_message* reply, const Operation& operation, std::size_t budget);
 
-/// None when the arguments do not fit the operation, an endpoint among them is gone or the library refuses.
+/// None when the arguments do not fit the operation, an endpoint among them is gone or the library refuses. Its cookie
+/// is that of no other call of this process, as far as 32 bits go, so that any connection can send it.
 [[nodiscard]] std::optional<OutgoingMessage> makeCall(sd_bus* bus, const Interface& interface,
                                                       const Operation& operation, const Arguments& arguments);
+/// The same call, without endpoints, with a cookie of its own.
+[[nodiscard]] std::optional<OutgoingMessage> makeCopy(sd_bus* bus, const OutgoingMessage& call);
+[[nodiscard]] std::uint64_t cookieOf(const OutgoingMessage& message);
 
 /// Answers to the call that had this cookie; the call itself is not needed any more.
 [[nodiscard]] std::optional<OutgoingMessage> makeReply(sd_bus* bus, std::uint64_t cookie, const Operation& operation,

@@ -230,25 +230,6 @@ TEST(ACall, TakesItsArgumentsAsTheyAreWhenItIsMade) {
   EXPECT_EQ(listener.take()->value(0)["key"], Value("then"));
 }
 
-TEST(ALimitedConnection, IsInvalidatedByOneCallTooMany) {
-  SampleListener listener;
-  listener.resume();
-  SampleCaller caller(ipc::connectAt(listener.path()), sample::limitedInterface);
-  caller.connection().resume();
-  for (int call = 0; call < sample::limitedInterface.maximumOutstandingCalls; ++call) {
-    caller.call(sample::ping, {});
-    // Its reply is dropped, so it stays outstanding.
-    ASSERT_TRUE(listener.take());
-  }
-  EXPECT_EQ(caller.ends().size(), 0U);
-  caller.call(sample::ping, {});
-  EXPECT_EQ(caller.ends().take(), "invalidation");
-  for (int call = 0; call <= sample::limitedInterface.maximumOutstandingCalls; ++call) {
-    EXPECT_THAT(caller.outcomes().take()->error, HasSubstr("Too many calls"));
-  }
-  expectNoMore(caller);
-}
-
 TEST(ALimitedConnection, IsInvalidatedByAReplyThatIsTooLong) {
   SampleListener listener(
       [](const ipc::Request& request) { request.reply.send(Value(std::string(request.value(0).uint64Value(), 'x'))); });

@@ -10,18 +10,15 @@
 #include <deque>
 
 #include "platform/Limits.h"
-#include "platform/linux/ipc/EndpointState.h"
 #include "platform/linux/ipc/PrivateSockets.h"
 #include "platform/linux/runtime/FileDescriptor.h"
 #include "tests/linux/ipc/IpcTesting.h"
 #include "tests/linux/ipc/RawClient.h"
-#include "tests/linux/testing/BusServer.h"
 
 namespace kelvane {
 namespace {
 
 using test::RawClient;
-using test::SampleCaller;
 using test::SampleListener;
 namespace sample = test::sample;
 
@@ -99,73 +96,6 @@ TEST(APeerThatDoesNotRead, IsDroppedForManyShortAnswers) {
     sd_bus_message_unref(message);
   }
   EXPECT_TRUE(ended.take());
-}
-
-/// The other end of an endpoint: goes through the handshake and then reads nothing.
-class IdleServer {
- public:
-  IdleServer() {
-    int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends), 0);
-    endpoint_.emplace(std::make_shared<ipc::Endpoint::State>(FileDescriptor(ends[0])));
-    server_.emplace(ends[1]);
-  }
-
-  const ipc::Endpoint& endpoint() const { return *endpoint_; }
-  void shakeHands() { ASSERT_TRUE(server_->shakeHands()); }
-  bool takesCall() { return server_->nextCall() != nullptr; }
-
- private:
-  std::optional<test::BusServer> server_;
-  std::optional<ipc::Endpoint> endpoint_;
-};
-
-TEST(AServiceThatDoesNotRead, HasItsCallsWaitUntilThereAreTooMany) {
-  IdleServer service;
-  SampleCaller caller(ipc::Connection::toEndpoint(service.endpoint()), sample::limitedInterface);
-  caller.connection().resume();
-  service.shakeHands();
-  const Value large(std::string(limits::requestBytes / 2, 'x'));
-  const int most = sample::limitedInterface.maximumOutstandingCalls;
-  for (int call = 0; call < most; ++call) {
-    caller.call(sample::echo, {large});
-  }
-  test::settleEventLoop();
-  EXPECT_EQ(caller.ends().size(), 0U);
-  caller.call(sample::echo, {large});
-  EXPECT_EQ(caller.ends().take(), "invalidation");
-  for (int call = 0; call < most + 1; ++call) {
-    const auto outcome = caller.outcomes().take();
-    ASSERT_TRUE(outcome);
-    EXPECT_THAT(outcome->error, testing::HasSubstr("Too many calls"));
-  }
-}
-
-TEST(ServicesThatAreSentMuchAtOnce, KeepTheirConnectionsHoweverSlowlyTheyRead) {
-  constexpr int count = 40;
-  std::deque<IdleServer> services(count);
-  std::deque<SampleCaller> callers;
-  const Value large(std::string(limits::requestBytes - 4096, 'x'));
-  ASSERT_GT(count * limits::requestBytes, limits::unsentBytesPerUser);
-  for (IdleServer& service : services) {
-    callers.emplace_back(ipc::Connection::toEndpoint(service.endpoint()));
-    callers.back().connection().resume();
-    service.shakeHands();
-    callers.back().call(sample::echo, {large});
-    callers.back().call(sample::echo, {large});
-  }
-  test::settleEventLoop();
-  for (int index = 0; index < count; ++index) {
-    EXPECT_EQ(callers[static_cast<std::size_t>(index)].ends().size(), 0U) << index;
-  }
-  // Each gets both calls when it reads at last.
-  for (int call = 0; call < 2; ++call) {
-    EXPECT_TRUE(services.front().takesCall());
-  }
-  // Outstanding calls hold their connections until the services are gone.
-  callers.clear();
-  services.clear();
-  test::settleEventLoop();
 }
 
 TEST(APeerThatEndsNoMessage, IsDroppedWhenThatGrowsTooLong) {
