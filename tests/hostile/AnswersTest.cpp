@@ -20,13 +20,14 @@ using test::mebibyte;
 using test::Message;
 using test::purgeOf;
 using test::reply;
+using test::untilAnswered;
 
 class AnAnswer : public test::HostileServiceTest {
  protected:
   /// The bytes that the daemon counts for an answer which is less than what it asked for.
   Value reported(const Append& answer) {
     Client client;
-    service().bus().answer(nextPurge(client), answer);
+    service().bus().answer(nextPurge(client, {untilAnswered()}), answer);
     return client.nextResult()[keys::amountReported];
   }
 
@@ -48,7 +49,7 @@ class AnAnswer : public test::HostileServiceTest {
 
 TEST_F(AnAnswer, ThatComesTwiceCountsOnce) {
   Client client;
-  const Message call = nextPurge(client);
+  const Message call = nextPurge(client, {untilAnswered()});
   service().bus().answer(call, reply({{keys::amount, 5}}));
   service().bus().answer(call, reply({{keys::amount, 7}}));
   service().bus().answerWithError(call, "com.example.Error", "and an error");
@@ -99,7 +100,7 @@ TEST_F(AnAnswer, NestedTooDeeplyCountsAsNothing) {
 
 TEST_F(AnAnswer, ThatIsAnErrorCountsAsNothing) {
   Client client;
-  service().bus().answerWithError(nextPurge(client), "com.example.Error", std::string(10'000, 'e'));
+  service().bus().answerWithError(nextPurge(client, {untilAnswered()}), "com.example.Error", std::string(10'000, 'e'));
   EXPECT_EQ(client.nextResult()[keys::amountReported], Value(0));
   EXPECT_EQ(reported(reply({{keys::amount, 9}})), Value(9));
 }
@@ -134,7 +135,7 @@ TEST_F(AnAnswer, ThatClaimsMoreThanThereIsIsNotBelieved) {
 TEST_F(AnAnswer, MayHoldTheDaemonsOwnKeys) {
   Client client;
   service().bus().answer(
-      nextPurge(client),
+      nextPurge(client, {untilAnswered()}),
       reply({{keys::amount, 5}, {keys::volume, "/"}, {keys::freespaceBegin, 0}, {keys::elapsedTime, "never"}}));
   const Value result = client.nextResult();
   EXPECT_EQ(result[keys::volume], Value(test::volume));

@@ -12,6 +12,7 @@ using test::mebibyte;
 using test::Message;
 using test::purgeOf;
 using test::Service;
+using test::untilAnswered;
 
 using AServiceThatDies = test::HostileServiceTest;
 
@@ -61,7 +62,7 @@ TEST_F(AServiceThatDies, InTheMiddleOfItsAnswerGivesNothing) {
 
 TEST_F(AServiceThatDies, AfterItsAnswerIsCounted) {
   Client client;
-  service().sendBytes(test::answerTo(nextPurge(client)));
+  service().sendBytes(test::answerTo(nextPurge(client, {untilAnswered()})));
   service().hangUp();
   EXPECT_EQ(client.nextResult()[keys::amountReported], Value(1));
 }
@@ -73,7 +74,7 @@ TEST_F(AServiceThatDies, AndComesBackInTheMiddleOfAPurgeIsKnownAgain) {
   Service again("com.example.hostile");
   again.checkIn();
   EXPECT_EQ(client.nextResult()[keys::amountReported], Value(0));
-  ASSERT_TRUE(client.send("clientPurge", purgeOf(mebibyte)));
+  ASSERT_TRUE(client.send("clientPurge", purgeOf(mebibyte, {untilAnswered()})));
   again.bus().answer(again.expect("servicePurge"), test::reply({{keys::amount, 5}}));
   EXPECT_EQ(client.nextResult()[keys::amountReported], Value(5));
 }

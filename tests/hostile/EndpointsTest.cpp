@@ -126,7 +126,7 @@ TEST_F(AnEndpoint, ThatCallsTheDaemonInsteadOfServingItIsLeftUnanswered) {
     service.sendBytes(test::WireCall().bytes());
   }
   Client client;
-  ASSERT_TRUE(client.send("clientPurge", test::purgeOf(test::mebibyte)));
+  ASSERT_TRUE(client.send("clientPurge", test::purgeOf(test::mebibyte, {test::untilAnswered()})));
   service.bus().answer(service.expect("servicePurge"), test::reply({{keys::amount, 3}}));
   EXPECT_EQ(client.nextResult()[keys::amountReported], Value(3));
 }

@@ -84,8 +84,9 @@ void HostileTest::purgeForAnotherClient() const {
   const BehavingService service("com.example.behaving", 4 * mebibyte);
   Client client;
   const std::uint64_t goal = availableBytes() + mebibyte;
+  const std::vector<Entry> time = requests_ == 1 ? std::vector{untilAnswered()} : std::vector<Entry>();
   for (int request = 0; request < requests_ && availableBytes() < goal; ++request) {
-    const Value result = client.purge(purgeOf(goal - availableBytes()));
+    const Value result = client.purge(purgeOf(goal - availableBytes(), time));
     EXPECT_GT(result[keys::amount].uint64Value(), 0U) << result.description();
   }
   EXPECT_GE(availableBytes(), goal);
@@ -132,8 +133,8 @@ void HostileServiceTest::expectDeathBySignalIn(const std::string& member, const 
   EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 }
 
-Message HostileServiceTest::nextPurge(Client& client) {
-  EXPECT_TRUE(client.send("clientPurge", purgeOf(mebibyte)));
+Message HostileServiceTest::nextPurge(Client& client, std::vector<Entry> more) {
+  EXPECT_TRUE(client.send("clientPurge", purgeOf(mebibyte, std::move(more))));
   return service_->expect("servicePurge");
 }
 

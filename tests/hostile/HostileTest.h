@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tests/hostile/DaemonProcess.h"
 #include "tests/hostile/Service.h"
@@ -64,7 +65,7 @@ class HostileServiceTest : public HostileTest {
 
   Service& service() { return *service_; }
   /// The request that the service gets for a purge of a mebibyte, whose result the client is to take.
-  Message nextPurge(Client& client);
+  Message nextPurge(Client& client, std::vector<Entry> more = {});
   /// In the place of that service puts one in a process of its own, which SIGKILL ends when the daemon asks it for
   /// this.
   void expectDeathBySignalIn(const std::string& member, const std::function<void()>& ask);

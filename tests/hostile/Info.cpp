@@ -102,6 +102,10 @@ Append purgeOf(std::uint64_t bytes, std::vector<Entry> more) {
   return info(std::move(entries));
 }
 
+Entry untilAnswered() {
+  return {keys::purgeTimeout, 60};
+}
+
 Value nextValue(const Message& message) {
   ipc::ValueDecoder decoder(message.get(), 64, SIZE_MAX);
   return decoder.next().value_or(Value());

@@ -53,6 +53,8 @@ Append reply(std::vector<Entry> entries);
 /// What asks for bytes of the test's volume at urgency 1, in a pass that takes a second at most; more entries
 /// come after, and so instead of these.
 Append purgeOf(std::uint64_t bytes, std::vector<Entry> more = {});
+/// For a purge whose services all answer: its pass ends when they have, however long that takes on a busy machine.
+Entry untilAnswered();
 
 /// What the next arguments of a message come to; absent where there is no value.
 Value nextValue(const Message& message);

@@ -141,7 +141,7 @@ TEST_F(ANamedService, ThatDiesIsConnectedToAnewForTheNextPurge) {
     expectNothingOfIt(client);
   }
   Client client;
-  ASSERT_TRUE(client.send("clientPurge", purgeOf(mebibyte)));
+  ASSERT_TRUE(client.send("clientPurge", purgeOf(mebibyte, {test::untilAnswered()})));
   BusServer service(accepted().release());
   service.answer(service.nextCall(), test::reply({{keys::amount, 5}}));
   EXPECT_EQ(client.nextResult()[keys::amountReported], Value(5));

@@ -356,7 +356,7 @@ TEST_F(ARequest, ToCheckInMayUseAnyIdentifier) {
     test::Service service(identifier);
     service.checkIn();
     Client client;
-    ASSERT_TRUE(client.send("clientPurge", purgeOf(mebibyte)));
+    ASSERT_TRUE(client.send("clientPurge", purgeOf(mebibyte, {test::untilAnswered()})));
     const auto call = service.expect("servicePurge");
     service.bus().answer(call, test::reply({{keys::amount, 1}}));
     EXPECT_EQ(client.nextResult()[keys::amountReported], Value(1)) << identifier;

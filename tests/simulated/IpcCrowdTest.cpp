@@ -72,11 +72,11 @@ TEST(CallsThatWaitBeyondTheLimit, AreSentInOrderAsOthersAreAnswered) {
     for (int number = 1; number <= 5; ++number) {
       crowd.tell(number);
     }
-    EXPECT_THAT(crowd.arrived(), ElementsAre("{name = 1;}", "{name = 2;}"));
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ name = 1; }", "{ name = 2; }"));
     crowd.answerAll();
-    EXPECT_THAT(crowd.arrived(), ElementsAre("{name = 3;}", "{name = 4;}"));
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ name = 3; }", "{ name = 4; }"));
     crowd.answerAll();
-    EXPECT_THAT(crowd.arrived(), ElementsAre("{name = 5;}"));
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ name = 5; }"));
     EXPECT_THAT(crowd.caller().events(), testing::Each("reply done"));
   });
 }
@@ -92,12 +92,12 @@ TEST(CallsThatWaitBeyondTheLimit, GiveWayToALaterOneOfTheirNamesWhenTooManyWait)
     EXPECT_THAT(crowd.caller().events(), IsEmpty());
     crowd.tell(6, "a");
     crowd.tell(7, "c");
-    EXPECT_THAT(crowd.arrived(), ElementsAre("{sent = 1;}", "{sent = 2;}"));
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ sent = 1; }", "{ sent = 2; }"));
     EXPECT_THAT(crowd.caller().events(), ElementsAre("error"));
     crowd.answerAll();
-    EXPECT_THAT(crowd.arrived(), ElementsAre("{b = 4;}", "{a = 5;}"));
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ b = 4; }", "{ a = 5; }"));
     crowd.answerAll();
-    EXPECT_THAT(crowd.arrived(), ElementsAre("{a = 6;}", "{c = 7;}"));
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ a = 6; }", "{ c = 7; }"));
   });
 }
 
