@@ -366,8 +366,10 @@ TEST_F(APurgeRequest, RepeatedForAServiceRunsInEitherOrderWithItsRemovalFromFlig
           purge(100, tableOf({service.record()}));
           simulation->settle();
           requestsSeen.insert(service.count("servicePurge 1"));
+          // Or the pass has ended between the two, and with it the purge, before the request was sent.
           EXPECT_EQ(service.count("servicePurge 1") == lastTurn,
-                    log().contains("trying to add \"a\", which is already inFlight"));
+                    log().contains("trying to add \"a\", which is already inFlight") ||
+                        log().contains(std::string(blockName) + " connection invalidated"));
         },
         seed);
   }
