@@ -130,7 +130,12 @@ std::string DaemonProcess::log() const {
 }
 
 std::size_t DaemonProcess::openDescriptors() const {
-  return entriesIn("/proc/" + std::to_string(pid_) + "/fd");
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/" + std::to_string(pid_) + "/fd")) {
+    std::error_code closed;
+    count += std::filesystem::read_symlink(entry, closed) != "anon_inode:[fanotify]" ? 1 : 0;
+  }
+  return count;
 }
 
 std::size_t DaemonProcess::threads() const {

@@ -41,6 +41,7 @@ class DaemonProcess {
 
   /// What it wrote to standard error, unless that was somewhere else.
   [[nodiscard]] std::string log() const;
+  /// But for those by which it learns of writes to volumes, of which it has as many as there are quiet volumes.
   [[nodiscard]] std::size_t openDescriptors() const;
   [[nodiscard]] std::size_t threads() const;
   /// Its memory, without what sanitizers keep beside it.

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Services that die, at each point of what the daemon has to do with them once it has answered their check-in.
+#include <csignal>
+
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/WireMessage.h"
@@ -92,6 +94,24 @@ TEST_F(AServiceThatDies, WhenItIsToldThatAPurgeIsCancelledIsForgotten) {
   const Message cancel = second.expect("serviceCancelPurge");
   second.sendBytes(test::answerTo(cancel).substr(0, 20));
   second.hangUp();
+}
+
+TEST_F(AServiceThatDies, WithMuchUnreadThatItSaidIsForgottenBeforeItIsBack) {
+  Service again("com.example.hostile");
+  ASSERT_TRUE(again.isServed());
+  // The daemon finds all of it at once.
+  daemon_.send(SIGSTOP);
+  std::string calls;
+  for (int call = 0; call < 1'000; ++call) {
+    calls += test::WireCall().bytes();
+  }
+  service().sendBytes(calls);
+  service().hangUp();
+  again.beginCheckIn();
+  daemon_.send(SIGCONT);
+  // As one who was never there.
+  again.bus().answer(again.expect("servicePing"));
+  EXPECT_TRUE(again.endCheckIn().isDictionary());
 }
 
 TEST_F(AServiceThatDies, BySignalWithItsRequestsUnansweredGivesNothing) {

@@ -14,7 +14,7 @@ namespace {
 
 /// An own connection is cut at one call out of so many, and besides between calls.
 constexpr unsigned callsToACut = 100;
-constexpr int patienceMilliseconds = 60'000;
+constexpr int patienceMilliseconds = 240'000;
 
 [[nodiscard]] bool isHungUpOn(const FileDescriptor& end) {
   pollfd state{.fd = end.get(), .events = 0, .revents = 0};
@@ -69,7 +69,10 @@ void LoadClient::checkInAgain() {
 }
 
 void LoadClient::die() {
-  service_->cut();
+  {
+    const std::lock_guard lock(load_.starting);
+    service_->cut();
+  }
   isCheckedIn_ = false;
   ++load_.cuts;
 }

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <random>
 #include <string>
@@ -39,6 +40,9 @@ inline constexpr char describedService[] = "com.example.described";
 /// What the clients of a test have in common.
 struct Load {
   Ledger ledger;
+  /// Held while a process is being started, which has all sockets of this one until it is another program: no socket
+  /// that is closed meanwhile ends for its peer.
+  std::mutex starting = {};
   /// Bytes that each service has at most, by its identifier.
   std::map<std::string, std::uint64_t> capacities = {};
   std::atomic<bool> hasFailed = false;

@@ -31,9 +31,10 @@ std::array<FileDescriptor, 2> makePipe() {
 
 }  // namespace
 
-ServiceProcesses::ServiceProcesses(int count, std::uint64_t capacity, Ledger& ledger)
+ServiceProcesses::ServiceProcesses(int count, std::uint64_t capacity, Ledger& ledger, std::mutex& starting)
     : capacity_(capacity),
       ledger_(ledger),
+      starting_(starting),
       processes_(static_cast<std::size_t>(count)),
       wake_(eventfd(0, EFD_CLOEXEC)) {
   thread_ = std::thread([this] { run(); });
@@ -87,7 +88,10 @@ void ServiceProcesses::start(std::size_t number) {
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, input.get(), STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, output.get(), STDOUT_FILENO);
-  EXPECT_EQ(posix_spawn(&process.pid, arguments[0], &actions, nullptr, arguments.data(), environ), 0);
+  {
+    const std::lock_guard lock(starting_);
+    EXPECT_EQ(posix_spawn(&process.pid, arguments[0], &actions, nullptr, arguments.data(), environ), 0);
+  }
   posix_spawn_file_actions_destroy(&actions);
   process.life = std::move(life);
   process.news = std::move(news);

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -23,8 +24,8 @@ inline constexpr char ledgerFile[] = "/run/test/ledger";
 /// than by SIGKILL fails the test.
 class ServiceProcesses {
  public:
-  /// Their accounts are the first ones. Each keeps up to so many bytes.
-  ServiceProcesses(int count, std::uint64_t capacity, Ledger& ledger);
+  /// Their accounts are the first ones. Each keeps up to so many bytes. The mutex is held while one is being started.
+  ServiceProcesses(int count, std::uint64_t capacity, Ledger& ledger, std::mutex& starting);
   /// Lets those that run leave in order.
   ~ServiceProcesses();
   ServiceProcesses(const ServiceProcesses&) = delete;
@@ -50,6 +51,7 @@ class ServiceProcesses {
 
   const std::uint64_t capacity_;
   Ledger& ledger_;
+  std::mutex& starting_;
   std::deque<Process> processes_;
   std::minstd_rand random_{7};
   std::atomic<int> deaths_ = 0;
