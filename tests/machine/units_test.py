@@ -2,12 +2,13 @@
 # That the units let the programs do what they are for, and nothing of what they are not for.
 
 import json
+import re
 import tempfile
 import unittest
 
 from disk import MIB, Disk
-from durability import until
 from machine import GUEST, Machine
+from mapped_disk import DMSETUP
 
 CACHE = "com.example.cache"
 NAMED = "com.example.named"
@@ -45,34 +46,25 @@ class Units(unittest.TestCase):
                    f"/etc/kelvane/directory-cache/{NAMED}.plist":
                        configuration(NAMED, "/volumes/data/named", Manner="Named"),
                    MISDEEDS: GUEST / "misdeeds"}))
-        cls.machine.run(f"systemctl start kelvaned.service {CACHE_UNIT} kelvane-directory-cache@{NAMED}.socket")
-        cls.await_check_in(0)
-
-    @classmethod
-    def check_ins(cls):
-        return int(cls.machine.run(f"journalctl --unit={CACHE_UNIT} | grep --count 'checked in'", check=False).output)
-
-    @classmethod
-    def await_check_in(cls, before):
-        """After so many."""
-        until(lambda: cls.check_ins() > before, "a check-in")
+        cls.administrate(f"systemctl start kelvaned.service {CACHE_UNIT} kelvane-directory-cache@{NAMED}.socket")
 
     @classmethod
     def administrate(cls, command):
-        """Does something after which the cache has to check in again."""
-        before = cls.check_ins()
-        cls.machine.run(command)
-        cls.await_check_in(before)
+        """Does something after which the cache has to check in again, and waits until it has."""
+        cls.machine.run("cursor=$(journalctl --lines=1 --show-cursor | sed --quiet 's/^-- cursor: //p') && "
+                        f"{{ {command}; }} && grep --quiet --max-count=1 'checked in' "
+                        f"<(journalctl --follow --after-cursor=\"$cursor\" --unit={CACHE_UNIT})")
 
     def fill(self, mib):
         """Each cache, with files of a mebibyte."""
-        for directory in DIRECTORIES:
-            self.machine.run(f"rm -rf {directory} && mkdir {directory} && cd {directory} && for file in $(seq {mib}); do "
-                             f"head --bytes=1M /dev/urandom >$file; done && chown -R www-data: . && sync -f .")
+        self.machine.run(f"for directory in {' '.join(DIRECTORIES)}; do rm -rf $directory && mkdir $directory && "
+                         f"for file in $(seq {mib}); do head --bytes=1M /dev/urandom >$directory/$file; done && "
+                         "chown -R www-data: $directory && sync -f $directory || exit; done")
 
     def left(self):
         """How many files each cache has."""
-        return [int(self.machine.run(f"ls {directory} | wc --lines").output) for directory in DIRECTORIES]
+        counts = "; ".join(f"ls {directory} | wc --lines" for directory in DIRECTORIES)
+        return [int(count) for count in self.machine.run(counts).output.split()]
 
     def assert_purges(self):
         """That both caches give."""
@@ -88,8 +80,8 @@ class Units(unittest.TestCase):
     def misdeeds(self, unit):
         """What a program could do that ran as the unit's does."""
         replaced = "Type|Exec[A-Za-z]*|Restart[A-Za-z]*|Watchdog[A-Za-z]*|Requires|After|Wants|Condition[A-Za-z]*"
-        self.machine.run(f"systemctl cat {unit} | sed --regexp-extended '/^({replaced})=/d; "
-                         f"s|^\\[Service\\]|&\\nType=oneshot\\nExecStart={MISDEEDS}\\nStandardOutput=truncate:/run/done|' "
+        self.machine.run(f"systemctl cat {unit} | sed --regexp-extended '/^({replaced})=/d; s|^\\[Service\\]|&\\n"
+                         f"Type=oneshot\\nExecStart={MISDEEDS}\\nStandardOutput=truncate:/run/done|' "
                          ">/run/systemd/system/twin.service && systemctl daemon-reload && systemctl start twin.service")
         return self.machine.run("cat /run/done").output.split()
 
@@ -100,9 +92,9 @@ class Units(unittest.TestCase):
 
     def test_would_let_them_do_it_without_the_restrictions(self):
         """Or the test above could not fail."""
-        self.machine.run(f"printf '[Service]\\nType=oneshot\\nExecStart={MISDEEDS}\\n' >/run/systemd/system/free.service && "
-                         "systemctl daemon-reload")
-        attempted = [line.split()[1] for line in (GUEST / "misdeeds").read_text().splitlines() if line.startswith("attempt ")]
+        self.machine.run(f"printf '[Service]\\nType=oneshot\\nExecStart={MISDEEDS}\\n' "
+                         ">/run/systemd/system/free.service && systemctl daemon-reload")
+        attempted = re.findall("^attempt ([a-z-]+)", (GUEST / "misdeeds").read_text(), re.MULTILINE)
         self.assertEqual(attempted, self.misdeeds("free.service"))
         self.machine.run("umount /mnt")
 
@@ -113,12 +105,13 @@ class Units(unittest.TestCase):
 
     def test_let_volumes_come_and_go_below_a_mount_that_tells_nobody(self):
         late = "/run/secretive/late"
-        self.machine.run("mkdir /run/secretive && mount -t tmpfs tmpfs /run/secretive && mount --make-private /run/secretive")
+        self.machine.run("mkdir /run/secretive && mount -t tmpfs tmpfs /run/secretive && "
+                         "mount --make-private /run/secretive")
         self.machine.run(f"mkdir {late} && mount -t ext4 /dev/disks/late {late}")
         self.administrate(f"systemctl restart kelvaned.service {CACHE_UNIT}")
         # Nobody has the disk any more once it is unmounted.
-        self.machine.run(f"umount {late} && DM_DISABLE_UDEV=1 dmsetup create exclusive --table "
-                         f"'0 {self.late.size // 512} linear /dev/disks/late 0' && DM_DISABLE_UDEV=1 dmsetup remove exclusive")
+        self.machine.run(f"umount {late} && {DMSETUP} create exclusive --table "
+                         f"'0 {self.late.size // 512} linear /dev/disks/late 0' && {DMSETUP} remove exclusive")
         self.machine.run(f"mount -t ext4 /dev/disks/late {late}")
         self.assertTrue(self.is_purged(late))
         self.machine.run(f"umount {late} /run/secretive")
@@ -132,10 +125,10 @@ class Units(unittest.TestCase):
     def without(self, capability):
         """The daemon goes on without it."""
         directory = "/run/systemd/system/kelvaned.service.d"
-        self.administrate(f"mkdir {directory} && printf '[Service]\\nCapabilityBoundingSet=~{capability}\\n' >{directory}/less.conf "
-                          "&& systemctl daemon-reload && systemctl restart kelvaned.service")
-        self.addCleanup(self.administrate,
-                        f"rm -r {directory} && systemctl daemon-reload && systemctl restart kelvaned.service")
+        restart = "systemctl daemon-reload && systemctl restart kelvaned.service"
+        self.administrate(f"mkdir {directory} && printf '[Service]\\nCapabilityBoundingSet=~{capability}\\n' "
+                          f">{directory}/less.conf && {restart}")
+        self.addCleanup(self.administrate, f"rm -r {directory} && {restart}")
 
     def test_have_the_capability_to_reach_volumes_in_directories_of_users(self):
         late = "/home/user/late"
@@ -150,10 +143,10 @@ class Units(unittest.TestCase):
         process = "$(systemctl show --value --property=MainPID kelvaned.service)"
         marks = f"grep --quiet --recursive --no-messages 'fanotify sdev' /proc/{process}/fdinfo"
         refusals = "journalctl --unit=kelvaned.service | grep --quiet 'Nobody tells of writes'"
-        until(lambda: self.machine.run(marks, check=False).status == 0, "notices of writes")
+        self.machine.run(f"until {marks}; do sleep 0.5; done")
         self.assertEqual(1, self.machine.run(refusals, check=False).status)
         self.without("CAP_SYS_ADMIN")
-        until(lambda: self.machine.run(refusals, check=False).status == 0, "a refusal of notices")
+        self.machine.run(f"until {refusals}; do sleep 0.5; done")
         self.assertEqual(1, self.machine.run(marks, check=False).status)
 
     def test_let_caches_be_purged(self):
@@ -161,19 +154,28 @@ class Units(unittest.TestCase):
 
     def test_let_a_volume_be_relieved(self):
         self.fill(12)
+        self.addCleanup(self.machine.run, "rm /volumes/data/filler")
         self.machine.run(f"fallocate --length=$(($(stat --file-system --format='%a*%S' /volumes/data) - {10 * MIB})) "
-                         "/volumes/data/filler")
-        try:
-            until(lambda: self.left() == [0, 0], "relief")
-        finally:
-            self.machine.run("rm /volumes/data/filler")
+                         f"/volumes/data/filler && while [ -n \"$(find {' '.join(DIRECTORIES)} -type f)\" ]; do "
+                         "sleep 0.5; done")
 
     def test_stand_a_restart_and_a_kill(self):
         self.administrate("systemctl restart kelvaned.service")
         self.assert_purges()
+        self.administrate("systemctl restart kelvaned.socket")
+        self.assert_purges()
         self.administrate("systemctl kill --signal=KILL kelvaned.service")
         self.assert_purges()
         self.administrate(f"systemctl restart {CACHE_UNIT}")
+        self.assert_purges()
+
+    def test_let_a_cache_be_its_user_from_the_start(self):
+        """And so without any capability."""
+        directory = "/run/systemd/system/kelvane-directory-cache@.service.d"
+        restart = f"systemctl daemon-reload && systemctl restart {CACHE_UNIT}"
+        self.administrate(f"mkdir {directory} && printf '[Service]\\nUser=www-data\\nCapabilityBoundingSet=\\n"
+                          f"SystemCallFilter=~@setuid\\n' >{directory}/user.conf && {restart}")
+        self.addCleanup(self.administrate, f"rm -r {directory} && {restart}")
         self.assert_purges()
 
     def test_stand_a_stop_of_everything(self):
