@@ -39,6 +39,7 @@ Kelvane::Kelvane() {
     exitImmediately(EXIT_FAILURE);
   } else {
     KELVANE_ERROR("%s Unable to initialize user defaults!", initName);
+    remarkInStatus("state is not kept: " + suite.failure().text());
   }
   ServiceTable described;
   for (const std::string& directory : {systemDirectory, std::string(names::internalDescriptions)}) {

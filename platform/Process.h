@@ -19,6 +19,10 @@ class Transaction {
   Transaction& operator=(const Transaction&) = delete;
 };
 
+/// Has the service manager's status tell of this, in words on one line, beside what the process does; from now on and
+/// in the place of what was to be told before.
+void remarkInStatus(const std::string& remark);
+
 enum class ActivityState { CheckIn = 0, Wait = 1, Run = 2 };
 
 /// A scheduled background activity, as its handler is given it.

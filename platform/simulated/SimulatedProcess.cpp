@@ -19,6 +19,7 @@ struct ProcessCalls {
     process.transactionsHighWater_ = std::max(process.transactionsHighWater_, ++process.transactions_);
   }
   static void endTransaction(Process& process) { --process.transactions_; }
+  static void remark(Process& process, const std::string& remark) { process.remark_ = remark; }
 
   static void registerActivity(Process& process, const std::string& name,
                                std::function<void(const Activity&)> handler) {
@@ -106,6 +107,7 @@ void Process::terminate() {
 
 void Process::restart() {
   transactions_ = 0;
+  remark_.clear();
   activities_.clear();
   streams_.clear();
   terminationHandler_ = nullptr;
@@ -133,6 +135,10 @@ Transaction::~Transaction() {
   if (simulated::World* world = simulated::worldIfAny()) {
     ProcessCalls::endTransaction(world->process);
   }
+}
+
+void remarkInStatus(const std::string& remark) {
+  ProcessCalls::remark(simulated::world().process, remark);
 }
 
 void registerActivity(const std::string& name, std::function<void(const Activity&)> handler) {

@@ -20,6 +20,9 @@ class Process {
   int transactions() const { return transactions_; }
   int transactionsHighWater() const { return transactionsHighWater_; }
 
+  /// What the status tells beside that; empty when nothing.
+  const std::string& remark() const { return remark_; }
+
   bool hasActivity(const std::string& name) const { return activities_.count(name) > 0; }
   /// Runs the activity's handler with the run state on the global queue and waits until it returns.
   void runActivity(const std::string& name);
@@ -52,6 +55,7 @@ class Process {
 
   int transactions_ = 0;
   int transactionsHighWater_ = 0;
+  std::string remark_;
   std::map<std::string, std::function<void(const Activity&)>> activities_;
   std::map<std::string, EventHandler> streams_;
   std::vector<std::string> notifications_;

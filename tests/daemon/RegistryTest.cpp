@@ -80,6 +80,7 @@ TEST_F(TheRegistry, GoesOnWithoutItsPreferences) {
   runDaemon([&] {
     EXPECT_EQ(kelvane->userDefaults(), nullptr);
     EXPECT_EQ(log().texts(3), std::vector<std::string>{"-[Kelvane init] Unable to initialize user defaults!"});
+    EXPECT_EQ(simulation->process().remark(), "state is not kept: opening com.tessaly.kelvane: Input/output error");
     ScriptedService service("a");
     checkIn(TestClient(), service);
   });

@@ -22,6 +22,16 @@ using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
+TEST(TheStatus, TellsTheLastRemarkOfThisProcess) {
+  Simulation simulation;
+  simulation.run([&] {
+    remarkInStatus("first");
+    remarkInStatus("last");
+    EXPECT_EQ(simulation.process().remark(), "last");
+  });
+  simulation.run([&] { EXPECT_EQ(simulation.process().remark(), ""); });
+}
+
 TEST(Transactions, AreCounted) {
   Simulation simulation;
   simulation.run([&] {

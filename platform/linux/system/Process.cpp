@@ -10,10 +10,10 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 #include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/runtime/FileNames.h"
+#include "platform/linux/runtime/Mutex.h"
 #include "platform/linux/system/AtomicFile.h"
 #include "platform/linux/system/Paths.h"
 #include "platform/linux/system/ServiceManager.h"
@@ -22,24 +22,48 @@ namespace kelvane {
 
 namespace {
 
-/// Counts the transactions and tells the service manager of each change, in the order they happen.
-void changeTransactions(int difference) {
-  static std::mutex mutex;
-  static unsigned count = 0;
-  // The service manager may be slow to read.
-  const runtime::BlockedScope blocked;
-  const std::lock_guard lock(mutex);
-  count += static_cast<unsigned>(difference);
-  serviceManager::notifyTransactions(count);
+/// What the service manager is told of at each change, in the order they happen.
+class Status {
+ public:
+  void changeTransactions(int difference) {
+    const runtime::BlockedScope blocked;
+    const runtime::Lock lock(mutex_);
+    transactions_ += static_cast<unsigned>(difference);
+    tell();
+  }
+  void setRemark(const std::string& remark) {
+    const runtime::BlockedScope blocked;
+    const runtime::Lock lock(mutex_);
+    remark_ = remark;
+    tell();
+  }
+
+ private:
+  /// The service manager may be slow to read.
+  void tell() KELVANE_REQUIRES(mutex_) { serviceManager::notifyStatus(transactions_, remark_); }
+
+  runtime::Mutex mutex_;
+  unsigned transactions_ KELVANE_GUARDED_BY(mutex_) = 0;
+  std::string remark_ KELVANE_GUARDED_BY(mutex_);
+};
+
+/// Outlives every thread.
+Status& status() {
+  static Status& status = *new Status;
+  return status;
 }
 
 }  // namespace
 
 Transaction::Transaction() {
-  changeTransactions(1);
+  status().changeTransactions(1);
 }
 Transaction::~Transaction() {
-  changeTransactions(-1);
+  status().changeTransactions(-1);
+}
+
+void remarkInStatus(const std::string& remark) {
+  status().setRemark(remark);
 }
 
 int postNotification(const std::string& name) {

@@ -4,18 +4,19 @@
 
 #include <systemd/sd-daemon.h>
 
-#include <string>
-
 namespace kelvane::serviceManager {
 
 void notifyReady() {
   sd_notify(0, "READY=1");
 }
 
-void notifyTransactions(unsigned count) {
+void notifyStatus(unsigned transactions, const std::string& remark) {
   std::string status = "Idle";
-  if (count > 0) {
-    status = "Busy, " + std::to_string(count) + (count == 1 ? " transaction" : " transactions");
+  if (transactions > 0) {
+    status = "Busy, " + std::to_string(transactions) + (transactions == 1 ? " transaction" : " transactions");
+  }
+  if (!remark.empty()) {
+    status += "; " + remark;
   }
   sd_notify(0, ("STATUS=" + status).c_str());
 }

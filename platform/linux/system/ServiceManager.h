@@ -2,13 +2,15 @@
 // Messages to the service manager that started the process; without one they do nothing.
 #pragma once
 
+#include <string>
+
 namespace kelvane::serviceManager {
 
 /// The process has started up.
 void notifyReady();
 
-/// The process holds this many keep-alive transactions now.
-void notifyTransactions(unsigned count);
+/// The process holds this many keep-alive transactions now, and has this to remark, on one line, unless it is empty.
+void notifyStatus(unsigned transactions, const std::string& remark);
 
 /// The process is alive.
 void notifyWatchdog();

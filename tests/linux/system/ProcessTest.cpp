@@ -49,6 +49,18 @@ TEST_F(TheServiceManager, IsToldHowManyTransactionsThereAre) {
   EXPECT_EQ(socket_.receive(), "STATUS=Idle");
 }
 
+TEST_F(TheServiceManager, IsToldWhatThereIsToRemarkBesidesUntilThatIsOver) {
+  remarkInStatus("it rains");
+  EXPECT_EQ(socket_.receive(), "STATUS=Idle; it rains");
+  {
+    const Transaction transaction;
+    EXPECT_EQ(socket_.receive(), "STATUS=Busy, 1 transaction; it rains");
+  }
+  EXPECT_EQ(socket_.receive(), "STATUS=Idle; it rains");
+  remarkInStatus("");
+  EXPECT_EQ(socket_.receive(), "STATUS=Idle");
+}
+
 TEST_F(TheServiceManager, IsToldThatTheProcessIsReady) {
   serviceManager::notifyReady();
   EXPECT_EQ(socket_.receiveBeginningWith("READY"), "READY=1");
