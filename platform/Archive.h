@@ -68,10 +68,19 @@ struct Size {
   }
   bool fits() const;
 };
-/// Of what comes before the object, of a key, and of a value in a field or within another.
+/// Of what comes before the object, of a key, and of a value in a field or within another; sizeOfContents() is its part
+/// for values that have any.
 [[nodiscard]] Size sizeOf(std::span<const Class> classes);
-[[nodiscard]] Size sizeOfKey(std::string_view key);
-[[nodiscard]] Size sizeOf(const Value& value);
+[[nodiscard]] inline Size sizeOfKey(std::string_view key) {
+  return {.bytes = 4 + key.size(), .entries = 0};
+}
+[[nodiscard]] Size sizeOfContents(const Value& value);
+[[nodiscard]] inline Size sizeOf(const Value& value) {
+  if (value.isAbsent() || value.isBoolean()) {
+    return {.bytes = 1, .entries = 1};
+  }
+  return value.isNumber() || value.isDate() ? Size{.bytes = 9, .entries = 1} : sizeOfContents(value);
+}
 /// Of an object but for its fields, and of a field of objects but for these.
 inline constexpr Size sizeOfObject = {.bytes = 4, .entries = 1};
 inline constexpr Size sizeOfObjects = {.bytes = 5, .entries = 1};

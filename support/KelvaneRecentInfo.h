@@ -18,7 +18,14 @@ namespace kelvane {
 
 /// What parts of a record take in its archive at most: a service's answer, a volume but for its services, and a record
 /// but for its volumes.
-[[nodiscard]] archive::Size archiveSizeOf(const std::string& identifier, const KelvaneRecentServiceInfo& service);
+[[nodiscard]] inline archive::Size archiveSizeOf(const std::string& identifier,
+                                                 const KelvaneRecentServiceInfo& service) {
+  archive::Size size = archive::sizeOfObject;
+  size += archive::sizeOfKey(identifier);
+  size += archive::sizeOf(service.amount());
+  size += archive::sizeOf(service.timestamp());
+  return size;
+}
 [[nodiscard]] archive::Size archiveSizeOf(const std::string& name, const KelvaneRecentVolumeInfo& volume);
 [[nodiscard]] archive::Size archiveSizeOfRecord();
 

@@ -91,14 +91,6 @@ std::shared_ptr<KelvaneRecentInfo> KelvaneRecentInfo::fromArchive(std::span<cons
   return info;
 }
 
-archive::Size archiveSizeOf(const std::string& identifier, const KelvaneRecentServiceInfo& service) {
-  archive::Size size = archive::sizeOfObject;
-  size += archive::sizeOfKey(identifier);
-  size += archive::sizeOf(service.amount());
-  size += archive::sizeOf(service.timestamp());
-  return size;
-}
-
 archive::Size archiveSizeOf(const std::string& name, const KelvaneRecentVolumeInfo& volume) {
   archive::Size size = archive::sizeOfObject;
   size += archive::sizeOfKey(name);

@@ -40,17 +40,7 @@ Size sizeOf(std::span<const Class> classes) {
   return {.bytes = bytes, .entries = 0};
 }
 
-Size sizeOfKey(std::string_view key) {
-  return {.bytes = 4 + key.size(), .entries = 0};
-}
-
-Size sizeOf(const Value& value) {
-  if (value.isAbsent() || value.isBoolean()) {
-    return {.bytes = 1, .entries = 1};
-  }
-  if (value.isNumber() || value.isDate()) {
-    return {.bytes = 9, .entries = 1};
-  }
+Size sizeOfContents(const Value& value) {
   Size size = {.bytes = 5, .entries = 1};
   if (const std::string* string = value.string()) {
     size.bytes += string->size();
