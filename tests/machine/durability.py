@@ -63,6 +63,8 @@ class StateMachine:
 
     def begin_to_write(self):
         """Ends with the daemon, or when every key has been answered with an error."""
+        # Also what the last writer has reported since anybody looked: a smaller number would look older.
+        self.take_reports()
         first = max(self.sent.values()) + 1
         self.sent = dict.fromkeys(KEYS, first)
         return self.machine.begin(f"{WRITER} {first} {' '.join(KEYS)} >/dev/vport0p2")
