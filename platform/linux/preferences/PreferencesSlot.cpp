@@ -106,7 +106,7 @@ Result<PreferencesSlot> PreferencesSlot::open(int directory, const char* name, M
   if (hole < 0) {
     return systemFailure("opening", name);
   }
-  slot.written_ = static_cast<std::size_t>(hole);
+  slot.written_ = slot.flushed_ = static_cast<std::size_t>(hole);
   return slot;
 }
 
@@ -132,7 +132,7 @@ Result<SlotContents> PreferencesSlot::read() {
   bytes.resize(*count);
   SlotContents contents = decodeSlot(bytes);
   if (std::holds_alternative<SlotRecord>(contents)) {
-    written_ = std::max(written_, bytes.size());
+    written_ = flushed_ = std::max(written_, bytes.size());
   }
   return contents;
 }
@@ -163,7 +163,12 @@ Result<> PreferencesSlot::write(std::span<const std::uint8_t> record) {
 }
 
 Result<> PreferencesSlot::flush() {
-  return calls_.flush(file_.get()) == 0 ? Result<>() : systemFailure("flushing", name_);
+  if (calls_.flush(file_.get()) != 0) {
+    written_ = flushed_;
+    return systemFailure("flushing", name_);
+  }
+  flushed_ = written_;
+  return {};
 }
 
 std::size_t PreferencesSlot::room() const {

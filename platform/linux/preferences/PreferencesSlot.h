@@ -56,6 +56,7 @@ class PreferencesSlot {
   Result<SlotContents> read();
   /// Writes an encoded record over what the slot held. Not yet durable. When it fails the slot holds anything.
   Result<> write(std::span<const std::uint8_t> record);
+  /// When it fails, the room that the slot was given since the last flush is none, as it may have no blocks.
   Result<> flush();
   /// Gives the slot room for contents of so many bytes, in written blocks. The record in it stays as it is.
   Result<> reserve(std::size_t contentBytes);
@@ -71,6 +72,8 @@ class PreferencesSlot {
   DiskCalls calls_;
   /// Up to here the file's blocks have been written, or hold the record that was read.
   std::size_t written_ = 0;
+  /// The same as of the last flush.
+  std::size_t flushed_ = 0;
 };
 
 }  // namespace kelvane

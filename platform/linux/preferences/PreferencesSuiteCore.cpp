@@ -200,6 +200,7 @@ void PreferencesSuiteCore::flushRound(const Round& round, PreferencesSuite::Outc
     const runtime::BlockedScope blocked;
     const Lock lock(storeMutex_);
     outcome = store_->flush();
+    room_ = store_->room();
     report(outcome);
     hasFailed_ = !outcome;
   }

@@ -95,7 +95,7 @@ class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuit
   bool isFlushing_ KELVANE_GUARDED_BY(mutex_) = false;
   runtime::Condition changedState_;
 
-  /// The store's; it only grows.
+  /// The store's.
   std::atomic<std::size_t> room_;
 
   runtime::Mutex storeMutex_;

@@ -30,9 +30,11 @@ const std::string directory = "/mnt/preferences";
 const std::string slotA = directory + "/suite/slot-a";
 const std::string slotB = directory + "/suite/slot-b";
 
-/// Which flushes fail: the next so many.
+/// Which flushes fail, the next so many; and how many there were.
 int failingFlushes = 0;
+int flushes = 0;
 int flush(int descriptor) {
+  ++flushes;
   if (failingFlushes > 0) {
     --failingFlushes;
     errno = EIO;
@@ -140,6 +142,20 @@ TEST_F(AStore, SaysWhenTheRoomCannotBeFlushed) {
   const auto store = open();
   failingFlushes = 1;
   EXPECT_EQ(textOf(store->makeRoom(2 * limits::preferencesRoom)), "flushing slot-a: Input/output error");
+  flushes = 0;
+  EXPECT_EQ(textOf(store->makeRoom(2 * limits::preferencesRoom)), "");
+  EXPECT_EQ(flushes, 2) << "room that could not be flushed is none";
+}
+
+TEST_F(AStore, KeepsItsRecordWhenTheRoomBehindItCannotBeFlushed) {
+  write({"older", "newer"});
+  {
+    const auto store = open();
+    failingFlushes = 1;
+    EXPECT_NE(textOf(store->makeRoom(2 * limits::preferencesRoom)), "");
+    EXPECT_EQ(textOf(store->makeRoom(3 * limits::preferencesRoom)), "");
+  }
+  EXPECT_EQ(storedText(), "newer");
 }
 
 TEST_F(AStore, RefusesMoreThanTheLimit) {
