@@ -166,3 +166,34 @@ class DurabilityTest(unittest.TestCase):
                 state.boot()
                 self.assert_nothing_is_lost(state, life)
             self.assert_something_was_to_be_lost(state, lives)
+
+    def start_unreadable(self, kind):
+        """The daemon starts while its state cannot be read, or not even what leads to it."""
+        with self.state_machine(kind) as state:
+            run = state.machine.run
+            run("kelvanectl state set com.example.kept 1")
+            for starts, in_memory in enumerate((f"ls -lR {STATE}", ":"), 1):
+                run(f"systemctl stop kelvaned.service && sync && echo 3 >/proc/sys/vm/drop_caches && {in_memory}")
+                state.disk.fail("read")
+                run("systemctl start kelvaned.service")
+                run("kelvanectl state set com.example.lost 2")
+                self.assertEqual(("", ""), self.kept_and_lost(state))
+                self.assertIn("state is not kept: ", self.status_text(state))
+                run("grep --quiet '^kelvane_preferences_available 0' /run/kelvane/metrics.prom")
+                said = run("journalctl --unit=kelvaned | grep --count 'Unable to open the preferences'").output
+                self.assertEqual(starts, int(said))
+                state.disk.mend()
+                self.assertEqual(("", ""), self.kept_and_lost(state), "before the next start")
+                run("systemctl restart kelvaned.service")
+                self.assertEqual(("1", ""), self.kept_and_lost(state))
+                self.assertNotIn("state is not kept", self.status_text(state))
+            self.assertEqual("com.tessaly.kelvane\n", run(f"ls {STATE}/preferences").output)
+
+    @staticmethod
+    def kept_and_lost(state):
+        return tuple(state.machine.run(f"kelvanectl state get com.example.{key}", check=False).output.strip()
+                     for key in ("kept", "lost"))
+
+    @staticmethod
+    def status_text(state):
+        return state.machine.run("systemctl show --value --property=StatusText kelvaned.service").output

@@ -17,6 +17,9 @@ class FileSystem:
     def test_keeps_what_was_acknowledged_when_the_disk_fails(self):
         self.fail_and_die(self.kind, LIVES)
 
+    def test_is_left_alone_while_it_cannot_be_read(self):
+        self.start_unreadable(self.kind)
+
 
 class Ext4(FileSystem, DurabilityTest):
     kind = "ext4"
