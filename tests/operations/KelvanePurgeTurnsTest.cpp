@@ -249,6 +249,29 @@ TEST_F(APurgeByTurns, IsNotHeldUpByWhoWasSilentInAnEarlierPass) {
   });
 }
 
+TEST_F(APurgeByTurns, IsNotHeldUpByWhoWasSilentInAPassInWhichNobodyGave) {
+  run([&] {
+    Cache& cache = add("cache", 1000 * block);
+    add("poor", 0);
+    ScriptedService silent("silent");
+    silent.onPurge = ScriptedService::silence();
+    records.push_back(silent.record());
+    std::vector<double> asked;
+    const std::uint64_t start = clock::ticks();
+    cache.service.onPurge = [&, serve = cache.service.onPurge](const ScriptedService::Request& request) {
+      if (request.urgency == 1) {
+        request.reply.send(Value::Dictionary{{keys::amount, 0}});
+        return;
+      }
+      asked.push_back(secondsSince(start));
+      serve(request);
+    };
+    EXPECT_EQ(purge(16 * block, tableOf(records), 10, 2)[keys::amount], Value(16 * block));
+    EXPECT_GE(asked.size(), 2u);
+    EXPECT_THAT(asked, Each(10.0));
+  });
+}
+
 TEST_F(APurgeByTurns, EndsWhenThoseWhoGaveAreNotNeededAnyMore) {
   for (std::uint64_t seed = 0; seed <= 200; ++seed) {
     SCOPED_TRACE(seed);
