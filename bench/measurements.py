@@ -37,7 +37,8 @@ class Plan:
 
 
 def median_quotient(dividends, divisors):
-    return statistics.median(dividend / divisor for dividend, divisor in zip(dividends, divisors))
+    """A block in which nothing could be counted says nothing."""
+    return statistics.median(dividend / divisor for dividend, divisor in zip(dividends, divisors) if divisor)
 
 
 def ratio(contender, reference):
