@@ -96,6 +96,10 @@ void BusLink::ready(std::uint32_t events) {
 
 /// Reads and writes what can be; false when the connection has failed, everything before that being taken.
 bool BusLink::process(std::uint32_t events) {
+  // A write has failed, perhaps to a peer that has not hung up and only reads no more.
+  if (sd_bus_is_open(bus_) <= 0) {
+    return false;
+  }
   if ((handshake_ || (events & EPOLLOUT) != 0) && !runLibrary(handshake_ ? 2 : turnsPerLine)) {
     return false;
   }

@@ -41,6 +41,8 @@ HeldReplies::Room hold(DecodedReply& decoded, uid_t user) {
 
 /// For a call that cannot be made a message.
 void refuse(Call call) {
+  // That is the event loop's.
+  call.shared = nullptr;
   answerCall(std::move(call), CallError{std::string(SD_BUS_ERROR_INVALID_ARGS) + ": The call cannot be encoded",
                                         CallError::Cause::Answered});
 }
@@ -99,8 +101,8 @@ void Calls::makeRoomFor(const Call& call) {
   const std::size_t mostBytes = call.interface->maximumWaitingBytes;
   const std::size_t bytes = call.shared->message().bytes;
   auto next = waiting_.begin();
-  while (isFull() && ((mostCalls != 0 && waiting_.size() + sent_.size() >= maximumOutstanding_ + mostCalls) ||
-                      (mostBytes != 0 && waitingBytes_ + bytes > mostBytes))) {
+  while ((isFull() && mostCalls != 0 && waiting_.size() + sent_.size() >= maximumOutstanding_ + mostCalls) ||
+         (mostBytes != 0 && waitingBytes_ + bytes > mostBytes)) {
     next = std::find_if(next, waiting_.end(), [&call](const Call& earlier) {
       return earlier.operation == call.operation && earlier.shared->names() == call.shared->names();
     });

@@ -39,9 +39,10 @@ SharedCalls::SharedCalls() {
 
 std::shared_ptr<const SharedCall> SharedCalls::of(const Interface& interface, const Operation& operation,
                                                   const Arguments& arguments) {
-  const Value* const value = arguments.empty() ? nullptr : std::get_if<Value>(&arguments.front());
-  const SharedCall::Key key = value == nullptr ? nullptr : value->dictionary();
-  const auto known = calls_.find(key);
+  const Value* const value = arguments.size() == 1 ? std::get_if<Value>(&arguments.front()) : nullptr;
+  const auto dictionary = value == nullptr ? nullptr : value->dictionary();
+  const SharedCall::Key key = dictionary;
+  const auto known = dictionary == nullptr ? calls_.end() : calls_.find(key);
   if (const auto call = known == calls_.end() ? nullptr : known->second.lock();
       call != nullptr && &call->operation() == &operation) {
     return call;
@@ -51,7 +52,9 @@ std::shared_ptr<const SharedCall> SharedCalls::of(const Interface& interface, co
     return nullptr;
   }
   auto call = std::make_shared<const SharedCall>(*this, key, operation, callNames(arguments), *message);
-  calls_.insert_or_assign(key, call);
+  if (dictionary != nullptr) {
+    calls_.insert_or_assign(key, call);
+  }
   return call;
 }
 

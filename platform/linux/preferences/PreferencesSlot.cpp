@@ -102,7 +102,11 @@ Result<PreferencesSlot> PreferencesSlot::open(int directory, const char* name, M
     return Failure{.number = EINVAL, .tried = std::string("opening ") + name};
   }
   // A store that was copied or restored can have holes where blocks should be.
-  const off_t hole = status.st_size == 0 ? 0 : lseek(slot.file_.get(), 0, SEEK_HOLE);
+  off_t hole = status.st_size == 0 ? 0 : lseek(slot.file_.get(), 0, SEEK_HOLE);
+  if (hole < 0 && errno == EINVAL) {
+    // This file system tells of none.
+    hole = status.st_size;
+  }
   if (hole < 0) {
     return systemFailure("opening", name);
   }

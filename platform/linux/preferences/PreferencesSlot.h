@@ -45,8 +45,8 @@ using SlotContents = std::variant<BlankSlot, TornSlot, ForeignSlot, SlotRecord>;
 class PreferencesSlot {
  public:
   PreferencesSlot() = default;
-  /// Opens the file, or makes an empty one when it is missing. Fails with EINVAL for what is no file.
   enum class Missing { Fails, IsMade };
+  /// Opens the file, or makes an empty one when it is missing. Fails with EINVAL for what is no file.
   static Result<PreferencesSlot> open(int directory, const char* name, Missing missing, const DiskCalls& calls);
 
   /// Whether there is a file.

@@ -63,10 +63,14 @@ bool PreferencesSuiteCore::handOver(std::chrono::milliseconds patience) {
   const std::uint64_t wanted = changes_;
   const std::uint64_t request = ++handOverRequests_;
   startFlusher();
+  bool isNews = false;
   while (handedOver_ < wanted && handOversTried_ < request && !isStuck_) {
-    waitForFlusher(lock, deadline);
+    isNews = waitForFlusher(lock, deadline);
   }
-  return handedOver_ >= wanted;
+  const bool isHandedOver = handedOver_ >= wanted;
+  lock.unlock();
+  reportStuck(isNews);
+  return isHandedOver;
 }
 
 PreferencesSuite::Outcome PreferencesSuiteCore::makeRoom(std::size_t bytes, std::chrono::milliseconds patience) {
@@ -79,18 +83,29 @@ PreferencesSuite::Outcome PreferencesSuiteCore::makeRoom(std::size_t bytes, std:
   roomWanted_ = std::max(roomWanted_, bytes);
   const std::uint64_t request = ++roomRequests_;
   startFlusher();
+  bool isNews = false;
   while (roomTried_ < request && !isStuck_) {
-    waitForFlusher(lock, deadline);
+    isNews = waitForFlusher(lock, deadline);
   }
+  PreferencesSuite::Outcome outcome;
   if (roomTried_ < request) {
-    return Failure{.number = ETIMEDOUT, .tried = "making room"};
+    outcome = Failure{.number = ETIMEDOUT, .tried = "making room"};
+  } else if (room_ < bytes) {
+    outcome = roomOutcome_;
   }
-  return room_ >= bytes ? PreferencesSuite::Outcome() : roomOutcome_;
+  lock.unlock();
+  reportStuck(isNews);
+  return outcome;
 }
 
-/// Waits for news of it. Without any until then it is stuck.
-void PreferencesSuiteCore::waitForFlusher(Lock& lock, std::chrono::steady_clock::time_point deadline) {
-  if (!changedState_.waitUntil(lock, deadline) && isFlushing_ && !std::exchange(isStuck_, true)) {
+/// Waits for news of it. Without any until then it is stuck; true for the first who finds it so.
+bool PreferencesSuiteCore::waitForFlusher(Lock& lock, std::chrono::steady_clock::time_point deadline) {
+  return !changedState_.waitUntil(lock, deadline) && isFlushing_ && !std::exchange(isStuck_, true);
+}
+
+/// The log may be kept waiting by the same disk.
+void PreferencesSuiteCore::reportStuck(bool isNews) {
+  if (isNews) {
     reporting::reportFailure("PreferencesSuite::waitForFlusher", "The disk of the preferences " + name_ +
                                                                      " keeps everybody waiting; nobody waits any more");
   }
@@ -115,7 +130,7 @@ void PreferencesSuiteCore::startFlusher() {
 void PreferencesSuiteCore::flush() {
   Lock lock(mutex_);
   while (!waiting_.empty() || handOversTried_ < handOverRequests_ || roomWanted_ > 0) {
-    const Round round = nextRound();
+    Round round = nextRound();
     lock.unlock();
     PreferencesSuite::Outcome outcome;
     makeRoomFor(round);
@@ -149,7 +164,7 @@ PreferencesSuiteCore::Round PreferencesSuiteCore::nextRound() {
   return round;
 }
 
-void PreferencesSuiteCore::makeRoomFor(const Round& round) {
+void PreferencesSuiteCore::makeRoomFor(Round& round) {
   if (round.room == 0) {
     return;
   }
@@ -163,6 +178,11 @@ void PreferencesSuiteCore::makeRoomFor(const Round& round) {
     }
   }
   const Lock lock(mutex_);
+  if (!outcome) {
+    // What was not flushed need not be in memory any more.
+    handedOver_ = durable_;
+    round.isToWrite = round.covered != durable_;
+  }
   roomTried_ = round.roomRequests;
   roomOutcome_ = std::move(outcome);
   isStuck_ = false;

@@ -61,8 +61,9 @@ class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuit
   void startFlusher() KELVANE_REQUIRES(mutex_);
   void flush();
   Round nextRound() KELVANE_REQUIRES(mutex_);
-  void waitForFlusher(runtime::Lock& lock, std::chrono::steady_clock::time_point deadline) KELVANE_REQUIRES(mutex_);
-  void makeRoomFor(const Round& round);
+  bool waitForFlusher(runtime::Lock& lock, std::chrono::steady_clock::time_point deadline) KELVANE_REQUIRES(mutex_);
+  void reportStuck(bool isNews);
+  void makeRoomFor(Round& round);
   void handOverRound(const Round& round, PreferencesSuite::Outcome& outcome);
   void flushRound(const Round& round, PreferencesSuite::Outcome& outcome);
   void report(const PreferencesSuite::Outcome& outcome) KELVANE_REQUIRES(storeMutex_);

@@ -153,6 +153,18 @@ TEST(NotificationsBeyondTheLimit, LeaveOutWhatWouldTakeTooMuchMemory) {
   expectConnected(service);
 }
 
+TEST(NotificationsBeyondTheLimit, LeaveOutWhatWouldTakeTooMuchMemoryAlsoOfWhoOwesLittle) {
+  IdleService service;
+  const std::size_t size = 1024 * 1024;
+  // The first is on its way, and as many as this wait for it to be read.
+  const auto count = static_cast<int>(limits::waitingBytesPerService / size);
+  for (int number = 0; number <= count; ++number) {
+    service.tell(test::notification("large", Value(std::string(size, static_cast<char>('a' + number)))));
+  }
+  EXPECT_THAT(service.nextError(), HasSubstr("A later one"));
+  expectConnected(service);
+}
+
 TEST(NotificationsThatWait, FailWithTheConnection) {
   IdleService service;
   service.oweAllItMay();

@@ -57,6 +57,24 @@ TEST(AServiceThatTakesNothing, IsCutOffAlsoWhenShortCallsHaveFilledItsPlaces) {
   expectCutOff(service);
 }
 
+TEST(AServiceThatTakesNothing, IsLookedAtAgainAndAgainUntilThatHasLastedTooLong) {
+  static constexpr ipc::Interface interface = {.objectPath = sample::interface.objectPath,
+                                               .name = sample::interface.name,
+                                               .operations = sample::operations,
+                                               .maximumStall = seconds(1)};
+  IdleService service(interface);
+  service.caller().call(sample::echo, {large});
+  expectCutOff(service);
+}
+
+TEST(AServiceThatReadsNoMore, IsCutOffByTheNextCall) {
+  IdleService service;
+  ASSERT_EQ(shutdown(service.bus().socket(), SHUT_RD), 0);
+  service.ping();
+  EXPECT_EQ(service.caller().ends().take(), "interruption");
+  EXPECT_THAT(service.nextError(), HasSubstr("Connection terminated"));
+}
+
 TEST(AServiceThatTakesLittle, StaysConnected) {
   IdleService service;
   service.caller().call(sample::echo, {large});
