@@ -93,23 +93,34 @@ class Reachability {
   }
 
   /// Whether the mount's path leads to it and not to another one.
-  bool isReachable(const Mount& mount) const {
+  bool isReachable(const Mount& mount) {
     const Mount* above = childAt(mount.identifier, mount.path);
-    if (above != nullptr && above != &mount) {
-      return false;
-    }
-    std::size_t steps = 0;
-    for (const Mount* current = &mount; current != nullptr && steps <= byIdentifier_.size(); ++steps) {
-      if (isCoveredInParent(*current)) {
-        return false;
-      }
-      const auto parent = byIdentifier_.find(current->parent);
-      current = parent == byIdentifier_.end() || parent->second == current ? nullptr : parent->second;
-    }
-    return true;
+    return (above == nullptr || above == &mount) && isLedTo(mount);
   }
 
  private:
+  /// Whether its path leads that far, whatever lies on top of it. What has been found out on one way up holds for all
+  /// others: mounts may lie in stacks, or within each other, of thousands.
+  bool isLedTo(const Mount& mount) {
+    std::vector<int> way;
+    bool isLed = true;
+    for (const Mount* current = &mount; current != nullptr && isLed;) {
+      const auto [known, isNew] = isLedTo_.try_emplace(current->identifier, false);
+      if (!isNew) {
+        isLed = known->second;
+        break;
+      }
+      way.push_back(current->identifier);
+      isLed = !isCoveredInParent(*current);
+      const auto parent = byIdentifier_.find(current->parent);
+      current = parent == byIdentifier_.end() || parent->second == current ? nullptr : parent->second;
+    }
+    for (const int identifier : way) {
+      isLedTo_[identifier] = isLed;
+    }
+    return isLed;
+  }
+
   const Mount* childAt(int parent, std::string_view path) const {
     const auto found = children_.find(std::pair(parent, path));
     return found == children_.end() ? nullptr : found->second;
@@ -131,13 +142,14 @@ class Reachability {
 
   std::map<int, const Mount*> byIdentifier_;
   std::map<std::pair<int, std::string_view>, const Mount*> children_;
+  std::map<int, bool> isLedTo_;
 };
 
 }  // namespace
 
 std::vector<VolumeMount> volumeMounts(const char* mountInfoFile) {
   const std::vector<Mount> mounts = readTable(mountInfoFile);
-  const Reachability reachability(mounts);
+  Reachability reachability(mounts);
   std::vector<VolumeMount> volumes;
   for (const Mount& mount : mounts) {
     if (mount.isVolume && reachability.isReachable(mount)) {

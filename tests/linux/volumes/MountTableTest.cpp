@@ -97,6 +97,31 @@ TEST(AMountTable, TellsBindMountsFromWholeFileSystemsAndGivesThoseFirst) {
   EXPECT_EQ(mounts[0].device, mounts[1].device);
 }
 
+std::string line(int identifier, int parent, const std::string& path) {
+  return std::to_string(identifier) + " " + std::to_string(parent) + " 8:1 / " + path + " rw - ext4 /dev/sda1 rw\n";
+}
+
+TEST(AMountTable, OfThousandsWithinAndOnTopOfEachOtherIsReadInNoTime) {
+  // Going all the way up from each of them would take minutes.
+  constexpr int count = 20000;
+  std::string stack = line(1, 1, "/");
+  for (int identifier = 2; identifier <= count; ++identifier) {
+    stack += line(identifier, identifier - 1, "/stack");
+  }
+  for (int identifier = count + 1; identifier <= 2 * count; ++identifier) {
+    stack += line(identifier, count, "/stack/" + std::to_string(identifier));
+  }
+  EXPECT_EQ(pathsIn(stack).size(), count + 2u);
+
+  std::string nest = line(1, 1, "/");
+  std::string path;
+  for (int identifier = 2; identifier <= 2000; ++identifier) {
+    path += "/a";
+    nest += line(identifier, identifier - 1, path);
+  }
+  EXPECT_EQ(pathsIn(nest).size(), 2000u);
+}
+
 TEST(AMountTable, DecodesEscapedPaths) {
   EXPECT_THAT(pathsIn("20 1 8:1 / /my\\040disk rw - ext4 /dev/sda1 rw\n"), ElementsAre("/my disk"));
 }
