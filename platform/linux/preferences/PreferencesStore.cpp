@@ -104,6 +104,10 @@ Result<> keepAside(int parent, const std::string& directory, const std::string& 
              " and replaced by empty ones");
       return {};
     }
+    if (errno == EBUSY) {
+      // Not the number that says that another daemon is running.
+      return Failure{.tried = "renaming " + directory + "/" + name + ": it is a mount point"};
+    }
     if (errno != EEXIST || number == limits::damagedPreferences) {
       return systemFailure("renaming", name);
     }

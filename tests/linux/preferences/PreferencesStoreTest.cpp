@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -452,6 +453,14 @@ TEST_F(AStore, ThatIsHalfUnreadableAndHalfNoFileIsNotTakenForDamaged) {
   EXPECT_FALSE(isAside(1)) << "of the two, that the disk does not answer says more";
   EXPECT_EQ(storedText(), "(empty)");
   EXPECT_TRUE(isAside(1));
+}
+
+TEST_F(AStore, ThatIsDamagedAndAMountPointIsNotTakenForAnotherDaemons) {
+  test::mountTmpfs(directory + "/suite", "size=1m");
+  const auto store = PreferencesStore::open(directory, "suite", calls);
+  EXPECT_EQ(textOf(store), "renaming " + directory + "/suite: it is a mount point");
+  EXPECT_NE(store.failure().number, EBUSY);
+  ASSERT_EQ(umount2((directory + "/suite").c_str(), MNT_DETACH), 0);
 }
 
 /// A record in the format of a later version.
