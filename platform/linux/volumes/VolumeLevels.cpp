@@ -2,6 +2,7 @@
 // When a volume counts as low on space.
 #include "platform/linux/volumes/VolumeLevels.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -13,7 +14,9 @@
 #include "platform/Limits.h"
 #include "platform/PropertyList.h"
 #include "platform/Reporting.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "platform/linux/runtime/Mutex.h"
+#include "platform/linux/volumes/PathWalk.h"
 #include "platform/linux/volumes/Paths.h"
 
 namespace kelvane {
@@ -94,6 +97,31 @@ class KnownLevels {
   VolumeLevels levels_ KELVANE_GUARDED_BY(mutex_);
 };
 
+/// Of the file itself. Its directory may be on any disk, too.
+Result<struct stat> statusOfFile() {
+  const std::string path = paths::volumeLevelsFile;
+  return FileSystemProbe::shared().ask<struct stat>(
+      "asking " + path,
+      [path](FileSystemProbe::Visit & visit) -> Result<struct stat> {
+        const std::size_t slash = path.rfind('/');
+        const auto directory = walkTo(visit, path.substr(0, slash));
+        if (!directory) {
+          return directory.failure();
+        }
+        const FileDescriptor file(openat(directory->get(), path.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+        if (!file) {
+          return systemFailure("opening", path);
+        }
+        struct stat status = {};
+        const auto entered = enterFileSystemOf(visit, file, path);
+        if (!entered || fstat(file.get(), &status) != 0) {
+          return entered ? systemFailure("asking", path) : entered.failure();
+        }
+        return status;
+      },
+      FileSystemProbe::About::Files);
+}
+
 /// Logs an unusable configuration when it differs from what was logged last.
 void reportProblem(const std::string& problem) {
   static std::mutex mutex;
@@ -122,19 +150,19 @@ VolumeLevels::VolumeLevels(const Value& configuration) : general_(boundsFrom(con
 
 VolumeLevels VolumeLevels::current() {
   static KnownLevels& known = *new KnownLevels;
-  struct stat status;
-  // A link may lead to any disk: it is followed by whoever reads the file.
-  if (lstat(paths::volumeLevelsFile, &status) != 0 && errno == ENOENT) {
+  const auto status = statusOfFile();
+  if (!status && status.failure().number == ENOENT) {
     reportProblem("");
     return {};
   }
-  if (!S_ISREG(status.st_mode)) {
+  // A link may lead to any disk: it is followed by whoever reads the file.
+  if (!status || !S_ISREG(status->st_mode)) {
     return read();
   }
-  auto levels = known.of(status);
+  auto levels = known.of(*status);
   if (!levels) {
     levels = read();
-    known.set(status, *levels);
+    known.set(*status, *levels);
   }
   return *levels;
 }
