@@ -8,14 +8,19 @@
 namespace kelvane {
 
 std::optional<std::uint64_t> PurgeGain::begin(const Value& volume) {
-  const auto known = volumeFreespace(volume);
-  freespace_ = known.value_or(0);
-  return known;
+  const auto known = volumeSpace(volume);
+  if (!known) {
+    return std::nullopt;
+  }
+  fileSystem_ = known->fileSystem;
+  freespace_ = known->available;
+  return known->available;
 }
 
 std::uint64_t PurgeGain::freespace(const Value& volume) {
-  if (const auto known = volumeFreespace(volume)) {
-    freespace_ = *known;
+  const auto known = volumeSpace(volume);
+  if (known && known->fileSystem == fileSystem_) {
+    freespace_ = known->available;
   }
   return freespace_;
 }

@@ -10,8 +10,9 @@
 
 namespace kelvane {
 
-/// Bytes that the volume of one purge has gained since it began. While the volume cannot be asked, the last figure
-/// since then holds: nothing is gained that nobody saw. A purge owns it; any thread may ask.
+/// Bytes that the volume of one purge has gained since it began. While the volume cannot be asked, or another
+/// one is mounted in its place, the last figure since then holds: nothing is gained that nobody saw. A purge owns it;
+/// any thread may ask.
 class PurgeGain {
  public:
   /// The free space to begin with; none when it is not known.
@@ -21,6 +22,8 @@ class PurgeGain {
   [[nodiscard]] std::uint64_t amount(const Value& info);
 
  private:
+  /// Stays as it was at the beginning.
+  std::uint64_t fileSystem_ = 0;
   std::atomic<std::uint64_t> freespace_ = 0;
 };
 

@@ -18,6 +18,8 @@ struct Space {
   std::uint64_t available = 0;
   /// What is not used at all: with what is kept for root, and what a quota keeps from users.
   std::uint64_t free = 0;
+  /// Tells the file system from one that is mounted in its place.
+  std::uint64_t fileSystem = 0;
 
   friend bool operator==(const Space&, const Space&) = default;
 };

@@ -37,6 +37,11 @@ std::optional<std::uint64_t> volumeFreespace(const Value& volume) {
   return space ? std::optional(space->available) : std::nullopt;
 }
 
+std::optional<volumes::Space> volumeSpace(const Value& volume) {
+  const auto space = spaceOf(volume, volumes::space);
+  return space ? std::optional(*space) : std::nullopt;
+}
+
 std::optional<std::uint64_t> recentVolumeFreespace(const Value& volume) {
   const auto space = spaceOf(volume, volumes::recentSpace);
   return space ? std::optional(space->available) : std::nullopt;

@@ -27,6 +27,9 @@ volumes::Relief beginRelief(const std::string& volume);
 /// Bytes of the volume that are available to unprivileged users; none for what is no volume or cannot be asked.
 std::optional<std::uint64_t> volumeFreespace(const Value& volume);
 
+/// All that is known of its space at once.
+std::optional<volumes::Space> volumeSpace(const Value& volume);
+
 /// As volumeFreespace(), but perhaps as it was a millisecond ago: for what is judged many times in a row.
 std::optional<std::uint64_t> recentVolumeFreespace(const Value& volume);
 

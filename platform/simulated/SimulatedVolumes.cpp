@@ -14,7 +14,7 @@ namespace simulated {
 
 void Volumes::add(const std::string& mountPoint, std::uint64_t availableBytes) {
   remove(mountPoint);
-  volumes_.push_back({mountPoint, availableBytes});
+  volumes_.push_back({mountPoint, availableBytes, ++lastFileSystem_});
 }
 
 void Volumes::remove(const std::string& mountPoint) {
@@ -68,7 +68,7 @@ Result<volumes::Space> Volumes::space(const std::string& mountPoint) const {
     return Failure{.number = volume == nullptr ? ENOENT : ETIMEDOUT, .tried = "asking " + mountPoint};
   }
   const std::uint64_t free = volume->available + volume->reserve;
-  return volumes::Space{.size = free, .available = volume->available, .free = free};
+  return volumes::Space{.size = free, .available = volume->available, .free = free, .fileSystem = volume->fileSystem};
 }
 
 volumes::Relief Volumes::beginRelief(const std::string& mountPoint) {

@@ -13,7 +13,7 @@ namespace kelvane::simulated {
 /// The mounted volumes, in mount order. Functions that name a volume which is not there stop the process.
 class Volumes {
  public:
-  /// A usable, local volume that is not low on space.
+  /// A usable, local volume that is not low on space; in the place of one of this name, if there is one.
   void add(const std::string& mountPoint, std::uint64_t availableBytes);
   void remove(const std::string& mountPoint);
   void setUsable(const std::string& mountPoint, bool usable) { volume(mountPoint).usable = usable; }
@@ -45,6 +45,7 @@ class Volumes {
   struct Volume {
     std::string mountPoint;
     std::uint64_t available = 0;
+    std::uint64_t fileSystem = 0;
     std::uint64_t reserve = 0;
     std::uint64_t reserveUsed = 0;
     bool silent = false;
@@ -57,6 +58,7 @@ class Volumes {
   const Volume* find(const std::string& mountPoint) const;
 
   std::vector<Volume> volumes_;
+  std::uint64_t lastFileSystem_ = 0;
   std::vector<std::string> relieved_;
 };
 

@@ -128,6 +128,20 @@ TEST_F(APurge, OfAVolumeThatAnswersAgainHasGainedWhatIsThereThen) {
   });
 }
 
+TEST_F(APurge, OfAVolumeThatAnotherOneTakesThePlaceOfHasGainedWhatWasSeenBefore) {
+  run([&] {
+    ScriptedService service("a");
+    service.onPurge = [&](const ScriptedService::Request& request) {
+      simulation->volumes().add(volume, availableAtFirst + 1000);
+      frees(3)(request);
+    };
+    const Value result = purge(infoFor(10, {{keys::urgency, 1}}), tableOf({service.record()}));
+    EXPECT_EQ(result[keys::amount], Value(std::uint64_t{0}));
+    EXPECT_EQ(result[keys::freespaceEnd], Value(availableAtFirst));
+    EXPECT_EQ(simulation->statistics().counter("KelvanePurgeFailed"), 1) << "it did not get what it asked for";
+  });
+}
+
 TEST_F(APurge, WithoutANumberAsAmountDeliversTheInfoAndRunsNoPass) {
   run([&] {
     const Value info = infoFor("many");

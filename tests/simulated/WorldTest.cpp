@@ -134,7 +134,7 @@ TEST(Volumes, HaveSpaceThatIsKnownWhileTheyAreThereAndAnswer) {
   Simulation simulation;
   simulation.volumes().add("/data", 300);
   simulation.volumes().setReserve("/data", 20);
-  EXPECT_EQ(*volumes::space("/data"), (volumes::Space{.size = 320, .available = 300, .free = 320}));
+  EXPECT_EQ(*volumes::space("/data"), (volumes::Space{.size = 320, .available = 300, .free = 320, .fileSystem = 1}));
   simulation.volumes().setLow("/data", true);
   simulation.volumes().setSilent("/data", true);
   EXPECT_EQ(volumes::space("/data").failure().number, ETIMEDOUT);

@@ -109,7 +109,8 @@ Result<volumes::Space> readSpace(const VolumeMount& mount) {
   }
   return volumes::Space{.size = std::uint64_t{status.f_blocks} * status.f_frsize,
                         .available = std::uint64_t{status.f_bavail} * status.f_frsize,
-                        .free = std::uint64_t{status.f_bfree} * status.f_frsize};
+                        .free = std::uint64_t{status.f_bfree} * status.f_frsize,
+                        .fileSystem = mount.device};
 }
 
 Result<volumes::Space> askSpace(const VolumeMount& mount) {
