@@ -81,13 +81,14 @@ class Collection {
 
  private:
   void descend(const FileDescriptor& parent, const std::string& name, const std::string& prefix, int depth) {
-    // O_DIRECTORY makes this fail on everything else before the file itself is opened, so no FIFO or device
-    // notices, and O_NOFOLLOW keeps the walk beneath the top.
     if (!enterFileSystemOf(visit_, parent, prefix)) {
       return;
     }
-    const FileDescriptor child(openat(parent.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (child && enterFileSystemOf(visit_, child, prefix)) {
+    // O_PATH opens nothing, so no FIFO or device notices, and O_NOFOLLOW keeps the walk beneath the top. O_DIRECTORY
+    // would have mounted what is to be mounted on demand, and wait for that in the name of the parent's file system.
+    const FileDescriptor child(openat(parent.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const auto identity = child ? identityOf(child) : Failure{};
+    if (identity && S_ISDIR(identity->mode) && enterFileSystemOf(visit_, child, prefix)) {
       collect(child, prefix, depth);
     }
   }

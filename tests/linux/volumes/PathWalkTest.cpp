@@ -2,8 +2,13 @@
 // Paths, and disks that hang on the way.
 #include "platform/linux/volumes/PathWalk.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/auto_fs.h>
+#include <sys/ioctl.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -104,6 +109,59 @@ TEST_F(APath, ThatADescriptionsDirectoryHoldsMayHangWithoutTheOthers) {
   EXPECT_EQ(FileSystemProbe::shared().lostWorkers(), 1u);
   disk.resume();
   awaitRest(status.st_dev);
+}
+
+/// An automount point of a process that mounts nothing there. It needs root's mount namespace.
+class IdleAutomount {
+ public:
+  explicit IdleAutomount(const std::string& path) : path_(path) {
+    std::filesystem::create_directories(path);
+    EXPECT_EQ(pipe2(orders_, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(requests_, O_CLOEXEC), 0);
+    process_ = fork();
+    if (process_ == 0) {
+      char order = 0;
+      const bool isOrdered = read(orders_[0], &order, 1) == 1;
+      // Only its own process group may go there without waiting.
+      const int place = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+      _exit(isOrdered && ioctl(place, AUTOFS_IOC_CATATONIC, 0) == 0 ? 0 : 1);
+    }
+    EXPECT_EQ(setpgid(process_, process_), 0);
+    const std::string options =
+        "fd=" + std::to_string(requests_[1]) + ",pgrp=" + std::to_string(process_) + ",minproto=5,maxproto=5,direct";
+    EXPECT_EQ(mount("automount", path.c_str(), "autofs", 0, options.c_str()), 0);
+  }
+  /// Whoever waits gets an error.
+  ~IdleAutomount() {
+    EXPECT_EQ(write(orders_[1], "x", 1), 1);
+    int status = -1;
+    EXPECT_EQ(waitpid(process_, &status, 0), process_);
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(umount2(path_.c_str(), MNT_DETACH), 0);
+    for (const int end : {orders_[0], orders_[1], requests_[0], requests_[1]}) {
+      close(end);
+    }
+  }
+  IdleAutomount(const IdleAutomount&) = delete;
+  IdleAutomount& operator=(const IdleAutomount&) = delete;
+
+ private:
+  const std::string path_;
+  int orders_[2];
+  int requests_[2];
+  pid_t process_ = 0;
+};
+
+TEST_F(APath, ThatADescriptionsDirectoryHoldsIsNotMountedOnDemand) {
+  if (!test::isTrulyRoot()) {
+    return;
+  }
+  test::writeFile(top + "/inner/other", "");
+  const IdleAutomount automount(top + "/inner/more/auto");
+  const std::vector<std::string> found = files::entriesBeneath(top + "/inner");
+  EXPECT_EQ(found, (std::vector<std::string>{"file", "more", "more/auto", "other"}));
+  EXPECT_EQ(FileSystemProbe::shared().lostWorkers(), 0u);
+  EXPECT_EQ(ask(top + "/inner/file"), 0);
 }
 
 }  // namespace
