@@ -74,6 +74,7 @@ class APurgeByTurns : public OperationTest {
     records.push_back(cache.service.record());
     return cache.service;
   }
+  void addSilent(const std::string& identifier) { addBoaster(identifier).onPurge = ScriptedService::silence(); }
   void forget() {
     caches.clear();
     records.clear();
@@ -188,9 +189,7 @@ TEST_F(APurgeByTurns, TakesNothingThatTheOthersAreAboutToGive) {
 TEST_F(APurgeByTurns, WaitsForOneThatIsSilentOnlyOnceAndNotLong) {
   run([&] {
     Cache& cache = add("cache", 1000 * block);
-    ScriptedService silent("silent");
-    silent.onPurge = ScriptedService::silence();
-    records.push_back(silent.record());
+    addSilent("silent");
     std::vector<double> asked;
     const auto serve = cache.service.onPurge;
     const std::uint64_t start = clock::ticks();
@@ -221,9 +220,7 @@ TEST_F(APurgeByTurns, IsNotHeldUpByWhoWasSilentInAnEarlierPass) {
     Cache& cache = add("cache", 1000 * block);
     Cache& other = add("other", 1000 * block);
     add("poor", 0);
-    ScriptedService silent("silent");
-    silent.onPurge = ScriptedService::silence();
-    records.push_back(silent.record());
+    addSilent("silent");
     std::vector<double> asked;
     const std::uint64_t start = clock::ticks();
     // All that they free in the first pass is used up at once.
@@ -253,9 +250,7 @@ TEST_F(APurgeByTurns, IsNotHeldUpByWhoWasSilentInAPassInWhichNobodyGave) {
   run([&] {
     Cache& cache = add("cache", 1000 * block);
     add("poor", 0);
-    ScriptedService silent("silent");
-    silent.onPurge = ScriptedService::silence();
-    records.push_back(silent.record());
+    addSilent("silent");
     std::vector<double> asked;
     const std::uint64_t start = clock::ticks();
     cache.service.onPurge = [&, serve = cache.service.onPurge](const ScriptedService::Request& request) {
@@ -404,9 +399,7 @@ TEST_F(APurgeByTurns, CountsTheTurnsOfAServiceAnewInEachPass) {
 TEST_F(APurgeByTurns, LeavesThoseWhoWaitToTheNextPassWhenItsTimeIsOver) {
   run([&] {
     add("cache", 1000 * block);
-    ScriptedService silent("silent");
-    silent.onPurge = ScriptedService::silence();
-    records.push_back(silent.record());
+    addSilent("silent");
     const auto serve = caches[0]->service.onPurge;
     caches[0]->service.onPurge = [&, serve](const ScriptedService::Request& request) {
       if (request.urgency == 1) {
@@ -539,9 +532,7 @@ TEST_F(APurgeWhosePassesEndEarly, IsOverWhenTheLastOfItsServicesFails) {
 
 TEST_F(APurgeWhosePassesEndEarly, WaitsForWhoeverIsInFlight) {
   run([&] {
-    ScriptedService silent("silent");
-    silent.onPurge = ScriptedService::silence();
-    records.push_back(silent.record());
+    addSilent("silent");
     EXPECT_EQ(secondsOfPurge(), 2 * longPass);
   });
 }

@@ -18,8 +18,9 @@ struct Answer {
   std::variant<Value, CallError> outcome;
 };
 
-/// Whatever the call and the outcome hold goes on a thread that may block.
+/// Whatever the call and the outcome hold goes on a thread that may block, but for what is the event loop's.
 void answerCall(Call call, std::variant<Value, CallError> outcome, HeldReplies::Room room = nullptr) {
+  call.shared = nullptr;
   globalQueue::async([answer = std::make_shared<Answer>(Answer{std::move(room), std::move(call), std::move(outcome)})] {
     const Answer given = std::move(*answer);
     if (given.call.outcome) {
@@ -41,8 +42,6 @@ HeldReplies::Room hold(DecodedReply& decoded, uid_t user) {
 
 /// For a call that cannot be made a message.
 void refuse(Call call) {
-  // That is the event loop's.
-  call.shared = nullptr;
   answerCall(std::move(call), CallError{std::string(SD_BUS_ERROR_INVALID_ARGS) + ": The call cannot be encoded",
                                         CallError::Cause::Answered});
 }

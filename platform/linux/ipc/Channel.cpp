@@ -249,10 +249,14 @@ Stall::Look Channel::lookAtSocket() const {
   return {.moves = link_.moves(), .untaken = link_.untaken()};
 }
 
+bool Channel::isToSend() const {
+  return link_.hasUnsent() || calls_.areWaiting();
+}
+
 /// What a call begins, the looks go on with.
 void Channel::watchForStall() {
   const auto most = calls_.maximumStall();
-  if (ended_ || most == most.zero() || (!link_.hasUnsent() && !calls_.areWaiting())) {
+  if (ended_ || most == most.zero() || !isToSend()) {
     stall_.reset();
     return;
   }
@@ -268,7 +272,7 @@ void Channel::watchForStall() {
 }
 
 void Channel::lookForStall(EventLoop::Clock::time_point now) {
-  if (stall_ && stall_->isTooLong(now, lookAtSocket()) && (link_.hasUnsent() || calls_.areWaiting())) {
+  if (stall_ && stall_->isTooLong(now, lookAtSocket()) && isToSend()) {
     endForLimit("The peer takes nothing off its socket");
   } else {
     watchForStall();

@@ -76,6 +76,7 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
   void stopTimer();
   void watchForStall();
   Stall::Look lookAtSocket() const;
+  bool isToSend() const;
 
   Hub& hub_ = Hub::shared();
   const std::shared_ptr<Peer::State> peer_;

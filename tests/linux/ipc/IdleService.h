@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/Ipc.h"
-#include "platform/Limits.h"
+#include "protocols/KelvaneServiceProtocol.h"
 #include "tests/linux/ipc/IpcTesting.h"
 #include "tests/linux/testing/BusServer.h"
 
@@ -16,14 +16,13 @@ namespace kelvane::test {
 
 /// As a caller whose other end is a service of the daemon's, with all its limits.
 namespace sample {
-inline constexpr ipc::Interface serviceInterface = {.objectPath = interface.objectPath,
-                                                    .name = interface.name,
-                                                    .operations = operations,
-                                                    .maximumOutstandingCalls = limits::outstandingCallsPerService,
-                                                    .maximumReplyBytes = limits::serviceReplyBytes,
-                                                    .maximumWaitingCalls = limits::waitingCallsPerService,
-                                                    .maximumWaitingBytes = limits::waitingBytesPerService,
-                                                    .maximumStall = limits::serviceStall};
+inline constexpr ipc::Interface serviceInterface = [] {
+  ipc::Interface own = KelvaneServiceProtocol::interface;
+  own.objectPath = interface.objectPath;
+  own.name = interface.name;
+  own.operations = operations;
+  return own;
+}();
 }  // namespace sample
 
 /// What is told: one entry.

@@ -163,6 +163,21 @@ int countedFlush(int descriptor) {
   return fdatasync(descriptor);
 }
 
+/// The next flush, which does not end before it is released.
+class HeldFlush {
+ public:
+  HeldFlush() {
+    disk.released = &released_;
+    disk.entered = &entered_;
+  }
+  void awaitBegin() const { entered_.wait(); }
+  void release() { released_.count_down(); }
+
+ private:
+  std::latch entered_{1};
+  std::latch released_{1};
+};
+
 ssize_t countedWrite(int file, const void* bytes, std::size_t count, off_t offset) {
   ++disk.writes;
   return pwrite(file, bytes, count, offset);
@@ -192,10 +207,7 @@ class WaitingCallers : public testing::Test {
 
 TEST_F(WaitingCallers, ShareOneFlush) {
   constexpr int count = 20;
-  std::latch entered(1);
-  std::latch released(1);
-  disk.released = &released;
-  disk.entered = &entered;
+  HeldFlush flush;
   std::latch answered(1 + count);
   const auto answer = [&](const PreferencesSuite::Outcome& outcome) {
     EXPECT_EQ(test::textOf(outcome), "");
@@ -203,12 +215,12 @@ TEST_F(WaitingCallers, ShareOneFlush) {
   };
   core_->set({.key = "first", .entry = {}, .value = true});
   core_->whenDurable(answer);
-  entered.wait();
+  flush.awaitBegin();
   for (int index = 0; index < count; ++index) {
     core_->set({.key = std::to_string(index), .entry = {}, .value = index});
     core_->whenDurable(answer);
   }
-  released.count_down();
+  flush.release();
   answered.wait();
   EXPECT_EQ(disk.flushes, 2) << "one for the first caller, one for all that set meanwhile";
   close();
@@ -217,17 +229,14 @@ TEST_F(WaitingCallers, ShareOneFlush) {
 }
 
 TEST_F(WaitingCallers, AreNotAnsweredBeforeTheDiskHasTheirChange) {
-  std::latch entered(1);
-  std::latch released(1);
-  disk.released = &released;
-  disk.entered = &entered;
+  HeldFlush flush;
   core_->set({.key = "key", .entry = {}, .value = 1});
   std::atomic<bool> isAnswered = false;
   core_->whenDurable([&](const PreferencesSuite::Outcome&) { isAnswered = true; });
-  entered.wait();
+  flush.awaitBegin();
   EXPECT_FALSE(isAnswered);
   EXPECT_EQ(core_->value("key"), Value(1)) << "readers have it at once";
-  released.count_down();
+  flush.release();
   EXPECT_EQ(written(*core_), "");
   EXPECT_TRUE(isAnswered);
 }
@@ -341,26 +350,20 @@ TEST_F(WaitingCallers, HaveItWrittenAgainAfterAFailedFlush) {
 }
 
 TEST_F(WaitingCallers, OfAHandOverAreReleasedBeforeTheFlushThatFollows) {
-  std::latch entered(1);
-  std::latch released(1);
-  disk.released = &released;
-  disk.entered = &entered;
+  HeldFlush flush;
   core_->set({.key = "key", .entry = {}, .value = 1});
   core_->whenDurable([](const PreferencesSuite::Outcome&) {});
-  entered.wait();
+  flush.awaitBegin();
   EXPECT_TRUE(core_->handOver(patience)) << "the flush has begun, so it is with the kernel";
-  released.count_down();
+  flush.release();
   close();
 }
 
 TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
-  std::latch entered(1);
-  std::latch released(1);
-  disk.released = &released;
-  disk.entered = &entered;
+  HeldFlush flush;
   core_->set({.key = "key", .entry = {}, .value = 1});
   core_->whenDurable([](const PreferencesSuite::Outcome&) {});
-  entered.wait();
+  flush.awaitBegin();
   core_->set({.key = "key", .entry = {}, .value = 2});
   testing::internal::CaptureStderr();
   EXPECT_FALSE(core_->handOver(std::chrono::milliseconds(20)));
@@ -371,7 +374,7 @@ TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
   const std::string log = testing::internal::GetCapturedStderr();
   EXPECT_NE(log.find("The disk of the preferences suite keeps everybody waiting"), std::string::npos);
   EXPECT_EQ(log.find("keeps everybody"), log.rfind("keeps everybody"));
-  released.count_down();
+  flush.release();
   EXPECT_EQ(written(*core_), "");
   core_->set({.key = "key", .entry = {}, .value = 3});
   EXPECT_TRUE(core_->handOver(patience)) << "it answers again";
@@ -380,13 +383,10 @@ TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
 }
 
 TEST_F(WaitingCallers, FindTheLastOfManyChangesHoweverLongTheDiskTakes) {
-  std::latch entered(1);
-  std::latch released(1);
-  disk.released = &released;
-  disk.entered = &entered;
+  HeldFlush flush;
   core_->set({.key = "state", .entry = "key", .value = 0});
   core_->whenDurable([](const PreferencesSuite::Outcome&) {});
-  entered.wait();
+  flush.awaitBegin();
   std::weak_ptr<const Value::Dictionary> replaced;
   for (int round = 1; round <= 1000; ++round) {
     const Value value = Value::Dictionary{{"round", round}};
@@ -396,7 +396,7 @@ TEST_F(WaitingCallers, FindTheLastOfManyChangesHoweverLongTheDiskTakes) {
     core_->set({.key = "state", .entry = "key", .value = value});
   }
   EXPECT_TRUE(replaced.expired()) << "what nobody will write is not kept for the disk";
-  released.count_down();
+  flush.release();
   EXPECT_EQ(written(*core_), "");
   close();
   EXPECT_EQ(openStore()->contents().at("state")["key"]["round"], Value(1000));

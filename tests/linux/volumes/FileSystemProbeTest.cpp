@@ -84,6 +84,17 @@ class AProbe : public testing::Test {
     }
   }
 
+  /// Has one tell its space slowly, though in time.
+  void tellSpaceSlowly() {
+    const HeldQuestion held;
+    std::thread asker([&] { EXPECT_TRUE(probe.run(held.question())); });
+    held.awaitEntered();
+    std::this_thread::sleep_for(FileSystemProbe::slowness);
+    held.answer();
+    asker.join();
+    EXPECT_FALSE(held.wasLate());
+  }
+
   FileSystemProbe probe;
 };
 
@@ -162,13 +173,7 @@ TEST(AFileSystemThatAnswersLate, RestsAsLongAsItTookAndTwiceAsLongEachTimeUpToAM
 }
 
 TEST_F(AProbe, LetsAFileSystemRestThatIsSlowSoThatItTakesNobodyMoreThanHalfOfTheTime) {
-  const HeldQuestion held;
-  std::thread asker([&] { EXPECT_TRUE(probe.run(held.question())); });
-  held.awaitEntered();
-  std::this_thread::sleep_for(FileSystemProbe::slowness);
-  held.answer();
-  asker.join();
-  EXPECT_FALSE(held.wasLate());
+  tellSpaceSlowly();
   const auto until = probe.closedUntil(one);
   ASSERT_TRUE(until);
   EXPECT_LE(*until - now(), FileSystemProbe::patience);
@@ -196,12 +201,7 @@ TEST_F(AProbe, LetsNobodyWaitForSomebodyWhoReadsFiles) {
 }
 
 TEST_F(AProbe, ReadsFilesWhereOnlyTheSpaceWasSlowToTell) {
-  const HeldQuestion held;
-  std::thread asker([&] { EXPECT_TRUE(probe.run(held.question())); });
-  held.awaitEntered();
-  std::this_thread::sleep_for(FileSystemProbe::slowness);
-  held.answer();
-  asker.join();
+  tellSpaceSlowly();
   EXPECT_TRUE(probe.run([](Visit& visit) { EXPECT_TRUE(visit.enter(one, "/one")); }, FileSystemProbe::About::Files));
 }
 
