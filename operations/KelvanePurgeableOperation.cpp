@@ -29,6 +29,9 @@ constexpr int extensions = 5;
 constexpr std::uint64_t extendedTick = 14;
 constexpr std::uint64_t resumedTick = 1;
 
+// With what is around them, a service's amount and its date.
+static_assert((limits::recentAmountEntries + 2) * limits::endpoints + 16 <= limits::archiveEntries);
+
 /// Whether the record has room for an amount, which may be anything.
 bool isRemembered(const Value& amount) {
   if (amount.isNumber()) {
@@ -36,8 +39,9 @@ bool isRemembered(const Value& amount) {
   }
   const auto written = propertyList::writeBinary(amount);
   const Data* bytes = std::get_if<Data>(&written);
-  return bytes != nullptr && bytes->size() <= limits::recentAmountBytes &&
-         archive::sizeOf(amount).bytes <= limits::recentAmountBytes;
+  const archive::Size size = archive::sizeOf(amount);
+  return bytes != nullptr && bytes->size() <= limits::recentAmountBytes && size.bytes <= limits::recentAmountBytes &&
+         size.entries <= limits::recentAmountEntries;
 }
 
 }  // namespace

@@ -92,7 +92,8 @@ class Proxy {
   using OutcomeHandler = std::function<void(std::variant<Value, CallError>)>;
   /// Given what went wrong, or none.
   using ErrorHandler = std::function<void(std::optional<CallError>)>;
-  /// Whether a call is still to be sent. Asked right before it is, on a thread that must not wait.
+  /// Whether a call is still to be sent. Asked right before it is, or when another needs its place, on a thread that
+  /// must not wait. Once it is not, it never is.
   using Wanted = std::function<bool()>;
 
   struct State;

@@ -28,6 +28,8 @@ inline constexpr std::size_t recentVolumes = 256;
 /// An amount that is no number, as a binary property list and in an archive. A longer one is none, so that a few
 /// services' cannot take up the record's room.
 inline constexpr std::size_t recentAmountBytes = 256;
+/// Values in it, itself included.
+inline constexpr std::size_t recentAmountEntries = 60;
 
 // The wire, both directions
 inline constexpr int wireDictionaryDepth = 20;

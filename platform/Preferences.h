@@ -44,7 +44,8 @@ class PreferencesSuite {
   /// does. Costs nothing when nothing was set since. A failure is logged.
   void handOver();
   /// Makes sure that the suite can be written with contents of so many bytes (as a binary property list), even
-  /// when the disk is full by then. Waits as handOver() does; the first limits::preferencesRoom bytes are always there.
+  /// when the disk is full by then. Waits as handOver() does; the first limits::preferencesRoom bytes are there
+  /// from the start unless the disk had no room for them when the suite was opened.
   Outcome makeRoom(std::size_t bytes);
 
   struct State;

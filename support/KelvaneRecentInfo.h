@@ -52,12 +52,13 @@ class KelvaneRecentInfo {
   /// The volumes, to be changed and set again; empty when there are none. Until then there are none here.
   Volumes takeVolumes();
 
+  /// The volume whose answers stay, however long the record is.
+  void setAskedVolume(std::string volume) { askedVolume_ = std::move(volume); }
   /// Drops what can no longer be relied on: entries of services and of volumes that are more than threshold
   /// seconds old or from the future, all services of a volume that has gained or lost more than so many bytes of
   /// free space since its last answer, and, after an archive was read, what is no volume. A record that is not of
   /// the expected shape, or has more than limits::recentVolumes, is invalid and left as it is. When what is left is
   /// too long to be archived, the volumes whose last answer is the oldest go, but never the one that is asked about.
-  void setAskedVolume(std::string volume) { askedVolume_ = std::move(volume); }
   int validate(const Value& freespaceChange, double threshold);
 
   /// Null for an archive of anything else.

@@ -73,6 +73,19 @@ TEST_F(ALongRecord, HasRoomForAllServicesThatMayConnectWithTheLongestIdentifiers
   });
 }
 
+TEST_F(ALongRecord, HasRoomForAllServicesThatMayConnectWithAmountsOfAsManyValuesAsMayBe) {
+  run([&] {
+    Services all;
+    const Value amount(Value::Array(limits::recentAmountEntries - 1, Value(true)));
+    for (auto& [identifier, service] : services(limits::endpoints, 20, 0)) {
+      all.emplace(identifier, KelvaneRecentServiceInfo::kelvaneRecentServiceInfo(amount, clock::now()));
+    }
+    const auto record = KelvaneRecentInfo::kelvaneRecentInfo(Volumes{{volume, volumeOf(volume, all, 0)}});
+    ASSERT_TRUE(record->archive());
+    EXPECT_EQ(*KelvaneRecentInfo::fromArchive(*record->archive()), *record);
+  });
+}
+
 TEST_F(ALongRecord, LosesItsOldestVolumesAndNoMoreThanItMust) {
   run([&] {
     // Each of them a sixth of what is kept.
