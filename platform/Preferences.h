@@ -21,7 +21,8 @@ class PreferencesSuite {
   using OutcomeHandler = std::function<void(const Outcome&)>;
 
   /// A damaged store is kept aside, logged and replaced by an empty one. One that cannot be read, or was written by a
-  /// later version, is left alone, which the log says. Fails with EBUSY while another process has it open.
+  /// later version, is left alone, which the log says; and so is one whose disk has not answered within
+  /// limits::openingPatience. Fails with EBUSY while another process has it open.
   static Result<std::unique_ptr<PreferencesSuite>> open(const std::string& name);
   /// Waits for a write under way, and until the handlers of all that was asked for have run.
   ~PreferencesSuite();

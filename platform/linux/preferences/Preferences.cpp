@@ -11,9 +11,8 @@
 #include "platform/Limits.h"
 #include "platform/Reporting.h"
 #include "platform/linux/preferences/Paths.h"
-#include "platform/linux/preferences/PreferencesStore.h"
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
-#include "platform/linux/runtime/BlockedScope.h"
+#include "platform/linux/preferences/StoreOpening.h"
 #include "platform/linux/runtime/DelayedItem.h"
 #include "platform/linux/runtime/FileNames.h"
 
@@ -35,8 +34,7 @@ Result<std::unique_ptr<PreferencesSuite>> PreferencesSuite::open(const std::stri
   if (!isFileName(name)) {
     return Failure{.number = EINVAL, .tried = "naming preferences"};
   }
-  const runtime::BlockedScope blocked;
-  auto store = PreferencesStore::open(paths::preferencesDirectory, name);
+  auto store = openInTime(FileSystemProbe::shared(), paths::preferencesDirectory, name);
   reporting::setGauge("kelvane_preferences_available", "Whether state is kept: 0 when the store could not be opened.",
                       store ? 1 : 0);
   if (!store) {

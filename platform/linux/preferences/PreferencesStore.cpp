@@ -3,7 +3,6 @@
 #include "platform/linux/preferences/PreferencesStore.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 #include "platform/PropertyList.h"
 #include "platform/Reporting.h"
 #include "platform/common/PropertyListReaders.h"
+#include "platform/linux/preferences/StoreLock.h"
 
 namespace kelvane {
 
@@ -44,9 +44,8 @@ Result<FileDescriptor> openParent(const std::string& directory, const DiskCalls&
   if (!parent) {
     return systemFailure("opening", directory);
   }
-  if (flock(parent.get(), LOCK_EX | LOCK_NB) != 0) {
-    return errno == EWOULDBLOCK ? Failure{.number = EBUSY, .tried = "locking " + directory}
-                                : systemFailure("locking", directory);
+  if (const auto locked = lockStores(parent.get(), directory); !locked) {
+    return locked.failure();
   }
   return parent;
 }
@@ -130,15 +129,19 @@ Obstacle obstacle(const Failure& failure) {
 }  // namespace
 
 Result<std::unique_ptr<PreferencesStore>> PreferencesStore::open(const std::string& directory, const std::string& name,
-                                                                 const DiskCalls& calls) {
+                                                                 const DiskCalls& calls, const IsGivenUp& isGivenUp) {
   auto parent = openParent(directory, calls);
   if (!parent) {
     return parent.failure();
   }
   std::unique_ptr<PreferencesStore> store(new PreferencesStore(calls));
+  store->isGivenUp_ = isGivenUp;
   store->parent_ = *std::move(parent);
   const int place = store->parent_.get();
   auto found = store->find(place, name);
+  if (const auto awaited = store->whetherAwaited(); !awaited) {
+    return awaited.failure();
+  }
   if (found && *found == Finding::Damage) {
     if (auto kept = keepAside(place, directory, name); !kept) {
       return kept.failure();
@@ -156,7 +159,13 @@ Result<std::unique_ptr<PreferencesStore>> PreferencesStore::open(const std::stri
   if (*found != Finding::Store) {
     return Failure{.tried = "finding the new " + directory + "/" + name};
   }
+  store->isGivenUp_ = {};
   return store;
+}
+
+/// To be asked before anything is changed.
+Result<> PreferencesStore::whetherAwaited() const {
+  return isGivenUp_ && isGivenUp_() ? Failure{.number = ECANCELED, .tried = "opening the store"} : Result<>();
 }
 
 Result<PreferencesStore::Finding> PreferencesStore::find(int parent, const std::string& name) {
@@ -184,6 +193,9 @@ Result<PreferencesStore::Finding> PreferencesStore::load(int directory, const st
   if (!found->newest || (!opened && obstacle(opened.failure()) == Obstacle::NoFile)) {
     return Finding::Damage;
   }
+  if (const auto awaited = whetherAwaited(); !awaited) {
+    return awaited.failure();
+  }
   if (auto made = openSlots(directory, PreferencesSlot::Missing::IsMade); !made) {
     return made.failure();
   }
@@ -199,6 +211,9 @@ Result<PreferencesStore::Finding> PreferencesStore::load(int directory, const st
   // What cannot be had now may be had before the first write, or may not be needed.
   static_cast<void>(settle());
   for (PreferencesSlot& slot : slots_) {
+    if (const auto awaited = whetherAwaited(); !awaited) {
+      return awaited.failure();
+    }
     static_cast<void>(slot.reserve(limits::preferencesRoom));
   }
   return Finding::Store;
@@ -258,6 +273,9 @@ Result<> PreferencesStore::create(int parent, const std::string& directory, cons
   }
   const auto empty = propertyList::writeBinary(Value::Dictionary());
   for (std::size_t index = 0; index < slotNames.size(); ++index) {
+    if (auto awaited = whetherAwaited(); !awaited) {
+      return awaited;
+    }
     auto slot = PreferencesSlot::open(made.get(), slotNames[index], PreferencesSlot::Missing::IsMade, calls_);
     if (!slot) {
       return slot.failure();
@@ -268,6 +286,9 @@ Result<> PreferencesStore::create(int parent, const std::string& directory, cons
     if (!done) {
       return done;
     }
+  }
+  if (auto awaited = whetherAwaited(); !awaited) {
+    return awaited;
   }
   if (calls_.flushDirectory(made.get()) != 0 || renameat(parent, temporary.c_str(), parent, name.c_str()) != 0 ||
       calls_.flushDirectory(parent) != 0) {

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -20,11 +21,14 @@ namespace kelvane {
 /// concurrent use; locked against other processes while it is open, with all stores of its directory.
 class PreferencesStore {
  public:
+  using IsGivenUp = std::function<bool()>;
+
   /// Opens the store of this name beneath the directory, or makes both. A damaged one is renamed to NAME.damaged-N,
   /// logged and replaced by an empty one; one that cannot be read, or that a later version has written, stays as it
-  /// is. Fails with EBUSY while another process has a store of the directory open.
+  /// is. Fails with EBUSY while another process has a store of the directory open. Once nobody waits for it any more
+  /// it fails with ECANCELED, and nothing more is changed; without the function somebody always does.
   static Result<std::unique_ptr<PreferencesStore>> open(const std::string& directory, const std::string& name,
-                                                        const DiskCalls& calls = {});
+                                                        const DiskCalls& calls = {}, const IsGivenUp& isGivenUp = {});
 
   /// What the store held when it was opened, until it is taken.
   const Value::Dictionary& contents() const { return contents_; }
@@ -54,9 +58,12 @@ class PreferencesStore {
   Result<> openSlots(int directory, PreferencesSlot::Missing missing);
   Result<Finding> load(int directory, const std::string& name);
   Result<> create(int parent, const std::string& directory, const std::string& name) const;
+  Result<> whetherAwaited() const;
   Result<> settle();
 
   DiskCalls calls_;
+  /// Only while it is being opened.
+  IsGivenUp isGivenUp_;
   /// Holds the lock.
   FileDescriptor parent_;
   std::array<PreferencesSlot, 2> slots_;
