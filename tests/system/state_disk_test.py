@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-# What becomes of the daemon's state on a disk that does not answer: a frozen one, on which every write waits.
+# What becomes of the daemon's state on a disk that does not answer (a frozen one, on which every write waits), and when
+# its files are removed.
 
 import pathlib
+import shutil
 import signal
 import time
 import unittest
@@ -134,6 +136,19 @@ class FrozenState(SystemTest):
         second.end()
         self.start_daemon()
         self.assertIn(self.stored(), ("1", "2"), "it was not acknowledged")
+
+
+class RemovedState(SystemTest):
+    def test_is_written_anew_while_the_daemon_runs(self):
+        daemon = self.start_daemon()
+        self.assertEqual(0, run(KELVANECTL, "state", "set", "com.example.before", "1").returncode)
+        shutil.rmtree(STATE)
+        self.assertEqual(0, run(KELVANECTL, "state", "set", "com.example.after", "2").returncode)
+        self.assertEqual(1, daemon.log().count("removed or replaced"), daemon.log())
+        daemon.end()
+        self.start_daemon()
+        self.assertEqual(["1", "2"], [run(KELVANECTL, "state", "get", f"com.example.{key}").stdout.strip()
+                                      for key in ("before", "after")])
 
 
 if __name__ == "__main__":

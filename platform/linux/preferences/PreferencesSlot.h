@@ -51,6 +51,7 @@ class PreferencesSlot {
 
   /// Whether there is a file.
   explicit operator bool() const { return static_cast<bool>(file_); }
+  const FileDescriptor& file() const { return file_; }
 
   /// What the file holds; a failure when the disk does not say, which is not the same as holding nothing.
   Result<SlotContents> read();

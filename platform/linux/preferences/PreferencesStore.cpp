@@ -17,7 +17,7 @@
 #include "platform/PropertyList.h"
 #include "platform/Reporting.h"
 #include "platform/common/PropertyListReaders.h"
-#include "platform/linux/preferences/StoreLock.h"
+#include "platform/linux/preferences/StoreDirectory.h"
 
 namespace kelvane {
 
@@ -29,25 +29,6 @@ constexpr propertyList::Bounds bounds = {limits::preferencesBytes, limits::prefe
 
 void report(const std::string& text) {
   reporting::reportFailure("PreferencesStore::open", text);
-}
-
-FileDescriptor openDirectory(int parent, const char* name) {
-  return FileDescriptor(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-/// The directory of all stores, made when it is missing, and locked.
-Result<FileDescriptor> openParent(const std::string& directory, const DiskCalls& calls) {
-  if (auto made = makeDirectories(directory, 0700, calls.flushDirectory); !made) {
-    return made.failure();
-  }
-  FileDescriptor parent = openDirectory(AT_FDCWD, directory.c_str());
-  if (!parent) {
-    return systemFailure("opening", directory);
-  }
-  if (const auto locked = lockStores(parent.get(), directory); !locked) {
-    return locked.failure();
-  }
-  return parent;
 }
 
 /// The newer whole record.
@@ -90,30 +71,6 @@ Result<Survey> survey(std::array<PreferencesSlot, 2>& slots) {
   return found;
 }
 
-/// Renames the store to the first free NAME.damaged-N, or the last.
-Result<> keepAside(int parent, const std::string& directory, const std::string& name) {
-  for (int number = 1; number <= limits::damagedPreferences; ++number) {
-    const std::string aside = name + ".damaged-" + std::to_string(number);
-    if (number == limits::damagedPreferences) {
-      std::error_code ignored;
-      std::filesystem::remove_all(directory + "/" + aside, ignored);
-    }
-    if (renameat2(parent, name.c_str(), parent, aside.c_str(), RENAME_NOREPLACE) == 0) {
-      report("The preferences " + directory + "/" + name + " are damaged; kept as " + aside +
-             " and replaced by empty ones");
-      return {};
-    }
-    if (errno == EBUSY) {
-      // Not the number that says that another daemon is running.
-      return Failure{.tried = "renaming " + directory + "/" + name + ": it is a mount point"};
-    }
-    if (errno != EEXIST || number == limits::damagedPreferences) {
-      return systemFailure("renaming", name);
-    }
-  }
-  return {};
-}
-
 bool isNoFile(int error) {
   return error == ELOOP || error == EISDIR || error == ENXIO || error == EINVAL;
 }
@@ -128,36 +85,38 @@ Obstacle obstacle(const Failure& failure) {
 
 }  // namespace
 
+PreferencesStore::PreferencesStore(std::string directory, std::string name, const DiskCalls& calls)
+    : directory_(std::move(directory)), name_(std::move(name)), calls_(calls) {}
+
 Result<std::unique_ptr<PreferencesStore>> PreferencesStore::open(const std::string& directory, const std::string& name,
                                                                  const DiskCalls& calls, const IsGivenUp& isGivenUp) {
-  auto parent = openParent(directory, calls);
+  auto parent = openStores(directory, calls);
   if (!parent) {
     return parent.failure();
   }
-  std::unique_ptr<PreferencesStore> store(new PreferencesStore(calls));
+  std::unique_ptr<PreferencesStore> store(new PreferencesStore(directory, name, calls));
   store->isGivenUp_ = isGivenUp;
   store->parent_ = *std::move(parent);
-  const int place = store->parent_.get();
-  auto found = store->find(place, name);
+  auto found = store->find();
   if (const auto awaited = store->whetherAwaited(); !awaited) {
     return awaited.failure();
   }
   if (found && *found == Finding::Damage) {
-    if (auto kept = keepAside(place, directory, name); !kept) {
+    const auto kept = keepAside(store->parent_.get(), directory, name, name);
+    if (!kept) {
       return kept.failure();
     }
+    report("The preferences " + directory + "/" + name + " are damaged; kept as " + *kept +
+           " and replaced by empty ones");
   }
-  if (found && *found != Finding::Store) {
-    if (auto created = store->create(place, directory, name); !created) {
-      return created.failure();
-    }
-    found = store->find(place, name);
+  if (!found || *found == Finding::Store) {
+    store->isGivenUp_ = {};
+    return found ? Result(std::move(store)) : found.failure();
   }
-  if (!found) {
-    return found.failure();
-  }
-  if (*found != Finding::Store) {
-    return Failure{.tried = "finding the new " + directory + "/" + name};
+  const auto empty = propertyList::writeBinary(Value::Dictionary());
+  if (const auto created = store->create(encodeSlotRecord(1, std::get<Data>(empty)), limits::preferencesRoom);
+      !created) {
+    return created.failure();
   }
   store->isGivenUp_ = {};
   return store;
@@ -168,21 +127,21 @@ Result<> PreferencesStore::whetherAwaited() const {
   return isGivenUp_ && isGivenUp_() ? Failure{.number = ECANCELED, .tried = "opening the store"} : Result<>();
 }
 
-Result<PreferencesStore::Finding> PreferencesStore::find(int parent, const std::string& name) {
-  const FileDescriptor directory = openDirectory(parent, name.c_str());
-  if (directory) {
-    return load(directory.get(), name);
+Result<PreferencesStore::Finding> PreferencesStore::find() {
+  place_ = openDirectory(parent_.get(), name_.c_str());
+  if (place_) {
+    return load();
   }
   if (errno == ENOENT) {
     return Finding::Nothing;
   }
-  return errno == ENOTDIR || errno == ELOOP ? Result(Finding::Damage) : systemFailure("opening", name);
+  return errno == ENOTDIR || errno == ELOOP ? Result(Finding::Damage) : systemFailure("opening", name_);
 }
 
-Result<PreferencesStore::Finding> PreferencesStore::load(int directory, const std::string& name) {
+Result<PreferencesStore::Finding> PreferencesStore::load() {
   slots_ = {};
   // Nothing is made before it is known that all there is can be relied on.
-  const auto opened = openSlots(directory, PreferencesSlot::Missing::Fails);
+  const auto opened = openSlots(PreferencesSlot::Missing::Fails);
   if (!opened && obstacle(opened.failure()) == Obstacle::Unreadable) {
     return opened.failure();
   }
@@ -196,12 +155,12 @@ Result<PreferencesStore::Finding> PreferencesStore::load(int directory, const st
   if (const auto awaited = whetherAwaited(); !awaited) {
     return awaited.failure();
   }
-  if (auto made = openSlots(directory, PreferencesSlot::Missing::IsMade); !made) {
+  if (auto made = openSlots(PreferencesSlot::Missing::IsMade); !made) {
     return made.failure();
   }
   Newest& newest = *found->newest;
   if (found->hasTorn) {
-    report("The preferences " + name + ": " + slotNames[1 - newest.slot] +
+    report("The preferences " + name_ + ": " + slotNames[1 - newest.slot] +
            " holds no whole record, as after a write that was cut off; " + slotNames[newest.slot] + " is used");
   }
   generation_ = newest.generation;
@@ -221,16 +180,16 @@ Result<PreferencesStore::Finding> PreferencesStore::load(int directory, const st
 
 /// Those that are not open yet. When one is missing and not to be made the others are open all the same, and it fails
 /// with ENOENT; a failure that says more goes before it.
-Result<> PreferencesStore::openSlots(int directory, PreferencesSlot::Missing missing) {
+Result<> PreferencesStore::openSlots(PreferencesSlot::Missing missing) {
   Result<> outcome;
   for (std::size_t index = 0; index < slots_.size(); ++index) {
     if (slots_[index]) {
       continue;
     }
-    auto slot = PreferencesSlot::open(directory, slotNames[index], missing, calls_);
+    auto slot = PreferencesSlot::open(place_.get(), slotNames[index], missing, calls_);
     if (slot) {
       slots_[index] = *std::move(slot);
-      if (missing == PreferencesSlot::Missing::IsMade && calls_.flushDirectory(directory) != 0) {
+      if (missing == PreferencesSlot::Missing::IsMade && calls_.flushDirectory(place_.get()) != 0) {
         return systemFailure("flushing the directory of", slotNames[index]);
       }
     } else if (outcome || obstacle(slot.failure()) > obstacle(outcome.failure())) {
@@ -258,20 +217,19 @@ Result<> PreferencesStore::settle() {
   return settled;
 }
 
-/// Makes a complete, durable store of an empty dictionary under a temporary name, then gives it its own, so
-/// that a store is never found half made.
-Result<> PreferencesStore::create(int parent, const std::string& directory, const std::string& name) const {
-  const std::string temporary = "." + name + ".new";
+/// Makes a complete, durable store of a record and so much room under a temporary name, then gives it its own, so that
+/// a store is never found half made, and opens it. What had its name is kept aside.
+Result<> PreferencesStore::create(const Data& record, std::size_t room) {
+  const std::string temporary = "." + name_ + ".new";
   std::error_code ignored;
-  std::filesystem::remove_all(directory + "/" + temporary, ignored);
-  if (mkdirat(parent, temporary.c_str(), 0700) != 0) {
+  std::filesystem::remove_all(directory_ + "/" + temporary, ignored);
+  if (mkdirat(parent_.get(), temporary.c_str(), 0700) != 0) {
     return systemFailure("making", temporary);
   }
-  const FileDescriptor made = openDirectory(parent, temporary.c_str());
+  const FileDescriptor made = openDirectory(parent_.get(), temporary.c_str());
   if (!made) {
     return systemFailure("opening", temporary);
   }
-  const auto empty = propertyList::writeBinary(Value::Dictionary());
   for (std::size_t index = 0; index < slotNames.size(); ++index) {
     if (auto awaited = whetherAwaited(); !awaited) {
       return awaited;
@@ -280,8 +238,8 @@ Result<> PreferencesStore::create(int parent, const std::string& directory, cons
     if (!slot) {
       return slot.failure();
     }
-    Result<> done = index == 0 ? slot->write(encodeSlotRecord(1, std::get<Data>(empty))) : Result<>();
-    done = done ? slot->reserve(limits::preferencesRoom) : done;
+    Result<> done = index == 0 ? slot->write(record) : Result<>();
+    done = done ? slot->reserve(room) : done;
     done = done ? slot->flush() : done;
     if (!done) {
       return done;
@@ -290,11 +248,55 @@ Result<> PreferencesStore::create(int parent, const std::string& directory, cons
   if (auto awaited = whetherAwaited(); !awaited) {
     return awaited;
   }
-  if (calls_.flushDirectory(made.get()) != 0 || renameat(parent, temporary.c_str(), parent, name.c_str()) != 0 ||
-      calls_.flushDirectory(parent) != 0) {
-    return systemFailure("making", name);
+  if (calls_.flushDirectory(made.get()) != 0) {
+    return systemFailure("making", name_);
   }
-  return {};
+  return putInPlace(temporary);
+}
+
+/// At no moment is there no store.
+Result<> PreferencesStore::putInPlace(const std::string& temporary) {
+  const int parent = parent_.get();
+  const bool isReplacing = renameat2(parent, temporary.c_str(), parent, name_.c_str(), RENAME_EXCHANGE) == 0;
+  if ((!isReplacing && renameat(parent, temporary.c_str(), parent, name_.c_str()) != 0) ||
+      calls_.flushDirectory(parent) != 0) {
+    return systemFailure("making", name_);
+  }
+  if (isReplacing) {
+    const auto kept = keepAside(parent, directory_, temporary, name_);
+    report("What was in the place of the preferences " + name_ + " is kept as " + (kept ? *kept : temporary));
+  }
+  const auto found = find();
+  if (!found) {
+    return found.failure();
+  }
+  return *found == Finding::Store ? Result<>() : Failure{.tried = "finding the new " + directory_ + "/" + name_};
+}
+
+/// Whether a later opening will find the files that are open.
+bool PreferencesStore::isInPlace() const {
+  bool isInPlace = leadsTo(AT_FDCWD, directory_.c_str(), parent_) && leadsTo(parent_.get(), name_.c_str(), place_);
+  for (std::size_t index = 0; index < slots_.size() && isInPlace; ++index) {
+    isInPlace = leadsTo(place_.get(), slotNames[index], slots_[index].file());
+  }
+  return isInPlace;
+}
+
+/// Somebody has removed the store, or put something in its place.
+Result<> PreferencesStore::createAgain(std::span<const std::uint8_t> contents) {
+  if (!leadsTo(AT_FDCWD, directory_.c_str(), parent_)) {
+    auto parent = openStores(directory_, calls_);
+    if (!parent) {
+      return parent.failure();
+    }
+    parent_ = *std::move(parent);
+  }
+  auto created = create(encodeSlotRecord(++generation_, contents), std::max(room(), limits::preferencesRoom));
+  if (created) {
+    contents_ = {};
+    report("The preferences " + directory_ + "/" + name_ + " were removed or replaced while they were open; made anew");
+  }
+  return created;
 }
 
 std::size_t PreferencesStore::room() const {
@@ -330,12 +332,13 @@ Result<> PreferencesStore::handOver(const Value& contents) {
   if (const auto* error = std::get_if<propertyList::Error>(&encoded)) {
     return Failure{.tried = error->text};
   }
-  if (auto settled = settle(); !settled) {
-    return settled;
+  const auto& bytes = std::get<Data>(encoded);
+  if (auto ready = isInPlace() ? settle() : createAgain(bytes); !ready) {
+    return ready;
   }
   // Even a failed write uses its number up, as its record may be found later.
   ++generation_;
-  auto written = slots_[next_].write(encodeSlotRecord(generation_, std::get<Data>(encoded)));
+  auto written = slots_[next_].write(encodeSlotRecord(generation_, bytes));
   isHandedOver_ = static_cast<bool>(written);
   return written;
 }
@@ -347,6 +350,9 @@ Result<> PreferencesStore::flush() {
   // Whatever comes of it: what a failed flush has not written is no longer known to be in memory either.
   isHandedOver_ = false;
   auto flushed = slots_[next_].flush();
+  if (flushed && !isInPlace()) {
+    return Failure{.tried = "flushing the preferences " + name_ + ": they were removed or replaced"};
+  }
   if (flushed) {
     next_ = 1 - next_;
   }

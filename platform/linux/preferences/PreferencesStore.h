@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 
 #include "platform/Result.h"
@@ -17,7 +18,8 @@
 namespace kelvane {
 
 /// A directory with two slot files, written in turn. At every moment one of them holds, on disk, the last
-/// contents that write() reported as written, and the other is the one that may be changed. Not safe for
+/// contents that write() reported as written, and the other is the one that may be changed. One whose files are removed
+/// or replaced while it is open is made anew by the next write, and what is in its place kept aside. Not safe for
 /// concurrent use; locked against other processes while it is open, with all stores of its directory.
 class PreferencesStore {
  public:
@@ -47,25 +49,32 @@ class PreferencesStore {
   Result<> handOver(const Value& contents);
   Result<> flush();
   /// Whether flush() has something that it may rely on.
-  bool isHandedOver() const { return isHandedOver_; }
+  bool isHandedOver() const { return isHandedOver_ && isInPlace(); }
 
  private:
   /// What there is under a store's name.
   enum class Finding { Store, Nothing, Damage };
 
-  explicit PreferencesStore(const DiskCalls& calls) : calls_(calls) {}
-  Result<Finding> find(int parent, const std::string& name);
-  Result<> openSlots(int directory, PreferencesSlot::Missing missing);
-  Result<Finding> load(int directory, const std::string& name);
-  Result<> create(int parent, const std::string& directory, const std::string& name) const;
+  PreferencesStore(std::string directory, std::string name, const DiskCalls& calls);
+  Result<Finding> find();
+  Result<> openSlots(PreferencesSlot::Missing missing);
+  Result<Finding> load();
+  Result<> create(const Data& record, std::size_t room);
+  Result<> createAgain(std::span<const std::uint8_t> contents);
+  Result<> putInPlace(const std::string& temporary);
   Result<> whetherAwaited() const;
+  bool isInPlace() const;
   Result<> settle();
 
+  std::string directory_;
+  std::string name_;
   DiskCalls calls_;
   /// Only while it is being opened.
   IsGivenUp isGivenUp_;
-  /// Holds the lock.
+  /// Of all stores; holds the lock.
   FileDescriptor parent_;
+  /// Of this one.
+  FileDescriptor place_;
   std::array<PreferencesSlot, 2> slots_;
   /// The slot whose record is not needed.
   std::size_t next_ = 0;
