@@ -1,7 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // kelvaned, the disk-space reclamation broker.
+#include "daemon/Arguments.h"
 #include "daemon/StartUp.h"
 
-int main() {
+int main(int argc, char** argv) {
+  if (const auto status = kelvane::answerArguments(argc, argv)) {
+    return *status;
+  }
   kelvane::runDaemon();
 }

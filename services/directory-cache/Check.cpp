@@ -12,6 +12,7 @@
 #include <utility>
 #include <variant>
 
+#include "platform/Printable.h"
 #include "services/directory-cache/Survey.h"
 
 namespace kelvane::directoryCache {
@@ -20,7 +21,7 @@ namespace {
 
 std::string nameOf(uid_t user) {
   const passwd* entry = getpwuid(user);
-  return entry == nullptr ? "user " + std::to_string(user) : entry->pw_name;
+  return entry == nullptr ? "user " + std::to_string(user) : printable(entry->pw_name);
 }
 
 /// Whether a pattern matches a path or a directory that it is in.
@@ -43,7 +44,7 @@ void writePatterns(const OpenDirectory& directory, std::ostream& output) {
     }
   });
   for (std::size_t index = 0; index < matches.size(); ++index) {
-    output << "  never: " << directory.rules->protectedPatterns[index] << " matches "
+    output << "  never: " << printable(directory.rules->protectedPatterns[index]) << " matches "
            << (matches[index] == 0 ? "no" : std::to_string(matches[index])) << " files\n";
   }
 }
@@ -52,13 +53,13 @@ void writePatterns(const OpenDirectory& directory, std::ostream& output) {
 std::string whereLinksLead(const std::string& path) {
   std::error_code error;
   const std::filesystem::path real = std::filesystem::canonical(path, error);
-  return error || real == path ? "" : " (" + path + " is " + real.string() + ")";
+  return error || real == path ? "" : " (" + printable(path) + " is " + printable(real.string()) + ")";
 }
 
 bool checkDirectory(const DirectoryRules& rules, std::int64_t now, std::ostream& output) {
   auto opened = openDirectory(rules, LockUse::Look);
   if (const auto* reason = std::get_if<LeftDirectory>(&opened)) {
-    output << "  left: " << reason->why << whereLinksLead(rules.path) << '\n';
+    output << "  left: " << printable(reason->why) << whereLinksLead(rules.path) << '\n';
     return reason->isOrdinary;
   }
   std::vector<OpenDirectory> directory;
@@ -79,7 +80,7 @@ bool checkDirectory(const DirectoryRules& rules, std::int64_t now, std::ostream&
 bool checkDirectories(const Configuration& configuration, std::int64_t now, std::ostream& output) {
   bool isGood = true;
   for (const DirectoryRules& rules : configuration.directories) {
-    output << rules.path << ":\n";
+    output << printable(rules.path) << ":\n";
     isGood = checkDirectory(rules, now, output) && isGood;
   }
   return isGood;

@@ -11,6 +11,7 @@
 #include <variant>
 
 #include "platform/Clock.h"
+#include "platform/Printable.h"
 #include "platform/Process.h"
 #include "services/directory-cache/Check.h"
 #include "services/directory-cache/Configuration.h"
@@ -20,9 +21,32 @@
 
 namespace {
 
+constexpr int wrongCommandLine = 2;
+
+constexpr char footer[] =
+    "Examples:\n"
+    "  kelvane-directory-cache --check /etc/kelvane/directory-cache/com.example.thumbnails.plist\n"
+    "      what a configuration comes to, without deleting anything\n"
+    "  systemctl enable --now kelvane-directory-cache@com.example.thumbnails.service\n"
+    "      serve by that configuration\n"
+    "\n"
+    "Exit status:\n"
+    "  0   ended by SIGTERM; with --check, all directories are looked after or just locked\n"
+    "  1   it cannot serve; with --check, a directory is left, or what there was to say could not be written\n"
+    "  2   the command line is wrong\n"
+    "  78  the configuration is wrong\n"
+    "\n"
+    "See kelvane-directory-cache(8).";
+
 int fail(const std::string& text, int status) {
-  std::cerr << "kelvane-directory-cache: " << text << '\n';
+  std::cerr << "kelvane-directory-cache: " << kelvane::printable(text, "\n") << '\n';
   return status;
+}
+
+/// Whether standard output took what there was to say.
+int finish(int status) {
+  std::cout.flush();
+  return std::cout ? status : fail("cannot write to standard output", EXIT_FAILURE);
 }
 
 void endProcess(int) {
@@ -37,9 +61,18 @@ int main(int argc, char** argv) {
                "kelvane-directory-cache");
   std::string path;
   bool checks = false;
-  app.add_option("configuration", path, "The property list that says which files")->required();
+  app.set_version_flag("--version", "kelvane-directory-cache " KELVANE_VERSION);
+  app.footer(footer);
+  app.add_option("CONFIGURATION", path, "The property list that says which files")->required();
   app.add_flag("--check", checks, "Say what the configuration comes to on this machine, and end");
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    if (error.get_exit_code() == 0) {
+      return finish(app.exit(error));
+    }
+    return fail(error.what() + std::string("\nSee kelvane-directory-cache --help."), wrongCommandLine);
+  }
 
   auto configuration = readConfigurationFile(path);
   if (const auto* error = std::get_if<ConfigurationError>(&configuration)) {
@@ -51,7 +84,7 @@ int main(int argc, char** argv) {
   }
   if (checks) {
     const auto now = static_cast<std::int64_t>(kelvane::clock::now().secondsSince1970);
-    return checkDirectories(good, now, std::cout) ? EXIT_SUCCESS : EXIT_FAILURE;
+    return finish(checkDirectories(good, now, std::cout) ? EXIT_SUCCESS : EXIT_FAILURE);
   }
   kelvane::installTerminationHandler(&endProcess);
   DirectoryCache cache(std::move(good));

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 # Clients of the running daemon: kelvanectl as a person and a script see it, and what clients may do.
 
+import contextlib
 import json
 import os
 import pty
@@ -74,6 +75,71 @@ class Kelvanectl(SystemTest):
         self.assertNotIn(b"%", output)
         self.assertIn(b"\r[---", shown)
 
+    def test_says_when_its_report_is_not_taken(self):
+        data = self.start_all()
+        with open("/dev/full", "w", encoding="ascii") as full:
+            result = subprocess.run([str(KELVANECTL), "purge", str(data), "1M"], stdin=subprocess.DEVNULL, stdout=full,
+                                    stderr=subprocess.PIPE, text=True, check=False)
+        self.assertEqual(7, result.returncode)
+        self.assertIn("cannot write to standard output: No space left on device", result.stderr)
+
+    def test_writes_to_no_connection_when_standard_output_is_closed(self):
+        data = self.start_all()
+        command = f'exec "{KELVANECTL}" purge "{data}" 1M >&-'
+        result = run("sh", "-c", command)
+        self.assertEqual(7, result.returncode)
+        self.assertIn("cannot write to standard output: Bad file descriptor", result.stderr)
+
+    def test_says_at_once_that_nobody_is_registered(self):
+        data = self.volume()
+        self.start_daemon()
+        result = run(KELVANECTL, "purge", data, "1M")
+        self.assertEqual(1, result.returncode)
+        self.assertIn("there is no service to ask", result.stderr)
+        _, report = self.purge(data, "1M")
+        self.assertEqual(("no-services", 1), (report["ending"], len(report["requests"])))
+
+    def at_terminal(self, answer, *options):
+        """A purge that may go up to urgency 4, with files for that alone, by somebody who types an answer at the first
+        question. The exit status, and what was shown."""
+        data = self.volume()
+        self.start_daemon()
+        self.directory = self.fill(data, "com.example.web", urgencies=(4,))
+        self.start_service("com.example.web", self.directory)
+        ours, theirs = pty.openpty()
+        self.addCleanup(os.close, ours)
+        command = [str(part) for part in (KELVANECTL, "purge", "--single", "--urgency=4", "--timeout=1", *options, data,
+                                          "1M")]
+        with subprocess.Popen(command, stdin=theirs, stdout=subprocess.PIPE, stderr=theirs) as client:
+            os.close(theirs)
+            shown = b""
+            if answer is not None:
+                while b"[y/N] " not in shown:
+                    shown += os.read(ours, 4096)
+                os.write(ours, answer)
+            client.communicate()
+        with contextlib.suppress(OSError):
+            # Until the other end is closed, with EIO.
+            while True:
+                shown += os.read(ours, 4096)
+        return client.returncode, shown.decode()
+
+    def test_asks_for_nothing_at_urgency_4_when_somebody_at_the_terminal_declines(self):
+        status, shown = self.at_terminal(b"\n")
+        self.assertEqual(1, status)
+        self.assertIn("nothing was asked at urgency 4", shown)
+        self.assertEqual(4, files_for_urgency(self.directory, 4))
+
+    def test_goes_up_to_urgency_4_when_somebody_at_the_terminal_agrees(self):
+        status, _ = self.at_terminal(b"y\n")
+        self.assertEqual(0, status)
+        self.assertEqual(3, files_for_urgency(self.directory, 4))
+
+    def test_asks_nobody_who_has_agreed_beforehand(self):
+        status, shown = self.at_terminal(None, "--yes")
+        self.assertEqual(0, status)
+        self.assertNotIn("[y/N]", shown)
+
     def interrupt(self, number):
         """In a purge that one service has done its share of, and the other holds."""
         data = self.start_all()
@@ -119,7 +185,7 @@ class Kelvanectl(SystemTest):
         for command in (("purge", data, "1M"), ("cancel", "some-token")):
             result = run(KELVANECTL, *command)
             self.assertEqual(3, result.returncode)
-            self.assertIn("no daemon", result.stderr)
+            self.assertIn("the daemon does not run", result.stderr)
 
     def test_has_a_status_for_no_volume(self):
         self.start_daemon()

@@ -205,7 +205,7 @@ class DailyMaintenance(LowDiskTest):
     def test_needs_a_daemon(self):
         result = run(KELVANECTL, "run-daily", "--quiet")
         self.assertEqual((3, ""), (result.returncode, result.stdout))
-        self.assertIn("no daemon", result.stderr)
+        self.assertIn("the daemon does not run", result.stderr)
 
 
 if __name__ == "__main__":

@@ -120,8 +120,8 @@ class Queries(ClientTest):
 
     def test_have_a_status_for_each_failure(self):
         self.data = self.volume()
-        self.ctl("purgeable", self.data, status=3, words="no daemon")
-        self.ctl("state", "list", status=3, words="no daemon")
+        self.ctl("purgeable", self.data, status=3, words="the daemon does not run")
+        self.ctl("state", "list", status=3, words="the daemon does not run")
         self.start_daemon()
         self.ctl("purgeable", "/nowhere", status=5, words="no such volume")
         report = json.loads(self.ctl("purgeable", "--json", "/nowhere", status=5))
@@ -162,7 +162,7 @@ class Rights(ClientTest):
     def test_to_itemized_figures_are_no_right_to_the_others(self):
         self.start_for("ITEMIZED_PURGEABLE_ENTITLEMENT")
         self.start_service(SERVICE, self.fill(self.data, SERVICE))
-        self.ctl("purgeable", self.data, status=4, words="hold PURGEABLE_ENTITLEMENT")
+        self.ctl("purgeable", self.data, status=4, words="lack PURGEABLE_ENTITLEMENT")
         self.assertEqual(8 * MIB, self.settled("--itemized")["total"])
 
     def test_to_state_are_those_of_every_client(self):

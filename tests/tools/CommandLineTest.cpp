@@ -39,6 +39,7 @@ TEST(ThePurgeCommand, NeedsOnlyAVolumeAndASize) {
   EXPECT_EQ(command.order.timeoutSeconds, std::nullopt);
   EXPECT_EQ(command.order.token, "");
   EXPECT_FALSE(command.order.single);
+  EXPECT_FALSE(command.isConfirmed);
   EXPECT_EQ(command.output, OutputKind::Text);
 }
 
@@ -52,6 +53,7 @@ TEST(ThePurgeCommand, TakesOptionsInAnyPlace) {
   EXPECT_TRUE(command.order.single);
   EXPECT_EQ(command.output, OutputKind::Json);
   EXPECT_EQ(purge({"purge", "/data", "1", "-q"}).output, OutputKind::Quiet);
+  EXPECT_TRUE(purge({"purge", "/data", "1", "--yes"}).isConfirmed);
 }
 
 TEST(ThePurgeCommand, HasUrgenciesFrom1To4) {
@@ -169,14 +171,55 @@ TEST(TheCommandLine, NeedsACommand) {
   EXPECT_EQ(message({"purge", "/data", "1", "cancel", "x"}).status, ExitStatus::Usage);
 }
 
+TEST(TheCommandLine, SaysWhatMayHaveBeenMeant) {
+  EXPECT_THAT(message({"puge", "/data", "1"}).text, HasSubstr("unknown command 'puge'; did you mean 'purge'?"));
+  EXPECT_THAT(message({"state", "ste", "k", "1"}).text, HasSubstr("unknown command 'ste'; did you mean 'set'?"));
+  EXPECT_THAT(message({"state", "ste"}).text, HasSubstr("See kelvanectl state --help."));
+  EXPECT_THAT(message({"purge", "/data", "1", "--quite"}).text,
+              HasSubstr("unknown option '--quite'; did you mean '--quiet'?"));
+  EXPECT_THAT(message({"cancel", "a", "b"}).text, HasSubstr("unexpected argument 'b'"));
+}
+
+TEST(TheCommandLine, GuessesNothingFarFetched) {
+  EXPECT_EQ(message({"free"}).text, "unknown command 'free'\nSee kelvanectl --help.");
+  EXPECT_EQ(message({"purge", "/data", "1", "--zealously"}).text,
+            "unknown option '--zealously'\nSee kelvanectl purge --help.");
+}
+
+TEST(TheCommandLine, SaysWhereThereIsMoreToKnow) {
+  EXPECT_EQ(message({"purge"}).text, "VOLUME is required\nSee kelvanectl purge --help.");
+  EXPECT_EQ(message({}).text, "a command is missing\nSee kelvanectl --help.");
+  EXPECT_EQ(message({"state"}).text, "a command is missing\nSee kelvanectl state --help.");
+  EXPECT_EQ(message({"--vresion"}).text,
+            "unknown option '--vresion'; did you mean '--version'?\nSee kelvanectl --help.");
+  EXPECT_EQ(message({"state", "get"}).text, "KEY is required\nSee kelvanectl state get --help.");
+}
+
+TEST(TheCommandLine, HasExamplesAndExitStatusesForEveryCommand) {
+  for (const std::vector<const char*>& command : std::vector<std::vector<const char*>>{{"purge", "--help"},
+                                                                                       {"cancel", "--help"},
+                                                                                       {"run-daily", "--help"},
+                                                                                       {"purgeable", "--help"},
+                                                                                       {"state", "get", "--help"},
+                                                                                       {"state", "set", "--help"},
+                                                                                       {"state", "unset", "--help"},
+                                                                                       {"state", "list", "--help"}}) {
+    const Message help = message(command);
+    EXPECT_EQ(help.status, ExitStatus::Done) << command[0];
+    EXPECT_THAT(help.text, HasSubstr("Examples:\n  kelvanectl " + std::string(command[0]))) << command[0];
+    EXPECT_THAT(help.text, HasSubstr("Exit status:\n  0  ")) << command[0];
+  }
+}
+
 TEST(TheCommandLine, ExplainsItself) {
   const Message help = message({"--help"});
   EXPECT_EQ(help.status, ExitStatus::Done);
   EXPECT_THAT(help.text, HasSubstr("purge"));
   EXPECT_THAT(help.text, HasSubstr("cancel"));
-  EXPECT_THAT(help.text, HasSubstr("Exit status: 0 freed"));
+  EXPECT_THAT(help.text, HasSubstr("Exit status:\n  0    done"));
   EXPECT_THAT(message({"purge", "--help"}).text, HasSubstr("--urgency"));
   EXPECT_EQ(message({"--version"}).status, ExitStatus::Done);
+  EXPECT_THAT(message({"--version"}).text, testing::StartsWith("kelvanectl "));
 }
 
 }  // namespace

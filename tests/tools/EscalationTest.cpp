@@ -222,6 +222,62 @@ TEST(AnEscalation, HasFreedEnoughEvenIfTheConnectionIsLostThen) {
   EXPECT_EQ(freeBytes(order(100), site).ending, Ending::Freed);
 }
 
+TEST(AnEscalation, EndsWhenThereIsNobodyToAsk) {
+  const Value nobody(Value::Dictionary{{"KELVANE_OPERATION_STATS_URGENCY_1", "amount reported: 0"}});
+  ScriptedSite site({{0, purgeResult(0, {{"KELVANE_URGENCY_1_OPERATION_INFO", nobody}})}});
+  const PurgeReport report = freeBytes(order(100), site);
+  EXPECT_EQ(report.ending, Ending::NoServices);
+  EXPECT_THAT(site.numbers(keys::urgency), ElementsAre(1U));
+}
+
+TEST(AnEscalation, GoesOnWhenSomebodyDidNotAnswerOrHadNothing) {
+  const Value silent(Value::Dictionary{{keys::servicesInFlight, Value(Value::Array{"a"})}});
+  const Value empty(Value::Dictionary{{keys::reportingServices, Value(Value::Dictionary{{"a", std::uint64_t{0}}})}});
+  ScriptedSite site({{0, purgeResult(0, {{"KELVANE_URGENCY_1_OPERATION_INFO", silent}})},
+                     {0, purgeResult(0, {{"KELVANE_URGENCY_1_OPERATION_INFO", Value(Value::Dictionary{})},
+                                         {"KELVANE_URGENCY_2_OPERATION_INFO", empty}})}});
+  EXPECT_EQ(freeBytes(order(100, 2), site).ending, Ending::Short);
+}
+
+TEST(AnEscalation, IsNotShortOfServicesWhenTheVolumeHasGainedEnough) {
+  ScriptedSite site({{100, purgeResult(0, {{"KELVANE_URGENCY_1_OPERATION_INFO", Value(Value::Dictionary{})}})}});
+  EXPECT_EQ(freeBytes(order(100), site).ending, Ending::Freed);
+}
+
+TEST(AnEscalation, AsksForPermissionBeforeUrgency4Alone) {
+  ScriptedSite site({{0, purgeResult()}, {0, purgeResult()}, {0, purgeResult()}, {0, purgeResult()}});
+  std::vector<std::size_t> asked;
+  const PurgeReport report = freeBytes(order(100, 4), site, [&] {
+    asked.push_back(site.requests.size());
+    return Consent::Given;
+  });
+  EXPECT_EQ(report.ending, Ending::Short);
+  EXPECT_THAT(asked, ElementsAre(3U));
+  EXPECT_THAT(site.numbers(keys::urgency), ElementsAre(1U, 2U, 3U, 4U));
+}
+
+TEST(AnEscalation, EndsBeforeUrgency4WithoutPermission) {
+  ScriptedSite site({{0, purgeResult()}, {40, purgeResult()}, {0, purgeResult()}});
+  const PurgeReport report = freeBytes(order(100, 4), site, [] { return Consent::Withheld; });
+  EXPECT_EQ(report.ending, Ending::Declined);
+  EXPECT_EQ(report.freed(), 40U);
+  ScriptedSite untouched({});
+  PurgeOrder single = order(100, 4);
+  single.single = true;
+  EXPECT_EQ(freeBytes(single, untouched, [] { return Consent::Interrupted; }).ending, Ending::Interrupted);
+}
+
+TEST(AnEscalation, AsksForNoPermissionWhenLessUrgencyWasEnough) {
+  ScriptedSite site({{100, purgeResult()}});
+  EXPECT_EQ(freeBytes(order(100, 4), site,
+                      [] {
+                        ADD_FAILURE() << "asked";
+                        return Consent::Withheld;
+                      })
+                .ending,
+            Ending::Freed);
+}
+
 TEST(AnEscalation, EndsWhenInterrupted) {
   ScriptedSite site({{30, purgeResult()}, {80, RequestFailure{Ending::Interrupted, ""}}});
   const PurgeReport report = freeBytes(order(100), site);

@@ -57,7 +57,7 @@ TEST(AQueryText, BearsFiguresThatMakeNoSense) {
   constexpr std::int64_t least = std::numeric_limits<std::int64_t>::min();
   const std::string text =
       queryText(reportOf({{"evil\x1b[2J", -3 * mebi}, {"odd", std::nullopt}, {"worse", least}}, -mebi));
-  EXPECT_THAT(text, HasSubstr("evil?[2J                                         -3.0 MiB\n"));
+  EXPECT_THAT(text, HasSubstr("evil\\x1b[2J                                      -3.0 MiB\n"));
   EXPECT_THAT(text, HasSubstr("odd                                             no number\n"));
   EXPECT_THAT(text, HasSubstr("worse                                            -8.0 EiB\n"));
   EXPECT_THAT(text, HasSubstr("total                                            -1.0 MiB\n"));
@@ -82,7 +82,7 @@ TEST(AQueryInJson, HasAllFiguresOnOneLine) {
 TEST(AQueryInJson, HasTheErrorInWords) {
   const auto json = nlohmann::json::parse(queryJson({{}, RequestFailure{Ending::NoDaemon, "Connection refused"}}));
   EXPECT_EQ(json["ending"], "no-daemon");
-  EXPECT_EQ(json["error"], "no daemon: Connection refused");
+  EXPECT_EQ(json["error"], "the daemon does not run (Connection refused); see systemctl status kelvaned.socket");
   EXPECT_TRUE(json["volumes"].is_array());
 }
 

@@ -11,6 +11,7 @@
 namespace kelvane::ctl {
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -51,10 +52,19 @@ TEST(ATextReport, SaysWhenLessWasFreed) {
 
 TEST(ATextReport, SaysWhenServicesGaveMoreThanTheirLastAnswers) {
   PurgeReport report = exampleReport();
-  EXPECT_THAT(textReport(report), Not(HasSubstr("all answers")));
+  EXPECT_THAT(textReport(report), Not(HasSubstr("answers")));
   report.requests[0].reported = 90 * mebi;
   EXPECT_THAT(textReport(report),
-              HasSubstr("  all answers, of which the last ones are shown               90.0 MiB\n"));
+              HasSubstr("  urgency 1  com.example.photos                               60.0 MiB\n"
+                        "  urgency 1  com.example.web                                 no answer\n"
+                        "  answers before these                                        30.0 MiB\n"
+                        "  all answers                                                 90.0 MiB\n"));
+}
+
+TEST(ATextReport, HidesWhoGaveNothing) {
+  PurgeReport report = exampleReport();
+  report.requests[0].passes[0].answers.push_back({"com.example.empty", 0});
+  EXPECT_THAT(textReport(report), Not(HasSubstr("com.example.empty")));
 }
 
 TEST(ATextReport, ShowsShortTimesInMilliseconds) {
@@ -66,7 +76,7 @@ TEST(ATextReport, ShowsShortTimesInMilliseconds) {
 TEST(ATextReport, PassesNoControlCharactersToTheTerminal) {
   PurgeReport report = exampleReport();
   report.requests[0].passes[0].answers[0].identifier = "evil\x1b[2J\n";
-  EXPECT_THAT(textReport(report), HasSubstr("evil?[2J? "));
+  EXPECT_THAT(textReport(report), HasSubstr("evil\\x1b[2J\\n "));
 }
 
 TEST(AnErrorText, IsThereForEveryEndingThatIsAnError) {
@@ -79,17 +89,21 @@ TEST(AnErrorText, IsThereForEveryEndingThatIsAnError) {
   EXPECT_EQ(text(Ending::Freed), "");
   EXPECT_EQ(text(Ending::Short), "");
   EXPECT_THAT(text(Ending::Interrupted), HasSubstr("interrupted"));
-  EXPECT_THAT(text(Ending::NoDaemon), HasSubstr("no daemon: Connection refused"));
-  EXPECT_THAT(text(Ending::ConnectionLost), HasSubstr("lost: Connection refused"));
+  EXPECT_THAT(text(Ending::NoDaemon),
+              AllOf(HasSubstr("does not run (Connection refused)"), HasSubstr("systemctl status kelvaned.socket")));
+  EXPECT_THAT(text(Ending::ConnectionLost), HasSubstr("lost (Connection refused)"));
   EXPECT_THAT(text(Ending::Failed), HasSubstr("an error: Connection refused"));
   EXPECT_EQ(text(Ending::NoVolume), "Connection refused");
-  EXPECT_THAT(text(Ending::NotAdmitted), HasSubstr("CLIENT_ENTITLEMENT"));
+  EXPECT_THAT(text(Ending::NotAdmitted),
+              HasSubstr("you lack CLIENT_ENTITLEMENT; root has it, or a rule in /etc/kelvane/entitlements.d"));
+  EXPECT_THAT(text(Ending::NoServices), HasSubstr("there is no service to ask"));
+  EXPECT_THAT(text(Ending::Declined), HasSubstr("nothing was asked at urgency 4"));
 }
 
 TEST(AnErrorText, NamesBothReasonsOfARefusal) {
   PurgeReport report = exampleReport();
   report.ending = Ending::Refused;
-  EXPECT_THAT(errorText(report), HasSubstr("PURGE_ENTITLEMENT"));
+  EXPECT_THAT(errorText(report), HasSubstr("you lack PURGE_ENTITLEMENT; root has it"));
   EXPECT_THAT(errorText(report), HasSubstr("/data is no volume"));
 }
 
@@ -113,7 +127,7 @@ TEST(AJsonReport, HasTheErrorInWords) {
   report.requests.clear();
   const auto json = nlohmann::json::parse(jsonReport(report));
   EXPECT_EQ(json["ending"], "no-daemon");
-  EXPECT_EQ(json["error"], "no daemon: Connection refused");
+  EXPECT_EQ(json["error"], "the daemon does not run (Connection refused); see systemctl status kelvaned.socket");
   EXPECT_TRUE(json["requests"].is_array());
   EXPECT_TRUE(json["requests"].empty());
 }
@@ -143,12 +157,14 @@ TEST(AnEnding, DecidesTheExitStatus) {
   EXPECT_EQ(exitStatusOf(Ending::ConnectionLost), ExitStatus::NoDaemon);
   EXPECT_EQ(exitStatusOf(Ending::Failed), ExitStatus::Failed);
   EXPECT_EQ(exitStatusOf(Ending::NoVolume), ExitStatus::NoVolume);
+  EXPECT_EQ(exitStatusOf(Ending::NoServices), ExitStatus::Short);
+  EXPECT_EQ(exitStatusOf(Ending::Declined), ExitStatus::Short);
 }
 
 TEST(EveryEnding, HasANameOfItsOwn) {
-  const std::vector<Ending> endings = {Ending::Freed,          Ending::Short,       Ending::Interrupted,
-                                       Ending::Refused,        Ending::NotAdmitted, Ending::NoDaemon,
-                                       Ending::ConnectionLost, Ending::Failed,      Ending::NoVolume};
+  const std::vector<Ending> endings = {Ending::Freed,       Ending::Short,      Ending::Interrupted,    Ending::Refused,
+                                       Ending::NotAdmitted, Ending::NoDaemon,   Ending::ConnectionLost, Ending::Failed,
+                                       Ending::NoVolume,    Ending::NoServices, Ending::Declined};
   std::set<std::string_view> names;
   for (const Ending ending : endings) {
     names.insert(endingName(ending));

@@ -17,9 +17,10 @@ TEST(AStateText, IsAStringAsItStands) {
 }
 
 TEST(AStateText, PassesNoControlCharactersToTheTerminal) {
-  EXPECT_EQ(stateText("evil\x1b[2J\x7f"), "evil?[2J?\n");
+  EXPECT_EQ(stateText("evil\x1b[2J\x7f"), "evil\\x1b[2J\\x7f\n");
+  EXPECT_EQ(stateText(Value::Array{"evil\u202e\u009b\xff"}), "(\n  \"evil\\u202e\\x9b\\xff\",\n)\n");
   EXPECT_EQ(stateText(Value::Array{"evil\x1b[2J"}), "(\n  \"evil\\x1b[2J\",\n)\n");
-  EXPECT_EQ(stateListText({{"k\x1b", "v\x1b\n"}}), "k?                                   \"v\\x1b\\n\"\n");
+  EXPECT_EQ(stateListText({{"k\x1b", "v\x1b\n"}}), "k\\x1b                                \"v\\x1b\\n\"\n");
 }
 
 TEST(AStateText, ShowsScalars) {
@@ -75,7 +76,7 @@ TEST(AStateInJson, HasTextForTheOthers) {
   EXPECT_EQ(stateJson(Data{0x0f, 0xbd}), "\"0fbd\"");
   EXPECT_EQ(stateJson(Date{0}), "\"1970-01-01 00:00:00 +0000\"");
   EXPECT_EQ(stateJson(Value()), "null");
-  EXPECT_THAT(stateJson("\xff"), HasSubstr("\xef\xbf\xbd"));
+  EXPECT_THAT(stateJson("\xff"), HasSubstr("\\ufffd"));
 }
 
 }  // namespace

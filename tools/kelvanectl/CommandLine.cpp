@@ -3,19 +3,17 @@
 #include "tools/kelvanectl/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <optional>
 #include <sstream>
+#include <vector>
 
 #include "tools/kelvanectl/ByteSize.h"
+#include "tools/kelvanectl/HelpText.h"
+#include "tools/kelvanectl/Suggestion.h"
 
 namespace kelvane::ctl {
 namespace {
-
-constexpr char footer[] =
-    "Sizes: K, M, G, T and P, alone or as KiB, MiB, ..., are powers of 1024; kB, MB, ... are powers of 1000;\n"
-    "fractions are allowed, as in 1.5G.\n"
-    "\n"
-    "Exit status: 0 freed what was asked or done, 1 freed less or no such value, 2 wrong command line, 3 no daemon or\n"
-    "connection lost, 4 not entitled, 5 no such volume, 6 the daemon answered with an error, 130 interrupted.";
 
 std::string checkSize(std::string& text) {
   const auto parsed = parseByteSize(text);
@@ -35,20 +33,22 @@ CLI::App* addQuery(CLI::App& app, QueryCommand& query) {
       ->check(CLI::Range(1, maximumUrgency));
   command->add_flag("--itemized", query.isItemized, "Ask by the right to itemized figures");
   command->add_flag("--json", query.json, jsonHelp);
+  command->footer(helpText::purgeable());
   return command;
 }
 
 CLI::App* addState(CLI::App& app, StateCommand& state) {
   using Action = StateCommand::Action;
   CLI::App* command = app.add_subcommand("state", "Read and change what clients keep in the daemon");
-  command->require_subcommand(1);
-  const auto add = [&](const char* name, Action action, const char* description) {
-    return command->add_subcommand(name, description)->callback([&state, action] { state.action = action; });
+  command->require_subcommand(1)->footer(helpText::state());
+  const auto add = [&](const char* name, Action action, const char* description, const std::string& footer) {
+    CLI::App* one = command->add_subcommand(name, description)->callback([&state, action] { state.action = action; });
+    return one->footer(footer);
   };
-  CLI::App* get = add("get", Action::Get, "Show the value under KEY");
-  CLI::App* set = add("set", Action::Set, "Put VALUE under KEY");
-  CLI::App* unset = add("unset", Action::Unset, "Remove KEY and its value");
-  CLI::App* list = add("list", Action::List, "Show all keys");
+  CLI::App* get = add("get", Action::Get, "Show the value under KEY", helpText::stateGet());
+  CLI::App* set = add("set", Action::Set, "Put VALUE under KEY", helpText::stateSet());
+  CLI::App* unset = add("unset", Action::Unset, "Remove KEY and its value", helpText::stateUnset());
+  CLI::App* list = add("list", Action::List, "Show all keys", helpText::stateList());
   for (CLI::App* one : {get, set, unset}) {
     one->add_option("KEY", state.key)->required();
   }
@@ -61,13 +61,73 @@ CLI::App* addState(CLI::App& app, StateCommand& state) {
   return command;
 }
 
+/// The command that was named, of a command if it has some.
+const CLI::App& chosen(const CLI::App& app) {
+  const std::vector<CLI::App*> parsed = app.get_subcommands();
+  return parsed.empty() ? app : chosen(*parsed.front());
+}
+
+std::string fullName(const CLI::App& app) {
+  return app.get_parent() == nullptr ? app.get_name() : fullName(*app.get_parent()) + " " + app.get_name();
+}
+
+std::string withHelp(const CLI::App& app, const std::string& what) {
+  return what + "\nSee " + fullName(app) + " --help.";
+}
+
+std::string didYouMean(std::string_view typed, const std::vector<std::string>& words) {
+  const auto word = suggestion(typed, words);
+  return word ? "; did you mean '" + *word + "'?" : "";
+}
+
+/// What is wrong when the first argument that is no option is not the name of a command.
+std::optional<std::string> unknownCommand(const CLI::App& app, const std::vector<std::string>& arguments) {
+  std::vector<std::string> names;
+  const auto typed = std::ranges::find_if(arguments, [](const auto& one) { return !one.starts_with('-'); });
+  if (typed == arguments.end()) {
+    return std::nullopt;
+  }
+  for (const CLI::App* command : app.get_subcommands({})) {
+    if (command->get_name() == *typed) {
+      const bool hasCommands = !command->get_subcommands({}).empty();
+      return hasCommands ? unknownCommand(*command, {typed + 1, arguments.end()}) : std::nullopt;
+    }
+    names.push_back(command->get_name());
+  }
+  return withHelp(app, "unknown command '" + *typed + "'" + didYouMean(*typed, names));
+}
+
+/// What is wrong when the command is known.
+std::string whatIsWrong(const CLI::App& app, const CLI::ParseError& error) {
+  const CLI::App& command = chosen(app);
+  const bool isAboutValue = error.get_exit_code() != static_cast<int>(CLI::ExitCodes::ExtrasError) &&
+                            error.get_exit_code() != static_cast<int>(CLI::ExitCodes::RequiredError);
+  std::vector<std::string> unknown = app.remaining(true);
+  std::erase(unknown, "--");
+  if (isAboutValue || unknown.empty()) {
+    const bool lacksCommand = !command.get_subcommands({}).empty();
+    return withHelp(command, lacksCommand ? "a command is missing" : error.what());
+  }
+  const std::string& typed = unknown.front();
+  if (!typed.starts_with("--")) {
+    return withHelp(command, "unexpected argument '" + typed + "'");
+  }
+  std::vector<std::string> names;
+  for (const CLI::Option* option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) {
+      names.push_back("--" + name);
+    }
+  }
+  return withHelp(command, "unknown option '" + typed + "'" + didYouMean(typed, names));
+}
+
 }  // namespace
 
 Command parseCommandLine(int argc, const char* const* argv) {
   CLI::App app("Asks the services of this device to give disk space back.", "kelvanectl");
   app.require_subcommand(1);
-  app.set_version_flag("--version", KELVANE_VERSION);
-  app.footer(footer);
+  app.set_version_flag("--version", "kelvanectl " KELVANE_VERSION);
+  app.footer(helpText::general());
 
   PurgeCommand purge;
   std::string size;
@@ -86,31 +146,39 @@ Command parseCommandLine(int argc, const char* const* argv) {
       ->check(CLI::Range(1, 300));
   purgeApp->add_option("--token", purge.order.token, "Name of this purge for \"cancel\"; a new one if not given");
   purgeApp->add_flag("--single", purge.order.single, "Send one request instead of requests of rising urgency");
+  purgeApp->add_flag("-y,--yes", purge.isConfirmed, "Do not ask at a terminal before urgency 4");
   CLI::Option* jsonFlag = purgeApp->add_flag("--json", json, jsonHelp);
   purgeApp->add_flag("-q,--quiet", quiet, quietHelp)->excludes(jsonFlag);
-  purgeApp->footer(footer);
+  purgeApp->footer(helpText::purge());
 
   CancelCommand cancel;
   CLI::App* cancelApp =
       app.add_subcommand("cancel", "Tell the daemon that the purge named TOKEN is not wanted any more");
   cancelApp->add_option("TOKEN", cancel.token, "As given to or shown by \"purge\"")->required();
   cancelApp->add_flag("-q,--quiet", cancel.quiet, quietHelp);
+  cancelApp->footer(helpText::cancel());
 
   DailyCommand daily;
   CLI::App* dailyApp = app.add_subcommand("run-daily", "Run the daily maintenance of all volumes now; for root");
   dailyApp->add_flag("-q,--quiet", daily.quiet, quietHelp);
+  dailyApp->footer(helpText::runDaily());
 
   QueryCommand query;
   const CLI::App* queryApp = addQuery(app, query);
   StateCommand state;
   const CLI::App* stateApp = addState(app, state);
 
+  if (const auto wrong = unknownCommand(app, {argv + 1, argv + argc})) {
+    return Message{ExitStatus::Usage, *wrong};
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    std::ostringstream text;
-    const int status = app.exit(error, text, text);
-    return Message{status == 0 ? ExitStatus::Done : ExitStatus::Usage, text.str()};
+    std::ostringstream help;
+    if (app.exit(error, help, help) == 0) {
+      return Message{ExitStatus::Done, help.str()};
+    }
+    return Message{ExitStatus::Usage, whatIsWrong(app, error)};
   }
   if (cancelApp->parsed()) {
     return cancel;

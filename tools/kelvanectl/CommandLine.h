@@ -16,6 +16,8 @@ enum class OutputKind { Text, Json, Quiet };
 /// The order's volume is as typed, its token empty unless one was given.
 struct PurgeCommand {
   PurgeOrder order;
+  /// Nobody is to be asked whether services may be asked at the highest urgency.
+  bool isConfirmed = false;
   OutputKind output = OutputKind::Text;
 };
 

@@ -1,20 +1,69 @@
 // SPDX-License-Identifier: Apache-2.0
-// What commands say when something went wrong.
+// What commands say, and whether it got out.
 #include "tools/kelvanectl/CommandOutput.h"
 
-#include <fmt/core.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/Printable.h"
 
 namespace kelvane::ctl {
+namespace {
+
+/// Of the first write that failed; 0 while none has.
+int writeError = 0;
+
+void note(bool isWritten) {
+  if (!isWritten && writeError == 0) {
+    writeError = errno;
+  }
+}
+
+}  // namespace
+
+void holdStandardDescriptors() {
+  // Open for reading alone, so that a write fails.
+  int descriptor = 0;
+  while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+    descriptor = open("/dev/null", O_RDONLY);
+  }
+  if (descriptor >= 0) {
+    close(descriptor);
+  }
+}
+
+void print(const std::string& text) {
+  note(std::fwrite(text.data(), 1, text.size(), stdout) == text.size());
+}
+
+void printNow(const std::string& text) {
+  print(text);
+  note(std::fflush(stdout) == 0);
+}
 
 void printError(const std::string& text) {
   if (!text.empty()) {
-    fmt::print(stderr, "kelvanectl: {}\n", text);
+    const std::string line = "kelvanectl: " + printable(text, "\n") + "\n";
+    std::fwrite(line.data(), 1, line.size(), stderr);
   }
 }
 
 ExitStatus reportFailure(const RequestFailure& failure) {
   printError(failureText(failure));
   return exitStatusOf(failure.ending);
+}
+
+ExitStatus finishOutput(ExitStatus status) {
+  note(std::fflush(stdout) == 0);
+  if (writeError == 0) {
+    return status;
+  }
+  printError(std::string("cannot write to standard output: ") + std::strerror(writeError));
+  return status == ExitStatus::Done ? ExitStatus::Unwritten : status;
 }
 
 }  // namespace kelvane::ctl

@@ -13,6 +13,7 @@
 #include "platform/Volumes.h"
 #include "support/Token.h"
 #include "tools/kelvanectl/CommandOutput.h"
+#include "tools/kelvanectl/Confirmation.h"
 #include "tools/kelvanectl/DaemonSite.h"
 #include "tools/kelvanectl/Escalation.h"
 #include "tools/kelvanectl/Interruption.h"
@@ -49,7 +50,20 @@ std::function<void()> progressOf(const PurgeOrder& order) {
   };
 }
 
-PurgeReport purge(PurgeOrder order, OutputKind output, const Interruption& interruption) {
+/// Has the person at the terminal asked, if there is one and has not consented beforehand.
+Permission permissionFor(const PurgeCommand& command, bool hasProgress, const Interruption& interruption) {
+  if (command.isConfirmed || !isSomebodyThere()) {
+    return nullptr;
+  }
+  return [hasProgress, &interruption] {
+    if (hasProgress) {
+      fmt::print(stderr, "\r{}", eraseToEnd);
+    }
+    return askFor("Urgency 4 takes all that services can have again, whoever will miss it. Go on?", interruption);
+  };
+}
+
+PurgeReport purge(PurgeOrder order, const PurgeCommand& command, const Interruption& interruption) {
   auto volume = resolveVolume(order.volume);
   if (const auto* error = std::get_if<VolumeError>(&volume)) {
     PurgeReport report;
@@ -61,15 +75,14 @@ PurgeReport purge(PurgeOrder order, OutputKind output, const Interruption& inter
   order.volume = std::get<std::string>(std::move(volume));
 
   std::function<void()> progress;
-  if (output == OutputKind::Text) {
+  if (command.output == OutputKind::Text) {
     if (const auto space = volumes::space(order.volume)) {
-      fmt::print("{}", textHeading(order, space->available));
-      std::fflush(stdout);
+      printNow(textHeading(order, space->available));
     }
     progress = progressOf(order);
   }
   DaemonSite site(order.volume, interruption, progress);
-  PurgeReport report = freeBytes(order, site);
+  PurgeReport report = freeBytes(order, site, permissionFor(command, progress != nullptr, interruption));
   if (progress) {
     fmt::print(stderr, "\r{}", eraseToEnd);
   }
@@ -83,11 +96,11 @@ ExitStatus run(const PurgeCommand& command, const Interruption& interruption) {
   if (order.token.empty()) {
     order.token = createKelvaneToken().description();
   }
-  const PurgeReport report = purge(std::move(order), command.output, interruption);
+  const PurgeReport report = purge(std::move(order), command, interruption);
   if (command.output == OutputKind::Json) {
-    fmt::print("{}\n", jsonReport(report));
+    print(jsonReport(report) + "\n");
   } else if (command.output == OutputKind::Text && !report.requests.empty()) {
-    fmt::print("{}", textReport(report));
+    print(textReport(report));
   }
   printError(errorText(report));
   return exitStatusOf(report.ending);
@@ -99,14 +112,14 @@ ExitStatus run(const CancelCommand& command) {
     return reportFailure(*failure);
   }
   if (!command.quiet) {
-    fmt::print("The daemon has taken note.\n");
+    print("The daemon has taken note.\n");
   }
   return ExitStatus::Done;
 }
 
 ExitStatus run(const DailyCommand& command, const Interruption& interruption) {
   if (geteuid() != 0) {
-    printError("the daily maintenance is for root to run");
+    printError("only root may run the daily maintenance; see systemctl start kelvane-daily.service");
     return ExitStatus::NotEntitled;
   }
   const auto outcome = runDaily(interruption);
@@ -118,13 +131,17 @@ ExitStatus run(const DailyCommand& command, const Interruption& interruption) {
     return reportFailure(*failure);
   }
   if (!command.quiet) {
-    fmt::print("The daily maintenance is done.\n");
+    print("The daily maintenance is done.\n");
   }
   return ExitStatus::Done;
 }
 
 ExitStatus run(const Message& message) {
-  fmt::print(message.status == ExitStatus::Done ? stdout : stderr, "{}", message.text);
+  if (message.status == ExitStatus::Done) {
+    print(message.text);
+  } else {
+    printError(message.text);
+  }
   return message.status;
 }
 

@@ -2,6 +2,8 @@
 // Frees an amount with no more urgency than it takes.
 #include "tools/kelvanectl/Escalation.h"
 
+#include <algorithm>
+
 #include "protocols/Keys.h"
 #include "support/Format.h"
 
@@ -53,9 +55,16 @@ void addDetails(RequestReport& request, const Value& answer) {
   }
 }
 
+/// Whether the daemon told of the request's passes, and nobody was asked in any.
+bool hadNobodyToAsk(const RequestReport& request) {
+  return !request.passes.empty() && std::ranges::all_of(request.passes, [](const PassReport& pass) {
+    return pass.answers.empty() && pass.unanswered.empty();
+  });
+}
+
 }  // namespace
 
-PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site) {
+PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site, const Permission& permission) {
   PurgeReport report;
   report.order = order;
   const auto available = site.available();
@@ -68,6 +77,12 @@ PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site) {
   const auto start = SteadyClock::now();
 
   for (int limit = order.single ? order.urgency : 1; limit <= order.urgency; ++limit) {
+    if (limit == maximumUrgency && permission) {
+      if (const Consent consent = permission(); consent != Consent::Given) {
+        report.ending = consent == Consent::Interrupted ? Ending::Interrupted : Ending::Declined;
+        break;
+      }
+    }
     const std::uint64_t before = report.availableAfter;
     RequestReport request{limit, order.bytes - report.freed(), 0, {}, {}, {}};
     const auto requestStart = SteadyClock::now();
@@ -94,6 +109,10 @@ PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site) {
     report.requests.push_back(std::move(request));
     if (report.freed() >= order.bytes) {
       report.ending = Ending::Freed;
+      break;
+    }
+    if (hadNobodyToAsk(report.requests.back())) {
+      report.ending = Ending::NoServices;
       break;
     }
   }

@@ -9,6 +9,8 @@ ExitStatus exitStatusOf(Ending ending) {
     case Ending::Freed:
       return ExitStatus::Done;
     case Ending::Short:
+    case Ending::NoServices:
+    case Ending::Declined:
       return ExitStatus::Short;
     case Ending::Interrupted:
       return ExitStatus::Interrupted;

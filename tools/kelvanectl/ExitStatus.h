@@ -14,6 +14,7 @@ enum class ExitStatus : int {
   NotEntitled = 4,   ///< the daemon refused the request
   NoVolume = 5,      ///< not the mount point of a writable, local file system
   Failed = 6,        ///< the daemon answered with an error, as when a limit is passed
+  Unwritten = 7,     ///< all went well, but standard output did not take what there was to say
   Interrupted = 130  ///< by SIGINT or SIGTERM
 };
 

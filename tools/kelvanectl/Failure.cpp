@@ -4,22 +4,29 @@
 
 namespace kelvane::ctl {
 
+std::string lacksEntitlement(std::string_view name) {
+  return "you lack " + std::string(name) +
+         "; root has it, or a rule in /etc/kelvane/entitlements.d that the daemon finds when it starts gives it";
+}
+
 std::string failureText(const RequestFailure& failure) {
   switch (failure.ending) {
     case Ending::Interrupted:
       return "interrupted";
     case Ending::NotAdmitted:
-      return "the daemon closed the connection: this user does not hold CLIENT_ENTITLEMENT";
+      return "the daemon closed the connection: " + lacksEntitlement("CLIENT_ENTITLEMENT");
     case Ending::NoDaemon:
-      return "no daemon: " + failure.detail;
+      return "the daemon does not run (" + failure.detail + "); see systemctl status kelvaned.socket";
     case Ending::ConnectionLost:
-      return "connection to the daemon lost: " + failure.detail;
+      return "the connection to the daemon was lost (" + failure.detail + "); see journalctl -u kelvaned";
     case Ending::Failed:
       return "the daemon answered with an error: " + failure.detail;
     case Ending::Freed:
     case Ending::Short:
     case Ending::Refused:
     case Ending::NoVolume:
+    case Ending::NoServices:
+    case Ending::Declined:
       break;
   }
   return failure.detail;

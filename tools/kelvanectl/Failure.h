@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 namespace kelvane::ctl {
 
@@ -16,6 +17,8 @@ enum class Ending {
   ConnectionLost,  ///< in mid request
   Failed,          ///< the daemon answered with an error
   NoVolume,        ///< nothing was asked: the daemon would refuse the volume
+  NoServices,      ///< less, as there was no service to ask
+  Declined,        ///< less, as the person at the terminal did not want what was to come next
 };
 
 struct RequestFailure {
@@ -23,6 +26,9 @@ struct RequestFailure {
   /// Why, in words, where the ending alone does not tell.
   std::string detail;
 };
+
+/// Who has the entitlement, and how to come by it.
+std::string lacksEntitlement(std::string_view name);
 
 /// What went wrong, for standard error.
 std::string failureText(const RequestFailure& failure);

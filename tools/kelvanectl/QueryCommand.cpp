@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // "kelvanectl purgeable": what services could free.
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <string>
 #include <utility>
@@ -34,10 +34,10 @@ class DaemonQuerySite : public QuerySite {
     };
     Outcome outcome = await(send, interruption_);
     if (auto* failure = std::get_if<RequestFailure>(&outcome); failure && failure->ending == Ending::Refused) {
-      failure->detail = fmt::format(
-          "the daemon refused: this user does not hold {}PURGEABLE_ENTITLEMENT, or {} is no "
-          "volume to the daemon",
-          isItemized_ ? "ITEMIZED_" : "", info[keys::volume].description());
+      failure->detail =
+          fmt::format("the daemon refused: {}; or {} is no volume to the daemon",
+                      lacksEntitlement(isItemized_ ? "ITEMIZED_PURGEABLE_ENTITLEMENT" : "PURGEABLE_ENTITLEMENT"),
+                      info[keys::volume].description());
     }
     return outcome;
   }
@@ -70,9 +70,9 @@ QueryReport ask(const QueryCommand& command, const Interruption& interruption) {
 ExitStatus run(const QueryCommand& command, const Interruption& interruption) {
   const QueryReport report = ask(command, interruption);
   if (command.json) {
-    fmt::print("{}\n", queryJson(report));
+    print(queryJson(report) + "\n");
   } else {
-    fmt::print("{}", queryText(report));
+    print(queryText(report));
   }
   return report.failure ? reportFailure(*report.failure) : ExitStatus::Done;
 }

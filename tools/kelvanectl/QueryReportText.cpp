@@ -8,8 +8,8 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "platform/Printable.h"
 #include "tools/kelvanectl/ByteSize.h"
-#include "tools/kelvanectl/Printable.h"
 #include "tools/kelvanectl/ReportJson.h"
 
 namespace kelvane::ctl {
@@ -86,7 +86,7 @@ std::string queryJson(const QueryReport& report) {
                      {"age_limit_seconds", figuresStand.count()},
                      {"volumes", std::move(volumes)}};
   // Identifiers and paths need not be UTF-8.
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 }  // namespace kelvane::ctl

@@ -54,6 +54,10 @@ std::string_view endingName(Ending ending) {
       return "failed";
     case Ending::NoVolume:
       return "no-volume";
+    case Ending::NoServices:
+      return "no-services";
+    case Ending::Declined:
+      return "declined";
   }
   return "";
 }
@@ -74,8 +78,8 @@ std::string jsonReport(const PurgeReport& report) {
                      {"available_after", report.availableAfter},
                      {"elapsed_seconds", report.elapsed.count()},
                      {"requests", std::move(requests)}};
-  // Identifiers and paths need not be UTF-8.
-  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+  // Identifiers and paths need not be UTF-8, and may be what a terminal obeys: all but ASCII is escaped.
+  return json.dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 }  // namespace kelvane::ctl

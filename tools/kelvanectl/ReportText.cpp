@@ -6,8 +6,8 @@
 
 #include <iterator>
 
+#include "platform/Printable.h"
 #include "tools/kelvanectl/ByteSize.h"
-#include "tools/kelvanectl/Printable.h"
 
 namespace kelvane::ctl {
 namespace {
@@ -21,8 +21,10 @@ std::string formatElapsed(std::chrono::duration<double> elapsed) {
 
 void addPass(Output out, const PassReport& pass) {
   for (const ServiceAnswer& answer : pass.answers) {
-    fmt::format_to(out, "  urgency {}  {:<44} {:>12}\n", pass.urgency, printable(answer.identifier),
-                   formatByteSize(answer.bytes));
+    if (answer.bytes > 0) {
+      fmt::format_to(out, "  urgency {}  {:<44} {:>12}\n", pass.urgency, printable(answer.identifier),
+                     formatByteSize(answer.bytes));
+    }
   }
   for (const std::string& identifier : pass.unanswered) {
     fmt::format_to(out, "  urgency {}  {:<44} {:>12}\n", pass.urgency, printable(identifier), "no answer");
@@ -40,17 +42,17 @@ void addRequest(Output out, const RequestReport& request) {
     }
   }
   // A service that gave all it was asked for is asked again, and its last answer replaces the ones before.
-  if (request.reported && *request.reported != shown && !request.passes.empty()) {
-    fmt::format_to(out, "  {:<55} {:>12}\n", "all answers, of which the last ones are shown",
-                   formatByteSize(*request.reported));
+  if (request.reported && *request.reported > shown && !request.passes.empty()) {
+    fmt::format_to(out, "  {:<55} {:>12}\n", "answers before these", formatByteSize(*request.reported - shown));
+    fmt::format_to(out, "  {:<55} {:>12}\n", "all answers", formatByteSize(*request.reported));
   }
 }
 
 }  // namespace
 
 std::string textHeading(const PurgeOrder& order, std::uint64_t available) {
-  return fmt::format("Freeing {} on {} ({} available), token {}\n", formatByteSize(order.bytes), order.volume,
-                     formatByteSize(available), printable(order.token));
+  return fmt::format("Freeing {} on {} ({} available), token {}\n", formatByteSize(order.bytes),
+                     printable(order.volume), formatByteSize(available), printable(order.token));
 }
 
 std::string textReport(const PurgeReport& report) {
@@ -74,9 +76,13 @@ std::string errorText(const PurgeReport& report) {
     case Ending::Interrupted:
       return "interrupted; what services were already asked for, they may still free";
     case Ending::Refused:
-      return fmt::format(
-          "the daemon refused: this user does not hold PURGE_ENTITLEMENT, or {} is no volume to the daemon",
-          report.order.volume);
+      return fmt::format("the daemon refused: {}; or {} is no volume to the daemon",
+                         lacksEntitlement("PURGE_ENTITLEMENT"), report.order.volume);
+    case Ending::NoServices:
+      return "there is no service to ask: none that purges is registered, or none can be reached; see "
+             "kelvane-directory-cache(8)";
+    case Ending::Declined:
+      return fmt::format("nothing was asked at urgency {}", maximumUrgency);
     case Ending::NotAdmitted:
     case Ending::NoDaemon:
     case Ending::ConnectionLost:

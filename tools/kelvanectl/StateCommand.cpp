@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // "kelvanectl state": what clients keep in the daemon.
-#include <fmt/core.h>
+#include <fmt/format.h>
 #include <poll.h>
 #include <unistd.h>
 
@@ -102,7 +102,7 @@ ExitStatus get(const StateCommand& command, const Interruption& interruption) {
     printError(fmt::format("there is no value under {}", command.key));
     return ExitStatus::Short;
   }
-  fmt::print("{}", command.json ? stateJson(value) + "\n" : stateText(value));
+  print(command.json ? stateJson(value) + "\n" : stateText(value));
   return ExitStatus::Done;
 }
 
@@ -113,7 +113,7 @@ ExitStatus list(const StateCommand& command, const Interruption& interruption) {
   }
   const auto stored = std::get<Value>(outcome).dictionary();
   const Value::Dictionary state = stored ? *stored : Value::Dictionary();
-  fmt::print("{}", command.json ? stateJson(state) + "\n" : stateListText(state));
+  print(command.json ? stateJson(state) + "\n" : stateListText(state));
   return ExitStatus::Done;
 }
 

@@ -7,7 +7,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
-#include "tools/kelvanectl/Printable.h"
+#include "platform/Printable.h"
 
 namespace kelvane::ctl {
 namespace {
@@ -110,7 +110,7 @@ std::string stateListText(const Value::Dictionary& state) {
 }
 
 std::string stateJson(const Value& value) {
-  return json(value).dump(-1, ' ', false, Json::error_handler_t::replace);
+  return json(value).dump(-1, ' ', true, Json::error_handler_t::replace);
 }
 
 }  // namespace kelvane::ctl

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // kelvanectl, the administrator's command.
+#include "tools/kelvanectl/CommandOutput.h"
 #include "tools/kelvanectl/Commands.h"
 #include "tools/kelvanectl/Interruption.h"
 
 using namespace kelvane::ctl;
 
 int main(int argc, char** argv) {
+  holdStandardDescriptors();
   const Interruption interruption;
   const Command command = parseCommandLine(argc, argv);
   ExitStatus status = ExitStatus::Usage;
@@ -22,5 +24,5 @@ int main(int argc, char** argv) {
   } else {
     status = run(std::get<Message>(command));
   }
-  return static_cast<int>(status);
+  return static_cast<int>(finishOutput(status));
 }

@@ -7,8 +7,8 @@
 
 namespace kelvane::reporting {
 
-/// The text on one line: control characters as "\n", "\t" or "\x1b", so that no peer's string can pass for
-/// a line of its own or steer a terminal, and cut to limits::logMessageBytes at the end of a character.
+/// The text on one line, printable, so that no peer's string can pass for a line of its own or steer a terminal, and
+/// cut to limits::logMessageBytes at the end of a character.
 [[nodiscard]] std::string singleLine(std::string_view text);
 
 }  // namespace kelvane::reporting

@@ -30,6 +30,7 @@ TEST(ALogMessage, StaysOnOneLine) {
   EXPECT_EQ(singleLine("plain text, \u00e4"), "plain text, \u00e4");
   EXPECT_EQ(singleLine("a\nb\tc\rd\x1b[0m\x7f"), "a\\nb\\tc\\x0dd\\x1b[0m\\x7f");
   EXPECT_EQ(singleLine(std::string_view("a\0b", 3)), "a\\x00b");
+  EXPECT_EQ(singleLine("\u202eevil\xff"), "\\u{202e}evil\\xff");
 }
 
 TEST(ALogMessage, IsCutAtTheLimitBetweenCharacters) {
