@@ -54,7 +54,7 @@ def root():
 def programs():
     """What is installed and enabled, as an archive."""
     with tempfile.TemporaryDirectory(prefix="kelvane-machine-") as directory:
-        must_run("cmake", "--install", BUILD, "--strip", env={**os.environ, "DESTDIR": directory})
+        must_run("cmake", "--install", BUILD, "--prefix=/usr", "--strip", env={**os.environ, "DESTDIR": directory})
         # Nobody builds in there.
         for library in pathlib.Path(directory).rglob("*.a"):
             library.unlink()

@@ -3,11 +3,13 @@
 
 import os
 import pathlib
+import re
 import subprocess
 import tempfile
 import unittest
 import xml.etree.ElementTree
 
+TOP = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ["KELVANE_BUILD"])
 
 EXAMPLE = """
@@ -46,7 +48,7 @@ class Installation(unittest.TestCase):
         directory = tempfile.TemporaryDirectory()
         cls.addClassCleanup(directory.cleanup)
         cls.root = pathlib.Path(directory.name)
-        result = run("cmake", "--install", BUILD, env={**os.environ, "DESTDIR": directory.name})
+        result = run("cmake", "--install", BUILD, "--prefix=/usr", env={**os.environ, "DESTDIR": directory.name})
         if result.returncode != 0:
             raise RuntimeError(result.stderr)
 
@@ -57,15 +59,40 @@ class Installation(unittest.TestCase):
 
     def test_has_the_programs(self):
         for name, directory in (("kelvaned", "libexec"), ("kelvanectl", "bin"), ("kelvane-directory-cache", "bin")):
-            path = self.installed(name)
+            path = self.root / "usr" / directory / name
             self.assertTrue(os.access(path, os.X_OK), path)
-            self.assertEqual(directory, path.parent.name)
 
     def test_has_directories_for_rules_and_descriptions(self):
         self.assertTrue((self.root / "usr/lib/kelvane/entitlements.d/50-root.plist").is_file())
         self.assertTrue((self.root / "etc/kelvane/entitlements.d").is_dir())
         self.assertIn("EndPassesEarly = YES;", (self.root / "etc/kelvane/kelvaned.plist").read_text())
         self.assertTrue((self.root / "System/Library/Kelvane").is_dir())
+
+    def test_has_manual_pages_with_the_paths_of_this_installation(self):
+        for page in (TOP / "docs/man").iterdir():
+            text = self.installed(page.name).read_text()
+            self.assertEqual(self.root / f"usr/share/man/man{page.name[-1]}" / page.name, self.installed(page.name))
+            self.assertNotIn("@", text.replace("kelvane-directory-cache@com.example", ""))
+            for path in re.findall(r"/usr/share/doc/\S+", text):
+                self.assertTrue((self.root / path.lstrip("/")).is_file(), path)
+        self.assertIn("/usr/share/doc/kelvane/docs/protocol.md", self.installed("kelvane-protocol.7").read_text())
+
+    def test_has_completions_where_shells_look_for_them(self):
+        for path in ("bash-completion/completions/kelvanectl", "zsh/vendor-completions/_kelvanectl",
+                     "fish/vendor_completions.d/kelvanectl.fish"):
+            self.assertTrue((self.root / "usr/share" / path).is_file(), path)
+
+    def test_has_documents_that_find_each_other(self):
+        directory = self.root / "usr/share/doc/kelvane"
+        links = 0
+        for document in directory.rglob("*.md"):
+            for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", document.read_text()):
+                self.assertTrue((document.parent / target).exists(), f"{document.name}: {target}")
+                links += 1
+        self.assertGreater(links, 30)
+        for unit in (self.root / "usr/lib/systemd/system").iterdir():
+            for path in re.findall(r"file:(\S+)", unit.read_text()):
+                self.assertTrue((self.root / path.lstrip("/")).is_file(), f"{unit.name}: {path}")
 
     def test_has_units_that_systemd_understands(self):
         units = sorted((self.root / "usr/lib/systemd/system").iterdir())
@@ -129,6 +156,46 @@ class Installation(unittest.TestCase):
         built = run("g++", source, "-o", program, *flags.stdout.split())
         self.assertEqual(0, built.returncode, built.stderr)
         self.assertEqual("com.example.service\n", run(program).stdout)
+
+
+class InstallationBeneathAPrefix(unittest.TestCase):
+    """As by somebody who may write nowhere else."""
+
+    # All that can be written to becomes read-only, but for the prefix and where the build keeps what it installs.
+    ALONE = """
+set -e
+for kept in "$1" "$2"; do mount --bind "$kept" "$kept"; done
+findmnt --noheadings --raw --output TARGET | while read -r target; do
+  case $target in
+    "$1" | "$2" | /proc* | /sys* | /dev*) ;;
+    *) mount -o remount,bind,ro "$target" ;;
+  esac
+done
+! touch /etc/kelvane/probe 2>/dev/null
+exec cmake --install "$2" --prefix "$1"
+"""
+
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory()
+        self.addCleanup(directory.cleanup)
+        self.prefix = pathlib.Path(directory.name)
+        result = run("unshare", "--mount", "sh", "-c", self.ALONE, "sh", self.prefix, BUILD)
+        self.assertEqual(0, result.returncode, result.stderr)
+
+    def test_writes_nothing_outside_it(self):
+        for path in ("bin/kelvanectl", "libexec/kelvaned", "lib/systemd/system/kelvaned.socket",
+                     "lib/kelvane/entitlements.d/50-root.plist", "etc/kelvane/kelvaned.plist", "System/Library/Kelvane",
+                     "etc/kelvane/directory-cache", "share/man/man8/kelvaned.8"):
+            self.assertTrue((self.prefix / path).exists(), path)
+
+    def test_has_programs_that_run_and_units_that_start_them(self):
+        result = run(self.prefix / "bin/kelvanectl", "--version")
+        self.assertEqual(0, result.returncode, result.stderr)
+        unit = (self.prefix / "lib/systemd/system/kelvaned.service").read_text()
+        self.assertIn(f"ExecStart={self.prefix}/libexec/kelvaned\n", unit)
+        (package,) = self.prefix.rglob("kelvane.pc")
+        flags = run("pkg-config", "--cflags", "kelvane", env={**os.environ, "PKG_CONFIG_PATH": str(package.parent)})
+        self.assertIn(f"-I{self.prefix}/include/kelvane", flags.stdout, flags.stderr)
 
 
 if __name__ == "__main__":
