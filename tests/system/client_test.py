@@ -164,7 +164,8 @@ class Kelvanectl(SystemTest):
     def test_acknowledges_a_cancel(self):
         self.start_daemon()
         result = run(KELVANECTL, "cancel", "some-token")
-        self.assertEqual((0, "The daemon has taken note.\n"), (result.returncode, result.stdout))
+        self.assertEqual(0, result.returncode)
+        self.assertIn("taken note. A purge that is under way goes on", result.stdout)
 
     def test_has_a_page_about_every_option(self):
         page = (TOP / "docs/kelvanectl.md").read_text()

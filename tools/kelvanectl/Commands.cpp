@@ -112,7 +112,7 @@ ExitStatus run(const CancelCommand& command) {
     return reportFailure(*failure);
   }
   if (!command.quiet) {
-    print("The daemon has taken note.\n");
+    print("The daemon has taken note. A purge that is under way goes on.\n");
   }
   return ExitStatus::Done;
 }
