@@ -230,6 +230,14 @@ TEST(AnEscalation, EndsWhenThereIsNobodyToAsk) {
   EXPECT_THAT(site.numbers(keys::urgency), ElementsAre(1U));
 }
 
+TEST(AnEscalation, GoesOnWhenNobodyHadToBeAskedAsTheDaemonSawEnough) {
+  const Value nobody(Value::Dictionary{});
+  ScriptedSite site(
+      {{0, purgeResult(0, {{keys::amount, std::uint64_t{100}}, {"KELVANE_URGENCY_1_OPERATION_INFO", nobody}})},
+       {100, purgeResult()}});
+  EXPECT_EQ(freeBytes(order(100), site).ending, Ending::Freed);
+}
+
 TEST(AnEscalation, GoesOnWhenSomebodyDidNotAnswerOrHadNothing) {
   const Value silent(Value::Dictionary{{keys::servicesInFlight, Value(Value::Array{"a"})}});
   const Value empty(Value::Dictionary{{keys::reportingServices, Value(Value::Dictionary{{"a", std::uint64_t{0}}})}});

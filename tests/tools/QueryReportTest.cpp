@@ -30,6 +30,19 @@ TEST(AQueryText, HasABarForEachServiceTheLargestFirst) {
                 std::string(ageLine));
 }
 
+TEST(AQueryText, FitsTheTerminal) {
+  const QueryReport report = reportOf({{"com.example.photos.of.others", 40 * mebi}, {"maps", 10 * mebi}}, 50 * mebi);
+  EXPECT_EQ(queryText(report, 40),
+            "/data\n"
+            "  com.example.photos.of.others\n"
+            "                               40.0 MiB\n"
+            "  maps                         10.0 MiB\n"
+            "  total                        50.0 MiB\n" +
+                std::string(ageLine));
+  EXPECT_THAT(queryText(report, 80),
+              HasSubstr("\n  com.example.photos.of.others                     40.0 MiB  ##################\n"));
+}
+
 TEST(AQueryText, HasATableForEachVolume) {
   QueryReport report = reportOf({{"maps", mebi}}, mebi);
   report.volumes.push_back({"/home", {}, 0, true});

@@ -43,6 +43,13 @@ TEST(ATextReport, ShowsRequestsServicesAndTheOutcome) {
             "Freed 105.0 MiB of 100.0 MiB in 2.5 s: 10.0 MiB available before, 115.0 MiB now\n");
 }
 
+TEST(ATextReport, FitsANarrowTerminal) {
+  EXPECT_THAT(textReport(exampleReport(), 40), HasSubstr("\n  urgency 1  com.example.photos\n"
+                                                         "                               60.0 MiB\n"
+                                                         "  urgency 1  com.example.web\n"
+                                                         "                              no answer\n"));
+}
+
 TEST(ATextReport, SaysWhenLessWasFreed) {
   PurgeReport report = exampleReport();
   report.ending = Ending::Short;
@@ -98,6 +105,11 @@ TEST(AnErrorText, IsThereForEveryEndingThatIsAnError) {
               HasSubstr("you lack CLIENT_ENTITLEMENT; root has it, or a rule in /etc/kelvane/entitlements.d"));
   EXPECT_THAT(text(Ending::NoServices), HasSubstr("there is no service to ask"));
   EXPECT_THAT(text(Ending::Declined), HasSubstr("nothing was asked at urgency 4"));
+}
+
+TEST(AnErrorText, LeavesOutTheNamesOfErrorsOnTheWire) {
+  EXPECT_THAT(failureText({Ending::NoDaemon, "org.freedesktop.DBus.Error.NoServer: /run/socket: Connection refused"}),
+              HasSubstr("does not run (/run/socket: Connection refused)"));
 }
 
 TEST(AnErrorText, NamesBothReasonsOfARefusal) {

@@ -3,6 +3,7 @@
 #include "tools/kelvanectl/CommandOutput.h"
 
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +11,7 @@
 #include <cstring>
 
 #include "platform/Printable.h"
+#include "tools/kelvanectl/TableRow.h"
 
 namespace kelvane::ctl {
 namespace {
@@ -34,6 +36,12 @@ void holdStandardDescriptors() {
   if (descriptor >= 0) {
     close(descriptor);
   }
+}
+
+int outputWidth() {
+  winsize size{};
+  const bool isTerminal = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  return isTerminal ? size.ws_col : unlimitedWidth;
 }
 
 void print(const std::string& text) {

@@ -12,6 +12,8 @@ namespace kelvane::ctl {
 /// written to. Whatever was closed cannot be written to then. To be called before anything is opened.
 void holdStandardDescriptors();
 
+/// Columns of the terminal that standard output is; unlimitedWidth when it is none.
+int outputWidth();
 /// To standard output. A failure shows when the output is finished.
 void print(const std::string& text);
 /// The same, at once, before a wait.

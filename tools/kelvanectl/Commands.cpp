@@ -89,6 +89,11 @@ PurgeReport purge(PurgeOrder order, const PurgeCommand& command, const Interrupt
   return report;
 }
 
+/// Whether there is anything to tell of but why there was no answer.
+bool wasAnswered(const PurgeReport& report) {
+  return !report.requests.empty() && report.ending != Ending::NoDaemon && report.ending != Ending::NotAdmitted;
+}
+
 }  // namespace
 
 ExitStatus run(const PurgeCommand& command, const Interruption& interruption) {
@@ -99,8 +104,8 @@ ExitStatus run(const PurgeCommand& command, const Interruption& interruption) {
   const PurgeReport report = purge(std::move(order), command, interruption);
   if (command.output == OutputKind::Json) {
     print(jsonReport(report) + "\n");
-  } else if (command.output == OutputKind::Text && !report.requests.empty()) {
-    print(textReport(report));
+  } else if (command.output == OutputKind::Text && wasAnswered(report)) {
+    print(textReport(report, outputWidth()));
   }
   printError(errorText(report));
   return exitStatusOf(report.ending);

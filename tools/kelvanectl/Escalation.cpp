@@ -111,7 +111,9 @@ PurgeReport freeBytes(const PurgeOrder& order, PurgeSite& site, const Permission
       report.ending = Ending::Freed;
       break;
     }
-    if (hadNobodyToAsk(report.requests.back())) {
+    // Nor is anybody asked when the daemon has seen the volume gain enough, which then was lost again.
+    const bool sawEnough = answer[keys::amount].uint64Value() >= report.requests.back().asked;
+    if (!sawEnough && hadNobodyToAsk(report.requests.back())) {
       report.ending = Ending::NoServices;
       break;
     }

@@ -9,6 +9,17 @@ std::string lacksEntitlement(std::string_view name) {
          "; root has it, or a rule in /etc/kelvane/entitlements.d that the daemon finds when it starts gives it";
 }
 
+namespace {
+
+/// The name of an error of D-Bus's is of no use where the text has it all.
+std::string withoutErrorName(const std::string& detail) {
+  const std::size_t colon = detail.find(": ");
+  const bool hasName = detail.starts_with("org.freedesktop.DBus.Error.") && colon != std::string::npos;
+  return hasName ? detail.substr(colon + 2) : detail;
+}
+
+}  // namespace
+
 std::string failureText(const RequestFailure& failure) {
   switch (failure.ending) {
     case Ending::Interrupted:
@@ -16,9 +27,10 @@ std::string failureText(const RequestFailure& failure) {
     case Ending::NotAdmitted:
       return "the daemon closed the connection: " + lacksEntitlement("CLIENT_ENTITLEMENT");
     case Ending::NoDaemon:
-      return "the daemon does not run (" + failure.detail + "); see systemctl status kelvaned.socket";
+      return "the daemon does not run (" + withoutErrorName(failure.detail) + "); see systemctl status kelvaned.socket";
     case Ending::ConnectionLost:
-      return "the connection to the daemon was lost (" + failure.detail + "); see journalctl -u kelvaned";
+      return "the connection to the daemon was lost (" + withoutErrorName(failure.detail) +
+             "); see journalctl -u kelvaned";
     case Ending::Failed:
       return "the daemon answered with an error: " + failure.detail;
     case Ending::Freed:

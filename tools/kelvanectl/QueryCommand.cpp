@@ -72,7 +72,7 @@ ExitStatus run(const QueryCommand& command, const Interruption& interruption) {
   if (command.json) {
     print(queryJson(report) + "\n");
   } else {
-    print(queryText(report));
+    print(queryText(report, outputWidth()));
   }
   return report.failure ? reportFailure(*report.failure) : ExitStatus::Done;
 }

@@ -18,6 +18,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Output = std::back_insert_iterator<std::string>;
 
+constexpr int widestNames = 44;
 constexpr int widestBar = 20;
 
 /// Services may say anything, and their sum wraps.
@@ -26,26 +27,29 @@ std::string formatFigure(std::int64_t bytes) {
   return bytes < 0 ? "-" + formatByteSize(0 - size) : formatByteSize(size);
 }
 
-int barLength(std::int64_t bytes, std::int64_t largest) {
-  if (bytes <= 0) {
+int barLength(std::int64_t bytes, std::int64_t largest, int longest) {
+  if (bytes <= 0 || longest == 0) {
     return 0;
   }
   const double share = static_cast<double>(bytes) / static_cast<double>(largest);
-  return std::max(1, static_cast<int>(share * widestBar + 0.5));
+  return std::max(1, static_cast<int>(share * longest + 0.5));
 }
 
-void addVolume(Output out, const VolumeFigures& figures) {
+void addVolume(Output out, const VolumeFigures& figures, int width) {
+  const int names = nameColumn(width, widestNames);
   fmt::format_to(out, "{}\n", printable(figures.volume));
   std::vector<ServiceFigure> services = figures.services;
   std::ranges::stable_sort(services, [](const auto& left, const auto& right) { return left.bytes > right.bytes; });
   for (const ServiceFigure& service : services) {
     const std::string figure = service.bytes ? formatFigure(*service.bytes) : "no number";
-    const int bar = service.bytes ? barLength(*service.bytes, *services.front().bytes) : 0;
-    fmt::format_to(out, "  {:<44} {:>12}{:>{}}{:#<{}}\n", printable(service.identifier), figure, "", bar > 0 ? 2 : 0,
-                   "", bar);
+    const int bar =
+        service.bytes ? barLength(*service.bytes, *services.front().bytes, barColumn(width, names, widestBar)) : 0;
+    fmt::format_to(out, "{}{:>{}}{:#<{}}\n", tableRow(printable(service.identifier), figure, names), "",
+                   bar > 0 ? 2 : 0, "", bar);
   }
-  fmt::format_to(out, "  {:<44} {:>12}\n", services.empty() ? "no service has told of anything" : "total",
-                 formatFigure(figures.total));
+  fmt::format_to(
+      out, "{}\n",
+      tableRow(services.empty() ? "no service has told of anything" : "total", formatFigure(figures.total), names));
 }
 
 Json volumeJson(const VolumeFigures& figures) {
@@ -61,11 +65,11 @@ Json volumeJson(const VolumeFigures& figures) {
 
 }  // namespace
 
-std::string queryText(const QueryReport& report) {
+std::string queryText(const QueryReport& report, int width) {
   std::string text;
   const Output out = std::back_inserter(text);
   for (const VolumeFigures& figures : report.volumes) {
-    addVolume(out, figures);
+    addVolume(out, figures, width);
   }
   if (!report.volumes.empty()) {
     fmt::format_to(out, "Figures may be up to {} s old, and given at another urgency.\n", figuresStand.count());

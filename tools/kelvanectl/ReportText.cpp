@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include <iterator>
+#include <string_view>
 
 #include "platform/Printable.h"
 #include "tools/kelvanectl/ByteSize.h"
@@ -14,37 +15,45 @@ namespace {
 
 using Output = std::back_insert_iterator<std::string>;
 
+constexpr int widestNames = 55;
+
 std::string formatElapsed(std::chrono::duration<double> elapsed) {
   const double seconds = elapsed.count();
   return seconds < 1 ? fmt::format("{:.0f} ms", seconds * 1000) : fmt::format("{:.1f} s", seconds);
 }
 
-void addPass(Output out, const PassReport& pass) {
+void addRow(Output out, std::string_view name, const std::string& figure, int width) {
+  fmt::format_to(out, "{}\n", tableRow(name, figure, nameColumn(width, widestNames)));
+}
+
+void addPass(Output out, const PassReport& pass, int width) {
+  const auto add = [&](const std::string& identifier, const std::string& figure) {
+    addRow(out, fmt::format("urgency {}  {}", pass.urgency, printable(identifier)), figure, width);
+  };
   for (const ServiceAnswer& answer : pass.answers) {
     if (answer.bytes > 0) {
-      fmt::format_to(out, "  urgency {}  {:<44} {:>12}\n", pass.urgency, printable(answer.identifier),
-                     formatByteSize(answer.bytes));
+      add(answer.identifier, formatByteSize(answer.bytes));
     }
   }
   for (const std::string& identifier : pass.unanswered) {
-    fmt::format_to(out, "  urgency {}  {:<44} {:>12}\n", pass.urgency, printable(identifier), "no answer");
+    add(identifier, "no answer");
   }
 }
 
-void addRequest(Output out, const RequestReport& request) {
+void addRequest(Output out, const RequestReport& request, int width) {
   fmt::format_to(out, "Up to urgency {}: {} asked, {} freed in {}\n", request.urgencyLimit,
                  formatByteSize(request.asked), formatByteSize(request.freed), formatElapsed(request.elapsed));
   std::uint64_t shown = 0;
   for (const PassReport& pass : request.passes) {
-    addPass(out, pass);
+    addPass(out, pass, width);
     for (const ServiceAnswer& answer : pass.answers) {
       shown += answer.bytes;
     }
   }
   // A service that gave all it was asked for is asked again, and its last answer replaces the ones before.
   if (request.reported && *request.reported > shown && !request.passes.empty()) {
-    fmt::format_to(out, "  {:<55} {:>12}\n", "answers before these", formatByteSize(*request.reported - shown));
-    fmt::format_to(out, "  {:<55} {:>12}\n", "all answers", formatByteSize(*request.reported));
+    addRow(out, "answers before these", formatByteSize(*request.reported - shown), width);
+    addRow(out, "all answers", formatByteSize(*request.reported), width);
   }
 }
 
@@ -55,11 +64,11 @@ std::string textHeading(const PurgeOrder& order, std::uint64_t available) {
                      printable(order.volume), formatByteSize(available), printable(order.token));
 }
 
-std::string textReport(const PurgeReport& report) {
+std::string textReport(const PurgeReport& report, int width) {
   std::string text;
   const Output out = std::back_inserter(text);
   for (const RequestReport& request : report.requests) {
-    addRequest(out, request);
+    addRequest(out, request, width);
   }
   fmt::format_to(out, "{} {} of {} in {}: {} available before, {} now\n",
                  report.ending == Ending::Freed ? "Freed" : "Freed only", formatByteSize(report.freed()),
