@@ -31,7 +31,7 @@ constexpr char help[] =
     "\n"
     "Exit status:\n"
     "  0  ended by SIGTERM; or help or version were shown\n"
-    "  1  it cannot listen on its name, or help or version could not be written\n"
+    "  1  it cannot listen on its name, or another runs; or help or version could not be written\n"
     "  2  unknown arguments\n"
     "\n"
     "See kelvaned(8), kelvanectl(1), kelvaned.plist(5).\n";
