@@ -7,14 +7,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <memory>
-#include <optional>
 #include <string_view>
 
 #include "platform/Limits.h"
 #include "platform/linux/runtime/FileDescriptor.h"
+#include "platform/linux/volumes/FileContents.h"
 #include "platform/linux/volumes/FileSystemProbe.h"
 #include "platform/linux/volumes/PathWalk.h"
 
@@ -29,11 +27,6 @@ struct CloseDirectory {
   void operator()(DIR* directory) const { closedir(directory); }
 };
 using Directory = std::unique_ptr<DIR, CloseDirectory>;
-
-/// A place, opened for reading. /proc leads to it without another walk.
-FileDescriptor openForReading(const FileDescriptor& place, int flags) {
-  return FileDescriptor(open(("/proc/self/fd/" + std::to_string(place.get())).c_str(), O_RDONLY | O_CLOEXEC | flags));
-}
 
 Directory openDirectory(const FileDescriptor& place) {
   FileDescriptor descriptor = openForReading(place, O_DIRECTORY);
@@ -97,68 +90,6 @@ class Collection {
   std::vector<std::string> entries_;
 };
 
-Error systemError(int number) {
-  return Error{std::strerror(number), number == ENOENT || number == ENOTDIR};
-}
-
-std::optional<Error> typeError(const struct stat& status) {
-  if (S_ISREG(status.st_mode)) {
-    return std::nullopt;
-  }
-  return S_ISDIR(status.st_mode) ? systemError(EISDIR) : Error{.text = "Not a regular file"};
-}
-
-std::variant<Data, Error> readAll(int descriptor, std::size_t expectedBytes, std::size_t maximumBytes) {
-  const Error tooLarge{.text = "Larger than " + std::to_string(maximumBytes) + " bytes"};
-  if (expectedBytes > maximumBytes) {
-    return tooLarge;
-  }
-  // The size is a hint only: files in /proc and /sys say 0, and a file may grow. One byte more than
-  // allowed tells a file that is too large from one that just fits.
-  Data contents(std::min(std::max<std::size_t>(expectedBytes, 4095), maximumBytes) + 1);
-  std::size_t length = 0;
-  while (true) {
-    const ssize_t count = ::read(descriptor, contents.data() + length, contents.size() - length);
-    if (count < 0) {
-      if (errno == EINTR) {
-        continue;
-      }
-      return systemError(errno);
-    }
-    length += static_cast<std::size_t>(count);
-    if (length > maximumBytes) {
-      return tooLarge;
-    }
-    if (count == 0) {
-      contents.resize(length);
-      return contents;
-    }
-    if (length == contents.size()) {
-      contents.resize(std::min(contents.size() * 2, maximumBytes + 1));
-    }
-  }
-}
-
-std::variant<Data, Error> readPlace(const FileDescriptor& place, std::size_t maximumBytes) {
-  // Opening alone can already do something to a device or wake a FIFO's writer, so ask first. Should the
-  // file change in between, O_NONBLOCK and the second look keep it from holding the thread.
-  struct stat status;
-  if (fstat(place.get(), &status) != 0) {
-    return systemError(errno);
-  }
-  if (auto error = typeError(status)) {
-    return *error;
-  }
-  const FileDescriptor file = openForReading(place, O_NONBLOCK | O_NOCTTY);
-  if (!file || fstat(file.get(), &status) != 0) {
-    return systemError(errno);
-  }
-  if (auto error = typeError(status)) {
-    return *error;
-  }
-  return readAll(file.get(), static_cast<std::size_t>(status.st_size), maximumBytes);
-}
-
 }  // namespace
 
 std::vector<std::string> entriesBeneath(const std::string& directory) {
@@ -188,10 +119,10 @@ std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes
       "reading " + path,
       [path, maximumBytes](FileSystemProbe::Visit& visit) -> Result<Contents> {
         const auto place = walkTo(visit, path);
-        return place ? readPlace(*place, maximumBytes) : Contents(systemError(place.failure().number));
+        return place ? readPlace(*place, maximumBytes) : Contents(fileError(place.failure().number));
       },
       FileSystemProbe::About::Files, FileSystemProbe::longPatience);
-  return contents ? std::move(*contents) : systemError(contents.failure().number);
+  return contents ? std::move(*contents) : fileError(contents.failure().number);
 }
 
 }  // namespace kelvane::files

@@ -42,6 +42,12 @@ bool FileSystemProbe::Visit::enter(dev_t device, const std::string& name) {
   return probe_.enter(job_, device, name);
 }
 
+void FileSystemProbe::Visit::askAbout(About about) {
+  const runtime::Lock lock(probe_.mutex_);
+  probe_.leave(job_, Clock::now());
+  job_.about = about;
+}
+
 bool FileSystemProbe::Visit::isLate() const {
   const runtime::Lock lock(probe_.mutex_);
   return job_.isGivenUp;

@@ -62,6 +62,8 @@ class FileSystemProbe {
     /// Leaves the file system that was entered before. False when nothing may be asked of this one, and the question
     /// should end: it is silent, or rests, or nobody waits for the answer any more. The name is for the log.
     [[nodiscard]] bool enter(dev_t device, const std::string& name);
+    /// What is asked from now on is about this. Leaves the file system that was entered before.
+    void askAbout(About about);
     /// Whether the answer comes too late for whoever put the question.
     [[nodiscard]] bool isLate() const;
 

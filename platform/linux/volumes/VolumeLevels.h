@@ -46,9 +46,6 @@ class VolumeLevels {
   /// "ReliefUrgencyLimit", for all volumes, and the same keys for single ones beneath "Volumes" and the mount point.
   /// Whatever is of another type or no sensible range is left at the default.
   explicit VolumeLevels(const Value& configuration);
-  /// As the configuration file says at this moment; a file that cannot be used is logged, once until it
-  /// changes, and gives the defaults.
-  [[nodiscard]] static VolumeLevels current();
 
   /// Those that have entries of their own.
   [[nodiscard]] std::set<std::string> volumes() const;
@@ -57,7 +54,6 @@ class VolumeLevels {
   [[nodiscard]] SpaceMarks marks(const std::string& volume, std::uint64_t size) const;
 
  private:
-  [[nodiscard]] static VolumeLevels read();
   [[nodiscard]] const Bounds& of(const std::string& volume) const;
 
   Bounds general_;

@@ -11,8 +11,10 @@
 
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/Thread.h"
+#include "platform/linux/volumes/FileSystemProbe.h"
 #include "platform/linux/volumes/Mounts.h"
 #include "platform/linux/volumes/Paths.h"
+#include "platform/linux/volumes/VolumeSurvey.h"
 
 namespace kelvane {
 
@@ -92,13 +94,13 @@ void VolumeMonitor::noteWrites() {
 }
 
 VolumeMonitor::Look VolumeMonitor::lookAround(const std::vector<VolumeMount>& mounts) {
-  const VolumeLevels levels = VolumeLevels::current();
-  tellOfUnknown(levels, mounts);
   askForNotices(mounts);
   Look look{Clock::now(), {}, {}};
-  for (const SpaceAnswer& answer : askEachSpace(mounts)) {
+  const VolumeSurvey survey = surveyVolumes(mounts);
+  tellOfUnknown(survey.levels, mounts);
+  for (const SpaceAnswer& answer : survey.spaces) {
     if (answer.space) {
-      look.sights.emplace_back(answer.mount, *answer.space, levels, notices_.areAskedFor(answer.mount.device));
+      look.sights.emplace_back(answer.mount, *answer.space, survey.levels, notices_.areAskedFor(answer.mount.device));
     } else if (answer.space.failure().number != ENOTDIR) {
       look.unasked.push_back(answer.mount);
     }

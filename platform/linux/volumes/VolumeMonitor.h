@@ -11,7 +11,6 @@
 #include "platform/linux/runtime/Mutex.h"
 #include "platform/linux/volumes/LowDiskEvents.h"
 #include "platform/linux/volumes/ReliefPolicy.h"
-#include "platform/linux/volumes/VolumeSpace.h"
 #include "platform/linux/volumes/WriteNotices.h"
 
 namespace kelvane {

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <vector>
 
 #include "platform/Result.h"
 #include "platform/Volumes.h"
@@ -18,16 +17,9 @@ namespace kelvane {
 /// What workers ask with: readSpace, unless a test puts something here that does not answer.
 extern std::atomic<Result<volumes::Space> (*)(const VolumeMount&)> spaceReader;
 
+/// As readSpace, once the mount's file system has been entered; ETIMEDOUT when that may not be.
+[[nodiscard]] Result<volumes::Space> askIn(FileSystemProbe::Visit& visit, const VolumeMount& mount);
 /// As readSpace, by way of the probe: ETIMEDOUT while the file system is silent or rests.
 [[nodiscard]] Result<volumes::Space> askSpace(const VolumeMount& mount);
-
-/// What came of asking a mount.
-struct SpaceAnswer {
-  VolumeMount mount;
-  Result<volumes::Space> space;
-};
-/// Asks the file systems of all these mounts in as few questions to the probe as can be: one, and one more for each
-/// that hangs. Of the mounts of one file system, those up to the first that answers.
-[[nodiscard]] std::vector<SpaceAnswer> askEachSpace(const std::vector<VolumeMount>& mounts);
 
 }  // namespace kelvane

@@ -12,6 +12,7 @@
 #include "platform/linux/volumes/Mounts.h"
 #include "platform/linux/volumes/VolumeMonitor.h"
 #include "platform/linux/volumes/VolumeSpace.h"
+#include "platform/linux/volumes/VolumeSurvey.h"
 
 namespace kelvane::volumes {
 
@@ -91,11 +92,11 @@ std::vector<std::string> local() {
 
 std::vector<std::string> lowOnSpace() {
   const runtime::BlockedScope blocked;
-  const VolumeLevels levels = VolumeLevels::current();
+  const VolumeSurvey survey = surveyVolumes(*Mounts::shared().current());
   std::vector<ReliefPolicy::Sight> low;
-  for (const SpaceAnswer& answer : askEachSpace(*Mounts::shared().current())) {
+  for (const SpaceAnswer& answer : survey.spaces) {
     if (answer.space) {
-      ReliefPolicy::Sight sight(answer.mount, *answer.space, levels);
+      ReliefPolicy::Sight sight(answer.mount, *answer.space, survey.levels);
       if (sight.level() != SpaceLevel::Ample) {
         low.push_back(std::move(sight));
       }
@@ -109,11 +110,12 @@ std::vector<std::string> lowOnSpace() {
 
 Relief beginRelief(const std::string& path) {
   const runtime::BlockedScope blocked;
-  const VolumeLevels levels = VolumeLevels::current();
-  if (const auto mount = mountAt(path)) {
-    VolumeMonitor::shared().beginRelief(*mount, askSpace(*mount), levels);
+  const auto mount = mountAt(path);
+  const VolumeSurvey survey = surveyVolumes(mount ? std::vector{*mount} : std::vector<VolumeMount>());
+  for (const SpaceAnswer& answer : survey.spaces) {
+    VolumeMonitor::shared().beginRelief(answer.mount, answer.space, survey.levels);
   }
-  return levels.relief(path);
+  return survey.levels.relief(path);
 }
 
 Result<Space> space(const std::string& path) {

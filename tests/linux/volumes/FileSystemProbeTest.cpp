@@ -205,6 +205,17 @@ TEST_F(AProbe, ReadsFilesWhereOnlyTheSpaceWasSlowToTell) {
   EXPECT_TRUE(probe.run([](Visit& visit) { EXPECT_TRUE(visit.enter(one, "/one")); }, FileSystemProbe::About::Files));
 }
 
+TEST_F(AProbe, LetsNoFileSystemRestForItsFilesWhereTheQuestionBeganWithItsSpace) {
+  EXPECT_TRUE(probe.run([](Visit& visit) {
+    EXPECT_TRUE(visit.enter(one, "/one"));
+    visit.askAbout(FileSystemProbe::About::Files);
+    EXPECT_TRUE(visit.enter(one, "/one"));
+    std::this_thread::sleep_for(FileSystemProbe::slowness);
+  }));
+  EXPECT_EQ(probe.closedUntil(one), std::nullopt);
+  EXPECT_EQ(*ask(probe, one), 7);
+}
+
 TEST_F(AProbe, KnowsNothingWithoutWaitingOnceAllWorkersAreLost) {
   std::vector<HeldQuestion> held;
   held.reserve(limits::probeThreads);

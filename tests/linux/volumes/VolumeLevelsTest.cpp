@@ -3,16 +3,8 @@
 #include "platform/linux/volumes/VolumeLevels.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <cmath>
-#include <filesystem>
-
-#include "platform/linux/volumes/FileSystemProbe.h"
-#include "platform/linux/volumes/Paths.h"
-#include "tests/hanging-volume/HangingVolume.h"
-#include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
 namespace {
@@ -122,52 +114,6 @@ TEST(AVolumeConfiguration, OfTheWrongTypeOrRangeChangesNothing) {
     EXPECT_EQ(levelOf(levels, 1000 * mebibyte, available), levelOf(defaults, 1000 * mebibyte, available));
   }
   EXPECT_EQ(levelOf(VolumeLevels(Value("text")), 1000 * mebibyte, 0), SpaceLevel::VeryLow);
-}
-
-TEST(AVolumeConfiguration, IsReadFromItsFileEachTime) {
-  test::writeFile(paths::volumeLevelsFile, "{ LowPercent = x; }");
-  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Ample);
-  test::writeFile(paths::volumeLevelsFile, "<plist><dict><key>LowPercent</key><integer>60</integer></dict></plist>");
-  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Low);
-}
-
-TEST(AVolumeConfiguration, ThatCannotBeUsedIsLoggedOnceAndGivesTheDefaults) {
-  test::writeFile(paths::volumeLevelsFile, "<plist><dict>");
-  testing::internal::CaptureStderr();
-  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Ample);
-  EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 100), SpaceLevel::VeryLow);
-  const std::string log = testing::internal::GetCapturedStderr();
-  const auto first = log.find("/etc/kelvane/volumes.plist: ");
-  ASSERT_NE(first, std::string::npos);
-  EXPECT_EQ(log.find("/etc/kelvane/volumes.plist: ", first + 1), std::string::npos);
-}
-
-TEST(AVolumeConfiguration, InADirectoryOnADiskThatHangsIsWaitedForNoLongerThanAnyDisk) {
-  if (!test::isTrulyRoot()) {
-    // Others have no disks of their own.
-    return;
-  }
-  const std::filesystem::path directory = std::filesystem::path(paths::volumeLevelsFile).parent_path();
-  std::filesystem::remove_all(directory);
-  {
-    test::HangingVolume disk("/mnt/hanging");
-    std::filesystem::create_directory_symlink(disk.path(), directory);
-    disk.addFile("volumes.plist", "<plist><dict><key>LowPercent</key><integer>60</integer></dict></plist>");
-    EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Low);
-    struct stat status = {};
-    ASSERT_EQ(stat("/mnt/hanging", &status), 0);
-    const dev_t device = status.st_dev;
-    disk.hang();
-    EXPECT_EQ(levelOf(VolumeLevels::current(), gibibyte, gibibyte / 2), SpaceLevel::Ample);
-    EXPECT_EQ(FileSystemProbe::shared().closedUntil(device), FileSystemProbe::Time::max());
-    disk.resume();
-    // Another test may be given a disk with the same number.
-    while (FileSystemProbe::shared().closedUntil(device)) {
-      usleep(1000);
-    }
-  }
-  std::filesystem::remove(directory);
-  std::filesystem::create_directory(directory);
 }
 
 }  // namespace

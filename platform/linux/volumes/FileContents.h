@@ -1,0 +1,24 @@
+// SPDX-License-Identifier: Apache-2.0
+// Contents of files that a walk has led to.
+#pragma once
+
+#include <cstddef>
+#include <variant>
+
+#include "platform/Files.h"
+#include "platform/Value.h"
+#include "platform/linux/runtime/FileDescriptor.h"
+
+namespace kelvane {
+
+/// What the system says of a path or file, for people.
+[[nodiscard]] files::Error fileError(int number);
+
+/// As files::read, of a file that is open as no more than a place (O_PATH). It waits for the file system: for the
+/// probe's workers, once they have entered that.
+[[nodiscard]] std::variant<Data, files::Error> readPlace(const FileDescriptor& place, std::size_t maximumBytes);
+
+/// The place, opened for reading, with more flags of open(). Without another walk, as /proc leads to it.
+[[nodiscard]] FileDescriptor openForReading(const FileDescriptor& place, int flags);
+
+}  // namespace kelvane

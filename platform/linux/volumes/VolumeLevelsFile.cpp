@@ -1,0 +1,128 @@
+// SPDX-License-Identifier: Apache-2.0
+// The file in which an administrator changes when volumes count as low on space.
+#include "platform/linux/volumes/VolumeLevelsFile.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+
+#include "platform/Limits.h"
+#include "platform/PropertyList.h"
+#include "platform/Reporting.h"
+#include "platform/linux/runtime/FileDescriptor.h"
+#include "platform/linux/runtime/Mutex.h"
+#include "platform/linux/volumes/FileContents.h"
+#include "platform/linux/volumes/PathWalk.h"
+#include "platform/linux/volumes/Paths.h"
+
+namespace kelvane {
+
+namespace {
+
+/// Whether there is a link at the path that leads nowhere.
+bool isBrokenLink(FileSystemProbe::Visit& visit, const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const auto directory = walkTo(visit, path.substr(0, slash));
+  return directory &&
+         FileDescriptor(openat(directory->get(), path.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
+}
+
+files::Error errorOfWalk(FileSystemProbe::Visit& visit, const std::string& path, int number) {
+  files::Error error = fileError(number);
+  error.isMissing = number == ENOENT && !isBrokenLink(visit, path);
+  return error;
+}
+
+/// Logs what is wrong with the file when it differs from what was logged last.
+void reportProblem(const std::string& problem) {
+  static auto& mutex = *new runtime::Mutex;
+  static auto& reported = *new std::string;
+  {
+    const runtime::Lock lock(mutex);
+    if (problem == reported) {
+      return;
+    }
+    reported = problem;
+  }
+  if (!problem.empty()) {
+    reporting::reportFailure("VolumeLevelsFile", problem + "; the defaults apply");
+  }
+}
+
+}  // namespace
+
+/// What the file meant when it was read last.
+class VolumeLevelsFile::Known {
+ public:
+  std::optional<Meaning> of(const struct stat& file) {
+    const runtime::Lock lock(mutex_);
+    return meaning_ && isSame(file) ? meaning_ : std::nullopt;
+  }
+  void set(const struct stat& file, const Meaning& meaning) {
+    const runtime::Lock lock(mutex_);
+    file_ = file;
+    meaning_ = meaning;
+  }
+
+ private:
+  bool isSame(const struct stat& file) const KELVANE_REQUIRES(mutex_) {
+    return file.st_dev == file_.st_dev && file.st_ino == file_.st_ino && file.st_size == file_.st_size &&
+           file.st_ctim.tv_sec == file_.st_ctim.tv_sec && file.st_ctim.tv_nsec == file_.st_ctim.tv_nsec;
+  }
+
+  runtime::Mutex mutex_;
+  struct stat file_ KELVANE_GUARDED_BY(mutex_) = {};
+  std::optional<Meaning> meaning_ KELVANE_GUARDED_BY(mutex_);
+};
+
+VolumeLevelsFile::Known& VolumeLevelsFile::known() {
+  static auto* const known = new Known;
+  return *known;
+}
+
+VolumeLevelsFile::VolumeLevelsFile() : VolumeLevelsFile(Contents(fileError(ETIMEDOUT))) {}
+
+VolumeLevelsFile VolumeLevelsFile::find(FileSystemProbe::Visit& visit) {
+  const std::string path = paths::volumeLevelsFile;
+  const auto place = walkTo(visit, path);
+  if (!place) {
+    return VolumeLevelsFile(Contents(errorOfWalk(visit, path, place.failure().number)));
+  }
+  struct stat status = {};
+  if (fstat(place->get(), &status) != 0) {
+    return VolumeLevelsFile(Contents(fileError(errno)));
+  }
+  if (auto meaning = known().of(status)) {
+    return VolumeLevelsFile(*std::move(meaning));
+  }
+  VolumeLevelsFile file(readPlace(*place, limits::propertyListBytes));
+  file.status_ = status;
+  return file;
+}
+
+VolumeLevels VolumeLevelsFile::levels() const {
+  const auto* contents = std::get_if<Contents>(&found_);
+  const Meaning meaning = contents == nullptr ? std::get<Meaning>(found_) : meaningOf(*contents);
+  if (contents != nullptr && std::holds_alternative<Data>(*contents)) {
+    known().set(*status_, meaning);
+  }
+  reportProblem(meaning.problem);
+  return meaning.levels;
+}
+
+VolumeLevelsFile::Meaning VolumeLevelsFile::meaningOf(const Contents& contents) {
+  const std::string name = paths::volumeLevelsFile;
+  if (const auto* error = std::get_if<files::Error>(&contents)) {
+    return {{}, error->isMissing ? "" : name + ": " + error->text};
+  }
+  const propertyList::Result parsed = propertyList::parse(std::get<Data>(contents));
+  if (const auto* error = std::get_if<propertyList::Error>(&parsed)) {
+    return {{}, name + ": " + error->text};
+  }
+  const Value& configuration = std::get<Value>(parsed);
+  return {VolumeLevels(configuration), configuration.isDictionary() ? "" : name + ": not a dictionary"};
+}
+
+}  // namespace kelvane

@@ -1,0 +1,135 @@
+// SPDX-License-Identifier: Apache-2.0
+// Questions about all volumes at once.
+#include "platform/linux/volumes/VolumeSurvey.h"
+
+#include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <filesystem>
+#include <thread>
+
+#include "platform/linux/runtime/Thread.h"
+#include "platform/linux/volumes/FileSystemProbe.h"
+#include "platform/linux/volumes/Paths.h"
+#include "platform/linux/volumes/VolumeSpace.h"
+#include "tests/hanging-volume/HangingVolume.h"
+#include "tests/linux/testing/PrivateNamespace.h"
+
+namespace kelvane {
+namespace {
+
+constexpr std::uint64_t gibibyte = std::uint64_t{1} << 30;
+constexpr char sixtyPercent[] = "<plist><dict><key>LowPercent</key><integer>60</integer></dict></plist>";
+
+bool areSixtyPercent(const VolumeLevels& levels) {
+  return levels.marks("/data", gibibyte).levelAt(gibibyte / 2) == SpaceLevel::Low;
+}
+
+class ASurvey : public testing::Test {
+ protected:
+  ASurvey() { test::mountTmpfs(path, "size=64m"); }
+  ~ASurvey() override {
+    EXPECT_EQ(umount2(path.c_str(), MNT_DETACH), 0);
+    std::filesystem::remove(paths::volumeLevelsFile);
+  }
+
+  VolumeMount mount() const {
+    struct stat status = {};
+    EXPECT_EQ(stat(path.c_str(), &status), 0);
+    return {path, status.st_dev, true};
+  }
+
+  const std::string path = "/mnt/surveyed";
+};
+
+std::ptrdiff_t probeWorkers() {
+  const std::filesystem::directory_iterator threads("/proc/self/task");
+  return std::count_if(begin(threads), end(threads), [](const std::filesystem::directory_entry& thread) {
+    return test::readFile(thread.path() / "comm") == "kelvane-probe\n";
+  });
+}
+
+/// Hands the probe's only worker to another question as soon as it is done with the one that asks for a space.
+class NextInLine {
+ public:
+  NextInLine() {
+    // Those that hung in other tests come to their end.
+    while (probeWorkers() > 1) {
+      usleep(1000);
+    }
+    isSpaceAsked = isInLine = mayEnd = false;
+    spaceReader = [](const VolumeMount& mount) {
+      set(isSpaceAsked);
+      isInLine.wait(false);
+      return readSpace(mount);
+    };
+    asker_ = std::thread([] {
+      isSpaceAsked.wait(false);
+      runtime::threadCreator = [](pthread_t*, const pthread_attr_t*, void* (*)(void*), void*) {
+        set(isInLine);
+        return EAGAIN;
+      };
+      static_cast<void>(FileSystemProbe::shared().run([](FileSystemProbe::Visit&) { mayEnd.wait(false); }));
+    });
+  }
+  ~NextInLine() {
+    set(mayEnd);
+    asker_.join();
+    runtime::threadCreator = &pthread_create;
+    spaceReader = readSpace;
+  }
+  NextInLine(const NextInLine&) = delete;
+  NextInLine& operator=(const NextInLine&) = delete;
+
+ private:
+  static void set(std::atomic<bool>& flag) {
+    flag = true;
+    flag.notify_all();
+  }
+  static inline std::atomic<bool> isSpaceAsked = false;
+  static inline std::atomic<bool> isInLine = false;
+  static inline std::atomic<bool> mayEnd = false;
+  std::thread asker_;
+};
+
+TEST_F(ASurvey, IsOneQuestionThoughItIsAboutSpacesAndLevels) {
+  test::writeFile(paths::volumeLevelsFile, sixtyPercent);
+  const NextInLine next;
+  const VolumeSurvey survey = surveyVolumes({mount()});
+  ASSERT_EQ(survey.spaces.size(), 1u);
+  EXPECT_TRUE(survey.spaces[0].space);
+  EXPECT_TRUE(areSixtyPercent(survey.levels)) << "a second question would have found no worker";
+}
+
+TEST_F(ASurvey, HasAllSpacesThoughTheConfigurationIsOnADiskThatHangs) {
+  if (!test::isTrulyRoot()) {
+    // Others have no disks of their own.
+    return;
+  }
+  test::HangingVolume disk("/mnt/hanging");
+  disk.addFile("levels", sixtyPercent);
+  std::filesystem::create_symlink("/mnt/hanging/levels", paths::volumeLevelsFile);
+  struct stat status = {};
+  ASSERT_EQ(stat("/mnt/hanging", &status), 0);
+  const VolumeMount hanging{"/mnt/hanging", status.st_dev, true};
+  EXPECT_TRUE(areSixtyPercent(surveyVolumes({hanging, mount()}).levels));
+  // It tells its space, and then nothing more.
+  disk.hang("lookup getattr open read");
+  const VolumeSurvey survey = surveyVolumes({hanging, mount()});
+  EXPECT_FALSE(areSixtyPercent(survey.levels));
+  ASSERT_EQ(survey.spaces.size(), 2u);
+  EXPECT_TRUE(survey.spaces[0].space);
+  EXPECT_TRUE(survey.spaces[1].space);
+  disk.resume();
+  while (FileSystemProbe::shared().closedUntil(status.st_dev)) {
+    usleep(1000);
+  }
+}
+
+}  // namespace
+}  // namespace kelvane
