@@ -24,6 +24,8 @@ using Clock = std::chrono::steady_clock;
 
 /// Reading the mount table takes milliseconds where there are thousands of mounts, which come in bursts.
 constexpr std::chrono::milliseconds shortestInterval{100};
+/// At one look.
+constexpr std::size_t mostNamesTold = 10;
 
 int pollTimeout(ReliefPolicy::Time deadline) {
   const ReliefPolicy::Time now = Clock::now();
@@ -127,10 +129,15 @@ void VolumeMonitor::tellOfUnknown(const VolumeLevels& levels, const std::vector<
   for (const VolumeMount& mount : mounts) {
     unknown.erase(mount.path);
   }
+  std::size_t news = 0;
   for (const std::string& name : unknown) {
-    if (!unknown_.contains(name)) {
+    if (!unknown_.contains(name) && ++news <= mostNamesTold) {
       reporting::reportFailure("VolumeMonitor", std::string(paths::volumeLevelsFile) + ": " + name + " is no volume");
     }
+  }
+  if (news > mostNamesTold) {
+    reporting::reportFailure("VolumeMonitor", std::string(paths::volumeLevelsFile) + ": nor are " +
+                                                  std::to_string(news - mostNamesTold) + " more");
   }
   unknown_ = std::move(unknown);
 }

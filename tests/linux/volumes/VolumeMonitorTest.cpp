@@ -206,6 +206,24 @@ TEST_F(TheVolumeMonitor, TellsOnceOfANameInTheConfigurationThatIsNoVolume) {
   std::filesystem::remove(paths::volumeLevelsFile);
 }
 
+TEST_F(TheVolumeMonitor, TellsOfTenNamesThatAreNoVolumesAndHowManyMoreThereAre) {
+  mountVolume("/mnt/other");
+  std::string configuration = "{ Volumes = { ";
+  for (int number = 100; number < 1000; ++number) {
+    configuration += "\"/mnt/nowhere-" + std::to_string(number) + "\" = {}; ";
+  }
+  test::writeFile(paths::volumeLevelsFile, configuration + "}; }");
+  testing::internal::CaptureStderr();
+  start();
+  fill("/mnt/other", 60);
+  EXPECT_TRUE(await({"/mnt/other"}));
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find("/etc/kelvane/volumes.plist: /mnt/nowhere-109 is no volume"), std::string::npos) << log;
+  EXPECT_EQ(log.find("/mnt/nowhere-110 is no volume"), std::string::npos);
+  EXPECT_NE(log.find("/etc/kelvane/volumes.plist: nor are 890 more"), std::string::npos) << log;
+  std::filesystem::remove(paths::volumeLevelsFile);
+}
+
 /// Holds up whoever asks one volume, until the question is answered or this goes.
 class SilentVolume {
  public:
