@@ -2,6 +2,8 @@
 // When volumes are looked at, and when a shortage of theirs is announced.
 #include "platform/linux/volumes/ReliefPolicy.h"
 
+#include <sys/sysmacros.h>
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -37,13 +39,9 @@ ReliefPolicy::Sight::Sight(const VolumeMount& mount, const volumes::Space& volum
 void ReliefPolicy::look(Time now, const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked) {
   const bool isFirst = lastLook_ == Time::min();
   lastLook_ = now;
-  std::map<std::string, Volume> seen;
+  keepOnly(sights, unasked, now);
   for (const Sight& sight : sights) {
-    auto known = volumes_.extract(sight.volume);
-    if (known && known.mapped().device == sight.device) {
-      seen.insert(std::move(known));
-    }
-    Volume& volume = seen[sight.volume];
+    Volume& volume = volumes_.try_emplace(sight.volume, takeUnmounted(sight)).first->second;
     see(volume, now, sight);
     volume.isUnasked = false;
     if (isFirst && volume.level != SpaceLevel::Ample) {
@@ -52,19 +50,47 @@ void ReliefPolicy::look(Time now, const std::vector<Sight>& sights, const std::v
       volume.wasVeryLow = volume.level == SpaceLevel::VeryLow;
     }
   }
-  for (const VolumeMount& mount : unasked) {
-    auto known = volumes_.extract(mount.path);
-    if (known && known.mapped().device == mount.device) {
-      known.mapped().isUnasked = true;
-      seen.insert(std::move(known));
-    }
-  }
-  volumes_ = std::move(seen);
 
   judgeRuns(now);
   for (auto& [name, volume] : volumes_) {
     considerRecovery(volume);
   }
+}
+
+/// What is mounted no more keeps its pause, should it be mounted again; but without a device of its own it will be
+/// another one, with any number.
+void ReliefPolicy::keepOnly(const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked, Time now) {
+  std::map<std::string, Volume> kept;
+  const auto keep = [&](const std::string& name, dev_t device) -> Volume* {
+    const auto known = volumes_.find(name);
+    const bool isSame = known != volumes_.end() && known->second.device == device;
+    return isSame ? &kept.insert(volumes_.extract(known)).position->second : nullptr;
+  };
+  for (const Sight& sight : sights) {
+    keep(sight.volume, sight.device);
+  }
+  for (const VolumeMount& mount : unasked) {
+    if (Volume* volume = keep(mount.path, mount.device)) {
+      volume->isUnasked = true;
+    }
+  }
+  for (auto& [name, volume] : volumes_) {
+    if (major(volume.device) != 0) {
+      volume.run = noRun;
+      volume.isTaken = volume.hasGained = false;
+      unmounted_.insert_or_assign(volume.device, std::move(volume));
+    }
+  }
+  volumes_ = std::move(kept);
+  std::erase_if(unmounted_, [now](const auto& entry) { return now >= entry.second.pausedUntil; });
+}
+
+/// In the same drive may be another disk by now, which has another size, or not as much of it available.
+ReliefPolicy::Volume ReliefPolicy::takeUnmounted(const Sight& sight) {
+  const auto known = volumes_.contains(sight.volume) ? unmounted_.end() : unmounted_.find(sight.device);
+  const bool isSame = known != unmounted_.end() && known->second.size == sight.space.size &&
+                      difference(known->second.available, sight.space.available) < leastGain;
+  return isSame ? std::move(unmounted_.extract(known).mapped()) : Volume();
 }
 
 void ReliefPolicy::judgeRuns(Time now) {
@@ -109,6 +135,7 @@ void ReliefPolicy::see(Volume& volume, Time now, const Sight& sight) {
   }
   volume.seen = now;
   volume.writesAreTold = sight.writesAreTold;
+  volume.size = sight.space.size;
   volume.available = available;
   volume.marks = sight.marks;
   volume.level = sight.level();
@@ -212,6 +239,7 @@ std::optional<ReliefPolicy::Event> ReliefPolicy::nextEvent(Time now) {
 ReliefPolicy::Run ReliefPolicy::beginOutside(Time now) {
   const Run run = ++lastRun_;
   runs_[run] = {now, std::nullopt, false};
+  unmounted_.clear();
   for (auto& [name, volume] : volumes_) {
     volume.pausedUntil = std::min(volume.pausedUntil, now);
     if (volume.level != SpaceLevel::Ample && volume.run == noRun) {

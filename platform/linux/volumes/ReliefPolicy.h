@@ -97,6 +97,7 @@ class ReliefPolicy {
  private:
   struct Volume {
     dev_t device = 0;
+    std::uint64_t size = 0;
     std::uint64_t available = 0;
     SpaceMarks marks;
     SpaceLevel level = SpaceLevel::Ample;
@@ -135,6 +136,8 @@ class ReliefPolicy {
     bool isOwn = false;
   };
 
+  void keepOnly(const std::vector<Sight>& sights, const std::vector<VolumeMount>& unasked, Time now);
+  [[nodiscard]] Volume takeUnmounted(const Sight& sight);
   void see(Volume& volume, Time now, const Sight& sight);
   static void judge(Volume& volume, const RunTimes& times);
   void judgeRuns(Time now);
@@ -146,6 +149,8 @@ class ReliefPolicy {
   static Duration intervalOfLooks(const Volume& volume);
 
   std::map<std::string, Volume> volumes_;
+  /// Those in a pause.
+  std::map<dev_t, Volume> unmounted_;
   std::map<Run, RunTimes> runs_;
   Run lastRun_ = noRun;
   /// The run of the event that was posted here, until a look after its end.

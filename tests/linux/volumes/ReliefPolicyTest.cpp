@@ -145,6 +145,83 @@ TEST_F(AVolumeThatGainsNothing, PausesAtLeastAsLongAsTheHandlerTook) {
   EXPECT_EQ(announced(), SpaceLevel::VeryLow);
 }
 
+TEST_F(AVolumeThatGainsNothing, KeepsItsPauseWhenItIsMountedAgainWhereverThatIs) {
+  set("/data", lowMark - 1);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  handleInVain(100s);
+  look();
+  unmount("/data");
+  look();
+  pass(10s);
+  mountAgain("/data");
+  EXPECT_EQ(announced(), std::nullopt);
+  unmount("/data");
+  look();
+  pass(20s);
+  mountAgain("/elsewhere");
+  EXPECT_EQ(announced(), std::nullopt);
+  unmount("/elsewhere");
+  mountAgain("/data");
+  EXPECT_EQ(announced(), std::nullopt) << "no look was without it";
+  pass(70s - 1ns);
+  EXPECT_EQ(announced(), std::nullopt);
+  pass(1ns);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  handleInVain(0s);
+  pass(200s - 1ns);
+  EXPECT_EQ(announced(), std::nullopt) << "twice as long as the last one";
+  pass(1ns);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+}
+
+TEST_F(AVolumeThatGainsNothing, KeepsNoPauseWhileItIsUnmountedThatAnEventEnds) {
+  set("/data", lowMark - 1);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  handleInVain(100s);
+  look();
+  unmount("/data");
+  look();
+  policy_.end(policy_.beginOutside(now_), now_);
+  mountAgain("/data");
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+}
+
+TEST_F(AVolumeThatGainsNothing, KeepsNoPauseWhenItIsGoneForGood) {
+  set("/memory", lowMark);
+  setDevice("/memory", makedev(0, 40));
+  EXPECT_EQ(announced(), std::nullopt);
+  set("/memory", lowMark - 1);
+  EXPECT_EQ(announced(), SpaceLevel::Low);
+  handleInVain(100s);
+  look();
+  unmount("/memory");
+  look();
+  mountAgain("/memory");
+  EXPECT_EQ(announced(), SpaceLevel::Low) << "one without a device is another one";
+}
+
+TEST_F(AVolumeThatGainsNothing, LeavesNoPauseToAnotherWithItsNumber) {
+  for (const bool isSizeChanged : {true, false}) {
+    set("/data", lowMark - 2 * mebibyte);
+    EXPECT_EQ(announced(), SpaceLevel::Low);
+    handleInVain(100s);
+    look();
+    unmount("/data");
+    look();
+    mountAgain("/other");
+    if (isSizeChanged) {
+      setSize("/other", 999 * gibibyte);
+    } else {
+      set("/other", lowMark - 1 * mebibyte);
+    }
+    EXPECT_EQ(announced(), SpaceLevel::Low);
+    handleInVain(0s);
+    look();
+    unmount("/other");
+    look();
+  }
+}
+
 TEST_F(AVolumeThatGainsNothing, IsLookedAtWhenItsPauseIsOver) {
   set("/data", veryLowMark - 1);
   EXPECT_EQ(announced(), SpaceLevel::VeryLow);

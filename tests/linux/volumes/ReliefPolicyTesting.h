@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/sysmacros.h>
 
 #include <map>
 #include <optional>
@@ -36,7 +37,14 @@ class WatchedVolumes : public testing::Test {
     nextDevice_ += isNew ? 1 : 0;
     entry->second.available = available;
   }
-  void unmount(const std::string& volume) { volumes_.erase(volume); }
+  void unmount(const std::string& volume) { unmounted_ = volumes_.extract(volume); }
+  /// The file system that was unmounted last.
+  void mountAgain(const std::string& volume) {
+    unmounted_.key() = volume;
+    volumes_.insert(std::move(unmounted_));
+  }
+  void setDevice(const std::string& volume, dev_t device) { volumes_.at(volume).device = device; }
+  void setSize(const std::string& volume, std::uint64_t size) { volumes_.at(volume).size = size; }
   /// Looks are without it, or with it again.
   void silence(const std::string& volume, bool isSilent = true) { volumes_.at(volume).isSilent = isSilent; }
 
@@ -122,18 +130,20 @@ class WatchedVolumes : public testing::Test {
   struct Entry {
     dev_t device;
     std::uint64_t available;
+    std::uint64_t size = 1000 * gibibyte;
     bool isSilent = false;
     bool writesAreTold = false;
   };
 
   ReliefPolicy::Sight sight(const std::string& name) const {
     const Entry& entry = volumes_.at(name);
-    return {VolumeMount{name, entry.device, true},
-            volumes::Space{.size = 1000 * gibibyte, .available = entry.available}, VolumeLevels(), entry.writesAreTold};
+    return {VolumeMount{name, entry.device, true}, volumes::Space{.size = entry.size, .available = entry.available},
+            VolumeLevels(), entry.writesAreTold};
   }
 
   std::map<std::string, Entry> volumes_;
-  dev_t nextDevice_ = 1;
+  std::map<std::string, Entry>::node_type unmounted_;
+  dev_t nextDevice_ = makedev(8, 1);
 };
 
 }  // namespace kelvane::test
