@@ -91,7 +91,10 @@ bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job) {
   }
   waiting_.push_back(job);
   if (waiting_.size() <= idle_ || workers_ >= limits::probeThreads) {
+    // Woken under the lock, a worker would only wait for that.
+    mutex_.unlock();
     work_.notifyAll();
+    mutex_.lock();
     return true;
   }
   ++workers_;
