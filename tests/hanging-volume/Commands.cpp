@@ -67,6 +67,12 @@ bool Commands::change(const std::string& name, std::istringstream& words) {
     files_.addFile(file, contents);
     return !file.empty();
   }
+  if (name == "directory") {
+    std::string directory;
+    words >> directory;
+    files_.addDirectory(directory);
+    return !directory.empty();
+  }
   if (name == "fail") {
     std::string operation;
     int error = 0;

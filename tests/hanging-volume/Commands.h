@@ -19,6 +19,7 @@ each. Each is answered by a line, "ok" or "error: ...", and so is the mounting.
   size BYTES                what statfs tells: by default 1 GiB,
   free BYTES                half of that free
   file NAME [CONTENTS]      a file in its root directory; CONTENTS are the rest of the line
+  directory NAME            an empty one, likewise
   hang OPERATION...         holds requests of these kinds from now on
   fail OPERATION ERRNO      answers them with an error
   resume OPERATION...       answers what is held, and what comes, of these kinds

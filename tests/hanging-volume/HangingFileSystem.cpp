@@ -62,6 +62,10 @@ void HangingFileSystem::addFile(const std::string& name, const std::string& cont
   files_.push_back({name, contents});
 }
 
+void HangingFileSystem::addDirectory(const std::string& name) {
+  files_.push_back({name, "", true});
+}
+
 void HangingFileSystem::resume(Operation operation) {
   hung_.erase(operation);
   failing_.erase(operation);
@@ -154,7 +158,7 @@ void HangingFileSystem::answerGetattr(const FuseRequest& request) const {
 void HangingFileSystem::answerLookup(const FuseRequest& request) const {
   const std::string_view name(reinterpret_cast<const char*>(request.arguments.data()));
   const auto found = std::ranges::find(files_, name, &File::name);
-  if (found == files_.end()) {
+  if (found == files_.end() || request.header.nodeid != FUSE_ROOT_ID) {
     return mount_.answer(request, ENOENT);
   }
   // Both are to be asked for anew every time.
@@ -186,10 +190,10 @@ void HangingFileSystem::answerRead(const FuseRequest& request) const {
 void HangingFileSystem::answerReaddir(const FuseRequest& request) const {
   const auto& asked = request.as<fuse_read_in>();
   std::vector<std::byte> entries;
-  append(entries, ".", FUSE_ROOT_ID, DT_DIR);
+  append(entries, ".", request.header.nodeid, DT_DIR);
   append(entries, "..", FUSE_ROOT_ID, DT_DIR);
-  for (std::size_t index = 0; index < files_.size(); ++index) {
-    append(entries, files_[index].name, firstFileNode + index, DT_REG);
+  for (std::size_t index = 0; request.header.nodeid == FUSE_ROOT_ID && index < files_.size(); ++index) {
+    append(entries, files_[index].name, firstFileNode + index, files_[index].isDirectory ? DT_DIR : DT_REG);
   }
   // Whole entries: what is cut off is asked for again, from the offset of the last one that was taken.
   const std::span<const std::byte> all(entries);
@@ -203,13 +207,14 @@ const HangingFileSystem::File* HangingFileSystem::file(std::uint64_t node) const
 
 fuse_attr HangingFileSystem::attributes(std::uint64_t node) const {
   const File* const found = file(node);
-  const std::uint64_t size = found == nullptr ? blockBytes : found->contents.size();
+  const bool isDirectory = found == nullptr || found->isDirectory;
+  const std::uint64_t size = isDirectory ? blockBytes : found->contents.size();
   fuse_attr attributes = {};
   attributes.ino = node;
   attributes.size = size;
   attributes.blocks = (size + 511) / 512;
-  attributes.mode = found == nullptr ? S_IFDIR | 0755U : S_IFREG | 0755U;
-  attributes.nlink = found == nullptr ? 2U : 1U;
+  attributes.mode = (isDirectory ? S_IFDIR : S_IFREG) | 0755U;
+  attributes.nlink = isDirectory ? 2U : 1U;
   attributes.blksize = blockBytes;
   return attributes;
 }

@@ -14,9 +14,9 @@
 
 namespace kelvane::test {
 
-/// A root directory, a few files in it, and figures of free space. Requests of each kind are answered, answered with an
-/// error, or held until the kind is resumed: who asked waits as for a disk that does not answer, whatever signal it
-/// gets. One thread uses it.
+/// A root directory, a few files and empty directories in it, and figures of free space. Requests of each kind are
+/// answered, answered with an error, or held until the kind is resumed: who asked waits as for a disk that does not
+/// answer, whatever signal it gets. One thread uses it.
 class HangingFileSystem {
  public:
   using Operation = std::uint32_t;
@@ -31,6 +31,8 @@ class HangingFileSystem {
   void setFree(std::uint64_t bytes) { free_ = bytes; }
   /// Everybody may read and execute it.
   void addFile(const std::string& name, const std::string& contents);
+  /// Empty.
+  void addDirectory(const std::string& name);
 
   void hang(Operation operation) { hung_.insert(operation); }
   void fail(Operation operation, int error) { failing_[operation] = error; }
@@ -47,6 +49,7 @@ class HangingFileSystem {
   struct File {
     std::string name;
     std::string contents;
+    bool isDirectory = false;
   };
 
   void answer(const FuseRequest& request) const;

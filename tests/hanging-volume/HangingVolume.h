@@ -25,6 +25,7 @@ class HangingVolume {
   void setSize(std::uint64_t bytes) { tell("size " + std::to_string(bytes)); }
   void setFree(std::uint64_t bytes) { tell("free " + std::to_string(bytes)); }
   void addFile(const std::string& name, const std::string& line) { tell("file " + name + " " + line); }
+  void addDirectory(const std::string& name) { tell("directory " + name); }
   /// One or more operations, apart by spaces.
   void hang(const std::string& operations = "all") { tell("hang " + operations); }
   void resume(const std::string& operations = "all") { tell("resume " + operations); }

@@ -6,6 +6,7 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -22,6 +23,8 @@ struct Mount {
   std::string path;
   VolumeMount volume;
   bool isVolume;
+  /// Whether a walk through it asks somebody who may not answer.
+  bool mayHang;
 };
 
 struct FreeTable {
@@ -63,6 +66,14 @@ bool isLocal(libmnt_fs* fs) {
   return type == "zfs" || text(mnt_fs_get_source(fs)).starts_with("/dev/");
 }
 
+/// The mount points on disks and in the kernel's own file systems are remembered by the kernel. Here it asks.
+bool mayHang(libmnt_fs* fs) {
+  static constexpr std::string_view others[] = {"9p",    "ceph",     "coda", "gfs2",   "lustre",
+                                                "ocfs2", "orangefs", "smb3", "vboxsf", "virtiofs"};
+  const std::string_view type = text(mnt_fs_get_fstype(fs));
+  return mnt_fs_is_netfs(fs) != 0 || type.starts_with("fuse") || std::ranges::find(others, type) != std::end(others);
+}
+
 std::vector<Mount> readTable(const char* mountInfoFile) {
   const std::unique_ptr<libmnt_table, FreeTable> table(mnt_new_table());
   const std::unique_ptr<libmnt_iter, FreeIterator> iterator(mnt_new_iter(MNT_ITER_FORWARD));
@@ -77,15 +88,16 @@ std::vector<Mount> readTable(const char* mountInfoFile) {
                            .parent = mnt_fs_get_parent_id(fs),
                            .path = path,
                            .volume = {path, mnt_fs_get_devno(fs), text(mnt_fs_get_root(fs)) == "/"},
-                           .isVolume = isWritable(fs) && isLocal(fs)});
+                           .isVolume = isWritable(fs) && isLocal(fs),
+                           .mayHang = mayHang(fs)});
   }
   return mounts;
 }
 
 /// Follows paths through the tree of mounts as the kernel does.
-class Reachability {
+class MountTree {
  public:
-  explicit Reachability(const std::vector<Mount>& mounts) {
+  explicit MountTree(const std::vector<Mount>& mounts) {
     for (const Mount& mount : mounts) {
       byIdentifier_.emplace(mount.identifier, &mount);
       children_.emplace(std::pair(mount.parent, std::string_view(mount.path)), &mount);
@@ -96,6 +108,16 @@ class Reachability {
   bool isReachable(const Mount& mount) {
     const Mount* above = childAt(mount.identifier, mount.path);
     return (above == nullptr || above == &mount) && isLedTo(mount);
+  }
+
+  /// Those that its path leads through and that may hang, the topmost first.
+  std::vector<PassedMount> wayTo(const Mount& mount) {
+    std::vector<PassedMount> way;
+    for (const Mount* passed = lastPassed(mount); passed != nullptr; passed = lastPassed(*passed)) {
+      way.push_back({passed->path, passed->volume.device});
+    }
+    std::ranges::reverse(way);
+    return way;
   }
 
  private:
@@ -112,13 +134,42 @@ class Reachability {
       }
       way.push_back(current->identifier);
       isLed = !isCoveredInParent(*current);
-      const auto parent = byIdentifier_.find(current->parent);
-      current = parent == byIdentifier_.end() || parent->second == current ? nullptr : parent->second;
+      current = parentOf(*current);
     }
     for (const int identifier : way) {
       isLedTo_[identifier] = isLed;
     }
     return isLed;
+  }
+
+  const Mount* parentOf(const Mount& mount) const {
+    const auto parent = byIdentifier_.find(mount.parent);
+    return parent == byIdentifier_.end() || parent->second == &mount ? nullptr : parent->second;
+  }
+
+  /// The one that may hang next above a mount; null when there is none. Remembered, too.
+  const Mount* lastPassed(const Mount& mount) {
+    std::vector<int> way;
+    const Mount* passed = nullptr;
+    for (const Mount* current = &mount; current != nullptr;) {
+      const auto [known, isNew] = lastPassed_.try_emplace(current->identifier, nullptr);
+      if (!isNew) {
+        passed = known->second;
+        break;
+      }
+      way.push_back(current->identifier);
+      const Mount* parent = parentOf(*current);
+      // One that is mounted on the root of another leaves nothing to be walked there.
+      if (parent != nullptr && parent->mayHang && parent->path != current->path) {
+        passed = parent;
+        break;
+      }
+      current = parent;
+    }
+    for (const int identifier : way) {
+      lastPassed_[identifier] = passed;
+    }
+    return passed;
   }
 
   const Mount* childAt(int parent, std::string_view path) const {
@@ -143,20 +194,23 @@ class Reachability {
   std::map<int, const Mount*> byIdentifier_;
   std::map<std::pair<int, std::string_view>, const Mount*> children_;
   std::map<int, bool> isLedTo_;
+  std::map<int, const Mount*> lastPassed_;
 };
 
 }  // namespace
 
 std::vector<VolumeMount> volumeMounts(const char* mountInfoFile) {
   const std::vector<Mount> mounts = readTable(mountInfoFile);
-  Reachability reachability(mounts);
+  MountTree tree(mounts);
   std::vector<VolumeMount> volumes;
   for (const Mount& mount : mounts) {
-    if (mount.isVolume && reachability.isReachable(mount)) {
+    if (mount.isVolume && tree.isReachable(mount)) {
       volumes.push_back(mount.volume);
+      volumes.back().way = tree.wayTo(mount);
     }
   }
-  std::stable_partition(volumes.begin(), volumes.end(), [](const VolumeMount& volume) { return volume.isWhole; });
+  std::ranges::stable_sort(volumes, {},
+                           [](const VolumeMount& volume) { return std::pair(volume.way.size(), !volume.isWhole); });
   return volumes;
 }
 

@@ -12,6 +12,7 @@
 #include "platform/Reporting.h"
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/volumes/FileSystemProbe.h"
+#include "platform/linux/volumes/MountVisit.h"
 #include "platform/linux/volumes/Mounts.h"
 #include "platform/linux/volumes/Paths.h"
 #include "platform/linux/volumes/VolumeSurvey.h"
@@ -150,7 +151,7 @@ ReliefPolicy::Time VolumeMonitor::decide(const Look& look) {
   }
   Time next = policy_.nextLook();
   for (const VolumeMount& mount : look.unasked) {
-    next = std::min(next, FileSystemProbe::shared().closedUntil(mount.device).value_or(Time::max()));
+    next = std::min(next, closedUntil(mount).value_or(Time::max()));
   }
   return next;
 }

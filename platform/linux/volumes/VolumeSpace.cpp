@@ -7,6 +7,8 @@
 
 #include <cerrno>
 
+#include "platform/linux/volumes/MountVisit.h"
+
 namespace kelvane {
 
 std::atomic<Result<volumes::Space> (*)(const VolumeMount&)> spaceReader{&readSpace};
@@ -30,9 +32,8 @@ Result<volumes::Space> readSpace(const VolumeMount& mount) {
 }
 
 Result<volumes::Space> askIn(FileSystemProbe::Visit& visit, const VolumeMount& mount) {
-  return visit.enter(mount.device, mount.path)
-             ? spaceReader.load(std::memory_order_relaxed)(mount)
-             : Result<volumes::Space>(Failure{.number = ETIMEDOUT, .tried = "asking " + mount.path});
+  const auto entered = enterMount(visit, mount);
+  return entered ? spaceReader.load(std::memory_order_relaxed)(entered->mount) : entered.failure();
 }
 
 Result<volumes::Space> askSpace(const VolumeMount& mount) {

@@ -9,6 +9,7 @@
 
 #include "platform/linux/runtime/BlockedScope.h"
 #include "platform/linux/runtime/Mutex.h"
+#include "platform/linux/volumes/MountVisit.h"
 #include "platform/linux/volumes/Mounts.h"
 #include "platform/linux/volumes/VolumeMonitor.h"
 #include "platform/linux/volumes/VolumeSpace.h"
@@ -52,7 +53,7 @@ LastAnswers& lastAnswers() {
 }
 
 bool isSilent(const VolumeMount& mount) {
-  return FileSystemProbe::shared().closedUntil(mount.device) == FileSystemProbe::Time::max();
+  return closedUntil(mount) == FileSystemProbe::Time::max();
 }
 
 /// Whether a file system is mounted there, not a single file.

@@ -11,6 +11,7 @@
 
 #include "platform/Reporting.h"
 #include "platform/linux/volumes/FileSystemProbe.h"
+#include "platform/linux/volumes/MountVisit.h"
 
 namespace kelvane {
 
@@ -53,8 +54,8 @@ bool WriteNotices::ask(const VolumeMount& mount) {
   }
   auto group = FileSystemProbe::shared().ask<FileDescriptor>(
       "asking " + mount.path, [mount](FileSystemProbe::Visit& visit) -> Result<FileDescriptor> {
-        return visit.enter(mount.device, mount.path) ? openGroup(mount)
-                                                     : Failure{.number = ETIMEDOUT, .tried = "asking " + mount.path};
+        const auto entered = enterMount(visit, mount);
+        return entered ? openGroup(entered->mount) : entered.failure();
       });
   if (group) {
     groups_.emplace(mount.device, *std::move(group));

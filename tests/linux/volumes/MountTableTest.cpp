@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/sysmacros.h>
 
 #include "tests/linux/testing/PrivateNamespace.h"
 
@@ -95,6 +96,40 @@ TEST(AMountTable, TellsBindMountsFromWholeFileSystemsAndGivesThoseFirst) {
   EXPECT_TRUE(mounts[0].isWhole);
   EXPECT_FALSE(mounts[1].isWhole);
   EXPECT_EQ(mounts[0].device, mounts[1].device);
+}
+
+std::vector<std::string> wayOf(const VolumeMount& mount) {
+  std::vector<std::string> paths;
+  for (const PassedMount& passed : mount.way) {
+    paths.push_back(passed.path);
+  }
+  return paths;
+}
+
+TEST(AMountTable, TellsWhatMayHangOnTheWayToAMountAndGivesThoseWithoutFirst) {
+  test::writeFile("/mnt/mountinfo",
+                  "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
+                  "21 20 0:50 / /nfs rw - nfs4 server:/ rw\n"
+                  "22 21 8:2 / /nfs/disk rw - ext4 /dev/sda2 rw\n"
+                  "23 22 8:33 / /nfs/disk/win rw - fuseblk /dev/sdc1 rw\n"
+                  "24 23 8:3 / /nfs/disk/win/in rw - ext4 /dev/sda3 rw\n"
+                  "25 20 8:2 /sub /bound rw - ext4 /dev/sda2 rw\n"
+                  "26 20 0:51 / /over rw - fuse.archive archive rw\n"
+                  "27 26 8:4 / /over rw - ext4 /dev/sda4 rw\n"
+                  "28 27 8:5 / /over/in rw - ext4 /dev/sda5 rw\n");
+  const auto mounts = volumeMounts("/mnt/mountinfo");
+  std::vector<std::string> paths;
+  for (const VolumeMount& mount : mounts) {
+    paths.push_back(mount.path);
+  }
+  ASSERT_THAT(paths, ElementsAre("/", "/over", "/over/in", "/bound", "/nfs/disk", "/nfs/disk/win", "/nfs/disk/win/in"));
+  for (std::size_t index = 0; index < 4; ++index) {
+    EXPECT_THAT(wayOf(mounts[index]), IsEmpty()) << paths[index];
+  }
+  EXPECT_THAT(wayOf(mounts[4]), ElementsAre("/nfs"));
+  EXPECT_EQ(mounts[4].way[0].device, makedev(0, 50));
+  EXPECT_THAT(wayOf(mounts[5]), ElementsAre("/nfs"));
+  EXPECT_THAT(wayOf(mounts[6]), ElementsAre("/nfs", "/nfs/disk/win"));
 }
 
 std::string line(int identifier, int parent, const std::string& path) {

@@ -11,12 +11,15 @@
 #include <atomic>
 #include <cerrno>
 #include <filesystem>
+#include <optional>
 #include <thread>
 
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/volumes/FileSystemProbe.h"
+#include "platform/linux/volumes/MountVisit.h"
 #include "platform/linux/volumes/Paths.h"
 #include "platform/linux/volumes/VolumeSpace.h"
+#include "platform/linux/volumes/WriteNotices.h"
 #include "tests/hanging-volume/HangingVolume.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
@@ -129,6 +132,81 @@ TEST_F(ASurvey, HasAllSpacesThoughTheConfigurationIsOnADiskThatHangs) {
   while (FileSystemProbe::shared().closedUntil(status.st_dev)) {
     usleep(1000);
   }
+}
+
+/// A volume that is mounted beneath a disk that hangs.
+class AVolumeBeneathADiskThatHangs : public testing::Test {
+ protected:
+  AVolumeBeneathADiskThatHangs() {
+    if (!test::isTrulyRoot()) {
+      // Others have no disks of their own.
+      return;
+    }
+    disk.emplace("/mnt/hanging");
+    disk->addDirectory("inside");
+    EXPECT_EQ(::mount("volume", "/mnt/hanging/inside", "tmpfs", 0, "size=64m"), 0);
+    device = deviceOf("/mnt/hanging/inside");
+    hanging = deviceOf("/mnt/hanging");
+  }
+  ~AVolumeBeneathADiskThatHangs() override {
+    if (disk) {
+      disk->resume();
+      while (FileSystemProbe::shared().closedUntil(hanging) || FileSystemProbe::shared().closedUntil(device)) {
+        usleep(1000);
+      }
+      EXPECT_EQ(umount2("/mnt/hanging/inside", MNT_DETACH), 0);
+    }
+  }
+
+  static dev_t deviceOf(const char* path) {
+    struct stat status = {};
+    EXPECT_EQ(stat(path, &status), 0);
+    return status.st_dev;
+  }
+  std::vector<VolumeMount> mounts() const {
+    std::vector<VolumeMount> all = volumeMounts(paths::mountInfo);
+    std::erase_if(all, [this](const VolumeMount& mount) { return mount.device != device; });
+    return all;
+  }
+
+  std::optional<test::HangingVolume> disk;
+  dev_t device = 0;
+  dev_t hanging = 0;
+};
+
+TEST_F(AVolumeBeneathADiskThatHangs, IsAskedWhereItIsMountedElsewhere) {
+  if (!disk) {
+    return;
+  }
+  std::filesystem::create_directories("/mnt/elsewhere");
+  ASSERT_EQ(::mount("/mnt/hanging/inside", "/mnt/elsewhere", nullptr, MS_BIND, nullptr), 0);
+  const std::vector<VolumeMount> both = mounts();
+  disk->hang();
+  const std::vector<SpaceAnswer> answers = askEachSpace(both);
+  EXPECT_EQ(both.size(), 2u);
+  ASSERT_EQ(answers.size(), 1u) << "though it was mounted there first";
+  EXPECT_EQ(answers[0].mount.path, "/mnt/elsewhere");
+  EXPECT_TRUE(answers[0].space);
+  EXPECT_EQ(disk->held(), 0u) << "nobody asked the disk";
+  EXPECT_EQ(umount2("/mnt/elsewhere", MNT_DETACH), 0);
+}
+
+TEST_F(AVolumeBeneathADiskThatHangs, IsNotKnownForTheDisksSakeAlone) {
+  if (!disk) {
+    return;
+  }
+  const std::vector<VolumeMount> one = mounts();
+  ASSERT_EQ(one.size(), 1u);
+  EXPECT_TRUE(askSpace(one[0]));
+  disk->hang();
+  EXPECT_EQ(askSpace(one[0]).failure().number, ETIMEDOUT);
+  EXPECT_EQ(FileSystemProbe::shared().closedUntil(hanging), FileSystemProbe::Time::max());
+  EXPECT_EQ(FileSystemProbe::shared().closedUntil(device), std::nullopt) << "it does not hang itself";
+  EXPECT_EQ(closedUntil(one[0]), FileSystemProbe::Time::max());
+  EXPECT_FALSE(volumes::isUsable("/mnt/hanging/inside"));
+  WriteNotices notices;
+  EXPECT_FALSE(notices.ask(one[0]));
+  EXPECT_EQ(FileSystemProbe::shared().lostWorkers(), 1u);
 }
 
 }  // namespace
