@@ -90,6 +90,11 @@ class Collection {
   std::vector<std::string> entries_;
 };
 
+/// A disk that is only slow should be waited for; but where several hang, a start must come to an end, too.
+FileSystemProbe::Duration patience() {
+  return FileSystemProbe::shared().lostWorkers() == 0 ? FileSystemProbe::longPatience : FileSystemProbe::patience;
+}
+
 }  // namespace
 
 std::vector<std::string> entriesBeneath(const std::string& directory) {
@@ -105,7 +110,7 @@ std::vector<std::string> entriesBeneath(const std::string& directory) {
           }
           return collection.take();
         },
-        FileSystemProbe::About::Files, FileSystemProbe::longPatience);
+        FileSystemProbe::About::Files, patience());
     if (entries) {
       return std::move(*entries);
     }
@@ -121,7 +126,7 @@ std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes
         const auto place = walkTo(visit, path);
         return place ? readPlace(*place, maximumBytes) : Contents(fileError(place.failure().number));
       },
-      FileSystemProbe::About::Files, FileSystemProbe::longPatience);
+      FileSystemProbe::About::Files, patience());
   return contents ? std::move(*contents) : fileError(contents.failure().number);
 }
 
