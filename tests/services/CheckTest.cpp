@@ -50,6 +50,17 @@ TEST_F(ACheck, SaysWhereALinkLeadsAndThatItIsNotFollowed) {
   EXPECT_THAT(text_, HasSubstr("a symbolic link is on the way (" + absolute("link") + " is " + absolute("real") + ")"));
 }
 
+TEST_F(ACheck, ShowsNoTextThatATerminalObeys) {
+  makeFile("real\x1b[2J\u202e/a", 7 * day);
+  std::filesystem::create_directory_symlink("real\x1b[2J\u202e", absolute("link"));
+  EXPECT_FALSE(check(rules("link")));
+  EXPECT_THAT(text_, HasSubstr("real\\x1b[2J\\u{202e})"));
+  DirectoryRules odd = rules("real\x1b[2J\u202e");
+  odd.protectedPatterns = {"*\xff"};
+  EXPECT_TRUE(check(odd));
+  EXPECT_THAT(text_, AllOf(HasSubstr("real\\x1b[2J\\u{202e}:\n"), HasSubstr("never: *\\xff matches no files")));
+}
+
 TEST_F(ACheck, FindsADirectoryThatIsNotThereInOrder) {
   EXPECT_TRUE(check(rules("missing")));
   EXPECT_THAT(text_, HasSubstr("left: No such file or directory"));
