@@ -28,7 +28,7 @@ struct SlotRecord {
 struct BlankSlot {};
 /// Half of a write, or damage.
 struct TornSlot {};
-/// A whole record in a format of a later version.
+/// A record in a format of a later version: whole, or longer than this version reads, and not known to be.
 struct ForeignSlot {
   int format = 0;
 };
