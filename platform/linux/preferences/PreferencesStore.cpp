@@ -90,7 +90,7 @@ PreferencesStore::PreferencesStore(std::string directory, std::string name, cons
 
 Result<std::unique_ptr<PreferencesStore>> PreferencesStore::open(const std::string& directory, const std::string& name,
                                                                  const DiskCalls& calls, const IsGivenUp& isGivenUp) {
-  auto parent = openStores(directory, calls);
+  auto parent = openStores(directory);
   if (!parent) {
     return parent.failure();
   }
@@ -256,6 +256,9 @@ Result<> PreferencesStore::create(const Data& record, std::size_t room) {
 
 /// At no moment is there no store.
 Result<> PreferencesStore::putInPlace(const std::string& temporary) {
+  if (auto flushed = flushDirectoriesAbove(directory_, calls_.flushDirectory); !flushed) {
+    return flushed;
+  }
   const int parent = parent_.get();
   const bool isReplacing = renameat2(parent, temporary.c_str(), parent, name_.c_str(), RENAME_EXCHANGE) == 0;
   if ((!isReplacing && renameat(parent, temporary.c_str(), parent, name_.c_str()) != 0) ||
@@ -285,7 +288,7 @@ bool PreferencesStore::isInPlace() const {
 /// Somebody has removed the store, or put something in its place.
 Result<> PreferencesStore::createAgain(std::span<const std::uint8_t> contents) {
   if (!leadsTo(AT_FDCWD, directory_.c_str(), parent_)) {
-    auto parent = openStores(directory_, calls_);
+    auto parent = openStores(directory_);
     if (!parent) {
       return parent.failure();
     }

@@ -12,6 +12,7 @@
 
 #include "platform/Limits.h"
 #include "platform/linux/preferences/StoreLock.h"
+#include "platform/linux/runtime/FileAccess.h"
 
 namespace kelvane {
 
@@ -19,8 +20,8 @@ FileDescriptor openDirectory(int parent, const char* name) {
   return FileDescriptor(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
 }
 
-Result<FileDescriptor> openStores(const std::string& directory, const DiskCalls& calls) {
-  if (auto made = makeDirectories(directory, 0700, calls.flushDirectory); !made) {
+Result<FileDescriptor> openStores(const std::string& directory) {
+  if (auto made = makeDirectories(directory, 0700); !made) {
     return made.failure();
   }
   FileDescriptor stores = openDirectory(AT_FDCWD, directory.c_str());

@@ -5,7 +5,6 @@
 #include <string>
 
 #include "platform/Result.h"
-#include "platform/linux/preferences/DiskCalls.h"
 #include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane {
@@ -13,7 +12,7 @@ namespace kelvane {
 /// None, with errno set, for what is no directory. Follows no link.
 FileDescriptor openDirectory(int parent, const char* name);
 /// The directory of all stores, made when it is missing, and locked.
-Result<FileDescriptor> openStores(const std::string& directory, const DiskCalls& calls);
+Result<FileDescriptor> openStores(const std::string& directory);
 /// Renames what a directory, which has this path, has under a name to the first free NAME.damaged-N, or the last, where
 /// NAME is a store's. Gives the new name.
 Result<std::string> keepAside(int parent, const std::string& directory, const std::string& entry,

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <utility>
 
 #include "platform/linux/runtime/FileDescriptor.h"
 
@@ -13,12 +14,8 @@ namespace kelvane {
 
 namespace {
 
-Result<> flushDirectory(const std::filesystem::path& path, FlushCall flush) {
-  const FileDescriptor directory(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!directory || flush(directory.get()) != 0) {
-    return systemFailure("flushing", path.native());
-  }
-  return {};
+FileDescriptor openDirectory(const std::filesystem::path& path) {
+  return FileDescriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -37,23 +34,39 @@ Result<> writeAll(int file, std::string_view name, std::span<const std::uint8_t>
   return {};
 }
 
-Result<> makeDirectories(const std::filesystem::path& path, mode_t mode, FlushCall flush) {
+Result<> makeDirectories(const std::filesystem::path& path, mode_t mode) {
   std::filesystem::path made;
   for (auto component = path.begin(); component != path.end(); ++component) {
-    const std::filesystem::path above = made.empty() ? "." : made;
     made /= *component;
     const mode_t wanted = std::next(component) == path.end() ? mode : 0755;
     if (mkdir(made.c_str(), wanted) == 0) {
       if (chmod(made.c_str(), wanted) != 0) {
         return systemFailure("making", made.native());
       }
-      const Result<> flushed = flush != nullptr ? flushDirectory(above, flush) : Result<>();
-      if (!flushed) {
-        return flushed;
-      }
     } else if (errno != EEXIST) {
       return systemFailure("making", made.native());
     }
+  }
+  return {};
+}
+
+Result<> flushDirectoriesAbove(std::filesystem::path path, FlushCall flush) {
+  FileDescriptor directory = openDirectory(path);
+  while (path.has_relative_path()) {
+    path = path.parent_path();
+    FileDescriptor above = openDirectory(path);
+    struct stat status;
+    struct stat statusAbove;
+    if (fstat(directory.get(), &status) != 0 || fstat(above.get(), &statusAbove) != 0) {
+      return systemFailure("flushing", path.native());
+    }
+    if (status.st_dev != statusAbove.st_dev) {
+      break;
+    }
+    if (flush(above.get()) != 0) {
+      return systemFailure("flushing", path.native());
+    }
+    directory = std::move(above);
   }
   return {};
 }

@@ -23,8 +23,11 @@ using FlushCall = int (*)(int file);
 Result<> writeAll(int file, std::string_view name, std::span<const std::uint8_t> bytes, off_t offset,
                   WriteCall write = pwrite);
 
-/// Makes what is missing of a path of directories, with a flush each durable as an entry of the one above it. The last
-/// one gets this mode, those above it 0755, whatever the process's mask; one that is there stays as it is.
-Result<> makeDirectories(const std::filesystem::path& path, mode_t mode = 0755, FlushCall flush = nullptr);
+/// Makes what is missing of a path of directories. The last one gets this mode, those above it 0755, whatever the
+/// process's mask; one that is there stays as it is.
+Result<> makeDirectories(const std::filesystem::path& path, mode_t mode = 0755);
+/// Makes the directories of an absolute path durable, each as an entry of the one above it, as far as their file system
+/// goes; whoever made them need not have lived to do so.
+Result<> flushDirectoriesAbove(std::filesystem::path path, FlushCall flush);
 
 }  // namespace kelvane

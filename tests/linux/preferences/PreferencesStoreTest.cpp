@@ -536,7 +536,8 @@ TEST_F(AStore, OfALaterVersionIsLeftAloneHoweverLongItsRecordsAre) {
   }
   writeFile(slotA, later);
   const auto store = PreferencesStore::open(directory, "suite", calls);
-  EXPECT_EQ(textOf(store), "slot-a has format 2, and this version knows 1") << "right or wrong, its checksum is not read";
+  EXPECT_EQ(textOf(store), "slot-a has format 2, and this version knows 1")
+      << "right or wrong, its checksum is not read";
   EXPECT_EQ(readFile(slotA), later);
   EXPECT_FALSE(isAside(1));
 }
@@ -556,12 +557,23 @@ int notedDirectoryFlush(int file) {
   return fsync(file);
 }
 
-TEST_F(AStore, FlushesEveryDirectoryThatItMakesAnEntryIn) {
+TEST_F(AStore, FlushesEveryDirectoryAboveANewStore) {
+  const std::set<std::string> all = {"/mnt", "/mnt/deep", "/mnt/deep/er", "/mnt/deep/er/preferences",
+                                     "/mnt/deep/er/preferences/.suite.new"};
+  for (const char* made : {"/mnt/deep/er/preferences", "/mnt/deep", ""}) {
+    std::filesystem::remove_all("/mnt/deep");
+    if (*made != '\0') {  // by a process that was killed before it could flush it
+      std::filesystem::create_directories(made);
+    }
+    flushedDirectories.clear();
+    ASSERT_TRUE(PreferencesStore::open("/mnt/deep/er/preferences", "suite", {.flushDirectory = notedDirectoryFlush}));
+    EXPECT_EQ(flushedDirectories, all) << made;
+  }
+}
+
+TEST_F(AStore, FlushesOnlyItsOwnDirectoryForASlotThatWasLost) {
   std::filesystem::remove_all("/mnt/deep");
-  flushedDirectories.clear();
-  ASSERT_TRUE(PreferencesStore::open("/mnt/deep/er/preferences", "suite", {.flushDirectory = notedDirectoryFlush}));
-  EXPECT_EQ(flushedDirectories, (std::set<std::string>{"/mnt", "/mnt/deep", "/mnt/deep/er", "/mnt/deep/er/preferences",
-                                                       "/mnt/deep/er/preferences/.suite.new"}));
+  ASSERT_TRUE(PreferencesStore::open("/mnt/deep/er/preferences", "suite"));
   flushedDirectories.clear();
   std::filesystem::remove("/mnt/deep/er/preferences/suite/slot-b");
   ASSERT_TRUE(PreferencesStore::open("/mnt/deep/er/preferences", "suite", {.flushDirectory = notedDirectoryFlush}));
