@@ -31,10 +31,9 @@ class PreferencesSuite {
   Value operator[](const std::string& key) const;
   /// An entry of the dictionary under a key, absent when it has no such entry; none when there is no dictionary.
   std::optional<Value> entry(const std::string& key, const std::string& entry) const;
-  /// An absent value removes what is under the key. Written to disk within seconds even when nobody asks for it.
-  void set(const std::string& key, Value value);
-  /// The same for an entry of the dictionary under the key; an empty one takes the place of anything else. Costs the
-  /// same however much the suite holds.
+  /// Changes an entry of the dictionary under the key, or removes it when the value is absent; an empty dictionary
+  /// takes the place of anything else. Written to disk within seconds even when nobody asks for it. Costs the same
+  /// however much the suite holds.
   void setEntry(const std::string& key, const std::string& entry, Value value);
   /// Has what was set so far written to disk, returns at once, and has the handler called with how that went.
   /// Callers share writes: one covers all that was set before it began. What could not be written stays in memory

@@ -82,14 +82,6 @@ std::optional<Value> PreferencesSuite::entry(const std::string& key, const std::
   return whole.isDictionary() ? std::optional(whole[entry]) : std::nullopt;
 }
 
-void PreferencesSuite::set(const std::string& key, Value value) {
-  if (value.isAbsent()) {
-    state_->store->memory.erase(key);
-  } else {
-    state_->store->memory[key] = std::move(value);
-  }
-}
-
 void PreferencesSuite::setEntry(const std::string& key, const std::string& entry, Value value) {
   const auto before = (*this)[key].dictionary();
   Value::Dictionary entries = before ? *before : Value::Dictionary();
@@ -98,7 +90,7 @@ void PreferencesSuite::setEntry(const std::string& key, const std::string& entry
   } else {
     entries[entry] = std::move(value);
   }
-  set(key, std::move(entries));
+  state_->store->memory[key] = std::move(entries);
 }
 
 void PreferencesSuite::handOver() {

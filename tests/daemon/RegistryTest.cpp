@@ -59,8 +59,8 @@ TEST_F(TheRegistry, HasTheRootItsDefaultsAndItsPreferences) {
 
 TEST_F(TheRegistry, OpensItsPreferencesByItsName) {
   runDaemon([&] {
-    kelvane->userDefaults()->set("key", 7);
-    EXPECT_EQ(simulation->preferences().contents("com.tessaly.kelvane"), Value(Value::Dictionary{{"key", 7}}));
+    kelvane->userDefaults()->setEntry("state", "key", 7);
+    EXPECT_EQ(simulation->preferences().contents("com.tessaly.kelvane")["state"]["key"], Value(7));
   });
 }
 

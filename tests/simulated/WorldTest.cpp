@@ -229,13 +229,13 @@ TEST(ASuite, ShowsWhatWasSetAtOnceAndOnDiskOnceSynchronized) {
   simulation.run([&] {
     const auto suite = opened("com.tessaly.kelvane");
     ASSERT_NE(suite, nullptr);
-    suite->set("state", Value(1));
-    EXPECT_EQ((*suite)["state"], Value(1));
-    EXPECT_TRUE(simulation.preferences().onDisk("com.tessaly.kelvane")["state"].isAbsent());
+    suite->setEntry("dictionary", "state", Value(1));
+    EXPECT_EQ(suite->entry("dictionary", "state"), Value(1));
+    EXPECT_TRUE(simulation.preferences().onDisk("com.tessaly.kelvane")["dictionary"]["state"].isAbsent());
     EXPECT_EQ(written(*suite), "");
-    EXPECT_EQ(simulation.preferences().onDisk("com.tessaly.kelvane")["state"], Value(1));
-    suite->set("state", Value());
-    EXPECT_TRUE((*suite)["state"].isAbsent());
+    EXPECT_EQ(simulation.preferences().onDisk("com.tessaly.kelvane")["dictionary"]["state"], Value(1));
+    suite->setEntry("dictionary", "state", Value());
+    EXPECT_TRUE(suite->entry("dictionary", "state")->isAbsent());
     EXPECT_EQ(simulation.preferences().writes(), 1);
   });
 }
@@ -245,10 +245,10 @@ TEST(ASuite, KeepsOnDiskWhatASharedDictionaryHeldWhenItWasWritten) {
   simulation.run([&] {
     const auto suite = opened("suite");
     MutableDictionary dictionary;
-    suite->set("live", Value::Array{dictionary});
+    suite->setEntry("dictionary", "live", Value::Array{dictionary});
     EXPECT_EQ(written(*suite), "");
     dictionary.set("later", Value(1));
-    EXPECT_TRUE((*simulation.preferences().onDisk("suite")["live"].array())[0]["later"].isAbsent());
+    EXPECT_TRUE((*simulation.preferences().onDisk("suite")["dictionary"]["live"].array())[0]["later"].isAbsent());
   });
 }
 
@@ -256,13 +256,13 @@ TEST(ASuite, ThatCannotBeWrittenStaysInMemory) {
   Simulation simulation;
   simulation.run([&] {
     const auto suite = opened("suite");
-    suite->set("key", Value("value"));
+    suite->setEntry("dictionary", "key", Value("value"));
     simulation.preferences().setFailing(true);
     EXPECT_EQ(written(*suite), "flushing: Input/output error");
-    EXPECT_EQ((*suite)["key"], Value("value"));
+    EXPECT_EQ(suite->entry("dictionary", "key"), Value("value"));
     simulation.preferences().setFailing(false);
     EXPECT_EQ(written(*suite), "");
-    EXPECT_EQ(simulation.preferences().onDisk("suite")["key"], Value("value"));
+    EXPECT_EQ(simulation.preferences().onDisk("suite")["dictionary"]["key"], Value("value"));
   });
 }
 
@@ -279,6 +279,7 @@ TEST(ASuite, HasTheRoomThatATestSays) {
 
 TEST(ASuite, HasEntriesThatChangeByThemselves) {
   Simulation simulation;
+  simulation.preferences().set("suite", "text", "text");
   simulation.run([&] {
     const auto suite = opened("suite");
     EXPECT_EQ(suite->entry("state", "a"), std::nullopt);
@@ -288,8 +289,9 @@ TEST(ASuite, HasEntriesThatChangeByThemselves) {
     EXPECT_EQ(suite->entry("state", "a"), Value());
     EXPECT_EQ(suite->entry("state", "b"), Value(2));
     EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"b", 2}}));
-    suite->set("state", 7);
-    EXPECT_EQ(suite->entry("state", "b"), std::nullopt);
+    EXPECT_EQ(suite->entry("text", "b"), std::nullopt) << "no dictionary";
+    suite->setEntry("text", "c", 3);
+    EXPECT_EQ((*suite)["text"], Value(Value::Dictionary{{"c", 3}}));
   });
 }
 
@@ -297,11 +299,11 @@ TEST(ASuite, TellsWhatWasHandedOver) {
   Simulation simulation;
   simulation.run([&] {
     const auto suite = opened("suite");
-    suite->set("key", 1);
-    EXPECT_TRUE(simulation.preferences().handedOver("suite")["key"].isAbsent());
+    suite->setEntry("dictionary", "key", 1);
+    EXPECT_TRUE(simulation.preferences().handedOver("suite")["dictionary"]["key"].isAbsent());
     suite->handOver();
-    suite->set("key", 2);
-    EXPECT_EQ(simulation.preferences().handedOver("suite")["key"], Value(1));
+    suite->setEntry("dictionary", "key", 2);
+    EXPECT_EQ(simulation.preferences().handedOver("suite")["dictionary"]["key"], Value(1));
     EXPECT_EQ(simulation.preferences().handOvers(), 1);
   });
 }
@@ -321,15 +323,15 @@ TEST(ASuite, BeginsAfterARestartWithWhatWasOnDisk) {
   simulation.run([&] {
     const auto suite = opened("suite");
     EXPECT_EQ((*suite)["earlier"], Value(0));
-    suite->set("kept", Value(1));
+    suite->setEntry("dictionary", "kept", Value(1));
     EXPECT_EQ(written(*suite), "");
-    suite->set("lost", Value(2));
-    EXPECT_EQ(simulation.preferences().contents("suite")["lost"], Value(2));
+    suite->setEntry("dictionary", "lost", Value(2));
+    EXPECT_EQ(simulation.preferences().contents("suite")["dictionary"]["lost"], Value(2));
   });
   simulation.run([&] {
     const auto suite = opened("suite");
-    EXPECT_EQ((*suite)["kept"], Value(1));
-    EXPECT_TRUE((*suite)["lost"].isAbsent());
+    EXPECT_EQ(suite->entry("dictionary", "kept"), Value(1));
+    EXPECT_EQ(suite->entry("dictionary", "lost"), Value());
   });
 }
 

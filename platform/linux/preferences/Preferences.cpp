@@ -67,11 +67,6 @@ std::optional<Value> PreferencesSuite::entry(const std::string& key, const std::
   return state_->core->entry(key, entry);
 }
 
-void PreferencesSuite::set(const std::string& key, Value value) {
-  state_->core->set({.key = key, .entry = {}, .value = std::move(value)});
-  state_->writer.request();
-}
-
 void PreferencesSuite::setEntry(const std::string& key, const std::string& entry, Value value) {
   state_->core->set({.key = key, .entry = entry, .value = std::move(value)});
   state_->writer.request();

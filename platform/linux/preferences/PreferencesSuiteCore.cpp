@@ -58,19 +58,10 @@ bool PreferencesSuiteCore::handOver(std::chrono::milliseconds patience) {
     }
   }
   const runtime::BlockedScope blocked;
-  const auto deadline = std::chrono::steady_clock::now() + patience;
   Lock lock(mutex_);
   const std::uint64_t wanted = changes_;
-  const std::uint64_t request = ++handOverRequests_;
-  startFlusher();
-  bool isNews = false;
-  while (handedOver_ < wanted && handOversTried_ < request && !isStuck_) {
-    isNews = waitForFlusher(lock, deadline);
-  }
-  const bool isHandedOver = handedOver_ >= wanted;
-  lock.unlock();
-  reportStuck(isNews);
-  return isHandedOver;
+  awaitFlusher(lock, patience, {{handedOver_, wanted}, {handOversTried_, ++handOverRequests_}});
+  return handedOver_ >= wanted;
 }
 
 PreferencesSuite::Outcome PreferencesSuiteCore::makeRoom(std::size_t bytes, std::chrono::milliseconds patience) {
@@ -78,36 +69,32 @@ PreferencesSuite::Outcome PreferencesSuiteCore::makeRoom(std::size_t bytes, std:
     return {};
   }
   const runtime::BlockedScope blocked;
-  const auto deadline = std::chrono::steady_clock::now() + patience;
   Lock lock(mutex_);
   roomWanted_ = std::max(roomWanted_, bytes);
   const std::uint64_t request = ++roomRequests_;
+  awaitFlusher(lock, patience, {{roomTried_, request}});
+  if (roomTried_ < request) {
+    return Failure{.number = ETIMEDOUT, .tried = "making room"};
+  }
+  return room_ < bytes ? roomOutcome_ : PreferencesSuite::Outcome();
+}
+
+/// Has it run, and waits until it has come so far in one respect. When it shows no sign of life for so long it is
+/// stuck, and the first who finds it so says so, without the lock: the log may be kept waiting by the same disk.
+void PreferencesSuiteCore::awaitFlusher(Lock& lock, std::chrono::milliseconds patience,
+                                        std::initializer_list<Progress> either) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
   startFlusher();
   bool isNews = false;
-  while (roomTried_ < request && !isStuck_) {
-    isNews = waitForFlusher(lock, deadline);
+  while (!isStuck_ && std::none_of(either.begin(), either.end(),
+                                   [](const Progress& progress) { return progress.count >= progress.wanted; })) {
+    isNews = !changedState_.waitUntil(lock, deadline) && isFlushing_ && !std::exchange(isStuck_, true);
   }
-  PreferencesSuite::Outcome outcome;
-  if (roomTried_ < request) {
-    outcome = Failure{.number = ETIMEDOUT, .tried = "making room"};
-  } else if (room_ < bytes) {
-    outcome = roomOutcome_;
-  }
-  lock.unlock();
-  reportStuck(isNews);
-  return outcome;
-}
-
-/// Waits for news of it. Without any until then it is stuck; true for the first who finds it so.
-bool PreferencesSuiteCore::waitForFlusher(Lock& lock, std::chrono::steady_clock::time_point deadline) {
-  return !changedState_.waitUntil(lock, deadline) && isFlushing_ && !std::exchange(isStuck_, true);
-}
-
-/// The log may be kept waiting by the same disk.
-void PreferencesSuiteCore::reportStuck(bool isNews) {
   if (isNews) {
-    reporting::reportFailure("PreferencesSuite::waitForFlusher", "The disk of the preferences " + name_ +
-                                                                     " keeps everybody waiting; nobody waits any more");
+    mutex_.unlock();
+    reporting::reportFailure("PreferencesSuite::awaitFlusher", "The disk of the preferences " + name_ +
+                                                                   " keeps everybody waiting; nobody waits any more");
+    mutex_.lock();
   }
 }
 
@@ -150,10 +137,7 @@ PreferencesSuiteCore::Round PreferencesSuiteCore::nextRound() {
   round.room = std::exchange(roomWanted_, 0);
   round.roomRequests = roomRequests_;
   for (const auto& [key, entry] : changed_) {
-    // Where there is no dictionary any more the key itself has changed, which comes before its entries.
-    if (const auto value = entry ? values_.entry(key, *entry) : values_.value(key)) {
-      round.changes.push_back({.key = key, .entry = entry, .value = *value});
-    }
+    round.changes.push_back({.key = key, .entry = entry, .value = values_.entry(key, entry).value_or(Value())});
   }
   changed_.clear();
   round.handlers = std::exchange(waiting_, {});

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <set>
@@ -58,18 +59,24 @@ class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuit
     std::vector<PreferencesSuite::OutcomeHandler> handlers;
   };
 
+  /// A count that is waited for.
+  struct Progress {
+    const std::uint64_t& count;
+    std::uint64_t wanted = 0;
+  };
+
   void startFlusher() KELVANE_REQUIRES(mutex_);
   void flush();
   Round nextRound() KELVANE_REQUIRES(mutex_);
-  bool waitForFlusher(runtime::Lock& lock, std::chrono::steady_clock::time_point deadline) KELVANE_REQUIRES(mutex_);
-  void reportStuck(bool isNews);
+  void awaitFlusher(runtime::Lock& lock, std::chrono::milliseconds patience, std::initializer_list<Progress> either)
+      KELVANE_REQUIRES(mutex_);
   void makeRoomFor(Round& round);
   void handOverRound(const Round& round, PreferencesSuite::Outcome& outcome);
   void flushRound(const Round& round, PreferencesSuite::Outcome& outcome);
   void report(const PreferencesSuite::Outcome& outcome) KELVANE_REQUIRES(storeMutex_);
 
   /// A key, and an entry of the dictionary under it.
-  using ChangedName = std::pair<std::string, std::optional<std::string>>;
+  using ChangedName = std::pair<std::string, std::string>;
 
   const std::string name_;
 

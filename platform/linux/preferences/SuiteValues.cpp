@@ -6,21 +6,13 @@
 
 namespace kelvane {
 
-namespace {
-
-Value exchanged(Value::Dictionary& entries, const std::string& key, const Value& value) {
-  if (!value.isAbsent()) {
-    return std::exchange(entries[key], value);
-  }
-  auto removed = entries.extract(key);
-  return removed ? std::move(removed.mapped()) : Value();
-}
-
-}  // namespace
-
 SuiteValues::SuiteValues(const Value::Dictionary& values) {
   for (const auto& [key, value] : values) {
-    apply({.key = key, .entry = {}, .value = value});
+    if (value.isDictionary()) {
+      values_.emplace(key, std::make_shared<Value::Dictionary>(*value.dictionary()));
+    } else {
+      values_.emplace(key, value);
+    }
   }
 }
 
@@ -44,24 +36,16 @@ std::optional<Value> SuiteValues::entry(const std::string& key, const std::strin
 }
 
 Value SuiteValues::apply(const SuiteChange& change) {
-  if (!change.entry && change.value.isAbsent()) {
-    const Value before = value(change.key);
-    values_.erase(change.key);
-    return before;
-  }
   auto& place = values_[change.key];
-  if (change.entry) {
-    if (!std::holds_alternative<Entries>(place)) {
-      place = std::make_shared<Value::Dictionary>();
-    }
-    return exchanged(*std::get<Entries>(place), *change.entry, change.value);
+  if (!std::holds_alternative<Entries>(place)) {
+    place = std::make_shared<Value::Dictionary>();
   }
-  if (change.value.isDictionary()) {
-    place = std::make_shared<Value::Dictionary>(*change.value.dictionary());
-  } else {
-    place = change.value;
+  Value::Dictionary& entries = *std::get<Entries>(place);
+  if (!change.value.isAbsent()) {
+    return std::exchange(entries[change.entry], change.value);
   }
-  return {};
+  auto removed = entries.extract(change.entry);
+  return removed ? std::move(removed.mapped()) : Value();
 }
 
 Value SuiteValues::shared() const {

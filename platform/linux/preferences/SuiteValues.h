@@ -12,10 +12,10 @@
 
 namespace kelvane {
 
-/// A change of a suite: of what is under a key, or of one entry of the dictionary under it. An absent value removes.
+/// A change of one entry of the dictionary under a key. An absent value removes it.
 struct SuiteChange {
   std::string key;
-  std::optional<std::string> entry;
+  std::string entry;
   Value value;
 };
 
@@ -29,7 +29,8 @@ class SuiteValues {
   Value value(const std::string& key) const;
   /// None unless there is a dictionary under the key.
   std::optional<Value> entry(const std::string& key, const std::string& entry) const;
-  /// Returns what was there before, which may take its time to go.
+  /// Where there is no dictionary an empty one takes the place. Returns what was there before, which may take its time
+  /// to go.
   Value apply(const SuiteChange& change);
 
   /// All of it, shared: nothing may be changed while a copy of the value lives.

@@ -40,16 +40,7 @@ std::string written(auto& suite) {
 TEST(ASuite, ShowsAtOnceWhatIsSet) {
   const auto suite = opened("shows");
   ASSERT_TRUE(suite);
-  EXPECT_TRUE((*suite)["key"].isAbsent());
-  suite->set("key", 5);
-  EXPECT_EQ((*suite)["key"], Value(5));
-  suite->set("key", Value());
-  EXPECT_TRUE((*suite)["key"].isAbsent());
-}
-
-TEST(ASuite, ChangesSingleEntriesOfItsDictionaries) {
-  const auto suite = opened("entries");
-  ASSERT_TRUE(suite);
+  EXPECT_TRUE((*suite)["state"].isAbsent());
   EXPECT_EQ(suite->entry("state", "a"), std::nullopt) << "there is no dictionary";
   suite->setEntry("state", "a", 1);
   suite->setEntry("state", "b", 2);
@@ -59,39 +50,35 @@ TEST(ASuite, ChangesSingleEntriesOfItsDictionaries) {
   suite->setEntry("state", "c", Value());
   EXPECT_EQ(suite->entry("state", "a"), Value());
   EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"b", 2}}));
-  suite->set("state", "text");
-  EXPECT_EQ(suite->entry("state", "b"), std::nullopt);
-  suite->setEntry("state", "gone", Value());
-  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{})) << "an empty one takes the place of the text";
-  suite->set("state", Value::Dictionary{{"d", 4}});
-  suite->setEntry("state", "e", 5);
-  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"d", 4}, {"e", 5}}));
-  suite->set("state", Value());
-  EXPECT_EQ(suite->entry("state", "d"), std::nullopt);
 }
 
-TEST(ASuite, WritesEveryChangeHoweverEntriesAndWholeValuesAlternate) {
-  auto suite = opened("alternating");
+TEST(ASuite, WritesEveryChangeOverWhateverWasThere) {
+  {
+    const auto store = PreferencesStore::open(paths::preferencesDirectory, "changing");
+    ASSERT_TRUE(store) << test::textOf(store);
+    const Value::Dictionary contents = {
+        {"state", "text"}, {"other", Value::Dictionary{{"x", 1}, {"y", 2}}}, {"kept", 5}};
+    ASSERT_EQ(test::textOf((*store)->write(contents)), "");
+  }
+  auto suite = opened("changing");
   ASSERT_TRUE(suite);
-  const Value::Dictionary last = {{"a", 3}, {"c", 5}};
-  suite->setEntry("state", "a", 1);
-  suite->set("other", Value::Dictionary{{"x", 1}});
-  EXPECT_EQ(written(*suite), "");
-  suite->set("state", "text");
-  EXPECT_EQ(written(*suite), "");
-  suite->setEntry("state", "b", 2);
-  suite->set("state", Value::Dictionary{{"a", 3}, {"b", 4}});
-  suite->setEntry("state", "c", 5);
-  suite->setEntry("state", "b", Value());
+  EXPECT_EQ((*suite)["state"], Value("text"));
+  EXPECT_EQ(suite->entry("state", "a"), std::nullopt) << "it is no dictionary";
+  EXPECT_EQ(suite->entry("other", "x"), Value(1));
+  suite->setEntry("state", "gone", Value());
+  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{})) << "an empty one takes the place of the text";
   suite->setEntry("other", "x", Value());
-  suite->set("other", Value());
-  EXPECT_EQ((*suite)["state"], Value(last));
+  EXPECT_EQ(written(*suite), "");
+  suite->setEntry("state", "a", 1);
+  suite->setEntry("other", "y", 3);
+  suite->setEntry("state", "a", 4);
   EXPECT_EQ(written(*suite), "");
   suite.reset();
-  suite = opened("alternating");
+  suite = opened("changing");
   ASSERT_TRUE(suite);
-  EXPECT_EQ((*suite)["state"], Value(last));
-  EXPECT_TRUE((*suite)["other"].isAbsent());
+  EXPECT_EQ((*suite)["state"], Value(Value::Dictionary{{"a", 4}}));
+  EXPECT_EQ((*suite)["other"], Value(Value::Dictionary{{"y", 3}}));
+  EXPECT_EQ((*suite)["kept"], Value(5));
 }
 
 TEST(ASuite, ThatAnotherProcessHasOpenSaysSo) {
@@ -102,16 +89,15 @@ TEST(ASuite, ThatAnotherProcessHasOpenSaysSo) {
 TEST(ASuite, FindsWhatWasWrittenWhenItIsOpenedAgain) {
   auto suite = opened("com.tessaly.kelvane");
   ASSERT_TRUE(suite);
-  suite->set("kept", Value::Dictionary{{"a", "b"}});
-  suite->set("removed", true);
+  suite->setEntry("kept", "a", "b");
+  suite->setEntry("kept", "removed", true);
   EXPECT_EQ(written(*suite), "");
-  suite->set("removed", Value());
+  suite->setEntry("kept", "removed", Value());
   EXPECT_EQ(written(*suite), "");
   suite.reset();
   suite = opened("com.tessaly.kelvane");
   ASSERT_TRUE(suite);
-  EXPECT_EQ((*suite)["kept"]["a"], Value("b"));
-  EXPECT_TRUE((*suite)["removed"].isAbsent());
+  EXPECT_EQ((*suite)["kept"], Value(Value::Dictionary{{"a", "b"}}));
   EXPECT_TRUE(std::filesystem::is_directory("/var/lib/kelvane/preferences/com.tessaly.kelvane"));
 }
 
@@ -128,14 +114,14 @@ TEST(ASuite, IsWrittenBehindWhenNobodyWaitsForIt) {
   ASSERT_TRUE(suite);
   const int watch = inotify_init1(IN_CLOEXEC);
   ASSERT_GE(inotify_add_watch(watch, "/var/lib/kelvane/preferences/behind/slot-b", IN_MODIFY), 0);
-  suite->set("key", "value");
+  suite->setEntry("state", "key", "value");
   pollfd written = {watch, POLLIN, 0};
   ASSERT_EQ(poll(&written, 1, 30'000), 1);
   close(watch);
   suite.reset();  // Waits for the write to end.
   suite = opened("behind");
   ASSERT_TRUE(suite);
-  EXPECT_EQ((*suite)["key"], Value("value"));
+  EXPECT_EQ(suite->entry("state", "key"), Value("value"));
 }
 
 constexpr std::chrono::seconds patience{30};
@@ -213,29 +199,28 @@ TEST_F(WaitingCallers, ShareOneFlush) {
     EXPECT_EQ(test::textOf(outcome), "");
     answered.count_down();
   };
-  core_->set({.key = "first", .entry = {}, .value = true});
+  core_->set({.key = "state", .entry = "first", .value = true});
   core_->whenDurable(answer);
   flush.awaitBegin();
   for (int index = 0; index < count; ++index) {
-    core_->set({.key = std::to_string(index), .entry = {}, .value = index});
+    core_->set({.key = "state", .entry = std::to_string(index), .value = index});
     core_->whenDurable(answer);
   }
   flush.release();
   answered.wait();
   EXPECT_EQ(disk.flushes, 2) << "one for the first caller, one for all that set meanwhile";
   close();
-  const auto contents = openStore()->contents();
-  EXPECT_EQ(contents.size(), count + 1u);
+  EXPECT_EQ(openStore()->contents().at("state").dictionary()->size(), count + 1u);
 }
 
 TEST_F(WaitingCallers, AreNotAnsweredBeforeTheDiskHasTheirChange) {
   HeldFlush flush;
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   std::atomic<bool> isAnswered = false;
   core_->whenDurable([&](const PreferencesSuite::Outcome&) { isAnswered = true; });
   flush.awaitBegin();
   EXPECT_FALSE(isAnswered);
-  EXPECT_EQ(core_->value("key"), Value(1)) << "readers have it at once";
+  EXPECT_EQ(core_->entry("state", "key"), Value(1)) << "readers have it at once";
   flush.release();
   EXPECT_EQ(written(*core_), "");
   EXPECT_TRUE(isAnswered);
@@ -243,7 +228,7 @@ TEST_F(WaitingCallers, AreNotAnsweredBeforeTheDiskHasTheirChange) {
 
 TEST_F(WaitingCallers, PayNothingWhenNothingHasChanged) {
   EXPECT_EQ(written(*core_), "");
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   EXPECT_EQ(written(*core_), "");
   EXPECT_EQ(written(*core_), "");
   EXPECT_EQ(disk.flushes, 1);
@@ -251,7 +236,7 @@ TEST_F(WaitingCallers, PayNothingWhenNothingHasChanged) {
 
 TEST_F(WaitingCallers, LearnOfAFailureAndTheNextAttemptWritesAgain) {
   disk.fails = true;
-  core_->set({.key = "key", .entry = {}, .value = "value"});
+  core_->set({.key = "state", .entry = "key", .value = "value"});
   testing::internal::CaptureStderr();
   EXPECT_EQ(written(*core_), "flushing slot-b: Input/output error");
   EXPECT_EQ(written(*core_), "flushing slot-b: Input/output error");
@@ -259,11 +244,11 @@ TEST_F(WaitingCallers, LearnOfAFailureAndTheNextAttemptWritesAgain) {
   EXPECT_EQ(log.find("Unable to write the preferences suite: flushing slot-b: Input/output error"),
             log.rfind("Unable to write the preferences suite: flushing slot-b: Input/output error"));
   EXPECT_NE(log.find("Unable to write"), std::string::npos);
-  EXPECT_EQ(core_->value("key"), Value("value")) << "what was set stays in memory";
+  EXPECT_EQ(core_->entry("state", "key"), Value("value")) << "what was set stays in memory";
   disk.fails = false;
   EXPECT_EQ(written(*core_), "");
   close();
-  EXPECT_EQ(openStore()->contents().at("key"), Value("value"));
+  EXPECT_EQ(openStore()->contents().at("state")["key"], Value("value"));
 }
 
 TEST_F(WaitingCallers, AndSettersMayComeFromAnyThread) {
@@ -273,9 +258,9 @@ TEST_F(WaitingCallers, AndSettersMayComeFromAnyThread) {
   for (int index = 0; index < threads; ++index) {
     callers.emplace_back([this, index] {
       for (int round = 1; round <= rounds; ++round) {
-        core_->set({.key = std::to_string(index), .entry = {}, .value = round});
+        core_->set({.key = "state", .entry = std::to_string(index), .value = round});
         EXPECT_EQ(written(*core_), "");
-        EXPECT_EQ(core_->value(std::to_string(index)), Value(round));
+        EXPECT_EQ(core_->entry("state", std::to_string(index)), Value(round));
       }
     });
   }
@@ -285,7 +270,7 @@ TEST_F(WaitingCallers, AndSettersMayComeFromAnyThread) {
   close();
   const auto contents = openStore()->contents();
   for (int index = 0; index < threads; ++index) {
-    EXPECT_EQ(contents.at(std::to_string(index)), Value(rounds));
+    EXPECT_EQ(contents.at("state")[std::to_string(index)], Value(rounds));
   }
 }
 
@@ -293,7 +278,7 @@ TEST_F(WaitingCallers, GetTheRoomTheyAskForWhileOthersWrite) {
   constexpr int rounds = 20;
   std::thread writer([this] {
     for (int round = 0; round < rounds; ++round) {
-      core_->set({.key = "key", .entry = {}, .value = round});
+      core_->set({.key = "state", .entry = "key", .value = round});
       EXPECT_EQ(written(*core_), "");
     }
   });
@@ -315,28 +300,28 @@ Value::Dictionary leftBehind() {
 }
 
 TEST_F(WaitingCallers, HaveItHandedOverWithoutAFlush) {
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   EXPECT_TRUE(core_->handOver(patience));
   EXPECT_EQ(disk.flushes, 0);
-  EXPECT_EQ(leftBehind(), (Value::Dictionary{{"key", 1}}));
+  EXPECT_EQ(leftBehind(), (Value::Dictionary{{"state", Value::Dictionary{{"key", 1}}}}));
   EXPECT_EQ(disk.flushes, 0);
 }
 
 TEST_F(WaitingCallers, PayOnlyForTheFlushOfWhatWasHandedOver) {
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   EXPECT_TRUE(core_->handOver(patience));
   disk.writes = 0;
   EXPECT_TRUE(core_->handOver(patience));
   EXPECT_EQ(written(*core_), "");
   EXPECT_EQ(disk.writes, 0) << "a write that is cut off would take from a process's death what it was promised";
   EXPECT_EQ(disk.flushes, 1);
-  core_->set({.key = "key", .entry = {}, .value = 2});
+  core_->set({.key = "state", .entry = "key", .value = 2});
   EXPECT_TRUE(core_->handOver(patience));
   EXPECT_EQ(disk.writes, 1);
 }
 
 TEST_F(WaitingCallers, HaveItWrittenAgainAfterAFailedFlush) {
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   EXPECT_TRUE(core_->handOver(patience));
   disk.fails = true;
   EXPECT_NE(written(*core_), "");
@@ -346,12 +331,12 @@ TEST_F(WaitingCallers, HaveItWrittenAgainAfterAFailedFlush) {
   EXPECT_EQ(disk.writes, 1);
   EXPECT_EQ(written(*core_), "");
   close();
-  EXPECT_EQ(openStore()->contents().at("key"), Value(1));
+  EXPECT_EQ(openStore()->contents().at("state")["key"], Value(1));
 }
 
 TEST_F(WaitingCallers, OfAHandOverAreReleasedBeforeTheFlushThatFollows) {
   HeldFlush flush;
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   core_->whenDurable([](const PreferencesSuite::Outcome&) {});
   flush.awaitBegin();
   EXPECT_TRUE(core_->handOver(patience)) << "the flush has begun, so it is with the kernel";
@@ -361,10 +346,10 @@ TEST_F(WaitingCallers, OfAHandOverAreReleasedBeforeTheFlushThatFollows) {
 
 TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
   HeldFlush flush;
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   core_->whenDurable([](const PreferencesSuite::Outcome&) {});
   flush.awaitBegin();
-  core_->set({.key = "key", .entry = {}, .value = 2});
+  core_->set({.key = "state", .entry = "key", .value = 2});
   testing::internal::CaptureStderr();
   EXPECT_FALSE(core_->handOver(std::chrono::milliseconds(20)));
   // Any of these would not return if it waited.
@@ -376,7 +361,7 @@ TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
   EXPECT_EQ(log.find("keeps everybody"), log.rfind("keeps everybody"));
   flush.release();
   EXPECT_EQ(written(*core_), "");
-  core_->set({.key = "key", .entry = {}, .value = 3});
+  core_->set({.key = "state", .entry = "key", .value = 3});
   EXPECT_TRUE(core_->handOver(patience)) << "it answers again";
   EXPECT_EQ(test::textOf(core_->makeRoom(2 * limits::preferencesRoom, patience)), "");
   close();
@@ -403,7 +388,7 @@ TEST_F(WaitingCallers, FindTheLastOfManyChangesHoweverLongTheDiskTakes) {
 }
 
 TEST_F(WaitingCallers, FailOnceTheStoreIsClosed) {
-  core_->set({.key = "key", .entry = {}, .value = 1});
+  core_->set({.key = "state", .entry = "key", .value = 1});
   core_->close();
   EXPECT_EQ(written(*core_), "the store is closed");
 }
