@@ -6,6 +6,7 @@ import re
 import tempfile
 import unittest
 
+from caches import configuration
 from disk import MIB, Disk
 from machine import GUEST, Machine
 from mapped_disk import DMSETUP
@@ -25,12 +26,6 @@ LEVELS = """<plist version="1.0"><dict>
 <key>LowBytes</key><integer>20971520</integer></dict></dict></dict></plist>"""
 
 
-def configuration(identifier, directory, **keys):
-    more = " ".join(f"{key} = {value};" for key, value in keys.items())
-    return (f'{{ Identifier = "{identifier}"; User = "www-data"; {more} Directories = ({{ Path = "{directory}"; '
-            'Ages = (0, 0, 0, 0); MinimumAge = (0, 0, 0, 0); }); }')
-
-
 class Units(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -42,9 +37,10 @@ class Units(unittest.TestCase):
             cls.late, mounts={"/volumes/data": data},
             files={"/etc/kelvane/entitlements.d/caches.plist": RULES, "/etc/kelvane/volumes.plist": LEVELS,
                    "/System/Library/Kelvane/named.plist": DESCRIPTION,
-                   f"/etc/kelvane/directory-cache/{CACHE}.plist": configuration(CACHE, "/volumes/data/cache"),
+                   f"/etc/kelvane/directory-cache/{CACHE}.plist":
+                       configuration(CACHE, "/volumes/data/cache", user="www-data"),
                    f"/etc/kelvane/directory-cache/{NAMED}.plist":
-                       configuration(NAMED, "/volumes/data/named", Manner="Named"),
+                       configuration(NAMED, "/volumes/data/named", user="www-data", Manner="Named"),
                    MISDEEDS: GUEST / "misdeeds"}))
         cls.administrate(f"systemctl start kelvaned.service {CACHE_UNIT} kelvane-directory-cache@{NAMED}.socket")
 

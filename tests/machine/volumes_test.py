@@ -5,6 +5,7 @@ import json
 import tempfile
 import unittest
 
+from caches import configuration
 from disk import MIB, Disk
 from machine import Machine
 
@@ -18,11 +19,6 @@ def service(volume):
     return f"com.example.{volume}"
 
 
-def configuration(volume):
-    return (f'{{ Identifier = "{service(volume)}"; User = root; Directories = ({{ Path = "/volumes/{volume}/cache"; '
-            'Ages = (0, 0, 0, 0); MinimumAge = (0, 0, 0, 0); OthersMayWrite = YES; }); }')
-
-
 class Volumes(unittest.TestCase):
     """Each has files of a service of its own."""
 
@@ -32,7 +28,9 @@ class Volumes(unittest.TestCase):
         cls.disks = {name: Disk(directory, name, mib=64, kind="ext4") for name in ("hanging", "failing", "well")}
         for disk in cls.disks.values():
             cls.addClassCleanup(disk.close)
-        files = {f"/etc/kelvane/directory-cache/{service(name)}.plist": configuration(name) for name in cls.disks}
+        files = {f"/etc/kelvane/directory-cache/{service(name)}.plist":
+                 configuration(service(name), f"/volumes/{name}/cache", user="root", others_may_write="YES")
+                 for name in cls.disks}
         cls.machine = cls.enterClassContext(Machine(
             mounts={f"/volumes/{name}": disk for name, disk in cls.disks.items()},
             files={"/etc/kelvane/entitlements.d/caches.plist": ENTITLEMENTS, **files}))
