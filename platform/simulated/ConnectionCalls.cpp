@@ -2,6 +2,7 @@
 // The calls of one end of a simulated connection: which wait, which fail and which are sent.
 #include <algorithm>
 
+#include "platform/Archive.h"
 #include "platform/common/CallNames.h"
 #include "platform/simulated/IpcState.h"
 
@@ -15,6 +16,18 @@ constexpr char unwanted[] = "The call is not wanted any more";
 
 bool isWanted(const Connection::State::Call& call) {
   return !call.proxy->wanted || call.proxy->wanted();
+}
+
+/// What a call counts for among those that wait beyond the limit, in bytes: about what it has on the wire.
+std::size_t waitingBytes(const Message& message) {
+  std::size_t bytes = 0;
+  if (message.operation->beyondLimit == BeyondLimit::Waits) {
+    for (const auto& argument : message.arguments) {
+      const Value* value = std::get_if<Value>(&argument);
+      bytes += value != nullptr ? archive::sizeOf(*value).bytes : 0;
+    }
+  }
+  return bytes;
 }
 
 }  // namespace
@@ -52,16 +65,28 @@ void Connection::State::sendUnsent() {
   }
 }
 
-void Connection::State::makeRoomFor(const Message& message) {
+/// Whether more would wait with the message than may.
+bool Connection::State::isTooMuch(const Message& message) const {
   const int most = remoteInterface->maximumOutstandingCalls + remoteInterface->maximumWaitingCalls;
-  if (remoteInterface->maximumWaitingCalls == 0 || !isFull() || calls.size() < static_cast<std::size_t>(most)) {
-    return;
+  if (remoteInterface->maximumWaitingCalls != 0 && isFull() && calls.size() >= static_cast<std::size_t>(most)) {
+    return true;
   }
+  std::size_t bytes = waitingBytes(message);
+  for (const Message& other : unsent) {
+    bytes += waitingBytes(other);
+  }
+  return remoteInterface->maximumWaitingBytes != 0 && bytes > remoteInterface->maximumWaitingBytes;
+}
+
+void Connection::State::makeRoomFor(const Message& message) {
   const auto names = callNames(message.arguments);
-  const auto earlier = std::find_if(unsent.begin(), unsent.end(), [&](const Message& other) {
-    return other.operation == message.operation && callNames(other.arguments) == names;
-  });
-  if (earlier != unsent.end()) {
+  while (isTooMuch(message)) {
+    const auto earlier = std::find_if(unsent.begin(), unsent.end(), [&](const Message& other) {
+      return other.operation == message.operation && callNames(other.arguments) == names;
+    });
+    if (earlier == unsent.end()) {
+      return;
+    }
     drop(earlier->serial, "A later one has taken its place");
   }
 }

@@ -121,6 +121,7 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
 
  private:
   bool isFull() const;
+  bool isTooMuch(const simulated::Message& message) const;
   void makeRoomFor(const simulated::Message& message);
   void dropUnwanted();
   void drop(std::uint64_t serial, const char* why);

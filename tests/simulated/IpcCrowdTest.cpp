@@ -24,8 +24,8 @@ class Crowd {
   explicit Crowd(Simulation& simulation) : simulation_(simulation) { caller_.connection().resume(); }
 
   const Caller& caller() const { return caller_; }
-  void tell(int number, const std::string& name = "name") {
-    caller_.call(ipcTesting::tell, {Value(Value::Dictionary{{name, number}})});
+  void tell(const Value& value, const std::string& name = "name") {
+    caller_.call(ipcTesting::tell, {Value(Value::Dictionary{{name, value}})});
   }
   /// What has reached the service and is unanswered.
   std::vector<std::string> arrived() {
@@ -98,6 +98,27 @@ TEST(CallsThatWaitBeyondTheLimit, GiveWayToALaterOneOfTheirNamesWhenTooManyWait)
     EXPECT_THAT(crowd.arrived(), ElementsAre("{ b = 4; }", "{ a = 5; }"));
     crowd.answerAll();
     EXPECT_THAT(crowd.arrived(), ElementsAre("{ a = 6; }", "{ c = 7; }"));
+  });
+}
+
+TEST(CallsThatWaitBeyondTheLimit, GiveWayToALaterOneOfTheirNamesWhenTheirBytesAreTooMany) {
+  underManySchedules([](Simulation& simulation) {
+    Crowd crowd(simulation);
+    crowd.tell(1, "sent");
+    crowd.tell(2, "sent");
+    crowd.tell(std::string(1500, 'p'), "a");
+    crowd.tell(std::string(1500, 'q'), "b");
+    EXPECT_THAT(crowd.caller().events(), IsEmpty());
+    crowd.tell(std::string(1500, 'r'), "a");
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ sent = 1; }", "{ sent = 2; }"));
+    EXPECT_THAT(crowd.caller().events(), ElementsAre("error"));
+    crowd.tell(std::string(1500, 's'), "c");
+    EXPECT_THAT(crowd.arrived(), ElementsAre("{ sent = 1; }", "{ sent = 2; }"));
+    EXPECT_THAT(crowd.caller().events(), ElementsAre("error")) << "nothing of its name is there to give way";
+    crowd.answerAll();
+    EXPECT_THAT(crowd.arrived(), ElementsAre(testing::HasSubstr("qqq"), testing::HasSubstr("rrr")));
+    crowd.answerAll();
+    EXPECT_THAT(crowd.arrived(), ElementsAre(testing::HasSubstr("sss")));
   });
 }
 

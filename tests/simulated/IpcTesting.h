@@ -35,7 +35,8 @@ inline constexpr ipc::Interface limitedInterface = {.objectPath = interface.obje
                                                     .name = interface.name,
                                                     .operations = operations,
                                                     .maximumOutstandingCalls = 2,
-                                                    .maximumWaitingCalls = 3};
+                                                    .maximumWaitingCalls = 3,
+                                                    .maximumWaitingBytes = 4096};
 
 inline void answerWithArgument(const ipc::Request& request) {
   request.reply.send(request.value(0));
