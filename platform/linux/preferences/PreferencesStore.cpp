@@ -325,11 +325,6 @@ Result<> PreferencesStore::makeRoom(std::size_t bytes) {
   return {};
 }
 
-Result<> PreferencesStore::write(const Value& contents) {
-  auto written = handOver(contents);
-  return written ? flush() : written;
-}
-
 Result<> PreferencesStore::handOver(const Value& contents) {
   const auto encoded = propertyList::writeBinary(contents, bounds);
   if (const auto* error = std::get_if<propertyList::Error>(&encoded)) {

@@ -18,7 +18,7 @@
 namespace kelvane {
 
 /// A directory with two slot files, written in turn. At every moment one of them holds, on disk, the last
-/// contents that write() reported as written, and the other is the one that may be changed. One whose files are removed
+/// contents that flush() reported as written, and the other is the one that may be changed. One whose files are removed
 /// or replaced while it is open is made anew by the next write, and what is in its place kept aside. Not safe for
 /// concurrent use; locked against other processes while it is open, with all stores of its directory.
 class PreferencesStore {
@@ -40,12 +40,10 @@ class PreferencesStore {
   /// Brings the room to at least so many bytes. The contents are as they were in any case.
   Result<> makeRoom(std::size_t bytes);
 
-  /// Replaces the contents, durably when it succeeds. Otherwise, for instance when they do not fit into
-  /// limits::preferencesBytes, the old contents are what a later opening finds, unless the new got through all the
-  /// same, and nothing of the failed write is relied on again.
-  Result<> write(const Value& contents);
-  /// The two halves of it. What was handed over outlives this process, but not the system; what was handed over and
-  /// then flushed outlives both.
+  /// The two halves of a write, which replaces the contents. What was handed over outlives this process, but not the
+  /// system; what was handed over and then flushed outlives both. When either fails, for instance because the contents
+  /// do not fit into limits::preferencesBytes, the old ones are what a later opening finds, unless the new got through
+  /// all the same, and nothing of the failed write is relied on again.
   Result<> handOver(const Value& contents);
   Result<> flush();
   /// Whether flush() has something that it may rely on.

@@ -14,6 +14,7 @@
 #include "platform/Limits.h"
 #include "platform/linux/preferences/PreferencesStore.h"
 #include "tests/harness/ResultText.h"
+#include "tests/linux/preferences/StoreTesting.h"
 #include "tests/linux/testing/LoopDisk.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
@@ -21,6 +22,7 @@ namespace kelvane {
 namespace {
 
 using test::textOf;
+using test::writeTo;
 
 const std::string disk = "/mnt/disk";
 
@@ -60,31 +62,31 @@ TEST_F(AFullDisk, TakesWhatFitsIntoTheRoomKept) {
   ASSERT_TRUE(store);
   fill();
   for (std::size_t length = 1; length < most; length += 100'000) {
-    ASSERT_EQ(textOf(store->write(dictionary(length, 'x'))), "") << length;
+    ASSERT_EQ(textOf(writeTo(*store, dictionary(length, 'x'))), "") << length;
   }
-  ASSERT_EQ(textOf(store->write(dictionary(most, 'y'))), "");
+  ASSERT_EQ(textOf(writeTo(*store, dictionary(most, 'y'))), "");
   store.reset();
   store = openStore();
   ASSERT_TRUE(store) << "opening needs no space either";
   EXPECT_EQ(store->contents(), dictionary(most, 'y'));
-  EXPECT_EQ(textOf(store->write(dictionary(most, 'z'))), "");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary(most, 'z'))), "");
 }
 
 TEST_F(AFullDisk, LosesNothingWhenItRefusesMore) {
   constexpr std::size_t more = 2 * limits::preferencesRoom;
   auto store = openStore();
-  ASSERT_EQ(textOf(store->write(dictionary(1000, 'a'))), "");
+  ASSERT_EQ(textOf(writeTo(*store, dictionary(1000, 'a'))), "");
   fill();
   EXPECT_EQ(textOf(store->makeRoom(more)), "writing slot-a: No space left on device");
   for (int count = 0; count < 3; ++count) {
-    EXPECT_EQ(textOf(store->write(dictionary(more, 'b'))), "writing slot-a: No space left on device");
+    EXPECT_EQ(textOf(writeTo(*store, dictionary(more, 'b'))), "writing slot-a: No space left on device");
   }
   store.reset();
   store = openStore();
   ASSERT_TRUE(store);
   EXPECT_EQ(store->contents(), dictionary(1000, 'a'));
   std::filesystem::remove(disk + "/" + filling);
-  EXPECT_EQ(textOf(store->write(dictionary(more, 'b'))), "") << "with space again it goes on";
+  EXPECT_EQ(textOf(writeTo(*store, dictionary(more, 'b'))), "") << "with space again it goes on";
 }
 
 TEST_F(AFullDisk, TakesWhatRoomWasMadeForBefore) {
@@ -92,8 +94,8 @@ TEST_F(AFullDisk, TakesWhatRoomWasMadeForBefore) {
   const auto store = openStore();
   ASSERT_EQ(textOf(store->makeRoom(more)), "");
   fill();
-  EXPECT_EQ(textOf(store->write(dictionary(more - 100, 'c'))), "");
-  EXPECT_EQ(textOf(store->write(dictionary(more - 100, 'd'))), "");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary(more - 100, 'c'))), "");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary(more - 100, 'd'))), "");
 }
 
 TEST_F(AFullDisk, HasNoRoomForANewStore) {

@@ -24,6 +24,7 @@
 
 #include "platform/Limits.h"
 #include "tests/harness/ResultText.h"
+#include "tests/linux/preferences/StoreTesting.h"
 #include "tests/linux/testing/Eventually.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
@@ -33,6 +34,7 @@ namespace {
 using test::readFile;
 using test::textOf;
 using test::writeFile;
+using test::writeTo;
 
 const std::string directory = "/mnt/preferences";
 const std::string slotA = directory + "/suite/slot-a";
@@ -81,7 +83,7 @@ class AStore : public testing::Test {
     const auto store = open();
     ASSERT_TRUE(store);
     for (const std::string& text : texts) {
-      ASSERT_EQ(textOf(store->write(dictionary(text))), "");
+      ASSERT_EQ(textOf(writeTo(*store, dictionary(text))), "");
     }
   }
   static bool isAside(int number) {
@@ -170,8 +172,8 @@ TEST_F(AStore, RefusesMoreThanTheLimit) {
   write({"kept"});
   const auto store = open();
   const std::string most(limits::preferencesBytes - 100, 'x');
-  EXPECT_NE(textOf(store->write(dictionary(std::string(limits::preferencesBytes, 'x')))), "");
-  EXPECT_EQ(textOf(store->write(dictionary(most))), "");
+  EXPECT_NE(textOf(writeTo(*store, dictionary(std::string(limits::preferencesBytes, 'x')))), "");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary(most))), "");
 }
 
 TEST_F(AStore, ReadsTheLargestContentsBack) {
@@ -182,7 +184,7 @@ TEST_F(AStore, ReadsTheLargestContentsBack) {
 
 TEST_F(AStore, RefusesWhatIsNoPropertyList) {
   const auto store = open();
-  EXPECT_NE(textOf(store->write({{"key", Value::Array{Value()}}})), "");
+  EXPECT_NE(textOf(writeTo(*store, {{"key", Value::Array{Value()}}})), "");
 }
 
 TEST_F(AStore, IsOpenOnceAtATime) {
@@ -366,14 +368,14 @@ TEST_F(AStore, FillsHolesBeforeItReliesOnThem) {
 
 TEST_F(AStore, WritesAgainToTheSameSlotAfterAFailedFlush) {
   auto store = open();
-  ASSERT_EQ(textOf(store->write(dictionary("acknowledged"))), "");
+  ASSERT_EQ(textOf(writeTo(*store, dictionary("acknowledged"))), "");
   const std::string good = readFile(slotB);
   failingFlushes = 1;
-  EXPECT_EQ(textOf(store->write(dictionary("lost"))), "flushing slot-a: Input/output error");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary("lost"))), "flushing slot-a: Input/output error");
   // What the flush did not write may be gone from memory too, although the next flush succeeds.
   writeFile(slotA, std::string(limits::preferencesRoom, '\0'));
   EXPECT_EQ(readFile(slotB), good) << "the good record is left alone";
-  EXPECT_EQ(textOf(store->write(dictionary("written again"))), "");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary("written again"))), "");
   EXPECT_EQ(readFile(slotB), good);
   store.reset();
   EXPECT_EQ(storedText(), "written again");
@@ -386,10 +388,10 @@ TEST_F(AStore, ChangesNeitherSlotWhileTheNewestCannotBeFlushed) {
   failingFlushes = 2;
   const auto store = open();
   ASSERT_TRUE(store);
-  EXPECT_EQ(textOf(store->write(dictionary("refused"))), "flushing slot-a: Input/output error");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary("refused"))), "flushing slot-a: Input/output error");
   EXPECT_EQ(readFile(slotA), newer) << "it may be the newest on disk";
   EXPECT_EQ(readFile(slotB), older) << "it may be the only one on disk";
-  EXPECT_EQ(textOf(store->write(dictionary("newest"))), "");
+  EXPECT_EQ(textOf(writeTo(*store, dictionary("newest"))), "");
   EXPECT_EQ(readFile(slotA), newer);
 }
 

@@ -19,6 +19,7 @@
 #include "platform/linux/preferences/Paths.h"
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
 #include "tests/harness/ResultText.h"
+#include "tests/linux/preferences/StoreTesting.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
@@ -58,7 +59,7 @@ TEST(ASuite, WritesEveryChangeOverWhateverWasThere) {
     ASSERT_TRUE(store) << test::textOf(store);
     const Value::Dictionary contents = {
         {"state", "text"}, {"other", Value::Dictionary{{"x", 1}, {"y", 2}}}, {"kept", 5}};
-    ASSERT_EQ(test::textOf((*store)->write(contents)), "");
+    ASSERT_EQ(test::textOf(test::writeTo(**store, contents)), "");
   }
   auto suite = opened("changing");
   ASSERT_TRUE(suite);

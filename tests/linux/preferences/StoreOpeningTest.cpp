@@ -16,6 +16,7 @@
 #include <string>
 
 #include "tests/harness/ResultText.h"
+#include "tests/linux/preferences/StoreTesting.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
@@ -24,6 +25,7 @@ namespace {
 using test::readFile;
 using test::textOf;
 using test::writeFile;
+using test::writeTo;
 
 const std::string directory = "/mnt/opening/preferences";
 const std::string slotA = directory + "/suite/slot-a";
@@ -70,7 +72,7 @@ class AStoreOpenedInTime : public testing::Test {
     const auto store = open();
     ASSERT_TRUE(store) << textOf(store);
     for (const std::string& text : texts) {
-      ASSERT_EQ(textOf((*store)->write(Value::Dictionary{{"key", text}})), "");
+      ASSERT_EQ(textOf(writeTo(**store, Value::Dictionary{{"key", text}})), "");
     }
   }
   static Value storedText() {
@@ -107,7 +109,7 @@ TEST_F(AStoreOpenedInTime, IsTheOneThatIsThere) {
   auto store = openInTime(*probe_, directory, "suite");
   ASSERT_TRUE(store) << textOf(store);
   EXPECT_EQ((*store)->contents().at("key"), Value("two"));
-  EXPECT_EQ(textOf((*store)->write(Value::Dictionary{{"key", "three"}})), "") << "it is whole";
+  EXPECT_EQ(textOf(writeTo(**store, Value::Dictionary{{"key", "three"}})), "") << "it is whole";
   EXPECT_EQ(open().failure().number, EBUSY);
   EXPECT_EQ(openInTime(*probe_, directory, "suite").failure().number, EBUSY);
   *store = nullptr;

@@ -14,6 +14,7 @@
 #include "platform/linux/preferences/PreferencesStore.h"
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
 #include "tests/harness/ResultText.h"
+#include "tests/linux/preferences/StoreTesting.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
@@ -22,6 +23,7 @@ namespace {
 using test::readFile;
 using test::textOf;
 using test::writeFile;
+using test::writeTo;
 
 const std::string above = "/mnt/removal";
 const std::string directory = above + "/preferences";
@@ -45,13 +47,13 @@ class ARemovedStore : public testing::Test {
     auto store = PreferencesStore::open(directory, "suite");
     EXPECT_TRUE(store) << textOf(store);
     store_ = *std::move(store);
-    EXPECT_EQ(textOf(store_->write(dictionary("before"))), "");
+    EXPECT_EQ(textOf(writeTo(*store_, dictionary("before"))), "");
   }
 
   /// What a write logs, which has to go well.
   std::string logOfWriting(const std::string& text) {
     testing::internal::CaptureStderr();
-    EXPECT_EQ(textOf(store_->write(dictionary(text))), "");
+    EXPECT_EQ(textOf(writeTo(*store_, dictionary(text))), "");
     return testing::internal::GetCapturedStderr();
   }
 
@@ -132,20 +134,20 @@ TEST_F(ARemovedStore, IsNotMadeAnewWhereAnotherProcessHasOne) {
   {
     const auto other = PreferencesStore::open(directory, "suite");
     ASSERT_TRUE(other) << textOf(other);
-    EXPECT_EQ(store_->write(dictionary("refused")).failure().number, EBUSY);
+    EXPECT_EQ(writeTo(*store_, dictionary("refused")).failure().number, EBUSY);
   }
   std::filesystem::remove_all("/mnt/elsewhere");
-  EXPECT_EQ(textOf(store_->write(dictionary("after"))), "");
+  EXPECT_EQ(textOf(writeTo(*store_, dictionary("after"))), "");
 }
 
 TEST_F(ARemovedStore, CannotBeWrittenForAsLongAsItCannotBeMade) {
   std::filesystem::remove_all(above);
   writeFile(above, "in the way");
   for (int count = 0; count < 2; ++count) {
-    EXPECT_EQ(textOf(store_->write(dictionary("refused"))), "making " + directory + ": Not a directory");
+    EXPECT_EQ(textOf(writeTo(*store_, dictionary("refused"))), "making " + directory + ": Not a directory");
   }
   std::filesystem::remove(above);
-  EXPECT_EQ(textOf(store_->write(dictionary("after"))), "");
+  EXPECT_EQ(textOf(writeTo(*store_, dictionary("after"))), "");
   store_.reset();
   EXPECT_EQ(storedText(), Value("after"));
 }
