@@ -187,7 +187,7 @@ class DescribedService(ActivationTest):
                             "/bin/false")
         self.await_listening(broken)
         status, report = self.purge(volume, "2M", "--urgency=1", "--timeout=1")
-        self.assertEqual((1, "short", 0), (status, report["ending"], report["freed"]))
+        self.assertEqual((1, "no-services", 0), (status, report["ending"], report["freed"]))
         self.assertEqual(1, broken.wait())
         self.assertTrue(daemon.is_running())
         # Mended, it is started.

@@ -79,7 +79,7 @@ class Failures(SystemTest):
         self.assertLess(time.monotonic() - begin, 20)
         _, errors = client.communicate()
         self.assertEqual(3, client.returncode)
-        self.assertIn("connection to the daemon lost", errors)
+        self.assertIn("the connection to the daemon was lost", errors)
 
     def test_services_check_in_again_when_the_daemon_is_back(self):
         self.daemon.send(signal.SIGKILL)
