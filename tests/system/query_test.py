@@ -112,6 +112,14 @@ class Queries(ClientTest):
         self.assertEqual(8 * MIB, totals[str(self.data)])
         self.assertIn(str(other), totals)
 
+    def test_go_to_all_but_one_whose_name_is_no_text(self):
+        self.start_all()
+        self.volume("\udcff")
+        report = json.loads(self.ctl("purgeable", "--json", status=4, words=r"/volumes/\xff is no volume"))
+        self.assertEqual("refused", report["ending"])
+        self.assertIn(str(self.data), [volume["volume"] for volume in report["volumes"]])
+        self.assertIn(str(self.data), self.ctl("purgeable", status=4))
+
     def test_go_to_several_volumes(self):
         self.start_all()
         other = self.volume("other")

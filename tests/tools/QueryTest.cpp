@@ -180,5 +180,19 @@ TEST(AQuery, BearsAnswersOfTheWrongTypes) {
   EXPECT_EQ(none.total, 0);
 }
 
+TEST(AQuery, GoesOnWithOtherVolumesWhereOneIsRefused) {
+  for (const Ending ending : {Ending::Refused, Ending::Failed}) {
+    ScriptedSite site({{10ms, RequestFailure{ending, "first"}},
+                       {10ms, RequestFailure{ending, "second"}},
+                       {10ms, answer({{"maps", 30}}, 30)}});
+    const QueryReport report = askForSpace({{"/one", "/two", "/data"}, {}}, site);
+    ASSERT_EQ(report.volumes.size(), 1U);
+    EXPECT_EQ(report.volumes[0].volume, "/data");
+    ASSERT_TRUE(report.failure);
+    EXPECT_EQ(report.failure->ending, ending);
+    EXPECT_EQ(report.failure->detail, "first");
+  }
+}
+
 }  // namespace
 }  // namespace kelvane::ctl

@@ -76,11 +76,18 @@ std::optional<RequestFailure> askAgain(QueryReport& report, std::vector<std::siz
 QueryReport askForSpace(const QueryOrder& order, QuerySite& site) {
   QueryReport report;
   std::vector<std::size_t> growing;
+  std::optional<RequestFailure> unasked;
   for (const std::string& volume : order.volumes) {
     auto figures = ask(volume, order, site);
     if (auto* failure = std::get_if<RequestFailure>(&figures)) {
-      report.failure = std::move(*failure);
-      return report;
+      if (failure->ending != Ending::Refused && failure->ending != Ending::Failed) {
+        report.failure = std::move(*failure);
+        return report;
+      }
+      if (!unasked) {
+        unasked = std::move(*failure);
+      }
+      continue;
     }
     report.volumes.push_back(std::get<VolumeFigures>(std::move(figures)));
     if (!report.volumes.back().isComplete) {
@@ -91,6 +98,9 @@ QueryReport askForSpace(const QueryOrder& order, QuerySite& site) {
   while (!growing.empty() && !report.failure && site.now() + interval <= end) {
     report.failure = site.pause(interval) ? askAgain(report, growing, order, site)
                                           : std::optional(RequestFailure{Ending::Interrupted, ""});
+  }
+  if (!report.failure) {
+    report.failure = std::move(unasked);
   }
   return report;
 }

@@ -56,7 +56,9 @@ class QuerySite {
 
 /// Asks for each volume in turn. The daemon does not wait long, and what a service answers later counts the next time;
 /// so this asks again, a few times, where somebody had not answered and the figures grew since the time before. It
-/// begins nothing more than 3 seconds after the first answers. A failure ends it; what was told before that stands.
+/// begins nothing more than 3 seconds after the first answers. One volume that the daemon refuses (its name may be
+/// no text that a request can carry) keeps no other from being asked. Any other failure ends it; what was told before
+/// that stands.
 QueryReport askForSpace(const QueryOrder& order, QuerySite& site);
 
 }  // namespace kelvane::ctl
