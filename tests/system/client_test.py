@@ -140,6 +140,23 @@ class Kelvanectl(SystemTest):
         self.assertEqual(0, status)
         self.assertNotIn("[y/N]", shown)
 
+    def test_counts_nothing_that_another_volume_in_its_place_has(self):
+        data = self.start_all()
+        hold(self.service)
+        ours, theirs = pty.openpty()
+        self.addCleanup(os.close, ours)
+        command = [str(part) for part in (KELVANECTL, "purge", data, "2M", "--urgency=1", "--timeout=300")]
+        with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=theirs) as client:
+            os.close(theirs)
+            shown = b""
+            while b"]    0 %  0 B of 2.0 MiB" not in shown:
+                shown += os.read(ours, 4096)
+            data.must_run("mount", "-t", "tmpfs", "-o", "size=200M", "tmpfs", data.path)
+            self.addCleanup(run, "umount", "--lazy", data.path)
+            self.service.send(signal.SIGCONT)
+            output, _ = client.communicate()
+            self.assertEqual(1, client.returncode, output)
+
     def interrupt(self, number):
         """In a purge that one service has done its share of, and the other holds."""
         data = self.start_all()

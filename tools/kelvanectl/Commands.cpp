@@ -37,15 +37,16 @@ std::function<void()> progressOf(const PurgeOrder& order) {
     return nullptr;
   }
   const auto start = std::chrono::steady_clock::now();
-  return [before = before->available, start, order, last = before->available]() mutable {
+  return [before = *before, start, order, last = before->available]() mutable {
     winsize size{};
     const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-    if (const auto now = volumes::space(order.volume)) {
+    if (const auto now = volumes::space(order.volume); now && now->fileSystem == before.fileSystem) {
       last = now->available;
     }
     const auto elapsed = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start);
     fmt::print(stderr, "\r{}{}",
-               progressLine(last > before ? last - before : 0, order.bytes, elapsed, known ? size.ws_col : 80),
+               progressLine(last > before.available ? last - before.available : 0, order.bytes, elapsed,
+                            known ? size.ws_col : 80),
                eraseToEnd);
   };
 }

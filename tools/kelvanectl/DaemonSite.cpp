@@ -49,7 +49,11 @@ Outcome DaemonSite::purge(const Value& info) {
 
 std::optional<std::uint64_t> DaemonSite::available() {
   const auto space = volumes::space(volume_);
-  return space ? std::optional(space->available) : std::nullopt;
+  if (!space || space->fileSystem != fileSystem_.value_or(space->fileSystem)) {
+    return std::nullopt;
+  }
+  fileSystem_ = space->fileSystem;
+  return space->available;
 }
 
 Outcome sendCancel(const Value& token) {

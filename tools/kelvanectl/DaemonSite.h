@@ -2,7 +2,9 @@
 // The real daemon and a mounted volume.
 #pragma once
 
+#include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "support/KelvaneClient.h"
@@ -20,6 +22,7 @@ class DaemonSite : public PurgeSite {
 
   /// Ends early when the process is interrupted: then it has told the daemon to cancel.
   Outcome purge(const Value& info) override;
+  /// Of the file system that answered first: what another one in its place has was not gained.
   std::optional<std::uint64_t> available() override;
 
  private:
@@ -27,6 +30,7 @@ class DaemonSite : public PurgeSite {
   const Interruption& interruption_;
   const std::function<void()> progress_;
   const KelvaneClient client_;
+  std::optional<std::uint64_t> fileSystem_;
 };
 
 /// Tells the daemon that a purge is not wanted any more and waits a moment for its answer.

@@ -19,7 +19,7 @@ class PurgeSite {
   virtual ~PurgeSite() = default;
   /// Sends one purge request and waits for the daemon's answer, absent for none.
   virtual Outcome purge(const Value& info) = 0;
-  /// Bytes of the volume that are available now; none when it does not answer.
+  /// Bytes of the volume that are available now; none when it does not answer, or is another one by now.
   virtual std::optional<std::uint64_t> available() = 0;
 };
 
