@@ -7,6 +7,7 @@
 #include <variant>
 #include <vector>
 
+#include "platform/Result.h"
 #include "platform/Value.h"
 
 namespace kelvane::files {
@@ -24,5 +25,9 @@ struct Error {
 /// A regular file's contents; an error for anything else (FIFOs and devices are not opened), for what
 /// cannot be read and for more than maximumBytes.
 [[nodiscard]] std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes);
+
+/// The one name without links, "." or ".." of what a path leads to. A failure when there is nothing, or it can't be
+/// found out.
+[[nodiscard]] Result<std::string> realPath(const std::string& path);
 
 }  // namespace kelvane::files

@@ -2,6 +2,9 @@
 // Files in memory.
 #include "platform/simulated/SimulatedFiles.h"
 
+#include <cerrno>
+#include <utility>
+
 #include "platform/simulated/SimulatedCalls.h"
 
 namespace kelvane {
@@ -63,7 +66,7 @@ void Files::remove(const std::string& path) {
 
 std::vector<std::string> Files::entriesBeneath(const std::string& directory) const {
   std::vector<std::string> entries;
-  const Node* node = find(directory);
+  const Node* node = find(directory).node;
   if (node != nullptr && node->kind == Node::Kind::Directory) {
     collect(*node, "", entries);
   }
@@ -71,7 +74,7 @@ std::vector<std::string> Files::entriesBeneath(const std::string& directory) con
 }
 
 std::variant<Data, files::Error> Files::read(const std::string& path, std::size_t maximumBytes) const {
-  const Node* node = find(path);
+  const Node* node = find(path).node;
   if (node == nullptr) {
     return files::Error{.text = "No such file or directory", .isMissing = true};
   }
@@ -88,6 +91,12 @@ std::variant<Data, files::Error> Files::read(const std::string& path, std::size_
     return files::Error{.text = "File too large"};
   }
   return node->contents;
+}
+
+Result<std::string> Files::realPath(const std::string& path) const {
+  Found found = find(path);
+  return found.node != nullptr ? Result<std::string>(std::move(found.path))
+                               : Failure{.number = ENOENT, .tried = "looking for " + path};
 }
 
 Files::Node& Files::make(const std::string& path, Node::Kind kind) {
@@ -113,18 +122,20 @@ Files::Node& Files::nodeAt(const std::vector<std::string>& components) {
   return *node;
 }
 
-const Files::Node* Files::find(const std::string& path, int linksLeft) const {
+Files::Found Files::find(const std::string& path, int linksLeft) const {
   const Node* node = &root_;
+  std::string real;
   const std::vector<std::string> components = componentsOf(path);
   for (std::size_t index = 0; index < components.size(); ++index) {
     const auto entry = node->entries.find(components[index]);
     if (entry == node->entries.end()) {
-      return nullptr;
+      return {};
     }
     node = &entry->second;
+    real += "/" + components[index];
     if (node->kind == Node::Kind::Link) {
       if (linksLeft == 0) {
-        return nullptr;
+        return {};
       }
       std::string target = node->target;
       for (std::size_t rest = index + 1; rest < components.size(); ++rest) {
@@ -133,7 +144,7 @@ const Files::Node* Files::find(const std::string& path, int linksLeft) const {
       return find(target, linksLeft - 1);
     }
   }
-  return node;
+  return {node, real.empty() ? "/" : real};
 }
 
 void Files::collect(const Node& directory, const std::string& prefix, std::vector<std::string>& entries) {
@@ -156,6 +167,10 @@ std::vector<std::string> files::entriesBeneath(const std::string& directory) {
 
 std::variant<Data, files::Error> files::read(const std::string& path, std::size_t maximumBytes) {
   return simulated::world().files.read(path, maximumBytes);
+}
+
+Result<std::string> files::realPath(const std::string& path) {
+  return simulated::world().files.realPath(path);
 }
 
 }  // namespace kelvane

@@ -30,6 +30,7 @@ class Files {
 
   std::vector<std::string> entriesBeneath(const std::string& directory) const;
   std::variant<Data, files::Error> read(const std::string& path, std::size_t maximumBytes) const;
+  Result<std::string> realPath(const std::string& path) const;
 
  private:
   struct Node {
@@ -42,8 +43,13 @@ class Files {
   Node& make(const std::string& path, Node::Kind kind);
   /// Follows no links; stops the process when there is nothing.
   Node& nodeAt(const std::vector<std::string>& components);
-  /// Follows links; null when there is nothing at the path.
-  const Node* find(const std::string& path, int linksLeft = 8) const;
+  struct Found {
+    /// Null when there is nothing at the path.
+    const Node* node = nullptr;
+    std::string path;
+  };
+  /// Follows links.
+  Found find(const std::string& path, int linksLeft = 8) const;
   static void collect(const Node& directory, const std::string& prefix, std::vector<std::string>& entries);
 
   Node root_;

@@ -182,6 +182,9 @@ TEST(ALinkToADirectory, IsFollowedAtTheTop) {
   EXPECT_EQ(files::entriesBeneath("/library"), (Texts{"a.plist"}));
   EXPECT_THAT(files::entriesBeneath("/endless"), IsEmpty());
   EXPECT_EQ(std::get<Data>(files::read("/library/a.plist", 10)), Data{'a'});
+  EXPECT_EQ(*files::realPath("/library//a.plist"), "/elsewhere/a.plist");
+  EXPECT_EQ(*files::realPath("/"), "/");
+  EXPECT_FALSE(files::realPath("/endless"));
 }
 
 TEST(Reading, GivesTheContentsOfARegularFileOrAnError) {

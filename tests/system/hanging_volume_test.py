@@ -3,7 +3,7 @@
 
 import unittest
 
-from kelvane_system import MIB, SystemTest
+from kelvane_system import KELVANECTL, MIB, SystemTest, until
 
 
 class Hanging(SystemTest):
@@ -22,6 +22,16 @@ class Hanging(SystemTest):
         self.assertTrue(client.is_running())
         volume.resume()
         self.assertEqual(0, client.wait())
+
+    def test_is_told_of_by_a_command_with_a_path_in_it(self):
+        self.start_daemon()
+        volume = self.hanging_volume()
+        volume.hang()
+        client = self.start("kelvanectl", KELVANECTL, "purge", volume.path / "inside", "1M")
+        until(lambda: "no such volume: /volumes/hanging/inside: Connection timed out" in client.log(), "an error")
+        # A process can't end before its threads have.
+        volume.resume()
+        self.assertEqual(5, client.wait())
 
 
 if __name__ == "__main__":

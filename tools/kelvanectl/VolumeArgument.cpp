@@ -7,30 +7,29 @@
 #include <filesystem>
 #include <system_error>
 
+#include "platform/Files.h"
 #include "platform/Volumes.h"
 
 namespace kelvane::ctl {
 
 std::variant<std::string, VolumeError> resolveVolume(const std::string& path) {
-  namespace fs = std::filesystem;
-  std::error_code error;
-  const fs::path real = fs::canonical(path, error);
-  if (error) {
-    return VolumeError{fmt::format("no such volume: {}: {}", path, error.message())};
+  const auto real = files::realPath(path);
+  if (!real) {
+    return VolumeError{
+        fmt::format("no such volume: {}: {}", path, std::generic_category().message(real.failure().number))};
   }
-  if (volumes::isUsable(real.string())) {
-    return real.string();
+  if (volumes::isUsable(*real)) {
+    return *real;
   }
-  for (fs::path above = real; above != above.root_path();) {
+  for (std::filesystem::path above = *real; above != above.root_path();) {
     above = above.parent_path();
     if (volumes::isUsable(above.string())) {
       return VolumeError{fmt::format(
-          "no such volume: {} is not a mount point of a writable, local file system; the one above it is {}",
-          real.string(), above.string())};
+          "no such volume: {} is not a mount point of a writable, local file system; the one above it is {}", *real,
+          above.string())};
     }
   }
-  return VolumeError{
-      fmt::format("no such volume: {} is not a mount point of a writable, local file system", real.string())};
+  return VolumeError{fmt::format("no such volume: {} is not a mount point of a writable, local file system", *real)};
 }
 
 }  // namespace kelvane::ctl

@@ -7,8 +7,11 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <string_view>
+#include <system_error>
 
 #include "platform/Limits.h"
 #include "platform/linux/runtime/FileDescriptor.h"
@@ -128,6 +131,25 @@ std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes
       },
       FileSystemProbe::About::Files, patience());
   return contents ? std::move(*contents) : fileError(contents.failure().number);
+}
+
+Result<std::string> realPath(const std::string& path) {
+  if (path.empty()) {
+    return Failure{.number = ENOENT, .tried = "looking for " + path};
+  }
+  return FileSystemProbe::shared().ask<std::string>(
+      "looking for " + path,
+      [path](FileSystemProbe::Visit& visit) -> Result<std::string> {
+        const auto place = walkTo(visit, path);
+        if (!place) {
+          return place.failure();
+        }
+        std::error_code error;
+        const auto real = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(place->get()), error);
+        return error ? Result<std::string>(Failure{.number = error.value(), .tried = "looking for " + path})
+                     : real.string();
+      },
+      FileSystemProbe::About::Files);
 }
 
 }  // namespace kelvane::files

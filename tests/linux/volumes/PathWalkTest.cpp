@@ -120,6 +120,29 @@ TEST_F(APath, ThatADescriptionsDirectoryHoldsMayHangWithoutTheOthers) {
   awaitRest(otherStatus.st_dev);
 }
 
+TEST_F(APath, HasOneNameWithoutLinks) {
+  link("inner/..", "around");
+  link("/mnt/paths/inner/file", "absolute");
+  EXPECT_EQ(*files::realPath(top + "/around/./absolute"), "/mnt/paths/inner/file");
+  EXPECT_EQ(*files::realPath("/mnt/paths/inner/"), "/mnt/paths/inner");
+  EXPECT_EQ(*files::realPath("/"), "/");
+  EXPECT_EQ(files::realPath(top + "/missing").failure().number, ENOENT);
+  EXPECT_EQ(files::realPath("").failure().number, ENOENT);
+}
+
+TEST_F(APath, HasNoNameThatIsKnownWhereADiskHangsOnItsWay) {
+  if (!test::isTrulyRoot()) {
+    return;
+  }
+  test::HangingVolume disk("/mnt/hanging");
+  struct stat status = {};
+  ASSERT_EQ(stat("/mnt/hanging", &status), 0);
+  disk.hang();
+  EXPECT_EQ(files::realPath("/mnt/hanging/inside").failure().number, ETIMEDOUT);
+  disk.resume();
+  awaitRest(status.st_dev);
+}
+
 /// An automount point of a process that mounts nothing there. It needs root's mount namespace.
 class IdleAutomount {
  public:
