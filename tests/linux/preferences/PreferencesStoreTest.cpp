@@ -4,17 +4,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
-#include <csignal>
 #include <filesystem>
 #include <initializer_list>
 #include <memory>
@@ -25,7 +21,6 @@
 #include "platform/Limits.h"
 #include "tests/harness/ResultText.h"
 #include "tests/linux/preferences/StoreTesting.h"
-#include "tests/linux/testing/Eventually.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
@@ -202,35 +197,21 @@ TEST_F(AStore, LocksItsDirectoryBeforeThereIsAnythingInIt) {
   EXPECT_FALSE(std::filesystem::exists(directory + "/suite"));
 }
 
-int waitForEver(void* /*unused*/) {
-  for (;;) {
-    pause();
-  }
-}
-
-/// Holds the lock in a thread that outlives its process, as one does that a disk keeps.
-pid_t lockWithAThreadThatIsLeft() {
+TEST_F(AStore, OfAProcessThatHasEndedAndIsKeptIsNotTakenForAnotherDaemons) {
+  write({"kept"});
+  FileDescriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   const pid_t process = fork();
   if (process == 0) {
-    static std::array<char, 65536> stack;
-    const int file = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    flock(file, LOCK_EX);
-    clone(waitForEver, stack.data() + stack.size(), CLONE_VM | CLONE_FS | CLONE_FILES | CLONE_SIGHAND | CLONE_THREAD,
-          nullptr);
-    syscall(SYS_exit, 0);
+    // This process keeps it open, as one's threads do that a disk keeps.
+    _exit(flock(lock.get(), LOCK_EX));
   }
-  return process;
-}
-
-TEST_F(AStore, OfAProcessThatADiskKeepsIsNotTakenForAnotherDaemons) {
-  write({"kept"});
-  const pid_t process = lockWithAThreadThatIsLeft();
-  const std::string status = "/proc/" + std::to_string(process) + "/stat";
-  ASSERT_TRUE(test::eventually([&] { return readFile(status).find(") Z ") != std::string::npos; }));
+  siginfo_t end = {};
+  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(process), &end, WEXITED | WNOWAIT), 0);
+  EXPECT_EQ(end.si_status, 0);
   const auto store = PreferencesStore::open(directory, "suite", calls);
   EXPECT_EQ(textOf(store), "locking " + directory + ": the disk still keeps a process that has ended");
-  kill(process, SIGKILL);
   EXPECT_EQ(waitpid(process, nullptr, 0), process);
+  lock = {};
   EXPECT_EQ(storedText(), "kept");
 }
 
