@@ -74,13 +74,15 @@ std::shared_ptr<KLService> ClientInterface::connectService(const std::string& id
   });
   connection.setRemoteInterface(KelvaneServiceProtocol::interface);
   const KelvaneServiceProxy proxy(connection.remoteProxy([record](const std::optional<ipc::CallError>& error) {
-    if (error) {
+    if (error && error->cause == ipc::CallError::Cause::Unanswered) {
+      KELVANE_ERROR("%s %@ has not answered its ping: %@", blockName, record->ID(), error->text);
+    } else if (error) {
       KELVANE_TRACE("%s peerHandleOrFault error: %@", blockName, error->text);
     }
     record->vexConn()->invalidate();
   }));
   connection.resume();
-  // Without limit: a service that never answers holds the collection queue for good.
+  // Without a limit in the settings, a service that never answers holds the collection queue for good.
   pingService(proxy);
   return record;
 }

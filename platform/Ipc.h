@@ -2,6 +2,8 @@
 // Inter-process calls: listeners that serve an interface and connections that call one.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -41,6 +43,8 @@ class Peer {
   /// Whether the process belongs to this unit of the service manager.
   bool runsInUnit(std::string_view unit) const;
   bool hasSecurityLabel(std::string_view label) const;
+  /// The number of its user. What the system knows nothing of has the greatest number, which no user has.
+  std::uint32_t userNumber() const;
   /// For log lines: "pid 123, uid 0".
   std::string description() const;
 
@@ -77,6 +81,7 @@ struct CallError {
     Lost,         ///< the connection ended later, or by invalidate()
     Answered,     ///< by the peer: a D-Bus error, or a value outside the mapping
     NotSent,      ///< it was one call too many, or no longer wanted; the connection stays
+    Unanswered,   ///< a call had a time limit, and its connection was ended for it
   };
   std::string text;
   Cause cause = Cause::Lost;
@@ -103,8 +108,14 @@ class Proxy {
   /// handlers runs, once, on a thread of the IPC facility that may block: the reply handler when an answer
   /// came, the proxy's error handler when the connection failed first or the call is never sent: because too many
   /// are outstanding, or because it is not wanted any more. A D-Bus error and a value outside
-  /// the mapping count as an absent reply. No time limit. What comes after the first answer is dropped.
-  void call(const Operation& operation, Arguments arguments, ReplyHandler reply) const;
+  /// the mapping count as an absent reply. No time limit, unless one is given. What comes after the first answer is
+  /// dropped.
+  ///
+  /// A call with a limit (0 is none) is always answered: when the error handler has run for it, the reply handler runs
+  /// too, with an absent reply. If there is no answer within the limit, which begins at once, the connection is
+  /// invalidated.
+  void call(const Operation& operation, Arguments arguments, ReplyHandler reply,
+            std::chrono::seconds limit = std::chrono::seconds(0)) const;
   /// As call(), for callers that tell an absent reply from a refusal: a D-Bus error and a value outside the
   /// mapping are given to the handler as what they are.
   void callForOutcome(const Operation& operation, Arguments arguments, OutcomeHandler outcome) const;
@@ -145,6 +156,8 @@ class Connection {
   void invalidate() const;
 
   Peer peer() const;
+  /// Whether it is known to have ended.
+  bool hasEnded() const;
   /// Identity, for keeping connections in sets.
   const void* identity() const { return state_.get(); }
   const std::shared_ptr<State>& state() const { return state_; }

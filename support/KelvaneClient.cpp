@@ -23,6 +23,7 @@ Status statusFor(ipc::CallError::Cause cause) {
     case ipc::CallError::Cause::NotAdmitted:
       return Status::NotAdmitted;
     case ipc::CallError::Cause::Lost:
+    case ipc::CallError::Cause::Unanswered:
       return Status::ConnectionLost;
     case ipc::CallError::Cause::Answered:
     case ipc::CallError::Cause::NotSent:

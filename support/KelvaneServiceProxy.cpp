@@ -3,6 +3,7 @@
 #include "support/KelvaneServiceProxy.h"
 
 #include "protocols/KelvaneServiceProtocol.h"
+#include "support/Settings.h"
 
 namespace kelvane {
 
@@ -35,7 +36,8 @@ void KelvaneServiceProxy::serviceCancelPurge(Done reply) const {
 }
 
 void KelvaneServiceProxy::servicePing(Done reply) const {
-  proxy_.call(KelvaneServiceProtocol::servicePing, {}, ignoringValue(std::move(reply)));
+  proxy_.call(KelvaneServiceProtocol::servicePing, {}, ignoringValue(std::move(reply)),
+              std::chrono::seconds(settings.pingLimitSeconds));
 }
 
 void KelvaneServiceProxy::serviceNotify(const Value& notification, Done reply) const {

@@ -24,6 +24,7 @@ class KelvaneServiceProxy {
   void servicePurge(std::int32_t urgency, const Value& info, Reply reply) const;
   void servicePeriodic(std::int32_t urgency, const Value& info, Reply reply) const;
   void serviceCancelPurge(Done reply) const;
+  /// Within the limit of the settings, if there is one; then it is given a reply in any case.
   void servicePing(Done reply) const;
   /// The dictionary maps the notification's name to its value.
   void serviceNotify(const Value& notification, Done reply) const;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 namespace kelvane {
 
@@ -11,12 +12,16 @@ struct Settings {
   /// "EndPassesEarly": a purge's pass in which nobody is in flight and nobody's turn is still to come does not wait
   /// until its time is up.
   std::atomic<bool> endPassesEarly = false;
+  /// "PingLimit", up to an hour: a service whose ping is unanswered for so long is cut off, and its check-in goes on as
+  /// if it had answered; 0 waits without limit.
+  std::atomic<std::uint32_t> pingLimitSeconds = 0;
 };
 
 extern Settings settings;
 
 /// Reads "/etc/kelvane/kelvaned.plist", a dictionary. What it does not set is as built in, and so is everything when it
-/// cannot be read. A key that is not known and a value that is not understood are logged.
+/// cannot be read. A key that is not known and a value that is not understood are logged. Each setting changes once, so
+/// it may be read again while others go by the settings.
 void configureSettings();
 
 }  // namespace kelvane

@@ -5,6 +5,7 @@
 #include "platform/Archive.h"
 #include "platform/common/CallNames.h"
 #include "platform/simulated/IpcState.h"
+#include "platform/simulated/SimulatedCalls.h"
 
 namespace kelvane::ipc {
 
@@ -107,6 +108,7 @@ void Connection::State::dropUnwanted() {
 void Connection::State::drop(std::uint64_t serial, const char* why) {
   std::erase_if(unsent, [serial](const Message& message) { return message.serial == serial; });
   auto call = calls.extract(serial);
+  simulated::scheduler().wakeAll(waitForAnswers);
   failCall(std::move(call.mapped()),
            {"org.freedesktop.DBus.Error.LimitsExceeded: " + std::string(why), CallError::Cause::NotSent});
 }

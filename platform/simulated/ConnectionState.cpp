@@ -136,6 +136,7 @@ void Connection::State::readAnswer(Message message) {
   }
   Call call = std::move(found->second);
   calls.erase(found);
+  simulated::scheduler().wakeAll(waitForAnswers);
   sendUnsent();
   simulated::scheduler().start("reply to " + std::string(call.operation->member),
                                [call = std::move(call), answer = std::move(message.answer)] {
@@ -172,11 +173,28 @@ void Connection::State::interrupt(const CallError& error) {
 }
 
 void Connection::State::invalidate() {
+  endFor({"org.freedesktop.DBus.Error.Disconnected: Connection invalidated"});
+}
+
+void Connection::State::awaitAnswer(std::uint64_t call, std::chrono::seconds limit) {
+  simulated::Scheduler& scheduler = simulated::scheduler();
+  const std::uint64_t deadline = scheduler.deadlineIn(std::chrono::nanoseconds(limit).count());
+  while (calls.contains(call)) {
+    if (deadline <= scheduler.now()) {
+      endFor({"org.freedesktop.DBus.Error.Timeout: A call was not answered in time", CallError::Cause::Unanswered});
+    } else {
+      scheduler.wait(waitForAnswers, "an answer", {}, deadline);
+    }
+  }
+}
+
+/// Ends as by invalidate().
+void Connection::State::endFor(const CallError& error) {
   if (phase == Phase::Ended) {
     return;
   }
   phase = Phase::Ended;
-  endedBy = {"org.freedesktop.DBus.Error.Disconnected: Connection invalidated"};
+  endedBy = error;
   hangUp();
   inbox.clear();
   unsent.clear();
@@ -203,10 +221,14 @@ void Connection::State::failCall(Call call, const CallError& error) {
     if (call.proxy->errorHandler) {
       call.proxy->errorHandler(error);
     }
+    if (call.limit != call.limit.zero() && call.outcome) {
+      call.outcome(error);
+    }
   });
 }
 
 void Connection::State::runEndHandlers(const std::function<void()>& handler, std::map<std::uint64_t, Call> failed) {
+  simulated::scheduler().wakeAll(waitForAnswers);
   {
     const simulated::MustNotBlock scope("a handler of a connection's end");
     if (handler) {

@@ -2,6 +2,7 @@
 // What simulated connections, listeners and replies are made of.
 #pragma once
 
+#include <chrono>
 #include <deque>
 #include <functional>
 #include <map>
@@ -51,6 +52,9 @@ struct ipc::Proxy::State {
   std::shared_ptr<Connection::State> connection;
   ErrorHandler errorHandler;
   Wanted wanted;
+
+  static void call(const std::shared_ptr<State>& proxy, const Operation& operation, const Arguments& arguments,
+                   OutcomeHandler outcome, std::chrono::seconds limit);
 };
 
 /// One end of a connection: the caller's, or the one that a listener serves. An end that nobody refers to
@@ -61,6 +65,8 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
     std::shared_ptr<Proxy::State> proxy;
     const Operation* operation;
     Proxy::OutcomeHandler outcome;
+    /// How long an answer is waited for; 0 is no limit. Then it is answered in any case.
+    std::chrono::seconds limit{0};
   };
 
   State();
@@ -88,6 +94,8 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
   std::uint64_t lastSerial = 0;
   /// By their serials, those that are unsent too.
   std::map<std::uint64_t, Call> calls;
+  /// For one of them to be answered or to fail.
+  simulated::WaitList waitForAnswers;
 
   // The served end.
   bool served = false;
@@ -112,6 +120,8 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
   void interrupt(const CallError& error);
   /// Ends from this side; the handlers run on the event loop later.
   void invalidate();
+  /// Returns when the call has been answered or has failed, or its limit is over, whereupon the connection ends.
+  void awaitAnswer(std::uint64_t call, std::chrono::seconds limit);
   /// Tells the other end that this one is gone.
   void hangUp();
   /// Makes each end find the other dead.
@@ -127,6 +137,7 @@ struct ipc::Connection::State : std::enable_shared_from_this<ipc::Connection::St
   void drop(std::uint64_t serial, const char* why);
   void readRequest(simulated::Message message);
   void readAnswer(simulated::Message message);
+  void endFor(const CallError& error);
   void deliver();
   /// On the event loop, after the end.
   void runEndHandlers(const std::function<void()>& handler, std::map<std::uint64_t, Call> failed);

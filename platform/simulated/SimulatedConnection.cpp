@@ -122,32 +122,50 @@ Peer Connection::peer() const {
   return Peer(std::make_shared<Peer::State>(Peer::State{state_->peer}));
 }
 
-void Proxy::call(const Operation& operation, Arguments arguments, ReplyHandler reply) const {
-  callForOutcome(operation, std::move(arguments), [reply = std::move(reply)](std::variant<Value, CallError> outcome) {
-    Value* value = std::get_if<Value>(&outcome);
-    if (reply) {
-      reply(value == nullptr ? Value() : std::move(*value));
-    }
-  });
+void Proxy::call(const Operation& operation, Arguments arguments, ReplyHandler reply,
+                 std::chrono::seconds limit) const {
+  State::call(
+      state_, operation, arguments,
+      [reply = std::move(reply)](std::variant<Value, CallError> outcome) {
+        Value* value = std::get_if<Value>(&outcome);
+        if (reply) {
+          reply(value == nullptr ? Value() : std::move(*value));
+        }
+      },
+      limit);
 }
 
 void Proxy::callForOutcome(const Operation& operation, Arguments arguments, OutcomeHandler outcome) const {
-  const std::shared_ptr<Connection::State> connection = state_->connection;
+  State::call(state_, operation, arguments, std::move(outcome), std::chrono::seconds(0));
+}
+
+void Proxy::State::call(const std::shared_ptr<State>& proxy, const Operation& operation, const Arguments& arguments,
+                        OutcomeHandler outcome, std::chrono::seconds limit) {
+  const std::shared_ptr<Connection::State> connection = proxy->connection;
   if (simulated::dropsCall()) {
     return;
   }
   simulated::Message message = {++connection->lastSerial, &operation, frozenArguments(arguments), {}};
   simulated::scheduler().yield();
-  Connection::State::Call call = {state_, &operation, std::move(outcome)};
+  Connection::State::Call call = {proxy, &operation, std::move(outcome), limit};
   if (connection->phase == Phase::Ended) {
     connection->failCall(std::move(call), connection->endedBy);
   } else if (connection->remoteInterface == nullptr) {
     connection->failCall(std::move(call),
                          {"org.freedesktop.DBus.Error.UnknownInterface: The connection has no remote interface"});
   } else {
+    const std::uint64_t serial = message.serial;
     connection->take(std::move(message), std::move(call));
+    if (limit != limit.zero()) {
+      simulated::scheduler().start("limit of " + std::string(operation.member),
+                                   [connection, serial, limit] { connection->awaitAnswer(serial, limit); });
+    }
   }
   simulated::scheduler().yield();
+}
+
+bool Connection::hasEnded() const {
+  return state_->phase == Phase::Ended;
 }
 
 bool Peer::isUser(std::string_view user) const {
@@ -169,6 +187,10 @@ bool Peer::runsInUnit(std::string_view unit) const {
 
 bool Peer::hasSecurityLabel(std::string_view label) const {
   return !label.empty() && label == state_->traits.label;
+}
+
+std::uint32_t Peer::userNumber() const {
+  return state_->traits.uid;
 }
 
 std::string Peer::description() const {

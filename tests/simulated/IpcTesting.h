@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -63,13 +64,15 @@ class Caller {
     connection_.resume();
   }
 
-  void call(const ipc::Operation& operation, ipc::Arguments arguments) const {
+  void call(const ipc::Operation& operation, ipc::Arguments arguments,
+            std::chrono::seconds limit = std::chrono::seconds(0)) const {
     const ipc::Proxy proxy = connection_.remoteProxy([events = events_, error = error_](const auto& failure) {
       events->push_back("error");
       *error = failure;
     });
-    proxy.call(operation, std::move(arguments),
-               [events = events_](const Value& value) { events->push_back("reply " + value.description()); });
+    proxy.call(
+        operation, std::move(arguments),
+        [events = events_](const Value& value) { events->push_back("reply " + value.description()); }, limit);
   }
   void echo(const Value& value) const { call(ipcTesting::echo, {value}); }
 

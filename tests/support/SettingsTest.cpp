@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <sstream>
 #include <string>
 
 #include "platform/simulated/Simulation.h"
@@ -19,7 +21,7 @@ using testing::IsEmpty;
 class TheSettings : public testing::Test {
  protected:
   void SetUp() override { configureLog(); }
-  ~TheSettings() override { settings.endPassesEarly = false; }
+  ~TheSettings() override { configure("{}"); }
 
   void configure(const std::string& contents) {
     simulation.files().write("/etc/kelvane/kelvaned.plist", contents);
@@ -32,8 +34,10 @@ class TheSettings : public testing::Test {
 
 TEST_F(TheSettings, AreBuiltInWithoutAFile) {
   settings.endPassesEarly = true;
+  settings.pingLimitSeconds = 1;
   configureSettings();
   EXPECT_FALSE(settings.endPassesEarly);
+  EXPECT_EQ(settings.pingLimitSeconds, 0U);
   EXPECT_THAT(failures(), IsEmpty());
 }
 
@@ -46,6 +50,38 @@ TEST_F(TheSettings, AreWhatTheFileSaysInEveryFormat) {
   EXPECT_TRUE(settings.endPassesEarly);
   configure("{}");
   EXPECT_FALSE(settings.endPassesEarly);
+  EXPECT_THAT(failures(), IsEmpty());
+}
+
+TEST_F(TheSettings, TakeWholeNumbersInEveryFormat) {
+  configure("{ PingLimit = 30; }");
+  EXPECT_EQ(settings.pingLimitSeconds, 30U);
+  configure("<plist><dict><key>PingLimit</key><integer>3600</integer></dict></plist>");
+  EXPECT_EQ(settings.pingLimitSeconds, 3600U);
+  configure("{ PingLimit = 0; }");
+  EXPECT_EQ(settings.pingLimitSeconds, 0U);
+  EXPECT_THAT(failures(), IsEmpty());
+}
+
+TEST_F(TheSettings, StayBuiltInWhereANumberIsOutOfRangeOrNone) {
+  for (const std::string number : {"<integer>3601</integer>", "<integer>-1</integer>", "<real>2.5</real>", "<true/>",
+                                   "<string>18446744073709551616</string>", "<string>30 s</string>", "<string/>"}) {
+    settings.pingLimitSeconds = 7;
+    configure("<plist><dict><key>PingLimit</key>" + number + "</dict></plist>");
+    EXPECT_EQ(settings.pingLimitSeconds, 0U) << number;
+  }
+  EXPECT_EQ(failures().size(), 7U);
+  EXPECT_EQ(
+      failures().front(),
+      "configureSettings /etc/kelvane/kelvaned.plist: PingLimit is no whole number from 0 to 3600: 3601; it is 0");
+}
+
+TEST_F(TheSettings, AreTheRecommendedOnesInTheFileThatIsInstalled) {
+  std::ostringstream contents;
+  contents << std::ifstream(KELVANE_INSTALLED_SETTINGS).rdbuf();
+  configure(contents.str());
+  EXPECT_TRUE(settings.endPassesEarly);
+  EXPECT_EQ(settings.pingLimitSeconds, 30U);
   EXPECT_THAT(failures(), IsEmpty());
 }
 

@@ -64,6 +64,9 @@ void failCall(Call call, const CallError& error) {
     if (*failed.error) {
       (*failed.error)(error);
     }
+    if (failed.limit != failed.limit.zero() && failed.outcome) {
+      failed.outcome(error);
+    }
   });
 }
 
@@ -131,6 +134,20 @@ Call Calls::take(Waiting::iterator call) {
   waiting_.erase(call);
   waitingBytes_ -= taken.shared != nullptr ? taken.shared->message().bytes : 0;
   return taken;
+}
+
+std::optional<EventLoop::Clock::time_point> Calls::nextDeadline() const {
+  std::optional<EventLoop::Clock::time_point> next;
+  const auto consider = [&next](const Call& call) {
+    if (call.deadline && (!next || *call.deadline < *next)) {
+      next = call.deadline;
+    }
+  };
+  std::ranges::for_each(waiting_, consider);
+  for (const auto& [cookie, call] : sent_) {
+    consider(call);
+  }
+  return next;
 }
 
 bool Calls::maySend() {

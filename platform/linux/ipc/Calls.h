@@ -7,6 +7,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 
 #include "platform/linux/ipc/BusLink.h"
 #include "platform/linux/ipc/MessageCodec.h"
@@ -23,12 +24,16 @@ struct Call {
   std::shared_ptr<const Proxy::ErrorHandler> error;
   Proxy::Wanted wanted;
   std::shared_ptr<Connection::State> connection;
+  /// How long an answer is waited for; 0 is no limit. Then it is answered in any case.
+  std::chrono::seconds limit{0};
+  /// When that is over, once its channel has taken the call.
+  std::optional<EventLoop::Clock::time_point> deadline = std::nullopt;
   /// In place of the arguments, of an operation whose calls wait beyond the limit. For the event loop's thread.
   std::shared_ptr<const SharedCall> shared = nullptr;
 };
 
-/// Runs the call's error handler on the global queue, after the handlers of ends that came before, and lets go of the
-/// call there. Any thread.
+/// Runs the call's error handler on the global queue, after the handlers of ends that came before, gives a call with a
+/// limit its answer, and lets go of the call there. Any thread.
 void failCall(Call call, const CallError& error);
 
 /// Sends calls once the handshake is over and gives their answers to those who wait, on the global queue:
@@ -49,6 +54,8 @@ class Calls {
   void fail(const CallError& error);
 
   bool areWaiting() const { return !waiting_.empty(); }
+  /// When the first call that has no answer is to have one; none when none is.
+  std::optional<EventLoop::Clock::time_point> nextDeadline() const;
   /// The limit on the reply to any call that is under way; 0 when there is none.
   std::size_t maximumReplyBytes() const { return maximumReplyBytes_; }
   /// As Interface::maximumStall.

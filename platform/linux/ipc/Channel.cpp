@@ -101,12 +101,16 @@ void Channel::call(Call call) {
     failCall(std::move(call), endError_);
     return;
   }
+  if (call.limit != call.limit.zero()) {
+    call.deadline = EventLoop::Clock::now() + call.limit;
+  }
   calls_.add(std::move(call));
   if (ended_) {
     // It was too long for a peer that does not read.
     calls_.fail(endError_);
   }
   watchForStall();
+  watchForDeadline();
 }
 
 bool Channel::send(const std::optional<OutgoingMessage>& message) {
@@ -139,6 +143,9 @@ void Channel::linkReceived(sd_bus_message* message, std::size_t bytes, FileDescr
     }
   } else if (type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) {
     calls_.answer(message, user_);
+    if (deadlineTimer_) {
+      watchForDeadline();
+    }
   }
 }
 
@@ -203,6 +210,9 @@ void Channel::end(End how, const std::string& reason) {
   stopTimer();
   if (stallTimer_) {
     hub_.loop.cancel(*std::exchange(stallTimer_, std::nullopt));
+  }
+  if (deadlineTimer_) {
+    hub_.loop.cancel(*std::exchange(deadlineTimer_, std::nullopt));
   }
   peer_->release();
   link_.close();
@@ -277,6 +287,24 @@ void Channel::lookForStall(EventLoop::Clock::time_point now) {
   } else {
     watchForStall();
   }
+}
+
+void Channel::watchForDeadline() {
+  const auto next = ended_ ? std::nullopt : calls_.nextDeadline();
+  if (deadlineTimer_ && (!next || deadlineTimer_->first != *next)) {
+    hub_.loop.cancel(*std::exchange(deadlineTimer_, std::nullopt));
+  }
+  if (next && !deadlineTimer_) {
+    deadlineTimer_ = hub_.loop.runAt(*next, [this] {
+      deadlineTimer_.reset();
+      endForDeadline();
+    });
+  }
+}
+
+void Channel::endForDeadline() {
+  endError_.cause = CallError::Cause::Unanswered;
+  end(End::Invalidation, std::string(SD_BUS_ERROR_TIMEOUT) + ": A call was not answered in time");
 }
 
 void Channel::startTimer(EventLoop::Clock::time_point when, EventLoop::Task task) {

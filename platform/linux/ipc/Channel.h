@@ -75,6 +75,8 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
   void startTimer(EventLoop::Clock::time_point when, EventLoop::Task task);
   void stopTimer();
   void watchForStall();
+  void watchForDeadline();
+  void endForDeadline();
   Stall::Look lookAtSocket() const;
   bool isToSend() const;
 
@@ -92,6 +94,8 @@ class Channel final : public std::enable_shared_from_this<Channel>, private BusL
   /// While something waits to be sent, and for the next look.
   std::optional<Stall> stall_;
   std::optional<EventLoop::Timer> stallTimer_;
+  /// For the first call that is to be answered by some time.
+  std::optional<EventLoop::Timer> deadlineTimer_;
   CallError endError_;
   bool ended_ = false;
   /// Whether the socket was connected, and whether the handshake over it was completed.

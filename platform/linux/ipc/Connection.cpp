@@ -9,12 +9,6 @@
 
 namespace kelvane::ipc {
 
-struct Proxy::State {
-  const std::shared_ptr<Connection::State> connection;
-  const std::shared_ptr<const ErrorHandler> error;
-  const Wanted wanted;
-};
-
 namespace {
 
 /// The values may be live views that change before they are sent.
@@ -29,23 +23,38 @@ Arguments frozenArguments(Arguments arguments) {
 
 }  // namespace
 
-void Proxy::call(const Operation& operation, Arguments arguments, ReplyHandler reply) const {
-  callForOutcome(operation, std::move(arguments), [reply = std::move(reply)](std::variant<Value, CallError> outcome) {
-    Value* value = std::get_if<Value>(&outcome);
-    if (reply) {
-      reply(value != nullptr ? std::move(*value) : Value());
-    }
-  });
+struct Proxy::State {
+  const std::shared_ptr<Connection::State> connection;
+  const std::shared_ptr<const ErrorHandler> error;
+  const Wanted wanted;
+
+  void call(const Operation& operation, Arguments arguments, OutcomeHandler outcome, std::chrono::seconds limit) const {
+    connection->call({.interface = nullptr,
+                      .operation = &operation,
+                      .arguments = frozenArguments(std::move(arguments)),
+                      .outcome = std::move(outcome),
+                      .error = error,
+                      .wanted = wanted,
+                      .connection = nullptr,
+                      .limit = limit});
+  }
+};
+
+void Proxy::call(const Operation& operation, Arguments arguments, ReplyHandler reply,
+                 std::chrono::seconds limit) const {
+  state_->call(
+      operation, std::move(arguments),
+      [reply = std::move(reply)](std::variant<Value, CallError> outcome) {
+        Value* value = std::get_if<Value>(&outcome);
+        if (reply) {
+          reply(value != nullptr ? std::move(*value) : Value());
+        }
+      },
+      limit);
 }
 
 void Proxy::callForOutcome(const Operation& operation, Arguments arguments, OutcomeHandler outcome) const {
-  state_->connection->call({.interface = nullptr,
-                            .operation = &operation,
-                            .arguments = frozenArguments(std::move(arguments)),
-                            .outcome = std::move(outcome),
-                            .error = state_->error,
-                            .wanted = state_->wanted,
-                            .connection = nullptr});
+  state_->call(operation, std::move(arguments), std::move(outcome), std::chrono::seconds(0));
 }
 
 Connection Connection::toEndpoint(const Endpoint& endpoint) {
@@ -96,6 +105,10 @@ void Connection::invalidate() const {
 
 Peer Connection::peer() const {
   return Peer(state_->channel()->peer());
+}
+
+bool Connection::hasEnded() const {
+  return state_->hasEnded();
 }
 
 }  // namespace kelvane::ipc

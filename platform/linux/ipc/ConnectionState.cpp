@@ -55,6 +55,11 @@ Connection::State::Handlers Connection::State::takeHandlers() {
   return std::exchange(handlers_, {});
 }
 
+bool Connection::State::hasEnded() const {
+  const std::lock_guard lock(mutex_);
+  return hasEnded_;
+}
+
 void Connection::State::call(Call call) {
   const std::lock_guard lock(mutex_);
   call.interface = remoteInterface_;

@@ -36,6 +36,7 @@ struct Connection::State : public std::enable_shared_from_this<Connection::State
   void call(Call call);
   void resume();
   void invalidate();
+  bool hasEnded() const;
 
   struct Handlers {
     std::function<void()> invalidation;
@@ -52,7 +53,7 @@ struct Connection::State : public std::enable_shared_from_this<Connection::State
   void startOnce(const Start& start);
 
   const std::shared_ptr<Channel> channel_;
-  std::mutex mutex_;
+  mutable std::mutex mutex_;
   // Guarded by mutex_:
   Handlers handlers_;
   const Interface* remoteInterface_ = nullptr;

@@ -142,6 +142,10 @@ bool Peer::hasSecurityLabel(std::string_view label) const {
   return !label.empty() && state_->label() == label;
 }
 
+std::uint32_t Peer::userNumber() const {
+  return state_->user();
+}
+
 std::string Peer::description() const {
   return state_->description();
 }

@@ -86,10 +86,13 @@ void SampleCaller::release() {
   connection_.reset();
 }
 
-void SampleCaller::call(const ipc::Operation& operation, ipc::Arguments arguments) {
-  proxy_->call(operation, std::move(arguments), [outcomes = outcomes_](Value value) {
-    outcomes->put({std::move(value), ""});
-  });
+void SampleCaller::call(const ipc::Operation& operation, ipc::Arguments arguments, std::chrono::seconds limit) {
+  proxy_->call(
+      operation, std::move(arguments),
+      [outcomes = outcomes_](Value value) {
+        outcomes->put({std::move(value), ""});
+      },
+      limit);
 }
 
 std::optional<Value> SampleCaller::ask(const ipc::Operation& operation, ipc::Arguments arguments) {

@@ -2,6 +2,7 @@
 // What the tests of the IPC facility share.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -94,7 +95,8 @@ class SampleCaller {
 
   ipc::Connection& connection() { return *connection_; }
   void release();
-  void call(const ipc::Operation& operation, ipc::Arguments arguments);
+  void call(const ipc::Operation& operation, ipc::Arguments arguments,
+            std::chrono::seconds limit = std::chrono::seconds(0));
   /// Calls and waits for the reply; none when the error handler ran instead.
   std::optional<Value> ask(const ipc::Operation& operation, ipc::Arguments arguments);
 
