@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -24,6 +25,8 @@ namespace kelvane {
 class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
  public:
   using ResultCallback = std::function<void(const Value&)>;
+  /// The connection of the client that an operation is for; none for the daemon's own.
+  using Requester = std::optional<ipc::Connection>;
 
   /// A service that no description names makes itself known. It is connected back to, pinged and answered
   /// after its pong; it stays known until that connection ends. A described service changes nothing and is
@@ -62,8 +65,8 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
  protected:
   ClientInterface() = default;
 
-  virtual Value totalAvailable(const Value& info) = 0;
-  virtual Value purge(const Value& info, const ResultCallback& callback) = 0;
+  virtual Value totalAvailable(const Value& info, const Requester& requester) = 0;
+  virtual Value purge(const Value& info, const ResultCallback& callback, const Requester& requester) = 0;
   virtual void notifyRecipients(const std::string& name, const Value& value) = 0;
   virtual bool pingService(const KelvaneServiceProxy& proxy) = 0;
 
@@ -90,10 +93,10 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
       KELVANE_REQUIRES(queues_.collection_queue);
   void removeService(const std::string& identifier, const std::weak_ptr<KLService>& record);
 
-  using SpaceRequest = Value (ClientInterface::*)(const Value& info);
+  using SpaceRequest = Value (ClientInterface::*)(const Value& info, const Requester& requester);
   void answerSpaceRequest(const char* name, const char* entitlement, const Value& info, const ValueReply& replyBlock,
                           SpaceRequest work);
-  Value purgeWithoutCallback(const Value& info) { return purge(info, nullptr); }
+  Value purgeWithoutCallback(const Value& info, const Requester& requester) { return purge(info, nullptr, requester); }
 
   std::optional<StateError> whyNotStored(const StateTotals& totals, const Value& value, const std::string& key);
   Value stateValue(const std::string& key) const;

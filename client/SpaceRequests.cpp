@@ -28,7 +28,7 @@ void ClientInterface::answerSpaceRequest(const char* name, const char* entitleme
                                          const ValueReply& replyBlock, SpaceRequest work) {
   Value result;
   if (connectionIsEntitled(currentConnection(), {entitlement})) {
-    result = (this->*work)(info);
+    result = (this->*work)(info, currentConnection());
   } else {
     KELVANE_ERROR("%s Connection is not entitled!", name);
   }

@@ -7,11 +7,21 @@
 #include "protocols/Keys.h"
 #include "support/AtomicProperty.h"
 #include "support/KelvaneLog.h"
+#include "support/Settings.h"
 #include "support/Token.h"
 
 namespace kelvane {
 
-Value Kelvane::purge(const Value& info, const ResultCallback& callback) {
+namespace {
+
+/// Whether nobody is there any more for whom a request could be carried out.
+bool isAbandoned(const ClientInterface::Requester& requester) {
+  return settings.dropAbandoned && requester && requester->hasEnded();
+}
+
+}  // namespace
+
+Value Kelvane::purge(const Value& info, const ResultCallback& callback, const Requester& requester) {
   Value token = info[keys::token];
   const auto operation = KelvanePurgeOperation::initWithInfo(info, *copyServices());
   if (token.isAbsent()) {
@@ -19,7 +29,11 @@ Value Kelvane::purge(const Value& info, const ResultCallback& callback) {
   }
   const auto kept = std::make_shared<AtomicProperty<Value>>();
   const Group group;
-  group.async(purge_queue(), [this, token = token.description(), operation, callback, kept] {
+  group.async(purge_queue(), [this, token = token.description(), operation, callback, kept, requester] {
+    if (isAbandoned(requester)) {
+      KELVANE_TRACE("%s the client has hung up", "-[Kelvane purge:callback:]_block");
+      return;
+    }
     collection_queue().sync([&] {
       collection_queue().assertCurrent();
       if (purgeOperations_) {
@@ -45,9 +59,13 @@ Value Kelvane::purge(const Value& info, const ResultCallback& callback) {
   return kept->load();
 }
 
-Value Kelvane::totalAvailable(const Value& info) {
+Value Kelvane::totalAvailable(const Value& info, const Requester& requester) {
   Value kept;
   purgeable_queue().sync([&] {
+    if (isAbandoned(requester)) {
+      KELVANE_TRACE("%s the client has hung up", "-[Kelvane totalAvailable:]_block");
+      return;
+    }
     // The live table: a check-in that waits for a pong does not hold queries up.
     const auto operation = KelvanePurgeableOperation::initWithInfo(info, *services());
     if (operation) {

@@ -38,12 +38,13 @@ class Kelvane final : public ClientInterface {
   std::shared_ptr<const ServiceTable> services() const KELVANE_NO_THREAD_SAFETY_ANALYSIS;
 
   /// Runs a purgeable-space query on its queue and waits for it and for all queued before it. None when the info
-  /// was refused.
-  Value totalAvailable(const Value& info) override;
+  /// was refused, and when the requester had hung up before it began and the settings drop such requests.
+  Value totalAvailable(const Value& info, const Requester& requester = {}) override;
   /// Runs a purge on the purge queue and waits for it and for all queued before it. The callback, if any,
   /// gets everything that the operation delivers, single services' answers too and even after this has
-  /// returned. Gives what was delivered last before it returned; none when the info was refused.
-  Value purge(const Value& info, const ResultCallback& callback) override;
+  /// returned. Gives what was delivered last before it returned; none when the info was refused, and when the requester
+  /// had hung up before it began and the settings drop such requests.
+  Value purge(const Value& info, const ResultCallback& callback, const Requester& requester = {}) override;
   /// Runs the periodic maintenance of one volume on the calling thread; the result is only logged.
   void performPeriodicsWithInfo(const Value& info);
   /// How many members an array or dictionary has, counted on the collection queue.

@@ -31,7 +31,7 @@ struct Number {
   std::uint32_t most;
 };
 
-constexpr Flag flags[] = {{"EndPassesEarly", &Settings::endPassesEarly}};
+constexpr Flag flags[] = {{"EndPassesEarly", &Settings::endPassesEarly}, {"DropAbandoned", &Settings::dropAbandoned}};
 constexpr Number numbers[] = {{"PingLimit", &Settings::pingLimitSeconds, 3600}};
 
 // The old-style text format knows strings only.

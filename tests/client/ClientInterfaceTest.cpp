@@ -35,13 +35,15 @@ class PlainInterface : public ClientInterface {
   PlainInterface() { setSharedKelvane(this); }
   ~PlainInterface() override { setSharedKelvane(nullptr); }
 
-  Value purge(const Value& info, const ResultCallback& callback) override {
+  Value purge(const Value& info, const ResultCallback& callback, const Requester& requester) override {
+    hadRequester = requester.has_value();
     purgedInRequest = isInRequest();
     purgeInfos.push_back(info);
     hadCallback = static_cast<bool>(callback);
     return "purged";
   }
-  Value totalAvailable(const Value& info) override {
+  Value totalAvailable(const Value& info, const Requester& requester) override {
+    hadRequester = requester.has_value();
     queriedInRequest = isInRequest();
     queryInfos.push_back(info);
     return "available";
@@ -62,6 +64,7 @@ class PlainInterface : public ClientInterface {
   bool purgedInRequest = false;
   std::vector<Value> purgeInfos;
   bool hadCallback = false;
+  bool hadRequester = false;
   bool pingedOnCollectionQueue = false;
 };
 
@@ -167,6 +170,7 @@ TEST_F(TheClientInterface, PurgesOnTheRequestsThreadWithTheInfoAsItCameAndNoCall
     EXPECT_EQ(answer->value, Value("purged"));
     EXPECT_EQ(interface->purgeInfos, std::vector<Value>{someInfo});
     EXPECT_FALSE(interface->hadCallback);
+    EXPECT_TRUE(interface->hadRequester);
     EXPECT_TRUE(interface->purgedInRequest);
   });
 }
@@ -195,6 +199,7 @@ TEST_F(TheClientInterface, QueriesOnTheRequestsThreadWithTheInfoAsItCame) {
       EXPECT_EQ(send(clientOf("client"), *operation, {someInfo})->value, Value("available"));
       EXPECT_EQ(interface->queryInfos, std::vector<Value>{someInfo});
       EXPECT_TRUE(interface->queriedInRequest);
+      EXPECT_TRUE(interface->hadRequester);
       EXPECT_FALSE(object->answeredInRequest);
     }
   });

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the settings hold peers to that do not behave.
+#include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 
 namespace kelvane {
@@ -7,13 +8,22 @@ namespace {
 
 using test::Client;
 using test::Message;
+using test::purgeOf;
 using test::Service;
+using test::untilAnswered;
 
 class TheSettings : public test::HostileTest {
  protected:
   void startWith(const std::string& settings) {
     test::writeFile(test::configuration, "{ " + settings + " }");
     startDaemon();
+  }
+  /// Waits for the next request of a purge, which is to be for so much, and gives nothing.
+  static void expectAsked(Service& service, std::uint64_t bytes) {
+    const Message call = service.expect("servicePurge");
+    sd_bus_message_skip(call.get(), "i");
+    EXPECT_EQ(test::nextValue(call)[keys::amount], Value(bytes));
+    service.bus().answer(call, test::reply({{keys::amount, 0}}));
   }
 };
 
@@ -35,6 +45,29 @@ TEST_F(TheSettings, HaveNobodyWaitForAServiceThatDiesBeforeItsPong) {
   const Message ping = mortal.expect("servicePing");
   mortal.hangUp();
   EXPECT_TRUE(Client().isServed());
+}
+
+TEST_F(TheSettings, DropAPurgeWhoseClientIsGone) {
+  startWith("DropAbandoned = YES; EndPassesEarly = YES;");
+  Service service("com.example.hostile");
+  service.checkIn();
+  Client first;
+  ASSERT_TRUE(first.send("clientPurge", purgeOf(1 * test::mebibyte, {untilAnswered()})));
+  const Message call = service.expect("servicePurge");
+  {
+    Client gone;
+    ASSERT_TRUE(gone.send("clientPurge", purgeOf(2 * test::mebibyte, {untilAnswered()})));
+    // When this is answered, what was sent before has been read.
+    ASSERT_TRUE(Client().isServed());
+  }
+  Client third;
+  ASSERT_TRUE(third.send("clientPurge", purgeOf(3 * test::mebibyte, {untilAnswered()})));
+  // Its end is known by the time that another connection's request, read later, is answered.
+  ASSERT_TRUE(Client().isServed());
+  service.bus().answer(call, test::reply({{keys::amount, 0}}));
+  expectAsked(service, 3 * test::mebibyte);
+  EXPECT_TRUE(first.nextResult().isDictionary());
+  EXPECT_TRUE(third.nextResult().isDictionary());
 }
 
 }  // namespace

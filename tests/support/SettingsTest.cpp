@@ -82,6 +82,7 @@ TEST_F(TheSettings, AreTheRecommendedOnesInTheFileThatIsInstalled) {
   configure(contents.str());
   EXPECT_TRUE(settings.endPassesEarly);
   EXPECT_EQ(settings.pingLimitSeconds, 30U);
+  EXPECT_TRUE(settings.dropAbandoned);
   EXPECT_THAT(failures(), IsEmpty());
 }
 
