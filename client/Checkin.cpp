@@ -7,6 +7,7 @@
 #include "protocols/Names.h"
 #include "support/Entitlements.h"
 #include "support/KelvaneLog.h"
+#include "support/Settings.h"
 
 namespace kelvane {
 
@@ -31,22 +32,34 @@ void ClientInterface::clientCheckin(const std::string& identifier, const ipc::En
     return;
   }
   if (const auto error = whyTooMuchToKeep(identifier, info[keys::notifications])) {
-    reply({}, *error);
+    reply({}, CheckinError{CheckinError::Cause::TooMuch, *error});
     return;
   }
-  collection_queue().async([this, identifier, endpoint, info, reply = std::move(reply)] {
+  const Checkin checkin = {identifier, endpoint, info, currentConnection().peer().userNumber()};
+  collection_queue().async([this, checkin, reply = std::move(reply)] {
     collection_queue().assertCurrent();
-    checkIn(identifier, endpoint, info, reply);
+    checkIn(checkin, reply);
   });
 }
 
-void ClientInterface::checkIn(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
-                              const CheckinReply& reply) {
+std::optional<std::uint32_t> ClientInterface::ownerOf(const std::string& identifier) const {
+  const std::shared_ptr<KLService> record = services_.find(identifier);
+  return record ? record->owner() : std::nullopt;
+}
+
+void ClientInterface::checkIn(const Checkin& checkin, const CheckinReply& reply) {
+  const auto& [identifier, endpoint, info, user] = checkin;
   std::shared_ptr<KLService> record = services_.find(identifier);
+  // Another user may have waited before this one, and nobody had checked in when they came.
+  if (record && settings.ownedIdentifiers && record->owner().value_or(user) != user) {
+    KELVANE_ERROR("%s %@ is another user's than uid %u", blockName, identifier, user);
+    reply({}, CheckinError::notOwned());
+    return;
+  }
   if (record) {
     KELVANE_TRACE("%s operating on an existing service", blockName);
   } else {
-    record = connectService(identifier, endpoint);
+    record = connectService(checkin);
   }
   record->setDoesPeriodic(info[keys::periodic].boolValue());
   record->setDoesPurge(info[keys::purge].boolValue());
@@ -54,11 +67,12 @@ void ClientInterface::checkIn(const std::string& identifier, const ipc::Endpoint
   reply(Value::Dictionary{{keys::id, identifier}, {keys::anonymous, true}}, {});
 }
 
-std::shared_ptr<KLService> ClientInterface::connectService(const std::string& identifier,
-                                                           const ipc::Endpoint& endpoint) {
+std::shared_ptr<KLService> ClientInterface::connectService(const Checkin& checkin) {
+  const std::string& identifier = checkin.identifier;
   const auto record = std::make_shared<KLService>(identifier);
-  record->setEndpoint(endpoint);
-  const ipc::Connection connection = ipc::Connection::toEndpoint(endpoint);
+  record->setEndpoint(checkin.endpoint);
+  record->setOwner(checkin.user);
+  const ipc::Connection connection = ipc::Connection::toEndpoint(checkin.endpoint);
   record->setVexConn(connection);
   services_.set(record);
 
@@ -93,6 +107,10 @@ void ClientInterface::removeService(const std::string& identifier, const std::we
     // Identity, not equality: a handler that fires late must not remove a newer record of the same name.
     services_.remove(identifier, record.lock());
   });
+  // What is checked in from here on waits for the removal.
+  if (const auto ended = record.lock()) {
+    ended->setOwner(std::nullopt);
+  }
 }
 
 }  // namespace kelvane

@@ -2,6 +2,7 @@
 // The registry as its clients see it: check-in, space requests and the state store.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -33,6 +34,9 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   /// answered with none at once. Without "SERVICE_ENTITLEMENT" there is no answer at all.
   void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
                      CheckinReply reply) override;
+
+  /// The live table's: a check-in that is still to be dealt with is not in it.
+  std::optional<std::uint32_t> ownerOf(const std::string& identifier) const override KELVANE_NO_THREAD_SAFETY_ANALYSIS;
 
   /// Need "PURGEABLE_ENTITLEMENT" and "ITEMIZED_PURGEABLE_ENTITLEMENT", and are the same in everything else: they
   /// block until the query has run, and are answered from the global queue with its result, or with none.
@@ -87,10 +91,15 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
       KELVANE_GUARDED_BY(queues_.collection_queue);
 
  private:
-  void checkIn(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
-               const CheckinReply& reply) KELVANE_REQUIRES(queues_.collection_queue);
-  std::shared_ptr<KLService> connectService(const std::string& identifier, const ipc::Endpoint& endpoint)
-      KELVANE_REQUIRES(queues_.collection_queue);
+  /// What a check-in brings, and the number of the user whose it is.
+  struct Checkin {
+    std::string identifier;
+    ipc::Endpoint endpoint;
+    Value info;
+    std::uint32_t user;
+  };
+  void checkIn(const Checkin& checkin, const CheckinReply& reply) KELVANE_REQUIRES(queues_.collection_queue);
+  std::shared_ptr<KLService> connectService(const Checkin& checkin) KELVANE_REQUIRES(queues_.collection_queue);
   void removeService(const std::string& identifier, const std::weak_ptr<KLService>& record);
 
   using SpaceRequest = Value (ClientInterface::*)(const Value& info, const Requester& requester);

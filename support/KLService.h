@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
@@ -40,6 +41,11 @@ class KLService : public std::enable_shared_from_this<KLService> {
   void setDesiredNotifications(Value names) { desiredNotifications_.store(std::move(names)); }
   bool desiresNotification(const std::string& name) const;
 
+  /// The number of the user that the identifier belongs to, who checked in with it; none in a record made from a
+  /// description and once the connection has ended.
+  std::optional<std::uint32_t> owner() const { return owner_; }
+  void setOwner(std::optional<std::uint32_t> user) { owner_ = user; }
+
   const std::optional<ipc::Endpoint>& endpoint() const { return endpoint_; }
   void setEndpoint(ipc::Endpoint endpoint) { endpoint_ = std::move(endpoint); }
   /// The connection to the endpoint; none in a record made from a description.
@@ -61,6 +67,7 @@ class KLService : public std::enable_shared_from_this<KLService> {
   std::atomic<bool> doesPeriodic_ = false;
   std::atomic<bool> doNotQuery_ = false;
   AtomicProperty<Value> desiredNotifications_;
+  std::atomic<std::optional<std::uint32_t>> owner_;
   std::optional<ipc::Endpoint> endpoint_;
   std::optional<ipc::Connection> vexConn_;
   const SerialQueue call_queue_{"com.tessaly.kelvane_service_call"};

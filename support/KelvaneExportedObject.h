@@ -2,6 +2,7 @@
 // The object that a KelvaneListener exports: the implementation of KelvaneClientProtocol.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -11,7 +12,7 @@
 
 namespace kelvane {
 
-/// One function per operation of KelvaneClientProtocol. Each is called on a thread that delivers
+/// One function per operation of KelvaneClientProtocol, and ownerOf(). Each is called on a thread that delivers
 /// requests and may block; requests of one connection come one at a time. While it runs, currentConnection() is the
 /// connection of the request.
 ///
@@ -21,8 +22,19 @@ class KelvaneExportedObject {
  public:
   /// Given a result, or absent for none.
   using ValueReply = std::function<void(const Value&)>;
-  /// The error says which limit the service has passed; absent otherwise.
-  using CheckinReply = std::function<void(const Value& dictionary, const Value& error)>;
+  /// Why a service was not checked in, in words.
+  struct CheckinError {
+    enum class Cause : char {
+      TooMuch,   ///< it has passed a limit
+      NotOwned,  ///< the identifier belongs to another user
+    };
+    Cause cause;
+    std::string text;
+
+    static CheckinError notOwned() { return {Cause::NotOwned, "The identifier belongs to another user"}; }
+  };
+  /// Absent with an error, and for none.
+  using CheckinReply = std::function<void(const Value& dictionary, const std::optional<CheckinError>& error)>;
   using Reply = std::function<void()>;
 
   /// Why a state value was not stored, in words.
@@ -39,6 +51,9 @@ class KelvaneExportedObject {
   using SetReply = std::function<void(const std::optional<StateError>&)>;
 
   virtual ~KelvaneExportedObject() = default;
+
+  /// The number of the user who alone may check in with the identifier; none when it is anybody's.
+  virtual std::optional<std::uint32_t> ownerOf(const std::string& identifier) const = 0;
 
   virtual void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
                              CheckinReply reply) = 0;

@@ -13,6 +13,7 @@
 #include "support/Entitlements.h"
 #include "support/KelvaneLog.h"
 #include "support/RepeatedEvent.h"
+#include "support/Settings.h"
 
 namespace kelvane {
 
@@ -32,14 +33,28 @@ class DeliveryScope {
   const ipc::Connection* const outer_;
 };
 
+constexpr char resumeName[] = "-[KelvaneListener resume]";
 constexpr char limitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
 
-void answerCheckin(const ipc::Reply& reply, const Value& dictionary, const Value& error) {
-  if (const std::string* text = error.string()) {
-    reply.sendError(limitsExceeded, *text);
+void answerCheckin(const ipc::Reply& reply, const Value& dictionary,
+                   const std::optional<KelvaneExportedObject::CheckinError>& error) {
+  using Cause = KelvaneExportedObject::CheckinError::Cause;
+  if (error) {
+    reply.sendError(error->cause == Cause::TooMuch ? limitsExceeded : "org.freedesktop.DBus.Error.AccessDenied",
+                    error->text);
   } else {
     reply.send(dictionary);
   }
+}
+
+/// Whether a service may not check in because its identifier is another user's. Who may not at all is the object's
+/// business.
+bool isAnothers(const KelvaneExportedObject& object, const std::string& identifier, const ipc::Connection& connection) {
+  if (!settings.ownedIdentifiers) {
+    return false;
+  }
+  const std::optional<std::uint32_t> owner = object.ownerOf(identifier);
+  return owner && *owner != connection.peer().userNumber() && connectionIsEntitled(connection, {entitlements::service});
 }
 
 void answerSet(const ipc::Reply& reply, const std::optional<KelvaneExportedObject::StateError>& error) {
@@ -63,8 +78,15 @@ void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
   const auto replyDone = [reply = request.reply] { reply.send(); };
 
   if (operation == &protocol::clientCheckin) {
-    object.clientCheckin(*request.value(0).string(), request.endpoint(1), request.value(2),
-                         [reply = request.reply](const Value& dictionary, const Value& error) {
+    const std::string& identifier = *request.value(0).string();
+    if (isAnothers(object, identifier, request.connection)) {
+      KELVANE_ERROR("%s refused a check-in as %@, which is another user's: %@", resumeName, identifier,
+                    request.connection.peer().description());
+      answerCheckin(request.reply, {}, KelvaneExportedObject::CheckinError::notOwned());
+      return;
+    }
+    object.clientCheckin(identifier, request.endpoint(1), request.value(2),
+                         [reply = request.reply](const Value& dictionary, const auto& error) {
                            answerCheckin(reply, dictionary, error);
                          });
   } else if (operation == &protocol::clientPurgeableSpace) {
@@ -87,11 +109,10 @@ void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
 
 /// Of so many connections refused since the last line, the last; nothing when there are none.
 void logRefusal(const ipc::Peer& peer, std::uint64_t count) {
-  constexpr char name[] = "-[KelvaneListener resume]";
   if (count == 1) {
-    KELVANE_ERROR("%s refused a connection: %@", name, peer.description());
+    KELVANE_ERROR("%s refused a connection: %@", resumeName, peer.description());
   } else if (count > 1) {
-    KELVANE_ERROR("%s refused %llu connections, the last: %@", name, count, peer.description());
+    KELVANE_ERROR("%s refused %llu connections, the last: %@", resumeName, count, peer.description());
   }
 }
 
@@ -129,7 +150,7 @@ void KelvaneListener::resume() {
   });
   if (const auto error = listener_.resume()) {
     // Whatever the log's threshold: these are the process's last words.
-    writeLog(errorLevel, "%s unable to listen: %@", "-[KelvaneListener resume]", *error);
+    writeLog(errorLevel, "%s unable to listen: %@", resumeName, *error);
     exitImmediately(EXIT_FAILURE);
   }
 }

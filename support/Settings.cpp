@@ -31,7 +31,9 @@ struct Number {
   std::uint32_t most;
 };
 
-constexpr Flag flags[] = {{"EndPassesEarly", &Settings::endPassesEarly}, {"DropAbandoned", &Settings::dropAbandoned}};
+constexpr Flag flags[] = {{"EndPassesEarly", &Settings::endPassesEarly},
+                          {"DropAbandoned", &Settings::dropAbandoned},
+                          {"OwnedIdentifiers", &Settings::ownedIdentifiers}};
 constexpr Number numbers[] = {{"PingLimit", &Settings::pingLimitSeconds, 3600}};
 
 // The old-style text format knows strings only.

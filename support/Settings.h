@@ -15,6 +15,8 @@ struct Settings {
   /// "PingLimit", up to an hour: a service whose ping is unanswered for so long is cut off, and its check-in goes on as
   /// if it had answered; 0 waits without limit.
   std::atomic<std::uint32_t> pingLimitSeconds = 0;
+  /// "OwnedIdentifiers": the identifier of a service that has checked in is for its user alone until it is gone.
+  std::atomic<bool> ownedIdentifiers = false;
   /// "DropAbandoned": a purge or query is not begun when the client that asked for it has hung up.
   std::atomic<bool> dropAbandoned = false;
 };

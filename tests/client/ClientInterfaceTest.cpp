@@ -76,11 +76,14 @@ class WatchingObject : public KelvaneExportedObject {
   void clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
                      CheckinReply reply) override {
     const RequestScope scope;
-    interface_.clientCheckin(identifier, endpoint, info, [this, reply](const Value& dictionary, const Value& error) {
+    interface_.clientCheckin(identifier, endpoint, info, [this, reply](const Value& dictionary, const auto& error) {
       answer();
-      EXPECT_TRUE(error.isAbsent());
+      EXPECT_FALSE(error);
       reply(dictionary, error);
     });
+  }
+  std::optional<std::uint32_t> ownerOf(const std::string& identifier) const override {
+    return interface_.ownerOf(identifier);
   }
   void clientPurgeableSpace(const Value& info, ValueReply replyBlock) override {
     const RequestScope scope;

@@ -2,12 +2,14 @@
 // What the settings hold peers to that do not behave.
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
+#include "tests/hostile/OtherUser.h"
 
 namespace kelvane {
 namespace {
 
 using test::Client;
 using test::Message;
+using test::OtherUser;
 using test::purgeOf;
 using test::Service;
 using test::untilAnswered;
@@ -16,6 +18,9 @@ class TheSettings : public test::HostileTest {
  protected:
   void startWith(const std::string& settings) {
     test::writeFile(test::configuration, "{ " + settings + " }");
+    test::writeFile(std::string(test::entitlementRules) + "other.plist",
+                    "{ User = " + std::to_string(test::otherUser) +
+                        "; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT, PURGE_ENTITLEMENT); }");
     startDaemon();
   }
   /// Waits for the next request of a purge, which is to be for so much, and gives nothing.
@@ -68,6 +73,35 @@ TEST_F(TheSettings, DropAPurgeWhoseClientIsGone) {
   expectAsked(service, 3 * test::mebibyte);
   EXPECT_TRUE(first.nextResult().isDictionary());
   EXPECT_TRUE(third.nextResult().isDictionary());
+}
+
+/// Of which the sandbox has one only where this system's root runs the test.
+class TheSettingsForTwoUsers : public TheSettings {
+ protected:
+  void SetUp() override {
+    if (!test::hasOtherUsers()) {
+      GTEST_SKIP() << "Without this system's root there is but one user";
+    }
+    TheSettings::SetUp();
+  }
+  void TearDown() override {
+    if (!IsSkipped()) {
+      TheSettings::TearDown();
+    }
+  }
+};
+
+TEST_F(TheSettingsForTwoUsers, RefuseTheIdentifierOfAnothersService) {
+  startWith("OwnedIdentifiers = YES;");
+  Service service("com.example.owned");
+  service.checkIn();
+  const auto refusal = [] {
+    Service other("com.example.owned");
+    other.beginCheckIn();
+    return other.checkInError() == SD_BUS_ERROR_ACCESS_DENIED;
+  };
+  EXPECT_TRUE(OtherUser(refusal).succeeds());
+  EXPECT_FALSE(refusal()) << "it is this user's";
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Names.h"
 #include "support/KelvaneLog.h"
+#include "support/Settings.h"
 #include "tests/harness/DaemonTest.h"
 
 namespace kelvane::test {
@@ -29,6 +30,10 @@ class RememberingObject : public KelvaneExportedObject {
     remember("checkin " + identifier, info);
     endpointGiven = endpoint.state() != nullptr;
     reply(Value::Dictionary{{"answer", identifier}}, {});
+  }
+  std::optional<std::uint32_t> ownerOf(const std::string& identifier) const override {
+    const auto found = owners.find(identifier);
+    return found != owners.end() ? std::optional(found->second) : std::nullopt;
   }
   void clientPurgeableSpace(const Value& info, ValueReply replyBlock) override {
     remember("query", info);
@@ -58,6 +63,7 @@ class RememberingObject : public KelvaneExportedObject {
 
   std::function<void()> onPurge = [] {};
   std::optional<StateError> setError;
+  std::map<std::string, std::uint32_t> owners;
   std::vector<std::string> calls;
   std::vector<Value> infos;
   std::vector<std::string> callers;
@@ -113,6 +119,27 @@ TEST_F(TheListener, AdmitsOnlyThoseWhoHoldEveryRequiredEntitlement) {
   serve({entitlements::client, entitlements::purge}, [&] {
     EXPECT_TRUE(isServed("client"));
     EXPECT_FALSE(isServed("partial"));
+  });
+}
+
+TEST_F(TheListener, RefusesTheIdentifierOfAnotherUserBeforeTheObjectIsAsked) {
+  settings.ownedIdentifiers = true;
+  serve({}, [&] {
+    object.owners = {{"roots", 0}, {"anothers", 7}};
+    ScriptedService service("any");
+    const TestClient client;
+    const auto outcomeOf = [&](const std::string& identifier) {
+      return client.checkInOutcome(identifier, service.endpoint(), Value::Dictionary{});
+    };
+    const auto refused = outcomeOf("anothers");
+    ASSERT_TRUE(std::holds_alternative<ipc::CallError>(refused));
+    EXPECT_EQ(std::get<ipc::CallError>(refused).text,
+              "org.freedesktop.DBus.Error.AccessDenied: The identifier belongs to another user");
+    EXPECT_TRUE(object.calls.empty());
+    EXPECT_TRUE(std::holds_alternative<Value>(outcomeOf("roots")));
+    EXPECT_TRUE(std::holds_alternative<Value>(outcomeOf("nobodys")));
+    settings.ownedIdentifiers = false;
+    EXPECT_TRUE(std::holds_alternative<Value>(outcomeOf("anothers")));
   });
 }
 

@@ -83,6 +83,7 @@ TEST_F(TheSettings, AreTheRecommendedOnesInTheFileThatIsInstalled) {
   EXPECT_TRUE(settings.endPassesEarly);
   EXPECT_EQ(settings.pingLimitSeconds, 30U);
   EXPECT_TRUE(settings.dropAbandoned);
+  EXPECT_TRUE(settings.ownedIdentifiers);
   EXPECT_THAT(failures(), IsEmpty());
 }
 
