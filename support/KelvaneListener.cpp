@@ -2,16 +2,20 @@
 // The listener on the daemon's own IPC service.
 #include "support/KelvaneListener.h"
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <utility>
 
+#include "platform/Clock.h"
 #include "platform/Limits.h"
 #include "platform/Process.h"
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Names.h"
 #include "support/Entitlements.h"
 #include "support/KelvaneLog.h"
+#include "support/Pace.h"
 #include "support/RepeatedEvent.h"
 #include "support/Settings.h"
 
@@ -33,6 +37,7 @@ class DeliveryScope {
   const ipc::Connection* const outer_;
 };
 
+constexpr std::uint32_t superuser = 0;
 constexpr char resumeName[] = "-[KelvaneListener resume]";
 constexpr char limitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
 
@@ -70,7 +75,23 @@ void answerSet(const ipc::Reply& reply, const std::optional<KelvaneExportedObjec
   }
 }
 
-void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
+/// Waits, on the thread that delivers it, until a user's state write may be carried out.
+void awaitTurn(Pace& stateWrites, const ipc::Connection& connection) {
+  const std::uint32_t perSecond = settings.stateWritesPerSecond;
+  const std::uint32_t user = connection.peer().userNumber();
+  if (perSecond == 0 || user == superuser) {
+    return;
+  }
+  using std::chrono::microseconds;
+  auto wait = std::chrono::ceil<microseconds>(stateWrites.step(user, perSecond));
+  while (wait > wait.zero()) {
+    const auto slept = std::min<microseconds>(wait, std::chrono::minutes(1));
+    clock::sleepMicroseconds(static_cast<std::uint32_t>(slept.count()));
+    wait -= slept;
+  }
+}
+
+void deliver(KelvaneExportedObject& object, Pace& stateWrites, const ipc::Request& request) {
   namespace protocol = KelvaneClientProtocol;
   const DeliveryScope scope(request.connection);
   const ipc::Operation* operation = &request.operation;
@@ -98,6 +119,7 @@ void deliver(KelvaneExportedObject& object, const ipc::Request& request) {
   } else if (operation == &protocol::clientCancelPurge) {
     object.clientCancelPurge(request.value(0), replyDone);
   } else if (operation == &protocol::clientSetState) {
+    awaitTurn(stateWrites, request.connection);
     object.clientSetState(request.value(0), *request.value(1).string(),
                           [reply = request.reply](const std::optional<KelvaneExportedObject::StateError>& error) {
                             answerSet(reply, error);
@@ -133,7 +155,9 @@ std::unique_ptr<KelvaneListener> KelvaneListener::daemonListenerWithExportedObje
 
 KelvaneListener::KelvaneListener(KelvaneExportedObject& object)
     : listener_(ipc::Listener::named(names::daemon, KelvaneClientProtocol::interface,
-                                     [&object](const ipc::Request& request) { deliver(object, request); })) {}
+                                     [&object, stateWrites = std::make_shared<Pace>()](const ipc::Request& request) {
+                                       deliver(object, *stateWrites, request);
+                                     })) {}
 
 void KelvaneListener::addRequiredEntitlement(const std::string& entitlement) {
   requiredEntitlements_.push_back(entitlement);

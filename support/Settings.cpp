@@ -34,7 +34,8 @@ struct Number {
 constexpr Flag flags[] = {{"EndPassesEarly", &Settings::endPassesEarly},
                           {"DropAbandoned", &Settings::dropAbandoned},
                           {"OwnedIdentifiers", &Settings::ownedIdentifiers}};
-constexpr Number numbers[] = {{"PingLimit", &Settings::pingLimitSeconds, 3600}};
+constexpr Number numbers[] = {{"PingLimit", &Settings::pingLimitSeconds, 3600},
+                              {"StateWritesPerSecond", &Settings::stateWritesPerSecond, 1'000'000}};
 
 // The old-style text format knows strings only.
 

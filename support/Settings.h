@@ -17,6 +17,9 @@ struct Settings {
   std::atomic<std::uint32_t> pingLimitSeconds = 0;
   /// "OwnedIdentifiers": the identifier of a service that has checked in is for its user alone until it is gone.
   std::atomic<bool> ownedIdentifiers = false;
+  /// "StateWritesPerSecond", up to a million: how often each user but root may set state values; who does more often
+  /// waits. 0 is no limit.
+  std::atomic<std::uint32_t> stateWritesPerSecond = 0;
   /// "DropAbandoned": a purge or query is not begun when the client that asked for it has hung up.
   std::atomic<bool> dropAbandoned = false;
 };

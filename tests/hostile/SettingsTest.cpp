@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the settings hold peers to that do not behave.
+#include <chrono>
+
 #include "protocols/Keys.h"
 #include "tests/hostile/HostileTest.h"
 #include "tests/hostile/OtherUser.h"
@@ -102,6 +104,28 @@ TEST_F(TheSettingsForTwoUsers, RefuseTheIdentifierOfAnothersService) {
   };
   EXPECT_TRUE(OtherUser(refusal).succeeds());
   EXPECT_FALSE(refusal()) << "it is this user's";
+}
+
+TEST_F(TheSettingsForTwoUsers, DelayTheStateWritesOfAUserButNotRoots) {
+  using std::chrono::steady_clock;
+  startWith("StateWritesPerSecond = 10;");
+  const auto write = [](int times) {
+    Client client;
+    bool isServed = true;
+    for (int time = 0; time < times; ++time) {
+      isServed = isServed && client
+                                 .call("clientSetState",
+                                       [](sd_bus_message* message) {
+                                         return sd_bus_message_append(message, "vs", "s", "value", "key");
+                                       })
+                                 .error.empty();
+    }
+    return isServed;
+  };
+  const auto begin = steady_clock::now();
+  EXPECT_TRUE(OtherUser([write] { return write(20); }).succeeds());
+  EXPECT_GE(steady_clock::now() - begin, std::chrono::seconds(1));
+  EXPECT_TRUE(write(20));
 }
 
 }  // namespace

@@ -63,6 +63,20 @@ TEST_F(TheSettings, TakeWholeNumbersInEveryFormat) {
   EXPECT_THAT(failures(), IsEmpty());
 }
 
+TEST_F(TheSettings, SetEachWhatItIsFor) {
+  configure("{ DropAbandoned = YES; OwnedIdentifiers = YES; StateWritesPerSecond = 100; PingLimit = 30; }");
+  EXPECT_FALSE(settings.endPassesEarly);
+  EXPECT_TRUE(settings.dropAbandoned);
+  EXPECT_TRUE(settings.ownedIdentifiers);
+  EXPECT_EQ(settings.stateWritesPerSecond, 100U);
+  EXPECT_EQ(settings.pingLimitSeconds, 30U);
+  configure("{ StateWritesPerSecond = 1000001; }");
+  EXPECT_FALSE(settings.dropAbandoned);
+  EXPECT_FALSE(settings.ownedIdentifiers);
+  EXPECT_EQ(settings.stateWritesPerSecond, 0U);
+  EXPECT_EQ(settings.pingLimitSeconds, 0U);
+}
+
 TEST_F(TheSettings, StayBuiltInWhereANumberIsOutOfRangeOrNone) {
   for (const std::string number : {"<integer>3601</integer>", "<integer>-1</integer>", "<real>2.5</real>", "<true/>",
                                    "<string>18446744073709551616</string>", "<string>30 s</string>", "<string/>"}) {
@@ -84,6 +98,7 @@ TEST_F(TheSettings, AreTheRecommendedOnesInTheFileThatIsInstalled) {
   EXPECT_EQ(settings.pingLimitSeconds, 30U);
   EXPECT_TRUE(settings.dropAbandoned);
   EXPECT_TRUE(settings.ownedIdentifiers);
+  EXPECT_EQ(settings.stateWritesPerSecond, 100U);
   EXPECT_THAT(failures(), IsEmpty());
 }
 
