@@ -36,10 +36,15 @@ void ClientInterface::clientCheckin(const std::string& identifier, const ipc::En
     return;
   }
   const Checkin checkin = {identifier, endpoint, info, currentConnection().peer().userNumber()};
-  collection_queue().async([this, checkin, reply = std::move(reply)] {
+  const Block work = [this, checkin, reply = std::move(reply)] {
     collection_queue().assertCurrent();
     checkIn(checkin, reply);
-  });
+  };
+  if (settings.fairQueues) {
+    fairCheckins_.async(checkin.user, work);
+  } else {
+    collection_queue().async(work);
+  }
 }
 
 std::optional<std::uint32_t> ClientInterface::ownerOf(const std::string& identifier) const {

@@ -15,6 +15,7 @@
 #include "operations/SharedRegistry.h"
 #include "platform/Preferences.h"
 #include "protocols/Keys.h"
+#include "support/FairQueue.h"
 #include "support/KelvaneExportedObject.h"
 #include "support/KelvaneServiceProxy.h"
 #include "support/LiveServiceTable.h"
@@ -81,6 +82,11 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   std::unique_ptr<PreferencesSuite> userDefaults_;
   /// State values that hold until others are set; never stored.
   const Value default_values_ = Value::Dictionary{{keys::cacheEnabled, true}};
+
+  // What waits for these queues while the settings have users take turns.
+  FairQueue fairPurges_{queues_.purge_queue};
+  FairQueue fairQueries_{queues_.purgeable_queue};
+  FairQueue fairCheckins_{queues_.collection_queue};
 
   /// The service table. Everything known from descriptions is in it from the start; check-ins come and go.
   LiveServiceTable services_ KELVANE_GUARDED_BY(queues_.collection_queue);

@@ -19,6 +19,11 @@ bool isAbandoned(const ClientInterface::Requester& requester) {
   return settings.dropAbandoned && requester && requester->hasEnded();
 }
 
+/// None for the daemon itself.
+std::optional<std::uint32_t> userOf(const ClientInterface::Requester& requester) {
+  return requester ? std::optional(requester->peer().userNumber()) : std::nullopt;
+}
+
 }  // namespace
 
 Value Kelvane::purge(const Value& info, const ResultCallback& callback, const Requester& requester) {
@@ -28,8 +33,7 @@ Value Kelvane::purge(const Value& info, const ResultCallback& callback, const Re
     token = createKelvaneToken();
   }
   const auto kept = std::make_shared<AtomicProperty<Value>>();
-  const Group group;
-  group.async(purge_queue(), [this, token = token.description(), operation, callback, kept, requester] {
+  const Block work = [this, token = token.description(), operation, callback, kept, requester] {
     if (isAbandoned(requester)) {
       KELVANE_TRACE("%s the client has hung up", "-[Kelvane purge:callback:]_block");
       return;
@@ -54,14 +58,20 @@ Value Kelvane::purge(const Value& info, const ResultCallback& callback, const Re
         purgeOperations_->erase(token);
       }
     });
-  });
-  group.wait();
+  };
+  if (settings.fairQueues) {
+    fairPurges_.sync(userOf(requester), work);
+  } else {
+    const Group group;
+    group.async(purge_queue(), work);
+    group.wait();
+  }
   return kept->load();
 }
 
 Value Kelvane::totalAvailable(const Value& info, const Requester& requester) {
   Value kept;
-  purgeable_queue().sync([&] {
+  const Block work = [&] {
     if (isAbandoned(requester)) {
       KELVANE_TRACE("%s the client has hung up", "-[Kelvane totalAvailable:]_block");
       return;
@@ -71,7 +81,12 @@ Value Kelvane::totalAvailable(const Value& info, const Requester& requester) {
     if (operation) {
       operation->startOperation([&kept](const Value& result) { kept = result; });
     }
-  });
+  };
+  if (settings.fairQueues) {
+    fairQueries_.sync(userOf(requester), work);
+  } else {
+    purgeable_queue().sync(work);
+  }
   return kept;
 }
 

@@ -33,7 +33,8 @@ struct Number {
 
 constexpr Flag flags[] = {{"EndPassesEarly", &Settings::endPassesEarly},
                           {"DropAbandoned", &Settings::dropAbandoned},
-                          {"OwnedIdentifiers", &Settings::ownedIdentifiers}};
+                          {"OwnedIdentifiers", &Settings::ownedIdentifiers},
+                          {"FairQueues", &Settings::fairQueues}};
 constexpr Number numbers[] = {{"PingLimit", &Settings::pingLimitSeconds, 3600},
                               {"StateWritesPerSecond", &Settings::stateWritesPerSecond, 1'000'000}};
 

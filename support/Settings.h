@@ -22,6 +22,9 @@ struct Settings {
   std::atomic<std::uint32_t> stateWritesPerSecond = 0;
   /// "DropAbandoned": a purge or query is not begun when the client that asked for it has hung up.
   std::atomic<bool> dropAbandoned = false;
+  /// "FairQueues": users whose purges, queries or check-ins wait take turns, and the daemon's own purges go before
+  /// theirs.
+  std::atomic<bool> fairQueues = false;
 };
 
 extern Settings settings;

@@ -64,15 +64,19 @@ TEST_F(TheSettings, TakeWholeNumbersInEveryFormat) {
 }
 
 TEST_F(TheSettings, SetEachWhatItIsFor) {
-  configure("{ DropAbandoned = YES; OwnedIdentifiers = YES; StateWritesPerSecond = 100; PingLimit = 30; }");
+  configure(
+      "{ DropAbandoned = YES; OwnedIdentifiers = YES; StateWritesPerSecond = 100; PingLimit = 30; "
+      "FairQueues = YES; }");
   EXPECT_FALSE(settings.endPassesEarly);
   EXPECT_TRUE(settings.dropAbandoned);
   EXPECT_TRUE(settings.ownedIdentifiers);
+  EXPECT_TRUE(settings.fairQueues);
   EXPECT_EQ(settings.stateWritesPerSecond, 100U);
   EXPECT_EQ(settings.pingLimitSeconds, 30U);
   configure("{ StateWritesPerSecond = 1000001; }");
   EXPECT_FALSE(settings.dropAbandoned);
   EXPECT_FALSE(settings.ownedIdentifiers);
+  EXPECT_FALSE(settings.fairQueues);
   EXPECT_EQ(settings.stateWritesPerSecond, 0U);
   EXPECT_EQ(settings.pingLimitSeconds, 0U);
 }
@@ -99,6 +103,7 @@ TEST_F(TheSettings, AreTheRecommendedOnesInTheFileThatIsInstalled) {
   EXPECT_TRUE(settings.dropAbandoned);
   EXPECT_TRUE(settings.ownedIdentifiers);
   EXPECT_EQ(settings.stateWritesPerSecond, 100U);
+  EXPECT_TRUE(settings.fairQueues);
   EXPECT_THAT(failures(), IsEmpty());
 }
 
