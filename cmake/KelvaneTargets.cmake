@@ -10,6 +10,11 @@ endif()
 if(KELVANE_SANITIZERS)
   add_compile_options(-fsanitize=${KELVANE_SANITIZERS} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KELVANE_SANITIZERS})
+  # Takes a fifth of the time of the system's own.
+  find_program(KELVANE_LLD ld.lld)
+  if(KELVANE_LLD)
+    add_link_options(-fuse-ld=lld)
+  endif()
 endif()
 
 # kelvane_library(NAME SOURCES ... [LINK ...])
