@@ -43,8 +43,11 @@ class KLService : public std::enable_shared_from_this<KLService> {
 
   /// The number of the user that the identifier belongs to, who checked in with it; none in a record made from a
   /// description and once the connection has ended.
-  std::optional<std::uint32_t> owner() const { return owner_; }
-  void setOwner(std::optional<std::uint32_t> user) { owner_ = user; }
+  std::optional<std::uint32_t> owner() const {
+    const std::int64_t user = owner_;
+    return user == nobody ? std::nullopt : std::optional(static_cast<std::uint32_t>(user));
+  }
+  void setOwner(std::optional<std::uint32_t> user) { owner_ = user ? std::int64_t{*user} : nobody; }
 
   const std::optional<ipc::Endpoint>& endpoint() const { return endpoint_; }
   void setEndpoint(ipc::Endpoint endpoint) { endpoint_ = std::move(endpoint); }
@@ -67,7 +70,8 @@ class KLService : public std::enable_shared_from_this<KLService> {
   std::atomic<bool> doesPeriodic_ = false;
   std::atomic<bool> doNotQuery_ = false;
   AtomicProperty<Value> desiredNotifications_;
-  std::atomic<std::optional<std::uint32_t>> owner_;
+  static constexpr std::int64_t nobody = -1;
+  std::atomic<std::int64_t> owner_ = nobody;
   std::optional<ipc::Endpoint> endpoint_;
   std::optional<ipc::Connection> vexConn_;
   const SerialQueue call_queue_{"com.tessaly.kelvane_service_call"};
