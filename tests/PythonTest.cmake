@@ -4,9 +4,9 @@
 find_program(KELVANE_PYTHON NAMES python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
 
 # kelvane_python_test(NAME SCRIPT [COMMAND ...]): one program of unittest's, run by COMMAND if there is one. It finds the
-# programs built in KELVANE_BUILD. As it takes longer than a test of GoogleTest's, it begins before those.
+# programs built in KELVANE_BUILD.
 function(kelvane_python_test name script)
   cmake_parse_arguments(PARSE_ARGV 2 ARG "" "" "COMMAND")
   add_test(NAME ${name} COMMAND ${ARG_COMMAND} "${KELVANE_PYTHON}" -B "${CMAKE_CURRENT_SOURCE_DIR}/${script}")
-  set_tests_properties(${name} PROPERTIES ENVIRONMENT "KELVANE_BUILD=${PROJECT_BINARY_DIR}" TIMEOUT 120 COST 200)
+  set_tests_properties(${name} PROPERTIES ENVIRONMENT "KELVANE_BUILD=${PROJECT_BINARY_DIR}" TIMEOUT 120)
 endfunction()
