@@ -117,6 +117,13 @@ void DaemonProcess::send(int signal) const {
   kill(pid_, signal);
 }
 
+void DaemonProcess::limitDescriptors(rlim_t count) const {
+  rlimit limit{};
+  EXPECT_EQ(prlimit(pid_, RLIMIT_NOFILE, nullptr, &limit), 0);
+  limit.rlim_cur = count;
+  EXPECT_EQ(prlimit(pid_, RLIMIT_NOFILE, &limit, nullptr), 0);
+}
+
 std::string DaemonProcess::wait() {
   if (pid_ != 0) {
     waitpid(std::exchange(pid_, 0), &status_, 0);

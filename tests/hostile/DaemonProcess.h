@@ -36,6 +36,8 @@ class DaemonProcess {
   void launch(const Circumstances& circumstances = {});
   [[nodiscard]] bool isRunning();
   void send(int signal) const;
+  /// How many it can have from now on; those there are stay.
+  void limitDescriptors(rlim_t count) const;
   /// Waits for its end and describes that: "exit 0", "signal 9".
   std::string wait();
 

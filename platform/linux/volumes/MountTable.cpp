@@ -6,6 +6,7 @@
 #include <sys/sysmacros.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 #include <map>
 #include <memory>
@@ -74,11 +75,12 @@ bool mayHang(libmnt_fs* fs) {
   return mnt_fs_is_netfs(fs) != 0 || type.starts_with("fuse") || std::ranges::find(others, type) != std::end(others);
 }
 
-std::vector<Mount> readTable(const char* mountInfoFile) {
+Result<std::vector<Mount>> readTable(const char* mountInfoFile) {
   const std::unique_ptr<libmnt_table, FreeTable> table(mnt_new_table());
   const std::unique_ptr<libmnt_iter, FreeIterator> iterator(mnt_new_iter(MNT_ITER_FORWARD));
-  if (!table || !iterator || mnt_table_parse_file(table.get(), mountInfoFile) != 0) {
-    return {};
+  const int failed = table && iterator ? mnt_table_parse_file(table.get(), mountInfoFile) : -ENOMEM;
+  if (failed != 0) {
+    return Failure{.number = failed < 0 ? -failed : EIO, .tried = std::string("reading ") + mountInfoFile};
   }
   std::vector<Mount> mounts;
   libmnt_fs* fs = nullptr;
@@ -199,11 +201,14 @@ class MountTree {
 
 }  // namespace
 
-std::vector<VolumeMount> volumeMounts(const char* mountInfoFile) {
-  const std::vector<Mount> mounts = readTable(mountInfoFile);
-  MountTree tree(mounts);
+Result<std::vector<VolumeMount>> volumeMounts(const char* mountInfoFile) {
+  const Result<std::vector<Mount>> mounts = readTable(mountInfoFile);
+  if (!mounts) {
+    return mounts.failure();
+  }
+  MountTree tree(*mounts);
   std::vector<VolumeMount> volumes;
-  for (const Mount& mount : mounts) {
+  for (const Mount& mount : *mounts) {
     if (mount.isVolume && tree.isReachable(mount)) {
       volumes.push_back(mount.volume);
       volumes.back().way = tree.wayTo(mount);

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "platform/Result.h"
+
 namespace kelvane {
 
 /// A mount that the path to another leads through.
@@ -29,8 +31,8 @@ struct VolumeMount {
 /// The mounts of such file systems, duplicates of one file system included; read from a file in the format of
 /// /proc/self/mountinfo. Those with the shortest ways come first, then whole file systems, as their mount points are
 /// the better names, otherwise the order is that of mounting. Mounts that no path leads to, because a later one covers
-/// them, are left out. Decided by the table alone: asking the file systems could wait for a dead server. Empty when the
-/// table cannot be read.
-[[nodiscard]] std::vector<VolumeMount> volumeMounts(const char* mountInfoFile);
+/// them, are left out. Decided by the table alone: asking the file systems could wait for a dead server. Fails when the
+/// table cannot be read, for lack of descriptors, say.
+[[nodiscard]] Result<std::vector<VolumeMount>> volumeMounts(const char* mountInfoFile);
 
 }  // namespace kelvane

@@ -6,6 +6,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "platform/linux/volumes/Paths.h"
 
@@ -35,9 +36,11 @@ Mounts::Table Mounts::readAgain() {
 }
 
 void Mounts::read() {
-  table_ = std::make_shared<const std::vector<VolumeMount>>(volumeMounts(paths::mountInfo));
-  // A table without a single volume is more likely one that could not be read.
-  read_ = table_->empty() ? std::nullopt : std::optional(Clock::now());
+  auto mounts = volumeMounts(paths::mountInfo);
+  read_ = mounts ? std::optional(Clock::now()) : std::nullopt;
+  if (mounts) {
+    table_ = std::make_shared<const std::vector<VolumeMount>>(*std::move(mounts));
+  }
 }
 
 /// A table that cannot be watched may always have changed.

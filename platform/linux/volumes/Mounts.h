@@ -16,7 +16,8 @@ namespace kelvane {
 
 /// Keeps what volumeMounts() says of this process, because reading the table again would cost each purge as much as
 /// sending eight services their requests. The kernel tells of every change to a mount, but not of file systems that
-/// become read-only by themselves; these are known within a minute. One per process, never destroyed. Any thread.
+/// become read-only by themselves; these are known within a minute. What cannot be read again, for lack of descriptors,
+/// say, is as it was: volumes do not go away by that. One per process, never destroyed. Any thread.
 class Mounts {
  public:
   using Table = std::shared_ptr<const std::vector<VolumeMount>>;
@@ -44,7 +45,7 @@ class Mounts {
   const FileDescriptor watch_;
   const FileDescriptor listener_;
   runtime::Mutex mutex_;
-  Table table_ KELVANE_GUARDED_BY(mutex_);
+  Table table_ KELVANE_GUARDED_BY(mutex_) = std::make_shared<const std::vector<VolumeMount>>();
   /// When, unless it is to be read again in any case.
   std::optional<Clock::time_point> read_ KELVANE_GUARDED_BY(mutex_);
 };

@@ -16,8 +16,9 @@ using testing::IsEmpty;
 
 std::vector<std::string> pathsIn(std::string_view table) {
   test::writeFile("/mnt/mountinfo", table);
+  const auto mounts = *volumeMounts("/mnt/mountinfo");
   std::vector<std::string> paths;
-  for (const VolumeMount& mount : volumeMounts("/mnt/mountinfo")) {
+  for (const VolumeMount& mount : mounts) {
     paths.push_back(mount.path);
   }
   return paths;
@@ -73,7 +74,7 @@ TEST(AMountTable, GivesTheTopmostOfMountsOnOnePath) {
                   "20 1 8:1 / / rw - ext4 /dev/sda1 rw\n"
                   "21 20 8:2 / /a rw - ext4 /dev/sda2 rw\n"
                   "22 21 0:30 / /a rw - tmpfs tmpfs rw\n");
-  const auto mounts = volumeMounts("/mnt/mountinfo");
+  const auto mounts = *volumeMounts("/mnt/mountinfo");
   ASSERT_EQ(mounts.size(), 2u);
   EXPECT_EQ(mounts[1].path, "/a");
   EXPECT_EQ(mounts[1].device, 30u);
@@ -90,7 +91,7 @@ TEST(AMountTable, TellsBindMountsFromWholeFileSystemsAndGivesThoseFirst) {
   test::writeFile("/mnt/mountinfo",
                   "20 1 8:1 /sub /a rw - ext4 /dev/sda1 rw\n"
                   "21 1 8:1 / /b rw - ext4 /dev/sda1 rw\n");
-  const auto mounts = volumeMounts("/mnt/mountinfo");
+  const auto mounts = *volumeMounts("/mnt/mountinfo");
   ASSERT_EQ(mounts.size(), 2u);
   EXPECT_EQ(mounts[0].path, "/b");
   EXPECT_TRUE(mounts[0].isWhole);
@@ -117,7 +118,7 @@ TEST(AMountTable, TellsWhatMayHangOnTheWayToAMountAndGivesThoseWithoutFirst) {
                   "26 20 0:51 / /over rw - fuse.archive archive rw\n"
                   "27 26 8:4 / /over rw - ext4 /dev/sda4 rw\n"
                   "28 27 8:5 / /over/in rw - ext4 /dev/sda5 rw\n");
-  const auto mounts = volumeMounts("/mnt/mountinfo");
+  const auto mounts = *volumeMounts("/mnt/mountinfo");
   std::vector<std::string> paths;
   for (const VolumeMount& mount : mounts) {
     paths.push_back(mount.path);
@@ -161,8 +162,10 @@ TEST(AMountTable, DecodesEscapedPaths) {
   EXPECT_THAT(pathsIn("20 1 8:1 / /my\\040disk rw - ext4 /dev/sda1 rw\n"), ElementsAre("/my disk"));
 }
 
-TEST(AMountTable, ThatCannotBeReadIsEmpty) {
-  EXPECT_THAT(volumeMounts("/mnt/no-such-table"), IsEmpty());
+TEST(AMountTable, ThatCannotBeReadIsNotEmptyButUnknown) {
+  const auto mounts = volumeMounts("/mnt/no-such-table");
+  ASSERT_FALSE(mounts);
+  EXPECT_EQ(mounts.failure().text(), "reading /mnt/no-such-table: No such file or directory");
 }
 
 }  // namespace

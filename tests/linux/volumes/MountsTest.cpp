@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 
@@ -29,6 +30,21 @@ TEST(Mounts, AreTheSameUntilSomethingIsMounted) {
   EXPECT_NE(Mounts::shared().current(), before);
   EXPECT_TRUE(isKnown("/mnt/known"));
   ASSERT_EQ(umount2("/mnt/known", MNT_DETACH), 0);
+  EXPECT_FALSE(isKnown("/mnt/known"));
+}
+
+TEST(Mounts, StayKnownWhileTheyCannotBeRead) {
+  test::mountTmpfs("/mnt/known", "size=1m");
+  ASSERT_TRUE(isKnown("/mnt/known"));
+  rlimit usual;
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit none{.rlim_cur = 3, .rlim_max = usual.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  EXPECT_EQ(Mounts::shared().readAgain(), Mounts::shared().current());
+  EXPECT_TRUE(isKnown("/mnt/known"));
+  ASSERT_EQ(umount2("/mnt/known", MNT_DETACH), 0);
+  EXPECT_TRUE(isKnown("/mnt/known"));
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
   EXPECT_FALSE(isKnown("/mnt/known"));
 }
 

@@ -164,7 +164,7 @@ class AVolumeBeneathADiskThatHangs : public testing::Test {
     return status.st_dev;
   }
   std::vector<VolumeMount> mounts() const {
-    std::vector<VolumeMount> all = volumeMounts(paths::mountInfo);
+    std::vector<VolumeMount> all = *volumeMounts(paths::mountInfo);
     std::erase_if(all, [this](const VolumeMount& mount) { return mount.device != device; });
     return all;
   }
