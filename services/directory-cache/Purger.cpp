@@ -62,9 +62,10 @@ void Purger::settle() {
   if (batch == 0) {
     return;
   }
-  const std::uint64_t free = meter_.settledFree(freeBefore_ + gained_ + batch);
+  const std::uint64_t least = gained_ + batch / leastYieldDivisor;
+  const std::uint64_t free = meter_.settledFree(freeBefore_ + gained_ + batch, freeBefore_ + least);
   const std::uint64_t gained = free > freeBefore_ ? free - freeBefore_ : 0;
-  result_.isFutile = gained < gained_ + batch / leastYieldDivisor;
+  result_.isFutile = gained < least;
   gained_ = gained;
   deletedWhenMeasured_ = deleted_;
 }

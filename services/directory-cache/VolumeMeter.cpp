@@ -6,16 +6,38 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "platform/Clock.h"
 
 namespace kelvane::directoryCache {
 
 namespace {
 
-constexpr int settlingTurns = 50;
-constexpr std::uint32_t settlingTurnMicroseconds = 10'000;
+constexpr int idleTurns = 50;
+constexpr int mostTurns = 300;
+constexpr std::uint32_t turnMicroseconds = 10'000;
 
 }  // namespace
+
+std::uint64_t VolumeMeter::settledFree(std::uint64_t expected, std::uint64_t least) {
+  std::uint64_t bytes = freeBytes();
+  if (bytes >= expected) {
+    return bytes;
+  }
+  // Some file systems free blocks in the background or with their next commit only.
+  flush();
+  bytes = freeBytes();
+  std::uint64_t most = bytes;
+  int idle = 0;
+  for (int turn = 0; turn < mostTurns && bytes < expected && (idle < idleTurns || bytes < least); ++turn) {
+    clock::sleepMicroseconds(turnMicroseconds);
+    bytes = freeBytes();
+    idle = bytes > most ? 0 : idle + 1;
+    most = std::max(most, bytes);
+  }
+  return bytes;
+}
 
 MountedVolumeMeter::MountedVolumeMeter(const std::string& volume, const Descriptor& directory)
     : volume_(::open(volume.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
@@ -32,19 +54,8 @@ std::uint64_t MountedVolumeMeter::freeBytes() {
   return static_cast<std::uint64_t>(status.f_bfree) * status.f_frsize;
 }
 
-std::uint64_t MountedVolumeMeter::settledFree(std::uint64_t expected) {
-  std::uint64_t bytes = freeBytes();
-  if (bytes >= expected) {
-    return bytes;
-  }
-  // Some file systems free blocks in the background or with their next commit only.
+void MountedVolumeMeter::flush() {
   syncfs(volume_.number());
-  bytes = freeBytes();
-  for (int turn = 0; turn < settlingTurns && bytes < expected; ++turn) {
-    clock::sleepMicroseconds(settlingTurnMicroseconds);
-    bytes = freeBytes();
-  }
-  return bytes;
 }
 
 }  // namespace kelvane::directoryCache

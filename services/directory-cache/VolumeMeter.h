@@ -17,9 +17,14 @@ class VolumeMeter {
   /// Bytes that are free at all, those kept for the superuser among them: where that reserve has been used, what is
   /// deleted fills it up first, and is nonetheless freed.
   virtual std::uint64_t freeBytes() = 0;
-  /// As freeBytes(), after the file system has done what it put off when files were deleted; waits until at least
-  /// expected bytes are free, for a moment at most.
-  virtual std::uint64_t settledFree(std::uint64_t expected) = 0;
+  /// As freeBytes(), after the file system has done what it put off when files were deleted. Waits until at least
+  /// expected bytes are free: as long as more come free and a moment longer, and some seconds in all. While fewer than
+  /// least are free it waits for these seconds in any case, as a busy machine may come late to what was put off.
+  virtual std::uint64_t settledFree(std::uint64_t expected, std::uint64_t least);
+
+ protected:
+  /// Has the file system write what it keeps back, as far as it can be asked to.
+  virtual void flush() = 0;
 };
 
 /// Measures the file system that is mounted at a path. When that may not be opened, it measures at a directory on
@@ -29,7 +34,9 @@ class MountedVolumeMeter : public VolumeMeter {
   MountedVolumeMeter(const std::string& volume, const Descriptor& directory);
 
   std::uint64_t freeBytes() override;
-  std::uint64_t settledFree(std::uint64_t expected) override;
+
+ protected:
+  void flush() override;
 
  private:
   Descriptor volume_;

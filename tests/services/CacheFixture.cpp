@@ -57,7 +57,7 @@ std::uint64_t DirectoryMeter::freeBytes() {
   return static_cast<std::uint64_t>(*first_ + gained);
 }
 
-std::uint64_t DirectoryMeter::settledFree(std::uint64_t) {
+std::uint64_t DirectoryMeter::settledFree(std::uint64_t, std::uint64_t) {
   ++settlings_;
   return freeBytes();
 }

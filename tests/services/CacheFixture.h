@@ -31,9 +31,12 @@ class DirectoryMeter : public VolumeMeter {
   DirectoryMeter(std::string path, double yield) : path_(std::move(path)), yield_(yield) {}
 
   std::uint64_t freeBytes() override;
-  std::uint64_t settledFree(std::uint64_t expected) override;
+  std::uint64_t settledFree(std::uint64_t expected, std::uint64_t least) override;
 
   int settlings() const { return settlings_; }
+
+ protected:
+  void flush() override {}
 
  private:
   const std::string path_;

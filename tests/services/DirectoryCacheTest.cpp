@@ -6,6 +6,7 @@
 #include <sys/statvfs.h>
 
 #include <filesystem>
+#include <map>
 
 #include "platform/simulated/Simulation.h"
 #include "protocols/KelvaneServiceProtocol.h"
@@ -138,16 +139,69 @@ TEST_F(ADirectoryCache, LogsADirectoryThatIsReachedThroughALink) {
   EXPECT_TRUE(simulation_.log().contains("a symbolic link is on the way"));
 }
 
-TEST(AMountedVolumesMeter, WaitsOnlyAMomentForSpaceThatDoesNotCome) {
+/// Of a volume on which space comes free at certain times.
+class ScriptedMeter : public VolumeMeter {
+ public:
+  using Milliseconds = std::chrono::milliseconds;
+
+  ScriptedMeter(Simulation& simulation, std::map<Milliseconds, std::uint64_t> free)
+      : simulation_(simulation), free_(std::move(free)) {}
+
+  std::uint64_t freeBytes() override {
+    const auto next = free_.upper_bound(std::chrono::duration_cast<Milliseconds>(simulation_.elapsed()));
+    return next == free_.begin() ? 0 : std::prev(next)->second;
+  }
+
+ protected:
+  void flush() override {}
+
+ private:
+  Simulation& simulation_;
+  const std::map<Milliseconds, std::uint64_t> free_;
+};
+
+struct Settled {
+  std::uint64_t free;
+  std::int64_t milliseconds;
+  bool operator==(const Settled&) const = default;
+};
+
+/// What a meter says when 80 bytes are expected, 10 of them at least, and how long that takes.
+Settled settle(std::map<std::chrono::milliseconds, std::uint64_t> free) {
   Simulation simulation;
+  Settled settled{};
   simulation.run([&] {
-    MountedVolumeMeter meter("/", Descriptor());
-    const auto before = simulation.elapsed();
-    EXPECT_GT(meter.settledFree(0), 0U);
-    EXPECT_EQ(simulation.elapsed(), before);
-    EXPECT_GT(meter.settledFree(std::uint64_t{1} << 62), 0U);
-    EXPECT_EQ(simulation.elapsed() - before, std::chrono::milliseconds(500));
+    settled.free = ScriptedMeter(simulation, std::move(free)).settledFree(80, 10);
+    settled.milliseconds = std::chrono::duration_cast<std::chrono::milliseconds>(simulation.elapsed()).count();
   });
+  return settled;
+}
+
+using namespace std::chrono_literals;
+
+TEST(AVolumesMeter, DoesNotWaitForSpaceThatHasCome) {
+  EXPECT_EQ(settle({{0ms, 80}}), (Settled{80, 0}));
+}
+
+TEST(AVolumesMeter, WaitsAMomentForSpaceThatDoesNotComeOnceTheLeastIsThere) {
+  EXPECT_EQ(settle({{0ms, 10}}), (Settled{10, 500}));
+}
+
+TEST(AVolumesMeter, WaitsAsLongAsMoreSpaceComes) {
+  EXPECT_EQ(settle({{0ms, 10}, {400ms, 20}, {800ms, 79}, {1200ms, 80}}), (Settled{80, 1200}));
+}
+
+TEST(AVolumesMeter, WaitsSomeSecondsForTheLeast) {
+  EXPECT_EQ(settle({{2900ms, 80}}), (Settled{80, 2900}));
+  EXPECT_EQ(settle({{0ms, 9}}), (Settled{9, 3000}));
+}
+
+TEST(AVolumesMeter, WaitsSomeSecondsAtMostForSpaceThatTrickles) {
+  std::map<std::chrono::milliseconds, std::uint64_t> trickle;
+  for (int turn = 0; turn < 60; ++turn) {
+    trickle[turn * 100ms] = 10 + static_cast<std::uint64_t>(turn);
+  }
+  EXPECT_EQ(settle(trickle), (Settled{40, 3000}));
 }
 
 TEST(AMountedVolumesMeter, MeasuresAtADirectoryWhenTheVolumeMayNotBeOpened) {

@@ -362,9 +362,9 @@ TEST_F(APurge, StopsBetweenFilesWhenItIsCancelled) {
    public:
     CancellingMeter(const std::string& path, Cancellation cancellation)
         : DirectoryMeter(path, 0.5), cancellation_(std::move(cancellation)) {}
-    std::uint64_t settledFree(std::uint64_t expected) override {
+    std::uint64_t settledFree(std::uint64_t expected, std::uint64_t least) override {
       cancellation_.cancel();
-      return DirectoryMeter::settledFree(expected);
+      return DirectoryMeter::settledFree(expected, least);
     }
 
    private:
