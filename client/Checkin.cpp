@@ -107,11 +107,17 @@ std::shared_ptr<KLService> ClientInterface::connectService(const Checkin& checki
 }
 
 void ClientInterface::removeService(const std::string& identifier, const std::weak_ptr<KLService>& record) {
-  collection_queue().async([this, identifier, record] {
+  const auto removal = [this, identifier, record] {
     collection_queue().assertCurrent();
     // Identity, not equality: a handler that fires late must not remove a newer record of the same name.
     services_.remove(identifier, record.lock());
-  });
+  };
+  if (settings.fairQueues) {
+    // Before all that users have waiting, whichever of it is next.
+    fairCheckins_.async(std::nullopt, removal);
+  } else {
+    collection_queue().async(removal);
+  }
   // What is checked in from here on waits for the removal.
   if (const auto ended = record.lock()) {
     ended->setOwner(std::nullopt);

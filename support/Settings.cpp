@@ -35,7 +35,8 @@ constexpr Flag flags[] = {{"EndPassesEarly", &Settings::endPassesEarly},
                           {"DropAbandoned", &Settings::dropAbandoned},
                           {"OwnedIdentifiers", &Settings::ownedIdentifiers},
                           {"FairQueues", &Settings::fairQueues}};
-constexpr Number numbers[] = {{"PingLimit", &Settings::pingLimitSeconds, 3600},
+// A ping that is waited for longer could be the watchdog's end of the daemon.
+constexpr Number numbers[] = {{"PingLimit", &Settings::pingLimitSeconds, 120},
                               {"StateWritesPerSecond", &Settings::stateWritesPerSecond, 1'000'000}};
 
 // The old-style text format knows strings only.

@@ -15,7 +15,8 @@ namespace kelvane::directoryCache {
 namespace {
 
 constexpr int idleTurns = 50;
-constexpr int mostTurns = 300;
+// Less than the time in which a client expects the answer of a first purge.
+constexpr int mostTurns = 150;
 constexpr std::uint32_t turnMicroseconds = 10'000;
 
 }  // namespace

@@ -18,8 +18,8 @@ class VolumeMeter {
   /// deleted fills it up first, and is nonetheless freed.
   virtual std::uint64_t freeBytes() = 0;
   /// As freeBytes(), after the file system has done what it put off when files were deleted. Waits until at least
-  /// expected bytes are free: as long as more come free and a moment longer, and some seconds in all. While fewer than
-  /// least are free it waits for these seconds in any case, as a busy machine may come late to what was put off.
+  /// expected bytes are free: as long as more come free and half a second longer, and 1.5 s in all. While fewer than
+  /// least are free it waits for all of that in any case, as a busy machine may come late to what was put off.
   virtual std::uint64_t settledFree(std::uint64_t expected, std::uint64_t least);
 
  protected:

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -111,6 +112,34 @@ TEST_F(WaitingRequests, OfTwoUsersToQueryTakeTurns) {
     for (const auto& answer : answers) {
       EXPECT_TRUE(answer->value.isDictionary());
     }
+  });
+}
+
+TEST_F(WaitingRequests, ToCheckInLetTheEndOfAnEarlierConnectionPass) {
+  runDaemon([&] {
+    auto earlier = std::make_unique<ScriptedService>("again");
+    clientOfUser(1001).checkIn("again", earlier->endpoint(), Value::Dictionary{{"PURGE", true}});
+    simulation->settle();
+    ASSERT_EQ(kelvane->copyServices()->count("again"), 1u);
+    const ScriptedService other("other");
+    const ScriptedService another("another");
+    clientOfUser(1002).checkIn("other", other.endpoint(), Value::Dictionary{});
+    simulation->settle();
+    // The next turn is the first user's, whose second check-in thus comes before this one, which is on the queue
+    // already.
+    kelvane->collection_queue().suspend();
+    clientOfUser(1002).checkIn("another", another.endpoint(), Value::Dictionary{});
+    simulation->settle();
+    earlier.reset();
+    simulation->settle();
+    const ScriptedService later("again");
+    const auto checkin = clientOfUser(1001).checkIn("again", later.endpoint(), Value::Dictionary{{"PURGE", true}});
+    simulation->settle();
+    kelvane->collection_queue().resume();
+    simulation->settle();
+    EXPECT_TRUE(checkin->arrived);
+    EXPECT_EQ(kelvane->copyServices()->count("again"), 1u);
+    EXPECT_EQ(later.count("servicePing"), 1u);
   });
 }
 

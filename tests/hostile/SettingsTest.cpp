@@ -46,7 +46,7 @@ TEST_F(TheSettings, CutASilentServiceOffThatDoesNotAnswerItsPing) {
 }
 
 TEST_F(TheSettings, HaveNobodyWaitForAServiceThatDiesBeforeItsPong) {
-  startWith("PingLimit = 3600;");
+  startWith("PingLimit = 120;");
   Service mortal("com.example.mortal");
   mortal.beginCheckIn();
   const Message ping = mortal.expect("servicePing");

@@ -191,17 +191,17 @@ TEST(AVolumesMeter, WaitsAsLongAsMoreSpaceComes) {
   EXPECT_EQ(settle({{0ms, 10}, {400ms, 20}, {800ms, 79}, {1200ms, 80}}), (Settled{80, 1200}));
 }
 
-TEST(AVolumesMeter, WaitsSomeSecondsForTheLeast) {
-  EXPECT_EQ(settle({{2900ms, 80}}), (Settled{80, 2900}));
-  EXPECT_EQ(settle({{0ms, 9}}), (Settled{9, 3000}));
+TEST(AVolumesMeter, WaitsLongerForTheLeast) {
+  EXPECT_EQ(settle({{1400ms, 80}}), (Settled{80, 1400}));
+  EXPECT_EQ(settle({{0ms, 9}}), (Settled{9, 1500}));
 }
 
-TEST(AVolumesMeter, WaitsSomeSecondsAtMostForSpaceThatTrickles) {
+TEST(AVolumesMeter, WaitsNoLongerForSpaceThatTrickles) {
   std::map<std::chrono::milliseconds, std::uint64_t> trickle;
   for (int turn = 0; turn < 60; ++turn) {
     trickle[turn * 100ms] = 10 + static_cast<std::uint64_t>(turn);
   }
-  EXPECT_EQ(settle(trickle), (Settled{40, 3000}));
+  EXPECT_EQ(settle(trickle), (Settled{25, 1500}));
 }
 
 TEST(AMountedVolumesMeter, MeasuresAtADirectoryWhenTheVolumeMayNotBeOpened) {

@@ -297,7 +297,12 @@ void Channel::watchForDeadline() {
   if (next && !deadlineTimer_) {
     deadlineTimer_ = hub_.loop.runAt(*next, [this] {
       deadlineTimer_.reset();
-      endForDeadline();
+      // The call may have left by itself, and the next one's time may be later.
+      if (const auto due = calls_.nextDeadline(); due && *due <= EventLoop::Clock::now()) {
+        endForDeadline();
+      } else {
+        watchForDeadline();
+      }
     });
   }
 }

@@ -261,13 +261,16 @@ Result<> PreferencesStore::putInPlace(const std::string& temporary) {
   }
   const int parent = parent_.get();
   const bool isReplacing = renameat2(parent, temporary.c_str(), parent, name_.c_str(), RENAME_EXCHANGE) == 0;
-  if ((!isReplacing && renameat(parent, temporary.c_str(), parent, name_.c_str()) != 0) ||
-      calls_.flushDirectory(parent) != 0) {
+  if (!isReplacing && renameat(parent, temporary.c_str(), parent, name_.c_str()) != 0) {
     return systemFailure("making", name_);
   }
   if (isReplacing) {
+    // Before anything else can fail: the next store that is made takes the temporary name.
     const auto kept = keepAside(parent, directory_, temporary, name_);
     report("What was in the place of the preferences " + name_ + " is kept as " + (kept ? *kept : temporary));
+  }
+  if (calls_.flushDirectory(parent) != 0) {
+    return systemFailure("making", name_);
   }
   const auto found = find();
   if (!found) {

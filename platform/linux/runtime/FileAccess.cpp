@@ -55,6 +55,13 @@ Result<> flushDirectoriesAbove(std::filesystem::path path, FlushCall flush) {
   while (path.has_relative_path()) {
     path = path.parent_path();
     FileDescriptor above = openDirectory(path);
+    if (!above && (errno == EACCES || errno == EPERM)) {
+      // Not this process's to flush, nor what it has made.
+      break;
+    }
+    if (!above) {
+      return systemFailure("flushing", path.native());
+    }
     struct stat status;
     struct stat statusAbove;
     if (fstat(directory.get(), &status) != 0 || fstat(above.get(), &statusAbove) != 0) {
