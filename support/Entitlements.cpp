@@ -6,16 +6,18 @@
 #include <array>
 
 #include "platform/Files.h"
+#include "protocols/KelvaneClientProtocol.h"
 #include "support/AtomicProperty.h"
 #include "support/KelvaneLog.h"
+#include "support/Pattern.h"
 #include "support/PropertyListFile.h"
 
 namespace kelvane {
 
 namespace {
 
-constexpr std::array ruleDirectories = {"/usr/lib/kelvane/entitlements.d", "/etc/kelvane/entitlements.d"};
-constexpr char entitlementsKey[] = "Entitlements";
+constexpr char systemsRules[] = "/usr/lib/kelvane/entitlements.d";
+constexpr char administratorsRules[] = "/etc/kelvane/entitlements.d";
 
 struct Condition {
   const char* key;
@@ -28,18 +30,45 @@ constexpr std::array conditions = {
     Condition{"Label", &EntitlementRule::label},
 };
 
-/// Reads one condition or the list of what is granted; false when the entry is none of the known ones or of
-/// the wrong type, since a condition that is not understood must not be left out.
+struct Restriction {
+  const char* key;
+  std::optional<EntitlementRule::Names> EntitlementRule::*member;
+};
+constexpr std::array restrictions = {
+    Restriction{"Members", &EntitlementRule::members},
+    Restriction{"Identifiers", &EntitlementRule::identifiers},
+    Restriction{"StateKeys", &EntitlementRule::stateKeys},
+};
+
+std::optional<EntitlementRule::Names> readNames(const Value& value) {
+  const Value::Array* array = value.array();
+  if (array == nullptr || !std::all_of(array->begin(), array->end(), [](const Value& v) { return v.isString(); })) {
+    return std::nullopt;
+  }
+  EntitlementRule::Names names;
+  for (const Value& name : *array) {
+    names.push_back(*name.string());
+  }
+  return names;
+}
+
+bool isMember(const std::string& name) {
+  return std::ranges::any_of(KelvaneClientProtocol::operations,
+                             [&name](const ipc::Operation* operation) { return name == operation->member; });
+}
+
+/// Reads one condition, a restriction or the list of what is granted; false when the entry is none of the known ones or
+/// of the wrong type, since what is not understood must not be left out.
 bool readEntry(const std::string& key, const Value& value, EntitlementRule& rule) {
-  if (key == entitlementsKey) {
-    const Value::Array* names = value.array();
-    if (names == nullptr || !std::all_of(names->begin(), names->end(), [](const Value& v) { return v.isString(); })) {
-      return false;
+  if (key == "Entitlements") {
+    auto names = readNames(value);
+    rule.entitlements = names.value_or(EntitlementRule::Names());
+    return names.has_value();
+  }
+  for (const Restriction& restriction : restrictions) {
+    if (key == restriction.key) {
+      return (rule.*restriction.member = readNames(value)).has_value();
     }
-    for (const Value& name : *names) {
-      rule.entitlements.push_back(*name.string());
-    }
-    return true;
   }
   for (const Condition& condition : conditions) {
     const bool isInteger = value.isSigned() || value.isUnsigned();
@@ -62,6 +91,9 @@ std::optional<EntitlementRule> readRule(const Value& dictionary) {
       return std::nullopt;
     }
   }
+  if (rule.members && !std::ranges::all_of(*rule.members, isMember)) {
+    return std::nullopt;
+  }
   const bool hasCondition = std::any_of(conditions.begin(), conditions.end(),
                                         [&](const Condition& c) { return (rule.*c.member).has_value(); });
   return hasCondition ? std::optional(rule) : std::nullopt;
@@ -71,6 +103,31 @@ std::optional<EntitlementRule> readRule(const Value& dictionary) {
 /// must not go on granting.
 bool isRuleFile(std::string_view entry) {
   return entry.ends_with(".plist") && !entry.starts_with('.') && entry.find('/') == std::string_view::npos;
+}
+
+std::vector<std::string> ruleFilesIn(const std::string& directory) {
+  std::vector<std::string> names = files::entriesBeneath(directory);
+  std::erase_if(names, [](const std::string& name) { return !isRuleFile(name); });
+  return names;
+}
+
+/// The paths of the system's, but for those of a name of the administrator's, and then the administrator's.
+std::vector<std::string> ruleFiles() {
+  const std::vector<std::string> administrators = ruleFilesIn(administratorsRules);
+  std::vector<std::string> paths;
+  for (const std::string& name : ruleFilesIn(systemsRules)) {
+    if (std::ranges::find(administrators, name) == administrators.end()) {
+      paths.push_back(std::string(systemsRules) + "/" + name);
+    }
+  }
+  for (const std::string& name : administrators) {
+    paths.push_back(std::string(administratorsRules) + "/" + name);
+  }
+  return paths;
+}
+
+bool matchesAny(const EntitlementRule::Names& patterns, std::string_view text) {
+  return std::ranges::any_of(patterns, [text](const std::string& pattern) { return matchesPattern(text, pattern); });
 }
 
 AtomicProperty<std::shared_ptr<const EntitlementRules>>& currentRules() {
@@ -86,20 +143,20 @@ bool EntitlementRule::matches(const ipc::Peer& peer) const {
          (!executable || peer.runsExecutable(*executable));
 }
 
+bool EntitlementRule::allows(const RuledCall& call) const {
+  return (!members || std::ranges::find(*members, call.member) != members->end()) &&
+         (!identifiers || !call.identifier || matchesAny(*identifiers, *call.identifier)) &&
+         (!stateKeys || !call.stateKey || matchesAny(*stateKeys, *call.stateKey));
+}
+
 EntitlementRules EntitlementRules::read() {
   EntitlementRules rules;
-  for (const std::string directory : ruleDirectories) {
-    for (const std::string& entry : files::entriesBeneath(directory)) {
-      if (!isRuleFile(entry)) {
-        continue;
-      }
-      const std::string path = directory + "/" + entry;
-      const auto contents = readPropertyListFile(path);
-      if (const auto* error = std::get_if<FileError>(&contents)) {
-        KELVANE_ERROR("%s unable to read %@: %@", "EntitlementRules::read", path, error->text);
-      } else {
-        rules.add(path, std::get<Value>(contents));
-      }
+  for (const std::string& path : ruleFiles()) {
+    const auto contents = readPropertyListFile(path);
+    if (const auto* error = std::get_if<FileError>(&contents)) {
+      KELVANE_ERROR("%s unable to read %@: %@", "EntitlementRules::read", path, error->text);
+    } else {
+      rules.add(path, std::get<Value>(contents));
     }
   }
   return rules;
@@ -109,6 +166,7 @@ void EntitlementRules::add(const std::string& path, const Value& contents) {
   const Value::Array* array = contents.array();
   for (const Value& dictionary : array != nullptr ? *array : Value::Array{contents}) {
     if (auto rule = readRule(dictionary)) {
+      isRestricted_ = isRestricted_ || rule->isRestricted();
       rules_.push_back(std::move(*rule));
     } else {
       KELVANE_ERROR("%s %@ holds no entitlement rule: %@", "EntitlementRules::read", path, dictionary);
@@ -120,6 +178,12 @@ bool EntitlementRules::grant(const ipc::Peer& peer, const std::string& entitleme
   return std::any_of(rules_.begin(), rules_.end(), [&](const EntitlementRule& rule) {
     return std::find(rule.entitlements.begin(), rule.entitlements.end(), entitlement) != rule.entitlements.end() &&
            rule.matches(peer);
+  });
+}
+
+bool EntitlementRules::allow(const ipc::Peer& peer, const RuledCall& call) const {
+  return !isRestricted_ || std::ranges::any_of(rules_, [&](const EntitlementRule& rule) {
+    return rule.allows(call) && rule.matches(peer);
   });
 }
 
@@ -135,6 +199,11 @@ bool peerIsEntitled(const ipc::Peer& peer, const std::vector<std::string>& entit
   const auto rules = currentRules().load();
   return rules && std::all_of(entitlements.begin(), entitlements.end(),
                               [&](const std::string& entitlement) { return rules->grant(peer, entitlement); });
+}
+
+bool peerMayCall(const ipc::Peer& peer, const RuledCall& call) {
+  const auto rules = currentRules().load();
+  return !rules || rules->allow(peer, call);
 }
 
 }  // namespace kelvane

@@ -40,13 +40,13 @@ class DeliveryScope {
 constexpr std::uint32_t superuser = 0;
 constexpr char resumeName[] = "-[KelvaneListener resume]";
 constexpr char limitsExceeded[] = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr char accessDenied[] = "org.freedesktop.DBus.Error.AccessDenied";
 
 void answerCheckin(const ipc::Reply& reply, const Value& dictionary,
                    const std::optional<KelvaneExportedObject::CheckinError>& error) {
   using Cause = KelvaneExportedObject::CheckinError::Cause;
   if (error) {
-    reply.sendError(error->cause == Cause::TooMuch ? limitsExceeded : "org.freedesktop.DBus.Error.AccessDenied",
-                    error->text);
+    reply.sendError(error->cause == Cause::TooMuch ? limitsExceeded : accessDenied, error->text);
   } else {
     reply.send(dictionary);
   }
@@ -60,6 +60,19 @@ bool isAnothers(const KelvaneExportedObject& object, const std::string& identifi
   }
   const std::optional<std::uint32_t> owner = object.ownerOf(identifier);
   return owner && *owner != connection.peer().userNumber() && connectionIsEntitled(connection, {entitlements::service});
+}
+
+RuledCall ruledCall(const ipc::Request& request) {
+  namespace protocol = KelvaneClientProtocol;
+  RuledCall call{.member = request.operation.member};
+  if (&request.operation == &protocol::clientCheckin) {
+    call.identifier = *request.value(0).string();
+  } else if (&request.operation == &protocol::clientSetState) {
+    call.stateKey = *request.value(1).string();
+  } else if (&request.operation == &protocol::clientGetState) {
+    call.stateKey = *request.value(0).string();
+  }
+  return call;
 }
 
 void answerSet(const ipc::Reply& reply, const std::optional<KelvaneExportedObject::StateError>& error) {
@@ -93,6 +106,10 @@ void awaitTurn(Pace& stateWrites, const ipc::Connection& connection) {
 
 void deliver(KelvaneExportedObject& object, Pace& stateWrites, const ipc::Request& request) {
   namespace protocol = KelvaneClientProtocol;
+  if (!peerMayCall(request.connection.peer(), ruledCall(request))) {
+    request.reply.sendError(accessDenied, "The entitlement rules allow no such call");
+    return;
+  }
   const DeliveryScope scope(request.connection);
   const ipc::Operation* operation = &request.operation;
   const auto replyValue = [reply = request.reply](const Value& value) { reply.send(value); };

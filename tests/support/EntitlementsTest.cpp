@@ -279,6 +279,115 @@ TEST_F(AnEntitlementRule, OfTheSystemIsReadBeforeTheAdministrators) {
   });
 }
 
+TEST_F(AnEntitlementRule, OfTheSystemGivesWayToAnAdministratorsFileOfItsName) {
+  run([&] {
+    write(std::string(usrDirectory) + "a.plist", granting(text("User", "alice")));
+    EXPECT_TRUE(isGranted(alice));
+    write(std::string(etcDirectory) + "a.plist", "<array/>");
+    EXPECT_FALSE(isGranted(alice));
+    simulation->files().makeUnreadable(std::string(etcDirectory) + "a.plist", "Not a regular file");
+    EXPECT_FALSE(isGranted(alice));
+    simulation->files().remove(std::string(etcDirectory) + "a.plist");
+    write(std::string(etcDirectory) + "a.plist~", "<array/>");
+    EXPECT_TRUE(isGranted(alice));
+  });
+}
+
+std::string names(const std::string& key, const std::vector<std::string>& values) {
+  std::string xml;
+  for (const std::string& value : values) {
+    xml += "<string>" + value + "</string>";
+  }
+  return raw(key, "<array>" + xml + "</array>");
+}
+
+class ARestrictedRule : public AnEntitlementRule {
+ protected:
+  /// Whether alice may make a call, as the rules on disk have it.
+  static bool isAllowed(const RuledCall& call, const PeerTraits& traits = alice) {
+    setEntitlementRules(EntitlementRules::read());
+    return peerMayCall(connectionTo(traits).peer(), call);
+  }
+  bool isAllowedBy(const std::string& restriction, const RuledCall& call) {
+    write(granting(text("User", "alice") + restriction));
+    return isAllowed(call);
+  }
+};
+
+TEST_F(ARestrictedRule, AllowsTheMembersThatItNames) {
+  run([&] {
+    const std::string restriction = names("Members", {"clientPurge", "clientCancelPurge"});
+    EXPECT_TRUE(isAllowedBy(restriction, {.member = "clientPurge"}));
+    EXPECT_TRUE(isAllowedBy(restriction, {.member = "clientCancelPurge"}));
+    EXPECT_FALSE(isAllowedBy(restriction, {.member = "clientGetState", .stateKey = "a"}));
+    EXPECT_FALSE(isAllowedBy(names("Members", {}), {.member = "clientPurge"}));
+  });
+}
+
+TEST_F(ARestrictedRule, AllowsTheIdentifiersThatItsPatternsFit) {
+  run([&] {
+    const std::string restriction = names("Identifiers", {"com.example.*", "one"});
+    const auto checkin = [](std::string_view identifier) {
+      return RuledCall{.member = "clientCheckin", .identifier = identifier};
+    };
+    EXPECT_TRUE(isAllowedBy(restriction, checkin("com.example.cache")));
+    EXPECT_TRUE(isAllowedBy(restriction, checkin("one")));
+    EXPECT_FALSE(isAllowedBy(restriction, checkin("com.other.cache")));
+    EXPECT_FALSE(isAllowedBy(restriction, checkin("")));
+    EXPECT_TRUE(isAllowedBy(restriction, {.member = "clientPurge"}));
+    EXPECT_TRUE(isAllowedBy(restriction, {.member = "clientSetState", .stateKey = "a"}));
+  });
+}
+
+TEST_F(ARestrictedRule, AllowsTheStateKeysThatItsPatternsFit) {
+  run([&] {
+    const std::string restriction = names("StateKeys", {"mine?"});
+    for (const char* member : {"clientSetState", "clientGetState"}) {
+      EXPECT_TRUE(isAllowedBy(restriction, {.member = member, .stateKey = "mine1"}));
+      EXPECT_FALSE(isAllowedBy(restriction, {.member = member, .stateKey = "mine"}));
+      EXPECT_FALSE(isAllowedBy(restriction, {.member = member, .stateKey = "KELVANE_USER_DEFAULTS"}));
+    }
+    EXPECT_TRUE(isAllowedBy(restriction, {.member = "clientCheckin", .identifier = "a"}));
+  });
+}
+
+TEST_F(ARestrictedRule, LeavesOutNothingThatAnotherRuleAllows) {
+  run([&] {
+    write("<array>" + granting(text("User", "alice") + names("Members", {"clientPurge"})) +
+          granting(text("Group", "staff")) + "</array>");
+    EXPECT_TRUE(isAllowed({.member = "clientPurge"}));
+    EXPECT_TRUE(isAllowed({.member = "clientCancelPurge"}));
+    PeerTraits other = alice;
+    other.groups = {};
+    EXPECT_TRUE(isAllowed({.member = "clientPurge"}, other));
+    EXPECT_FALSE(isAllowed({.member = "clientCancelPurge"}, other));
+  });
+}
+
+TEST_F(ARestrictedRule, AddsNothingToACallWhoseRestrictionsNoRuleMeetsAlone) {
+  run([&] {
+    write("<array>" +
+          granting(text("User", "alice") + names("Members", {"clientSetState"}) + names("StateKeys", {"a"})) +
+          granting(text("User", "alice") + names("Members", {"clientGetState"}) + names("StateKeys", {"b"})) +
+          "</array>");
+    EXPECT_TRUE(isAllowed({.member = "clientSetState", .stateKey = "a"}));
+    EXPECT_TRUE(isAllowed({.member = "clientGetState", .stateKey = "b"}));
+    EXPECT_FALSE(isAllowed({.member = "clientSetState", .stateKey = "b"}));
+    EXPECT_FALSE(isAllowed({.member = "clientGetState", .stateKey = "a"}));
+  });
+}
+
+TEST_F(ARestrictedRule, ThatIsNotUnderstoodGrantsNothing) {
+  run([&] {
+    for (const std::string& restriction :
+         {names("Members", {"clientPurge", "clientPuge"}), raw("Members", "<string>clientPurge</string>"),
+          raw("Identifiers", "<array><integer>1</integer></array>"), raw("StateKeys", "<dict/>")}) {
+      EXPECT_FALSE(isGrantedBy(text("User", "alice") + restriction)) << restriction;
+    }
+    EXPECT_EQ(refusals(), 4u);
+  });
+}
+
 TEST_F(AnEntitlementRule, HoldsUntilTheRulesAreReadAnew) {
   run([&] {
     write(granting(text("User", "alice")));

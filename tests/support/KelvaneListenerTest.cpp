@@ -143,6 +143,40 @@ TEST_F(TheListener, RefusesTheIdentifierOfAnotherUserBeforeTheObjectIsAsked) {
   });
 }
 
+TEST_F(TheListener, RefusesWhatTheRulesLeaveOutBeforeTheObjectIsAsked) {
+  run([&] {
+    simulation->files().write("/etc/kelvane/entitlements.d/rules.plist",
+                              "<plist><dict><key>User</key><string>client</string>"
+                              "<key>Entitlements</key><array><string>CLIENT_ENTITLEMENT</string></array>"
+                              "<key>Members</key><array><string>clientPurge</string><string>clientCheckin</string>"
+                              "<string>clientSetState</string><string>clientGetState</string></array>"
+                              "<key>Identifiers</key><array><string>mine.*</string></array>"
+                              "<key>StateKeys</key><array><string>key</string></array></dict></plist>");
+    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+    listener->addRequiredEntitlement(entitlements::client);
+    listener->resume();
+    const TestClient client = clientOf("client");
+    ScriptedService service("any");
+    EXPECT_TRUE(askToPurge(client)->arrived);
+    EXPECT_EQ(client.setState("key", 1), std::nullopt);
+    EXPECT_TRUE(
+        std::holds_alternative<Value>(client.checkInOutcome("mine.a", service.endpoint(), Value::Dictionary{})));
+    EXPECT_EQ(object.calls, (std::vector<std::string>{"purge", "set key", "checkin mine.a"}));
+
+    constexpr char refusal[] = "org.freedesktop.DBus.Error.AccessDenied: The entitlement rules allow no such call";
+    EXPECT_EQ(client.setState("other", 1), refusal);
+    const auto refused = client.checkInOutcome("other.a", service.endpoint(), Value::Dictionary{});
+    ASSERT_TRUE(std::holds_alternative<ipc::CallError>(refused));
+    EXPECT_EQ(std::get<ipc::CallError>(refused).text, refusal);
+    const auto get = client.send(protocol::clientGetState, {Value("other")});
+    const auto query = client.send(protocol::clientPurgeableSpace, {Value(Value::Dictionary{})});
+    simulation->settle();
+    EXPECT_TRUE(get->value.isAbsent());
+    EXPECT_TRUE(query->value.isAbsent());
+    EXPECT_EQ(object.calls.size(), 3u);
+  });
+}
+
 TEST_F(TheListener, CountsTheRefusedWhenTheyAreMany) {
   serve({entitlements::client}, [&] {
     const auto refuse = [&](int times) {
