@@ -57,7 +57,7 @@ TEST_F(TheSettings, TakeWholeNumbersInEveryFormat) {
   configure("{ PingLimit = 30; }");
   EXPECT_EQ(settings.pingLimitSeconds, 30U);
   configure("<plist><dict><key>PingLimit</key><integer>120</integer></dict></plist>");
-  EXPECT_EQ(settings.pingLimitSeconds, 3600U);
+  EXPECT_EQ(settings.pingLimitSeconds, 120U);
   configure("{ PingLimit = 0; }");
   EXPECT_EQ(settings.pingLimitSeconds, 0U);
   EXPECT_THAT(failures(), IsEmpty());
@@ -82,7 +82,7 @@ TEST_F(TheSettings, SetEachWhatItIsFor) {
 }
 
 TEST_F(TheSettings, StayBuiltInWhereANumberIsOutOfRangeOrNone) {
-  for (const std::string number : {"<integer>3601</integer>", "<integer>-1</integer>", "<real>2.5</real>", "<true/>",
+  for (const std::string number : {"<integer>121</integer>", "<integer>-1</integer>", "<real>2.5</real>", "<true/>",
                                    "<string>18446744073709551616</string>", "<string>30 s</string>", "<string/>"}) {
     settings.pingLimitSeconds = 7;
     configure("<plist><dict><key>PingLimit</key>" + number + "</dict></plist>");
