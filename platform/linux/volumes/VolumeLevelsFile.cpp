@@ -35,6 +35,14 @@ files::Error errorOfWalk(FileSystemProbe::Visit& visit, const std::string& path,
   return error;
 }
 
+std::string problemOf(const std::string& text, const char* consequence) {
+  return std::string(paths::volumeLevelsFile) + ": " + text + "; " + consequence;
+}
+
+std::string withDefaults(const std::string& text) {
+  return problemOf(text, "the defaults apply");
+}
+
 /// Logs what is wrong with the file when it differs from what was logged last.
 void reportProblem(const std::string& problem) {
   static auto& mutex = *new runtime::Mutex;
@@ -47,7 +55,7 @@ void reportProblem(const std::string& problem) {
     reported = problem;
   }
   if (!problem.empty()) {
-    reporting::reportFailure("VolumeLevelsFile", problem + "; the defaults apply");
+    reporting::reportFailure("VolumeLevelsFile", problem);
   }
 }
 
@@ -60,10 +68,19 @@ class VolumeLevelsFile::Known {
     const runtime::Lock lock(mutex_);
     return meaning_ && isSame(file) ? meaning_ : std::nullopt;
   }
+  /// Whatever the file is now.
+  std::optional<Meaning> last() {
+    const runtime::Lock lock(mutex_);
+    return meaning_;
+  }
   void set(const struct stat& file, const Meaning& meaning) {
     const runtime::Lock lock(mutex_);
     file_ = file;
     meaning_ = meaning;
+  }
+  void forget() {
+    const runtime::Lock lock(mutex_);
+    meaning_.reset();
   }
 
  private:
@@ -103,26 +120,36 @@ VolumeLevelsFile VolumeLevelsFile::find(FileSystemProbe::Visit& visit) {
 }
 
 VolumeLevels VolumeLevelsFile::levels() const {
-  const auto* contents = std::get_if<Contents>(&found_);
-  const Meaning meaning = contents == nullptr ? std::get<Meaning>(found_) : meaningOf(*contents);
-  if (contents != nullptr && std::holds_alternative<Data>(*contents)) {
+  Meaning meaning;
+  if (const auto* same = std::get_if<Meaning>(&found_)) {
+    meaning = *same;
+  } else if (const auto* error = std::get_if<files::Error>(&std::get<Contents>(found_))) {
+    meaning = meaningWithout(*error);
+  } else {
+    meaning = meaningOf(std::get<Data>(std::get<Contents>(found_)));
     known().set(*status_, meaning);
   }
   reportProblem(meaning.problem);
   return meaning.levels;
 }
 
-VolumeLevelsFile::Meaning VolumeLevelsFile::meaningOf(const Contents& contents) {
-  const std::string name = paths::volumeLevelsFile;
-  if (const auto* error = std::get_if<files::Error>(&contents)) {
-    return {{}, error->isMissing ? "" : name + ": " + error->text};
-  }
-  const propertyList::Result parsed = propertyList::parse(std::get<Data>(contents));
+VolumeLevelsFile::Meaning VolumeLevelsFile::meaningOf(const Data& contents) {
+  const propertyList::Result parsed = propertyList::parse(contents);
   if (const auto* error = std::get_if<propertyList::Error>(&parsed)) {
-    return {{}, name + ": " + error->text};
+    return {{}, withDefaults(error->text)};
   }
   const Value& configuration = std::get<Value>(parsed);
-  return {VolumeLevels(configuration), configuration.isDictionary() ? "" : name + ": not a dictionary"};
+  return {VolumeLevels(configuration), configuration.isDictionary() ? "" : withDefaults("not a dictionary")};
+}
+
+VolumeLevelsFile::Meaning VolumeLevelsFile::meaningWithout(const files::Error& error) {
+  if (error.isMissing) {
+    known().forget();
+    return {};
+  }
+  const auto last = known().last();
+  return last ? Meaning{last->levels, problemOf(error.text, "what it said last applies")}
+              : Meaning{{}, withDefaults(error.text)};
 }
 
 }  // namespace kelvane

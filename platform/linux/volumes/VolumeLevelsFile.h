@@ -24,13 +24,14 @@ class VolumeLevelsFile {
   /// since it was read last: a look at volumes should not cost more than it must.
   [[nodiscard]] static VolumeLevelsFile find(FileSystemProbe::Visit& visit);
 
-  /// What it says. One that cannot be used is logged, once until it changes, and gives the defaults, as a missing one
-  /// does.
+  /// What it says; the defaults where there is no such file, or one that is not understood; and what it said last while
+  /// it cannot be read, as the disk does not answer or no descriptor is left, say. Logs what is wrong, once until that
+  /// changes.
   [[nodiscard]] VolumeLevels levels() const;
 
  private:
   using Contents = std::variant<Data, files::Error>;
-  /// What is wrong with the file, if anything is, and what applies then.
+  /// What applies, and what is wrong with the file, if anything is.
   struct Meaning {
     VolumeLevels levels;
     std::string problem;
@@ -39,7 +40,8 @@ class VolumeLevelsFile {
 
   explicit VolumeLevelsFile(std::variant<Contents, Meaning> found) : found_(std::move(found)) {}
   [[nodiscard]] static Known& known();
-  [[nodiscard]] static Meaning meaningOf(const Contents& contents);
+  [[nodiscard]] static Meaning meaningOf(const Data& contents);
+  [[nodiscard]] static Meaning meaningWithout(const files::Error& error);
 
   std::variant<Contents, Meaning> found_;
   /// Of a file whose contents were read.

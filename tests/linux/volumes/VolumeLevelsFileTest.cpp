@@ -81,7 +81,7 @@ TEST_F(AVolumeConfigurationFile, IsToldOfAsALinkThatLeadsNowhereButNotAsNone) {
               HasSubstr("/etc/kelvane/volumes.plist: No such file or directory; the defaults apply"));
 }
 
-TEST_F(AVolumeConfigurationFile, InADirectoryOnADiskThatHangsIsWaitedForNoLongerThanAnyDisk) {
+TEST_F(AVolumeConfigurationFile, InADirectoryOnADiskThatHangsAppliesAsItWasAndIsWaitedForNoLongerThanAnyDisk) {
   if (!test::isTrulyRoot()) {
     // Others have no disks of their own.
     return;
@@ -93,7 +93,11 @@ TEST_F(AVolumeConfigurationFile, InADirectoryOnADiskThatHangsIsWaitedForNoLonger
   EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Low);
   const dev_t device = deviceOf("/mnt/hanging");
   disk.hang();
-  EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Ample);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Low);
+  EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Low);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("/etc/kelvane/volumes.plist: Connection timed out; what it said last applies"));
   EXPECT_EQ(FileSystemProbe::shared().closedUntil(device), FileSystemProbe::Time::max());
   disk.resume();
   awaitRest(device);
@@ -103,6 +107,8 @@ TEST_F(AVolumeConfigurationFile, ThatCanBeFoundButNotReadIsWaitedForNoLongerThan
   if (!test::isTrulyRoot()) {
     return;
   }
+  // So that nothing is known of it.
+  EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Ample);
   test::HangingVolume disk("/mnt/hanging");
   // Unlike what another test has had read, as all else about the two files is the same.
   disk.addFile("levels", "<plist><dict><key>LowPercent</key><real>60.0</real></dict></plist>");
