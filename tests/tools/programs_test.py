@@ -64,6 +64,13 @@ class EveryProgram(unittest.TestCase):
             self.assertIn(r"evil\x1b[2J\u{202e}", result.stderr)
             self.assertNotIn("\x1b", result.stderr)
 
+    def test_take_no_line_of_their_own_from_an_argument(self):
+        for arguments in (("purge", "/nowhere\nkelvanectl: forged", "1M"), ("puge\nkelvanectl: forged",)):
+            result = run(PROGRAMS["kelvanectl"], *arguments)
+            self.assertNotEqual(0, result.returncode)
+            self.assertNotIn("\nkelvanectl: forged", result.stderr)
+            self.assertIn(r"\nkelvanectl: forged", result.stderr)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -8,6 +8,7 @@
 #include <sstream>
 #include <vector>
 
+#include "platform/Printable.h"
 #include "tools/kelvanectl/ByteSize.h"
 #include "tools/kelvanectl/HelpText.h"
 #include "tools/kelvanectl/Suggestion.h"
@@ -72,7 +73,7 @@ std::string fullName(const CLI::App& app) {
 }
 
 std::string withHelp(const CLI::App& app, const std::string& what) {
-  return what + "\nSee " + fullName(app) + " --help.";
+  return printable(what) + "\nSee " + fullName(app) + " --help.";
 }
 
 std::string didYouMean(std::string_view typed, const std::vector<std::string>& words) {

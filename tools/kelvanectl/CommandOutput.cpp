@@ -53,9 +53,9 @@ void printNow(const std::string& text) {
   note(std::fflush(stdout) == 0);
 }
 
-void printError(const std::string& text) {
+void printError(const std::string& text, std::string_view spared) {
   if (!text.empty()) {
-    const std::string line = "kelvanectl: " + printable(text, "\n") + "\n";
+    const std::string line = "kelvanectl: " + printable(text, spared) + "\n";
     std::fwrite(line.data(), 1, line.size(), stderr);
   }
 }

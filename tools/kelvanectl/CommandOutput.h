@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "tools/kelvanectl/ExitStatus.h"
 
@@ -18,8 +19,8 @@ int outputWidth();
 void print(const std::string& text);
 /// The same, at once, before a wait.
 void printNow(const std::string& text);
-/// To standard error; nothing when the text is empty.
-void printError(const std::string& text);
+/// To standard error; nothing when the text is empty. Of what ends a line in it, only what is spared does so.
+void printError(const std::string& text, std::string_view spared = "");
 /// Says why a request got no answer.
 ExitStatus reportFailure(const RequestFailure& failure);
 

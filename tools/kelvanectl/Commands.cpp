@@ -146,7 +146,7 @@ ExitStatus run(const Message& message) {
   if (message.status == ExitStatus::Done) {
     print(message.text);
   } else {
-    printError(message.text);
+    printError(message.text, "\n");
   }
   return message.status;
 }
