@@ -2,8 +2,10 @@
 // kelvaned, the disk-space reclamation broker.
 #include "daemon/Arguments.h"
 #include "daemon/StartUp.h"
+#include "platform/Process.h"
 
 int main(int argc, char** argv) {
+  kelvane::holdStandardDescriptors();
   if (const auto status = kelvane::answerArguments(argc, argv)) {
     return *status;
   }

@@ -43,6 +43,10 @@ void setEventStreamHandler(const std::string& stream, std::function<void(const V
 /// Tells the whole system that something happened. 0, or another status with errno set.
 [[nodiscard]] int postNotification(const std::string& name);
 
+/// Sees to it that the standard descriptors are taken: a connection that got the number of standard output or error
+/// would be written to. Whatever was closed cannot be written to then. To be called before anything is opened.
+void holdStandardDescriptors();
+
 /// Has handler called for SIGTERM, on whichever thread the signal finds; it may do only what signal handlers may.
 void installTerminationHandler(void (*handler)(int signal));
 /// Ends the process at once with this status; nothing is flushed. Safe in a signal handler.

@@ -157,6 +157,8 @@ void installTerminationHandler(void (*handler)(int signal)) {
   ProcessCalls::installTerminationHandler(simulated::world().process, handler);
 }
 
+void holdStandardDescriptors() {}
+
 void exitImmediately(int status) {
   ProcessCalls::exit(simulated::world().process, status);
 }

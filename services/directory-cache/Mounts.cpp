@@ -2,6 +2,7 @@
 // Which mount a path is on, without asking its file system.
 #include "services/directory-cache/Mounts.h"
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 #include <sstream>
@@ -35,13 +36,13 @@ Mounts::Mounts(const std::string& text) {
   std::istringstream lines(text);
   for (std::string line; std::getline(lines, line);) {
     std::istringstream fields(line);
-    std::string number;
+    std::uint64_t number = 0;
     std::string parent;
     std::string device;
     std::string root;
     std::string path;
     if (fields >> number >> parent >> device >> root >> path) {
-      mounts_.push_back({unescaped(path), device});
+      mounts_.push_back({number, unescaped(path), device});
     }
   }
 }
@@ -55,6 +56,13 @@ bool Mounts::isElsewhere(const std::string& path, const std::string& volume) con
   const Mount* const there = find(volume);
   const Mount* const here = find(path);
   return there != nullptr && there->path == volume && here != nullptr && here->device != there->device;
+}
+
+bool Mounts::areOfOneFileSystem(std::uint64_t one, std::uint64_t other) const {
+  const auto found = std::ranges::find(mounts_, one, &Mount::number);
+  return found != mounts_.end() && std::ranges::any_of(mounts_, [&](const Mount& mount) {
+           return mount.number == other && mount.device == found->device;
+         });
 }
 
 const Mounts::Mount* Mounts::find(const std::string& path) const {

@@ -2,6 +2,7 @@
 // Which mount a path is on, without asking its file system.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,9 +18,13 @@ class Mounts {
   /// Whether a path is, going by its name, on another device than what is mounted at the volume's path. False when
   /// nothing is mounted there.
   bool isElsewhere(const std::string& path, const std::string& volume) const;
+  /// Whether two mounts, by their numbers, are of one file system. Its parts may have devices of their own, as the
+  /// subvolumes of btrfs do. False of mounts that were not there.
+  bool areOfOneFileSystem(std::uint64_t one, std::uint64_t other) const;
 
  private:
   struct Mount {
+    std::uint64_t number;
     std::string path;
     /// Major and minor number, as the system writes them.
     std::string device;

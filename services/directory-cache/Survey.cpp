@@ -43,13 +43,17 @@ std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const st
     return open;
   }
   const Mounts mounts = Mounts::ofThisProcess();
+  const auto isAsked = [&](const VolumeIdentity& volume) {
+    return volume.isSame(*asked) ||
+           (volume.mount && asked->mount && mounts.areOfOneFileSystem(*volume.mount, *asked->mount));
+  };
   for (const DirectoryRules& rules : directories) {
     // Another volume may hang, and is not asked.
     if (mounts.isElsewhere(rules.path, volume)) {
       continue;
     }
     const std::optional<VolumeIdentity> here = volumeAt(rules.path);
-    if (here && !here->isSame(*asked)) {
+    if (here && !isAsked(*here)) {
       continue;
     }
     auto opened = openDirectory(rules, lockUse);
@@ -62,7 +66,7 @@ std::vector<OpenDirectory> openDirectoriesOn(const std::string& volume, const st
     }
     OpenDirectory& directory = std::get<OpenDirectory>(opened);
     const std::optional<VolumeIdentity> there = volumeOf(directory.tree.root());
-    if (there && there->isSame(*asked)) {
+    if (there && isAsked(*there)) {
       open.push_back(std::move(directory));
     }
   }

@@ -23,6 +23,14 @@ TEST(APath, IsOnTheLastMountOfItsLongestPart) {
   EXPECT_FALSE(mounts.isElsewhere("/with space/x", "/with space"));
 }
 
+TEST(TwoMounts, AreOfOneFileSystemWhenTheirDeviceIsOne) {
+  EXPECT_TRUE(mounts.areOfOneFileSystem(21, 23));
+  EXPECT_TRUE(mounts.areOfOneFileSystem(21, 21));
+  EXPECT_FALSE(mounts.areOfOneFileSystem(21, 24));
+  EXPECT_FALSE(mounts.areOfOneFileSystem(21, 99));
+  EXPECT_FALSE(mounts.areOfOneFileSystem(99, 99));
+}
+
 TEST(APath, IsNowhereElseWhenNothingIsMountedAtTheVolume) {
   EXPECT_FALSE(mounts.isElsewhere("/data/x", "/nothing"));
 }

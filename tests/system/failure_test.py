@@ -2,6 +2,7 @@
 # Processes that die or hang while space is being freed.
 
 import json
+import os
 import pathlib
 import signal
 import time
@@ -125,6 +126,12 @@ class Restart(SystemTest):
             self.assertTrue(pathlib.Path("/run/kelvane/notify/com.tessaly.kelvane.launched").exists())
             daemon.send(signal.SIGKILL)
             daemon.wait()
+
+    def test_a_daemon_whose_standard_descriptors_are_closed_gives_their_numbers_to_nothing_else(self):
+        daemon = self.start("kelvaned", "sh", "-c", f'exec "{KELVANED}" <&- >&- 2>&-')
+        self.await_daemon(daemon)
+        for number in range(3):
+            self.assertEqual("/dev/null", os.readlink(f"/proc/{daemon.pid}/fd/{number}"))
 
     def test_there_is_only_one_daemon(self):
         daemon = self.start_daemon()

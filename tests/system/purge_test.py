@@ -2,8 +2,9 @@
 # Real purges: real daemon, real services, real volumes.
 
 import unittest
+from types import SimpleNamespace
 
-from kelvane_system import MIB, DIRECTORY_CACHE, SystemTest, executable, files_for_urgency, run
+from kelvane_system import MIB, DIRECTORY_CACHE, VOLUMES, SystemTest, executable, files_for_urgency, run
 
 
 class PurgeOf:
@@ -142,6 +143,23 @@ class PurgeOfXfs(PurgeOf, SystemTest):
 
 class PurgeOfBtrfs(PurgeOf, SystemTest):
     kind = "btrfs"
+
+    def test_takes_what_lies_on_a_subvolume_that_is_mounted_elsewhere(self):
+        volume = self.volume(kind=self.kind)
+        if volume.kind != self.kind:
+            return
+        self.start_daemon()
+        part = SimpleNamespace(path=VOLUMES / "part")
+        part.path.mkdir()
+        source = run("findmnt", "--noheadings", "--output=SOURCE", volume).stdout.strip()
+        volume.must_run("btrfs", "subvolume", "create", volume.path / "part")
+        volume.must_run("mount", "-o", "subvol=part", source, part.path)
+        self.addCleanup(run, "umount", "--lazy", part.path)
+        directory = self.fill(part, "com.example.web")
+        self.start_service("com.example.web", directory)
+        status, report = self.purge(volume, "3M", "--urgency=1", "--timeout=5")
+        self.assertEqual((0, "freed"), (status, report["ending"]), report)
+        self.assertEqual(4, files_for_urgency(directory, 2))
 
 
 if __name__ == "__main__":

@@ -27,17 +27,6 @@ void note(bool isWritten) {
 
 }  // namespace
 
-void holdStandardDescriptors() {
-  // Open for reading alone, so that a write fails.
-  int descriptor = 0;
-  while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
-    descriptor = open("/dev/null", O_RDONLY);
-  }
-  if (descriptor >= 0) {
-    close(descriptor);
-  }
-}
-
 int outputWidth() {
   winsize size{};
   const bool isTerminal = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;

@@ -9,10 +9,6 @@
 
 namespace kelvane::ctl {
 
-/// Sees to it that the standard descriptors are taken: a connection that got the number of standard output would be
-/// written to. Whatever was closed cannot be written to then. To be called before anything is opened.
-void holdStandardDescriptors();
-
 /// Columns of the terminal that standard output is; unlimitedWidth when it is none.
 int outputWidth();
 /// To standard output. A failure shows when the output is finished.

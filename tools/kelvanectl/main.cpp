@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // kelvanectl, the administrator's command.
+#include "platform/Process.h"
 #include "tools/kelvanectl/CommandOutput.h"
 #include "tools/kelvanectl/Commands.h"
 #include "tools/kelvanectl/Interruption.h"
@@ -7,7 +8,7 @@
 using namespace kelvane::ctl;
 
 int main(int argc, char** argv) {
-  holdStandardDescriptors();
+  kelvane::holdStandardDescriptors();
   const Interruption interruption;
   const Command command = parseCommandLine(argc, argv);
   ExitStatus status = ExitStatus::Usage;

@@ -122,12 +122,13 @@ std::variant<ListeningSocket, ListeningSocket::Error> ListeningSocket::at(const 
     return Error{made.failure().text()};
   }
   const std::string temporary = temporaryPath(path);
-  ListeningSocket made(makeListening(temporary, mode));
-  if (!made.socket_) {
+  FileDescriptor socket = makeListening(temporary, mode);
+  if (!socket) {
     const Error error{errorText(path)};
     unlink(temporary.c_str());
     return error;
   }
+  ListeningSocket made(std::move(socket));
   struct stat status {};
   if (lstat(temporary.c_str(), &status) < 0) {
     return Error{errorText(path)};

@@ -2,6 +2,7 @@
 // The process's life time and its small dealings with the system.
 #include "platform/Process.h"
 
+#include <fcntl.h>
 #include <systemd/sd-id128.h>
 #include <time.h>
 #include <unistd.h>
@@ -98,6 +99,17 @@ void installTerminationHandler(void (*handler)(int signal)) {
   sigemptyset(&signals);
   sigaddset(&signals, SIGTERM);
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+void holdStandardDescriptors() {
+  // Open for reading alone, so that a write fails.
+  int descriptor = 0;
+  while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+    descriptor = open("/dev/null", O_RDONLY);
+  }
+  if (descriptor >= 0) {
+    close(descriptor);
+  }
 }
 
 void exitImmediately(int status) {

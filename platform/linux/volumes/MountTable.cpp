@@ -45,9 +45,12 @@ bool hasOption(const char* options, const char* name) {
   return options != nullptr && mnt_optstr_get_option(options, name, &value, &length) == 0;
 }
 
-/// Read-only is said of the mount, of the file system, or of both.
+/// Read-only is said of the mount, of the file system, or of both; and of an ext4 that has met an error, in a word of
+/// its own.
 bool isWritable(libmnt_fs* fs) {
-  return !hasOption(mnt_fs_get_vfs_options(fs), "ro") && !hasOption(mnt_fs_get_fs_options(fs), "ro");
+  const char* const options = mnt_fs_get_fs_options(fs);
+  return !hasOption(mnt_fs_get_vfs_options(fs), "ro") && !hasOption(options, "ro") &&
+         !hasOption(options, "emergency_ro");
 }
 
 bool isLocal(libmnt_fs* fs) {

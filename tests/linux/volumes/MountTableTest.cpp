@@ -52,7 +52,8 @@ TEST(AMountTable, LeavesOutWhatIsReadOnlyAsAMountOrAsAFileSystem) {
   EXPECT_THAT(pathsIn("30 1 8:1 / / ro,relatime - ext4 /dev/sda1 rw\n"
                       "31 30 8:2 / /a rw,relatime - ext4 /dev/sda2 ro,errors=remount-ro\n"
                       "32 30 7:0 / /snap ro,nodev - squashfs /dev/loop0 ro\n"
-                      "33 30 8:3 / /b rw,relatime - ext4 /dev/sda3 rw,errors=remount-ro\n"),
+                      "33 30 8:3 / /b rw,relatime - ext4 /dev/sda3 rw,errors=remount-ro\n"
+                      "34 30 8:4 / /c rw,relatime - ext4 /dev/sda4 rw,errors=remount-ro,emergency_ro\n"),
               ElementsAre("/b"));
 }
 
