@@ -3,7 +3,10 @@
 
 add_library(kelvane_options INTERFACE)
 target_include_directories(kelvane_options INTERFACE "${PROJECT_SOURCE_DIR}")
-target_compile_options(kelvane_options INTERFACE -Wall -Wextra -Wconversion -Werror)
+target_compile_options(kelvane_options INTERFACE -Wall -Wextra -Wconversion)
+if(KELVANE_WARNINGS_ARE_ERRORS)
+  target_compile_options(kelvane_options INTERFACE -Werror)
+endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   target_compile_options(kelvane_options INTERFACE -Wthread-safety)
 endif()

@@ -14,8 +14,8 @@ from archive import Archive
 from root import CACHE, GUEST, TOP, Root, must_run, require_tools
 
 BUILD = pathlib.Path(os.environ.get("KELVANE_BUILD", TOP / "build/release"))
-UNITS = ("kelvaned.socket", "kelvaned-control.socket", "kelvaned.service", "kelvane-daily.timer",
-         "machine-agent.service", "machine-mounts.service")
+OWN_UNITS = ("machine-agent.service", "machine-mounts.service")
+UNITS = ("kelvaned.socket", "kelvaned-control.socket", "kelvaned.service", "kelvane-daily.timer")
 
 # Plain emulation beside two busy processors takes so long at the most, to boot and to do what a test wants.
 PATIENCE_SECONDS = 120
@@ -51,17 +51,20 @@ def root():
 
 
 @functools.cache
-def programs():
-    """What is installed and enabled, as an archive."""
+def programs(installed):
+    """What is enabled, as an archive; whether this tree's programs are installed, or nothing but what the machine needs."""
     with tempfile.TemporaryDirectory(prefix="kelvane-machine-") as directory:
-        must_run("cmake", "--install", BUILD, "--prefix=/usr", "--strip", env={**os.environ, "DESTDIR": directory})
-        # Nobody builds in there.
-        for library in pathlib.Path(directory).rglob("*.a"):
-            library.unlink()
+        units = OWN_UNITS
+        if installed:
+            must_run("cmake", "--install", BUILD, "--prefix=/usr", "--strip", env={**os.environ, "DESTDIR": directory})
+            # Nobody builds in there.
+            for library in pathlib.Path(directory).rglob("*.a"):
+                library.unlink()
+            units += UNITS
         must_run("install", "-D", GUEST / "agent", f"{directory}/usr/libexec/machine-agent")
         must_run("install", "-D", "--mode=644", "--target-directory", f"{directory}/usr/lib/systemd/system",
-                 GUEST / "machine-agent.service", GUEST / "machine-mounts.service")
-        must_run("systemctl", f"--root={directory}", "--quiet", "enable", *UNITS)
+                 *(GUEST / unit for unit in OWN_UNITS))
+        must_run("systemctl", f"--root={directory}", "--quiet", "enable", *units)
         archive = Archive()
         archive.add_tree(directory, "installed")
         return archive.bytes()
@@ -71,12 +74,14 @@ class Machine:
     """Boots when a "with" statement begins and is shut down at its end. Its disks are another's, and outlive it; its root
     is new at every boot. What is run in it runs as root."""
 
-    def __init__(self, *disks, mounts=None, files=None, memory_mib=512):
+    def __init__(self, *disks, mounts=None, files=None, memory_mib=512, installed=True):
         """Mounts are disks by directory, mounted before the daemon can be started; every disk is in /dev/disks by its name.
-        Files are put into the root: by path, texts or files of this side's."""
+        Files are put into the root: by path, texts or files of this side's. This tree's programs are installed, unless a
+        test is to do that itself."""
         self.mounts = mounts or {}
         self.disks = list(dict.fromkeys((*self.mounts.values(), *disks)))
         self.memory_mib = memory_mib
+        self.installed = installed
         self.files = Archive()
         table = "".join(f"/dev/disks/{disk.name} {path} {disk.kind}\n" for path, disk in self.mounts.items())
         for path, contents in {"/etc/machine-mounts": table, **(files or {})}.items():
@@ -164,7 +169,7 @@ class Machine:
 
     def _start(self):
         initrd = self.directory / "initrd"
-        initrd.write_bytes(root().initrd.read_bytes() + programs() + self.files.bytes())
+        initrd.write_bytes(root().initrd.read_bytes() + programs(self.installed) + self.files.bytes())
         self.agent = Agent(self.directory / "agent")
         drives = []
         for disk in self.disks:

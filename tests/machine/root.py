@@ -20,10 +20,10 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 GUEST = pathlib.Path(__file__).resolve().parent / "guest"
 CACHE = TOP / "build/machine"
 
-# systemd as process 1, what the programs of this tree are linked with, and tools for disks. File systems are made on
-# this side.
-PACKAGES = ("systemd", "systemd-sysv", "kmod", "dmsetup", "busybox-static", "libexpat1", "libfmt9", "libmount1", "libstdc++6",
-            "libsystemd0", "zlib1g", "libprometheus-cpp-core1.0")
+# systemd as process 1, what the programs of this tree are linked with, what installs packages, and tools for disks. File
+# systems are made on this side.
+PACKAGES = ("apt", "systemd", "systemd-sysv", "kmod", "dmsetup", "busybox-static", "libexpat1", "libfmt9", "libmount1",
+            "libstdc++6", "libsystemd0", "zlib1g", "libprometheus-cpp-core1.0")
 # With every file system and the targets of the device mapper. What its package asks for beside is for other machines.
 KERNEL = "linux-image-amd64"
 MODULES = ("arch", "crypto", "drivers/block", "drivers/char", "drivers/md", "drivers/virtio", "fs", "lib")
@@ -33,7 +33,8 @@ NEEDED_TO_BOOT = ("virtio_pci", "virtio_console", "virtio_blk", "crc32c_generic"
 XZ = b"\xfd7zXZ\0"
 # For whom nobody waits in there.
 MASKED = (
-    "dev-hugepages.mount", "dev-mqueue.mount", "dpkg-db-backup.timer", "e2scrub_all.timer", "e2scrub_reap.service",
+    "apt-daily.timer", "apt-daily-upgrade.timer", "dev-hugepages.mount", "dev-mqueue.mount", "dpkg-db-backup.timer",
+    "e2scrub_all.timer", "e2scrub_reap.service",
     "fstrim.timer", "getty.target", "modprobe@configfs.service", "modprobe@dm_mod.service", "modprobe@drm.service",
     "modprobe@efi_pstore.service", "modprobe@fuse.service", "modprobe@loop.service", "proc-sys-fs-binfmt_misc.automount",
     "remote-fs.target", "sys-fs-fuse-connections.mount", "sys-kernel-config.mount", "sys-kernel-debug.mount",

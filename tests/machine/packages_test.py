@@ -1,0 +1,155 @@
+# SPDX-License-Identifier: Apache-2.0
+# That the packages can be installed, do what they are for, and leave nothing behind.
+
+import json
+import os
+import pathlib
+import tempfile
+import unittest
+
+from caches import configuration
+from disk import MIB, Disk
+from machine import Machine
+
+PACKAGES = pathlib.Path(os.environ["KELVANE_PACKAGES"])
+INSTALLED = ("kelvaned", "kelvane-services", "libkelvane1")
+UNITS = "kelvaned.socket kelvaned-control.socket kelvaned.service kelvane-daily.timer"
+APT = "DEBIAN_FRONTEND=noninteractive apt-get --quiet --yes"
+
+NAMED = "com.example.named"
+CACHE = "com.example.cache"
+CACHES = {CACHE: "/volumes/data/cache", NAMED: "/volumes/data/named"}
+RULES = '{ User = "www-data"; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT); }'
+DESCRIPTION = f'{{ KELVANE_ID = "{NAMED}"; KELVANE_SERVICES = (PURGE); }}'
+# Of the volume here: all others are never low.
+LEVELS = """<plist version="1.0"><dict>
+<key>LowBytes</key><integer>0</integer><key>VeryLowBytes</key><integer>0</integer>
+<key>Volumes</key><dict><key>/volumes/data</key><dict><key>LowPercent</key><integer>100</integer>
+<key>LowBytes</key><integer>20971520</integer></dict></dict></dict></plist>"""
+
+# What comes and goes whatever is installed, and what tells of packages that were there once.
+PASSING = ("/run/log/", "/run/systemd/", "/run/udev/", "/tmp/", "/var/cache/", "/var/lib/apt/", "/var/lib/dpkg/", "/var/log/",
+           "/var/tmp/")
+
+
+class Packages(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        directory = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="kelvane-disks-"))
+        data = Disk(directory, "data", mib=128, kind="ext4")
+        cls.addClassCleanup(data.close)
+        cls.packages = [path for name in INSTALLED for path in PACKAGES.glob(f"{name}_*.deb")]
+        cls.machine = cls.enterClassContext(Machine(
+            mounts={"/volumes/data": data}, installed=False,
+            files={f"/packages/{path.name}": path for path in cls.packages}))
+        # As in a root that apt has been used in.
+        cls.machine.run("mkdir --parents /etc/apt/apt.conf.d /etc/apt/preferences.d /etc/apt/trusted.gpg.d && "
+                        "touch /etc/apt/sources.list")
+
+    def run_in(self, command, **options):
+        return self.machine.run(command, **options).output
+
+    def write(self, path, text):
+        self.run_in(f"cat >{path} <<'END'\n{text}\nEND")
+
+    def files(self):
+        """Everything there is, but what is passing."""
+        paths = self.run_in("find / /run -xdev \\( -path /proc -o -path /sys -o -path /dev -o -path /volumes \\) -prune -o "
+                            "-print").splitlines()
+        return {path for path in paths if not f"{path}/".startswith(PASSING)}
+
+    def property(self, unit, name):
+        return self.run_in(f"systemctl show --value --property={name} {unit}").strip()
+
+    def await_checkin(self, command):
+        """Does something after which the cache checks in, and waits until it has."""
+        self.run_in("cursor=$(journalctl --lines=1 --show-cursor | sed --quiet 's/^-- cursor: //p') && "
+                    f"{{ {command}; }} && grep --quiet --max-count=1 'checked in' "
+                    f"<(journalctl --follow --after-cursor=\"$cursor\" --unit=kelvane-directory-cache@{CACHE}.service)")
+
+    def fill(self, mib):
+        for directory in CACHES.values():
+            self.run_in(f"rm -rf {directory} && mkdir {directory} && for file in $(seq {mib}); do "
+                        f"head --bytes=1M /dev/urandom >{directory}/$file; done && chown -R www-data: {directory} && "
+                        f"sync -f {directory}")
+
+    def assert_purges(self):
+        """That both caches give: the one that checks in and the one that a description names."""
+        self.fill(4)
+        report = json.loads(self.run_in("kelvanectl purge --json --single --urgency=1 /volumes/data 6M"))
+        self.assertEqual("freed", report["ending"], report)
+        for directory in CACHES.values():
+            self.assertLess(int(self.run_in(f"ls {directory} | wc --lines")), 4)
+
+    def install(self):
+        said = self.run_in(f"{APT} install /packages/*.deb 2>&1")
+        self.assertNotIn("stays", said)
+        self.assertEqual("active\n" * 4, self.run_in(f"systemctl is-active {UNITS}"))
+        self.assertEqual("enabled\n" * 4, self.run_in(f"systemctl is-enabled {UNITS}"))
+        self.assertEqual("", self.run_in("systemctl --failed --plain --no-legend"))
+        self.assertEqual("/usr/share/kelvane/services\n", self.run_in("readlink /System/Library/Kelvane"))
+
+    def make_caches_purgeable(self):
+        self.write("/etc/kelvane/entitlements.d/caches.plist", RULES)
+        self.write("/etc/kelvane/volumes.plist", LEVELS)
+        self.write("/usr/share/kelvane/services/named.plist", DESCRIPTION)
+        self.write(f"/etc/kelvane/directory-cache/{CACHE}.plist", configuration(CACHE, CACHES[CACHE], user="www-data"))
+        self.write(f"/etc/kelvane/directory-cache/{NAMED}.plist",
+                   configuration(NAMED, CACHES[NAMED], user="www-data", Manner="Named"))
+        self.fill(1)
+        self.await_checkin(f"systemctl restart kelvaned.service && systemctl enable --now "
+                           f"kelvane-directory-cache@{CACHE}.service kelvane-directory-cache@{NAMED}.socket")
+
+    def relieve(self):
+        """Of what fills it, until the caches have nothing left to give."""
+        self.fill(12)
+        self.run_in(f"fallocate --length=$(($(stat --file-system --format='%a*%S' /volumes/data) - {10 * MIB})) "
+                    f"/volumes/data/filler && while [ -n \"$(find {' '.join(CACHES.values())} -type f)\" ]; do "
+                    "sleep 0.5; done && rm /volumes/data/filler")
+
+    def replace(self):
+        """By a version of the same number, which is to the packages' scripts as any other."""
+        units = ("kelvaned.service", "kelvaned.socket", f"kelvane-directory-cache@{CACHE}.service")
+        before = [self.property(unit, "InvocationID") for unit in units]
+        self.run_in("kelvanectl state set com.example.key 7")
+        waiting = self.machine.begin("while [ ! -e /run/replaced ]; do kelvanectl purgeable --json /volumes/data >/dev/null || "
+                                     "echo $?; done")
+        self.run_in(f"{APT} install --reinstall /packages/*.deb")
+        self.run_in("touch /run/replaced")
+        # An answer, or a connection that was lost because the daemon was replaced.
+        self.assertLessEqual(set(waiting.wait().output.split()), {"3"})
+        after = [self.property(unit, "InvocationID") for unit in units]
+        self.assertEqual([False, True, False], [one == other for one, other in zip(before, after)])
+        self.assertEqual("7\n", self.run_in("kelvanectl state get com.example.key"))
+        self.run_in("rm /run/replaced")
+        self.await_checkin(f"systemctl restart kelvane-directory-cache@{CACHE}.service")
+
+    def remove(self):
+        self.run_in(f"{APT} remove {' '.join(INSTALLED)}")
+        self.assertEqual("", self.run_in("systemctl list-units --plain --no-legend 'kelvane*'"))
+        self.assertEqual("", self.run_in("grep --with-filename kelvane /proc/[0-9]*/comm", check=False))
+        # What an administrator wrote and what the daemon was to keep are there for when it comes back.
+        self.run_in("ls /var/lib/kelvane/preferences /etc/kelvane/kelvaned.plist /etc/kelvane/volumes.plist")
+        gone = ("/System", "/run/kelvane", "/usr/bin/kelvane", "/usr/libexec/kelvane")
+        self.assertEqual(set(), {path for path in self.files() if path.startswith(gone)})
+
+    def purge(self):
+        self.run_in(f"rm -r /usr/share/kelvane; {APT} purge {' '.join(INSTALLED)}")
+
+    def test_come_and_work_and_go_without_a_trace(self):
+        self.run_in("systemctl is-system-running --wait", check=False)
+        before = self.files()
+        self.install()
+        self.make_caches_purgeable()
+        self.assert_purges()
+        self.relieve()
+        self.replace()
+        self.assert_purges()
+        self.remove()
+        self.purge()
+        self.assertEqual((set(), set()), (self.files() - before, before - self.files()))
+        self.assertEqual("", self.run_in("systemctl --failed --plain --no-legend"))
+
+
+if __name__ == "__main__":
+    unittest.main()
