@@ -52,7 +52,7 @@ def root():
 
 @functools.cache
 def programs(installed):
-    """What is enabled, as an archive; whether this tree's programs are installed, or nothing but what the machine needs."""
+    """What is enabled, as an archive: this tree's programs, or nothing but what the machine itself needs."""
     with tempfile.TemporaryDirectory(prefix="kelvane-machine-") as directory:
         units = OWN_UNITS
         if installed:
@@ -76,8 +76,8 @@ class Machine:
 
     def __init__(self, *disks, mounts=None, files=None, memory_mib=512, installed=True):
         """Mounts are disks by directory, mounted before the daemon can be started; every disk is in /dev/disks by its name.
-        Files are put into the root: by path, texts or files of this side's. This tree's programs are installed, unless a
-        test is to do that itself."""
+        Files are put into the root: by path, texts or files of this side's. This tree's programs are installed unless
+        a test is to do that itself."""
         self.mounts = mounts or {}
         self.disks = list(dict.fromkeys((*self.mounts.values(), *disks)))
         self.memory_mib = memory_mib

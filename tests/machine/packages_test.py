@@ -10,6 +10,7 @@ import unittest
 from caches import configuration
 from disk import MIB, Disk
 from machine import Machine
+from root import must_run
 
 PACKAGES = pathlib.Path(os.environ["KELVANE_PACKAGES"])
 INSTALLED = ("kelvaned", "kelvane-services", "libkelvane1")
@@ -28,8 +29,20 @@ LEVELS = """<plist version="1.0"><dict>
 <key>LowBytes</key><integer>20971520</integer></dict></dict></dict></plist>"""
 
 # What comes and goes whatever is installed, and what tells of packages that were there once.
-PASSING = ("/run/log/", "/run/systemd/", "/run/udev/", "/tmp/", "/var/cache/", "/var/lib/apt/", "/var/lib/dpkg/", "/var/log/",
-           "/var/tmp/")
+PASSING = ("/run/log/", "/run/systemd/", "/run/udev/", "/tmp/", "/var/cache/", "/var/lib/apt/", "/var/lib/dpkg/",
+           "/var/log/", "/var/tmp/")
+
+
+def package_of_another(directory):
+    """One that brings a description."""
+    top = pathlib.Path(directory, "other")
+    for path, text in (("DEBIAN/control", "Package: other\nVersion: 1\nArchitecture: all\nDescription: service\n"
+                                          "Maintainer: Other <other@example.com>\n"),
+                       ("usr/share/kelvane/services/named.plist", DESCRIPTION)):
+        (top / path).parent.mkdir(parents=True)
+        (top / path).write_text(text)
+    must_run("dpkg-deb", "--root-owner-group", "--build", top, f"{directory}/other.deb")
+    return pathlib.Path(f"{directory}/other.deb")
 
 
 class Packages(unittest.TestCase):
@@ -41,7 +54,8 @@ class Packages(unittest.TestCase):
         cls.packages = [path for name in INSTALLED for path in PACKAGES.glob(f"{name}_*.deb")]
         cls.machine = cls.enterClassContext(Machine(
             mounts={"/volumes/data": data}, installed=False,
-            files={f"/packages/{path.name}": path for path in cls.packages}))
+            files={"/other.deb": package_of_another(directory),
+                   **{f"/packages/{path.name}": path for path in cls.packages}}))
         # As in a root that apt has been used in.
         cls.machine.run("mkdir --parents /etc/apt/apt.conf.d /etc/apt/preferences.d /etc/apt/trusted.gpg.d && "
                         "touch /etc/apt/sources.list")
@@ -54,8 +68,8 @@ class Packages(unittest.TestCase):
 
     def files(self):
         """Everything there is, but what is passing."""
-        paths = self.run_in("find / /run -xdev \\( -path /proc -o -path /sys -o -path /dev -o -path /volumes \\) -prune -o "
-                            "-print").splitlines()
+        apart = " -o ".join(f"-path {path}" for path in ("/dev", "/proc", "/sys", "/volumes"))
+        paths = self.run_in(f"find / /run -xdev \\( {apart} \\) -prune -o -print").splitlines()
         return {path for path in paths if not f"{path}/".startswith(PASSING)}
 
     def property(self, unit, name):
@@ -92,12 +106,12 @@ class Packages(unittest.TestCase):
     def make_caches_purgeable(self):
         self.write("/etc/kelvane/entitlements.d/caches.plist", RULES)
         self.write("/etc/kelvane/volumes.plist", LEVELS)
-        self.write("/usr/share/kelvane/services/named.plist", DESCRIPTION)
         self.write(f"/etc/kelvane/directory-cache/{CACHE}.plist", configuration(CACHE, CACHES[CACHE], user="www-data"))
         self.write(f"/etc/kelvane/directory-cache/{NAMED}.plist",
                    configuration(NAMED, CACHES[NAMED], user="www-data", Manner="Named"))
         self.fill(1)
-        self.await_checkin(f"systemctl restart kelvaned.service && systemctl enable --now "
+        # The daemon is restarted, and so knows what was written as well.
+        self.await_checkin(f"{APT} install /other.deb && systemctl enable --now "
                            f"kelvane-directory-cache@{CACHE}.service kelvane-directory-cache@{NAMED}.socket")
 
     def relieve(self):
@@ -112,8 +126,8 @@ class Packages(unittest.TestCase):
         units = ("kelvaned.service", "kelvaned.socket", f"kelvane-directory-cache@{CACHE}.service")
         before = [self.property(unit, "InvocationID") for unit in units]
         self.run_in("kelvanectl state set com.example.key 7")
-        waiting = self.machine.begin("while [ ! -e /run/replaced ]; do kelvanectl purgeable --json /volumes/data >/dev/null || "
-                                     "echo $?; done")
+        waiting = self.machine.begin("until [ -e /run/replaced ]; do "
+                                     "kelvanectl purgeable --json /volumes/data >/dev/null || echo $?; done")
         self.run_in(f"{APT} install --reinstall /packages/*.deb")
         self.run_in("touch /run/replaced")
         # An answer, or a connection that was lost because the daemon was replaced.
@@ -125,6 +139,9 @@ class Packages(unittest.TestCase):
         self.await_checkin(f"systemctl restart kelvane-directory-cache@{CACHE}.service")
 
     def remove(self):
+        daemon = self.property("kelvaned.service", "InvocationID")
+        self.run_in(f"{APT} purge other")
+        self.assertNotEqual(daemon, self.property("kelvaned.service", "InvocationID"))
         self.run_in(f"{APT} remove {' '.join(INSTALLED)}")
         self.assertEqual("", self.run_in("systemctl list-units --plain --no-legend 'kelvane*'"))
         self.assertEqual("", self.run_in("grep --with-filename kelvane /proc/[0-9]*/comm", check=False))
@@ -134,7 +151,7 @@ class Packages(unittest.TestCase):
         self.assertEqual(set(), {path for path in self.files() if path.startswith(gone)})
 
     def purge(self):
-        self.run_in(f"rm -r /usr/share/kelvane; {APT} purge {' '.join(INSTALLED)}")
+        self.run_in(f"{APT} purge {' '.join(INSTALLED)}")
 
     def test_come_and_work_and_go_without_a_trace(self):
         self.run_in("systemctl is-system-running --wait", check=False)

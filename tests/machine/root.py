@@ -20,8 +20,8 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 GUEST = pathlib.Path(__file__).resolve().parent / "guest"
 CACHE = TOP / "build/machine"
 
-# systemd as process 1, what the programs of this tree are linked with, what installs packages, and tools for disks. File
-# systems are made on this side.
+# systemd as process 1, what the programs of this tree are linked with, what installs packages, and tools for disks.
+# File systems are made on this side.
 PACKAGES = ("apt", "systemd", "systemd-sysv", "kmod", "dmsetup", "busybox-static", "libexpat1", "libfmt9", "libmount1",
             "libstdc++6", "libsystemd0", "zlib1g", "libprometheus-cpp-core1.0")
 # With every file system and the targets of the device mapper. What its package asks for beside is for other machines.
