@@ -4,11 +4,14 @@
 
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace kelvane {
 
@@ -23,16 +26,13 @@ bool hasEnded(const std::string& process) {
   return name != std::string::npos && line.find_first_of("ZX", name) == name + 2;
 }
 
-/// Whether there is a process with the lock that this one can see, and each such has ended. File systems have
-/// numbers there that need not be those that stat() gives, so another file's lock may be taken for this one's.
-bool isHeldByEnded(int directory) {
-  struct stat status;
-  if (fstat(directory, &status) != 0) {
-    return false;
-  }
-  const std::string inode = ":" + std::to_string(status.st_ino);
+/// The processes that this one can see and that have locks of the file. File systems may have numbers there that are
+/// not those that stat() gives: where none has a lock by its device's number, these are all those that have one of a
+/// file with its own.
+std::vector<std::string> holdersOf(const struct stat& status) {
+  std::vector<std::string> holders;
+  std::vector<std::string> holdersOfNumber;
   std::ifstream locks("/proc/locks");
-  bool isHeld = false;
   for (std::string line; std::getline(locks, line);) {
     std::istringstream words(line);
     std::string number;
@@ -40,17 +40,27 @@ bool isHeldByEnded(int directory) {
     std::string manner;
     std::string access;
     std::string process;
-    std::string file;
-    words >> number >> kind >> manner >> access >> process >> file;
-    if (kind != "FLOCK" || !file.ends_with(inode)) {
-      continue;
+    unsigned majorNumber = 0;
+    unsigned minorNumber = 0;
+    char colon = 0;
+    ino_t inode = 0;
+    words >> number >> kind >> manner >> access >> process;
+    words >> std::hex >> majorNumber >> colon >> minorNumber >> colon >> std::dec >> inode;
+    if (words && kind == "FLOCK" && inode == status.st_ino) {
+      (makedev(majorNumber, minorNumber) == status.st_dev ? holders : holdersOfNumber).push_back(process);
     }
-    if (!hasEnded(process)) {
-      return false;
-    }
-    isHeld = true;
   }
-  return isHeld;
+  return holders.empty() ? holdersOfNumber : holders;
+}
+
+/// Whether each process that has the lock has ended; not, when this one can see none.
+bool isHeldByEnded(int directory) {
+  struct stat status;
+  if (fstat(directory, &status) != 0) {
+    return false;
+  }
+  const std::vector<std::string> holders = holdersOf(status);
+  return !holders.empty() && std::ranges::all_of(holders, hasEnded);
 }
 
 }  // namespace

@@ -4,10 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,6 +24,7 @@
 namespace kelvane {
 namespace {
 
+using test::dictionary;
 using test::readFile;
 using test::textOf;
 using test::writeFile;
@@ -48,10 +47,6 @@ int flush(int descriptor) {
   return fdatasync(descriptor);
 }
 constexpr DiskCalls calls = {.flush = flush};
-
-Value::Dictionary dictionary(const std::string& text) {
-  return {{"key", text}};
-}
 
 class AStore : public testing::Test {
  protected:
@@ -180,39 +175,6 @@ TEST_F(AStore, ReadsTheLargestContentsBack) {
 TEST_F(AStore, RefusesWhatIsNoPropertyList) {
   const auto store = open();
   EXPECT_NE(textOf(writeTo(*store, {{"key", Value::Array{Value()}}})), "");
-}
-
-TEST_F(AStore, IsOpenOnceAtATime) {
-  const auto store = open();
-  ASSERT_TRUE(store);
-  EXPECT_EQ(PreferencesStore::open(directory, "suite", calls).failure().number, EBUSY);
-}
-
-TEST_F(AStore, LocksItsDirectoryBeforeThereIsAnythingInIt) {
-  const auto store = open();
-  std::filesystem::remove_all(directory + "/suite");
-  const auto second = PreferencesStore::open(directory, "suite", calls);
-  ASSERT_FALSE(second);
-  EXPECT_EQ(second.failure().number, EBUSY);
-  EXPECT_FALSE(std::filesystem::exists(directory + "/suite"));
-}
-
-TEST_F(AStore, OfAProcessThatHasEndedAndIsKeptIsNotTakenForAnotherDaemons) {
-  write({"kept"});
-  FileDescriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  const pid_t process = fork();
-  if (process == 0) {
-    // This process keeps it open, as one's threads do that a disk keeps.
-    _exit(flock(lock.get(), LOCK_EX));
-  }
-  siginfo_t end = {};
-  ASSERT_EQ(waitid(P_PID, static_cast<id_t>(process), &end, WEXITED | WNOWAIT), 0);
-  EXPECT_EQ(end.si_status, 0);
-  const auto store = PreferencesStore::open(directory, "suite", calls);
-  EXPECT_EQ(textOf(store), "locking " + directory + ": the disk still keeps a process that has ended");
-  EXPECT_EQ(waitpid(process, nullptr, 0), process);
-  lock = {};
-  EXPECT_EQ(storedText(), "kept");
 }
 
 TEST_F(AStore, GoesBackOneWriteWhenTheLastIsTruncatedAnywhere) {

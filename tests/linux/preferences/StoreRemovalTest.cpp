@@ -20,6 +20,7 @@
 namespace kelvane {
 namespace {
 
+using test::dictionary;
 using test::readFile;
 using test::textOf;
 using test::writeFile;
@@ -28,10 +29,6 @@ using test::writeTo;
 const std::string above = "/mnt/removal";
 const std::string directory = above + "/preferences";
 const std::string place = directory + "/suite";
-
-Value::Dictionary dictionary(const std::string& text) {
-  return {{"key", text}};
-}
 
 /// The text of the one entry that these tests store.
 Value storedText() {
