@@ -31,25 +31,28 @@ function(kelvane_headers name)
   cmake_parse_arguments(PARSE_ARGV 1 ARG "" "" "LINK;OPTIONS;HEADERS")
   add_library(${name} STATIC "${CMAKE_CURRENT_FUNCTION_LIST_DIR}/empty.cpp")
   target_link_libraries(${name} PRIVATE kelvane_options ${ARG_LINK})
-  # Without the time it was made, it is the same for a compiler cache each time.
-  target_compile_options(${name} PRIVATE ${ARG_OPTIONS} "SHELL:-Xclang -fno-pch-timestamp")
+  target_compile_options(${name} PRIVATE ${ARG_OPTIONS})
+  if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    # Without the time it was made, it is the same for a compiler cache each time.
+    target_compile_options(${name} PRIVATE "SHELL:-Xclang -fno-pch-timestamp")
+  endif()
   target_precompile_headers(${name} PRIVATE ${ARG_HEADERS})
 endfunction()
 
-# What nearly all files begin with is a quarter of the compile time, and half of it in tests. The release build goes
-# without, so that each file still has to include what it uses.
+# What nearly all files begin with is a quarter of the compile time. What the release build ships goes without, so that
+# each file of it still has to include what it uses.
+set(KELVANE_COMMON_HEADERS
+    <algorithm> <chrono> <functional> <map> <memory> <optional> <string> <string_view> <utility> <variant> <vector>)
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
-  set(KELVANE_COMMON_HEADERS
-      <algorithm> <chrono> <functional> <map> <memory> <optional> <string> <string_view> <utility> <variant> <vector>)
   kelvane_headers(kelvane_product_headers HEADERS ${KELVANE_COMMON_HEADERS})
-  if(BUILD_TESTING)
-    find_package(GTest REQUIRED)
-    kelvane_headers(
-      kelvane_test_headers
-      LINK GTest::gmock
-      OPTIONS ${KELVANE_TEST_OPTIONS} -g1
-      HEADERS <gmock/gmock.h> <gtest/gtest.h> <filesystem> <thread> ${KELVANE_COMMON_HEADERS})
-  endif()
+endif()
+if(BUILD_TESTING)
+  find_package(GTest REQUIRED)
+  kelvane_headers(
+    kelvane_test_headers
+    LINK GTest::gmock
+    OPTIONS ${KELVANE_TEST_OPTIONS} -g1
+    HEADERS <gmock/gmock.h> <gtest/gtest.h> <filesystem> <thread> ${KELVANE_COMMON_HEADERS})
 endif()
 
 # Has a target begin with such headers, where there are any.
