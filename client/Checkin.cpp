@@ -36,14 +36,17 @@ void ClientInterface::clientCheckin(const std::string& identifier, const ipc::En
     return;
   }
   const Checkin checkin = {identifier, endpoint, info, currentConnection().peer().userNumber()};
-  const Block work = [this, checkin, reply = std::move(reply)] {
+  changeTable(checkin.user, [this, checkin, reply = std::move(reply)] {
     collection_queue().assertCurrent();
     checkIn(checkin, reply);
-  };
+  });
+}
+
+void ClientInterface::changeTable(std::optional<std::uint32_t> user, Block change) {
   if (settings.fairQueues) {
-    fairCheckins_.async(checkin.user, work);
+    fairCheckins_.async(user, std::move(change));
   } else {
-    collection_queue().async(work);
+    collection_queue().async(std::move(change));
   }
 }
 
@@ -107,17 +110,12 @@ std::shared_ptr<KLService> ClientInterface::connectService(const Checkin& checki
 }
 
 void ClientInterface::removeService(const std::string& identifier, const std::weak_ptr<KLService>& record) {
-  const auto removal = [this, identifier, record] {
+  // The daemon's own goes before all that users have waiting, whichever of it is next.
+  changeTable(std::nullopt, [this, identifier, record] {
     collection_queue().assertCurrent();
     // Identity, not equality: a handler that fires late must not remove a newer record of the same name.
     services_.remove(identifier, record.lock());
-  };
-  if (settings.fairQueues) {
-    // Before all that users have waiting, whichever of it is next.
-    fairCheckins_.async(std::nullopt, removal);
-  } else {
-    collection_queue().async(removal);
-  }
+  });
   // What is checked in from here on waits for the removal.
   if (const auto ended = record.lock()) {
     ended->setOwner(std::nullopt);

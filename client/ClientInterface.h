@@ -104,6 +104,9 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
     Value info;
     std::uint32_t user;
   };
+  /// Has the service table changed on its queue, for a user or for the daemon itself; by turns where the settings say
+  /// so.
+  void changeTable(std::optional<std::uint32_t> user, Block change);
   void checkIn(const Checkin& checkin, const CheckinReply& reply) KELVANE_REQUIRES(queues_.collection_queue);
   std::shared_ptr<KLService> connectService(const Checkin& checkin) KELVANE_REQUIRES(queues_.collection_queue);
   void removeService(const std::string& identifier, const std::weak_ptr<KLService>& record);

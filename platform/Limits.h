@@ -121,7 +121,7 @@ inline constexpr std::size_t preferencesEntries = 2 * propertyListEntries;
 inline constexpr std::size_t preferencesRoom = archiveBytes + 256 * 1024;
 /// How long anybody waits for the disk of the preferences who is not told when it has answered.
 inline constexpr std::chrono::seconds diskPatience{2};
-/// How long a starting process waits for each file system on the way to them.
+/// How long a starting process waits for each file system on the way to them, and to whatever else it reads once.
 inline constexpr std::chrono::seconds openingPatience{10};
 /// Damaged stores of one suite that are kept; the last takes the place of the one before it.
 inline constexpr int damagedPreferences = 8;

@@ -166,7 +166,6 @@ void EntitlementRules::add(const std::string& path, const Value& contents) {
   const Value::Array* array = contents.array();
   for (const Value& dictionary : array != nullptr ? *array : Value::Array{contents}) {
     if (auto rule = readRule(dictionary)) {
-      isRestricted_ = isRestricted_ || rule->isRestricted();
       rules_.push_back(std::move(*rule));
     } else {
       KELVANE_ERROR("%s %@ holds no entitlement rule: %@", "EntitlementRules::read", path, dictionary);
@@ -182,9 +181,9 @@ bool EntitlementRules::grant(const ipc::Peer& peer, const std::string& entitleme
 }
 
 bool EntitlementRules::allow(const ipc::Peer& peer, const RuledCall& call) const {
-  return !isRestricted_ || std::ranges::any_of(rules_, [&](const EntitlementRule& rule) {
-    return rule.allows(call) && rule.matches(peer);
-  });
+  return std::ranges::none_of(rules_, &EntitlementRule::isRestricted) ||
+         std::ranges::any_of(rules_,
+                             [&](const EntitlementRule& rule) { return rule.allows(call) && rule.matches(peer); });
 }
 
 void setEntitlementRules(EntitlementRules rules) {

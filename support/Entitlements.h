@@ -65,7 +65,6 @@ class EntitlementRules {
   void add(const std::string& path, const Value& contents);
 
   std::vector<EntitlementRule> rules_;
-  bool isRestricted_ = false;
 };
 
 /// Makes the rules that connectionIsEntitled goes by; without it nobody holds anything.

@@ -7,28 +7,18 @@ import pathlib
 import tempfile
 import unittest
 
-from caches import configuration
+from caches import CACHE, DESCRIPTION, LEVELS, NAMED, RULES, configuration
 from disk import MIB, Disk
-from machine import Machine
+from machine import UNITS, Machine
 from root import must_run
 
 PACKAGES = pathlib.Path(os.environ["KELVANE_PACKAGES"])
 INSTALLED = ("kelvaned", "kelvane-services", "libkelvane1")
-UNITS = "kelvaned.socket kelvaned-control.socket kelvaned.service kelvane-daily.timer"
 APT = "DEBIAN_FRONTEND=noninteractive apt-get --quiet --yes"
 # Its programs take their time on a processor that is emulated, beside two busy ones.
 APT_PATIENCE_SECONDS = 900
 
-NAMED = "com.example.named"
-CACHE = "com.example.cache"
 CACHES = {CACHE: "/volumes/data/cache", NAMED: "/volumes/data/named"}
-RULES = '{ User = "www-data"; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT); }'
-DESCRIPTION = f'{{ KELVANE_ID = "{NAMED}"; KELVANE_SERVICES = (PURGE); }}'
-# Of the volume here: all others are never low.
-LEVELS = """<plist version="1.0"><dict>
-<key>LowBytes</key><integer>0</integer><key>VeryLowBytes</key><integer>0</integer>
-<key>Volumes</key><dict><key>/volumes/data</key><dict><key>LowPercent</key><integer>100</integer>
-<key>LowBytes</key><integer>20971520</integer></dict></dict></dict></plist>"""
 
 # What comes and goes whatever is installed, and what tells of packages that were there once.
 PASSING = ("/run/log/", "/run/systemd/", "/run/udev/", "/tmp/", "/var/cache/", "/var/lib/apt/", "/var/lib/dpkg/",
@@ -102,8 +92,8 @@ class Packages(unittest.TestCase):
     def install(self):
         said = self.run_in(f"{APT} install /packages/*.deb 2>&1")
         self.assertNotIn("stays", said)
-        self.assertEqual("active\n" * 4, self.run_in(f"systemctl is-active {UNITS}"))
-        self.assertEqual("enabled\n" * 4, self.run_in(f"systemctl is-enabled {UNITS}"))
+        self.assertEqual("active\n" * 4, self.run_in(f"systemctl is-active {' '.join(UNITS)}"))
+        self.assertEqual("enabled\n" * 4, self.run_in(f"systemctl is-enabled {' '.join(UNITS)}"))
         self.assertEqual("", self.run_in("systemctl --failed --plain --no-legend"))
         self.assertEqual("/usr/share/kelvane/services\n", self.run_in("readlink /System/Library/Kelvane"))
 

@@ -6,24 +6,14 @@ import re
 import tempfile
 import unittest
 
-from caches import configuration
+from caches import CACHE, DESCRIPTION, LEVELS, NAMED, RULES, configuration
 from disk import MIB, Disk
 from machine import GUEST, Machine
 from mapped_disk import DMSETUP
 
-CACHE = "com.example.cache"
-NAMED = "com.example.named"
 CACHE_UNIT = f"kelvane-directory-cache@{CACHE}.service"
 DIRECTORIES = ("/volumes/data/cache", "/volumes/data/named")
 MISDEEDS = "/usr/libexec/misdeeds"
-
-RULES = '{ User = "www-data"; Entitlements = (CLIENT_ENTITLEMENT, SERVICE_ENTITLEMENT); }'
-DESCRIPTION = f'{{ KELVANE_ID = "{NAMED}"; KELVANE_SERVICES = (PURGE); }}'
-# Of the volumes here: all others are never low.
-LEVELS = """<plist version="1.0"><dict>
-<key>LowBytes</key><integer>0</integer><key>VeryLowBytes</key><integer>0</integer>
-<key>Volumes</key><dict><key>/volumes/data</key><dict><key>LowPercent</key><integer>100</integer>
-<key>LowBytes</key><integer>20971520</integer></dict></dict></dict></plist>"""
 
 
 class Units(unittest.TestCase):

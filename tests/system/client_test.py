@@ -58,7 +58,9 @@ class Kelvanectl(SystemTest):
         _, report = self.purge(data, "2M", "--single", "--urgency=2", "--timeout=1")
         self.assertEqual([2], [request["urgency_limit"] for request in report["requests"]])
 
-    def test_shows_its_progress_on_a_terminal_only(self):
+    @contextlib.contextmanager
+    def purge_under_way(self):
+        """One whose service holds the request: its volume, the client, and what that has shown at a terminal."""
         data = self.start_all()
         hold(self.service)
         ours, theirs = pty.openpty()
@@ -69,6 +71,10 @@ class Kelvanectl(SystemTest):
             shown = b""
             while b"]    0 %  0 B of 2.0 MiB" not in shown:
                 shown += os.read(ours, 4096)
+            yield data, client, shown
+
+    def test_shows_its_progress_on_a_terminal_only(self):
+        with self.purge_under_way() as (_, client, shown):
             self.service.send(signal.SIGCONT)
             output, _ = client.communicate()
             self.assertEqual(0, client.returncode)
@@ -141,16 +147,7 @@ class Kelvanectl(SystemTest):
         self.assertNotIn("[y/N]", shown)
 
     def test_counts_nothing_that_another_volume_in_its_place_has(self):
-        data = self.start_all()
-        hold(self.service)
-        ours, theirs = pty.openpty()
-        self.addCleanup(os.close, ours)
-        command = [str(part) for part in (KELVANECTL, "purge", data, "2M", "--urgency=1", "--timeout=300")]
-        with subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=theirs) as client:
-            os.close(theirs)
-            shown = b""
-            while b"]    0 %  0 B of 2.0 MiB" not in shown:
-                shown += os.read(ours, 4096)
+        with self.purge_under_way() as (data, client, _):
             data.must_run("mount", "-t", "tmpfs", "-o", "size=200M", "tmpfs", data.path)
             self.addCleanup(run, "umount", "--lazy", data.path)
             self.service.send(signal.SIGCONT)

@@ -60,6 +60,12 @@ Meaning done(std::string_view text) {
   return {ExitStatus::Done, text};
 }
 
+/// With all that may become of a request about a volume.
+std::vector<Meaning> andWhatVolumesMayMeet(std::vector<Meaning> meanings) {
+  meanings.insert(meanings.end(), {usage, noDaemon, notEntitled, noVolume, failed, unwritten, interrupted});
+  return meanings;
+}
+
 }  // namespace
 
 std::string general() {
@@ -68,32 +74,21 @@ std::string general() {
       sizes,
       footer({{"kelvanectl purgeable", "what could be freed on each volume"},
               {"kelvanectl purge /home 2G", "free 2 GiB on /home"}},
-             {done("done: the volume gained SIZE, the figures or the state were shown, the state was changed"),
-              {ExitStatus::Short, "the volume gained less, or there is no such value"},
-              usage,
-              noDaemon,
-              notEntitled,
-              noVolume,
-              failed,
-              unwritten,
-              interrupted}));
+             andWhatVolumesMayMeet(
+                 {done("done: the volume gained SIZE, the figures or the state were shown, the state was changed"),
+                  {ExitStatus::Short, "the volume gained less, or there is no such value"}})));
 }
 
 std::string purge() {
   return fmt::format(
       "{}\n\n{}", sizes,
-      footer({{"kelvanectl purge /home 2G", "free 2 GiB, asking no more urgently than it takes, up to 3"},
-              {"kelvanectl purge --urgency 1 /home 500M", "only what nobody would miss"},
-              {"kelvanectl purge --json /var 1.5G", "for programs"}},
-             {done("the volume gained SIZE"),
-              {ExitStatus::Short, "it gained less, also as there was no service to ask or urgency 4 was declined"},
-              usage,
-              noDaemon,
-              notEntitled,
-              noVolume,
-              failed,
-              unwritten,
-              interrupted}));
+      footer(
+          {{"kelvanectl purge /home 2G", "free 2 GiB, asking no more urgently than it takes, up to 3"},
+           {"kelvanectl purge --urgency 1 /home 500M", "only what nobody would miss"},
+           {"kelvanectl purge --json /var 1.5G", "for programs"}},
+          andWhatVolumesMayMeet(
+              {done("the volume gained SIZE"),
+               {ExitStatus::Short, "it gained less, also as there was no service to ask or urgency 4 was declined"}})));
 }
 
 std::string cancel() {
@@ -114,11 +109,10 @@ std::string runDaily() {
 }
 
 std::string purgeable() {
-  return footer(
-      {{"kelvanectl purgeable", "of all local volumes"},
-       {"kelvanectl purgeable --urgency 1 /home", "what nobody would miss there"},
-       {"kelvanectl purgeable --json /home /var", "for programs"}},
-      {done("the figures were shown"), usage, noDaemon, notEntitled, noVolume, failed, unwritten, interrupted});
+  return footer({{"kelvanectl purgeable", "of all local volumes"},
+                 {"kelvanectl purgeable --urgency 1 /home", "what nobody would miss there"},
+                 {"kelvanectl purgeable --json /home /var", "for programs"}},
+                andWhatVolumesMayMeet({done("the figures were shown")}));
 }
 
 std::string state() {

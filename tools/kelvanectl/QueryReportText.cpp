@@ -10,6 +10,7 @@
 
 #include "platform/Printable.h"
 #include "tools/kelvanectl/ByteSize.h"
+#include "tools/kelvanectl/JsonLine.h"
 #include "tools/kelvanectl/ReportJson.h"
 
 namespace kelvane::ctl {
@@ -89,8 +90,7 @@ std::string queryJson(const QueryReport& report) {
                      {"error", report.failure ? Json(failureText(*report.failure)) : Json(nullptr)},
                      {"age_limit_seconds", figuresStand.count()},
                      {"volumes", std::move(volumes)}};
-  // Identifiers and paths need not be UTF-8.
-  return json.dump(-1, ' ', true, Json::error_handler_t::replace);
+  return jsonLine(json);
 }
 
 }  // namespace kelvane::ctl

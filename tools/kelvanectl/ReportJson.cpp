@@ -4,6 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "tools/kelvanectl/JsonLine.h"
 #include "tools/kelvanectl/ReportText.h"
 
 namespace kelvane::ctl {
@@ -78,8 +79,7 @@ std::string jsonReport(const PurgeReport& report) {
                      {"available_after", report.availableAfter},
                      {"elapsed_seconds", report.elapsed.count()},
                      {"requests", std::move(requests)}};
-  // Identifiers and paths need not be UTF-8, and may be what a terminal obeys: all but ASCII is escaped.
-  return json.dump(-1, ' ', true, Json::error_handler_t::replace);
+  return jsonLine(json);
 }
 
 }  // namespace kelvane::ctl

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "platform/Printable.h"
+#include "tools/kelvanectl/JsonLine.h"
 
 namespace kelvane::ctl {
 namespace {
@@ -110,7 +111,7 @@ std::string stateListText(const Value::Dictionary& state) {
 }
 
 std::string stateJson(const Value& value) {
-  return json(value).dump(-1, ' ', true, Json::error_handler_t::replace);
+  return jsonLine(json(value));
 }
 
 }  // namespace kelvane::ctl

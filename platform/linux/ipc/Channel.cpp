@@ -101,7 +101,8 @@ void Channel::call(Call call) {
     failCall(std::move(call), endError_);
     return;
   }
-  if (call.limit != call.limit.zero()) {
+  const bool isLimited = call.limit != call.limit.zero();
+  if (isLimited) {
     call.deadline = EventLoop::Clock::now() + call.limit;
   }
   calls_.add(std::move(call));
@@ -110,7 +111,9 @@ void Channel::call(Call call) {
     calls_.fail(endError_);
   }
   watchForStall();
-  watchForDeadline();
+  if (isLimited) {
+    watchForDeadline();
+  }
 }
 
 bool Channel::send(const std::optional<OutgoingMessage>& message) {

@@ -16,6 +16,7 @@
 #include <string>
 #include <utility>
 
+#include "platform/Limits.h"
 #include "platform/Result.h"
 #include "platform/linux/runtime/Mutex.h"
 
@@ -42,7 +43,7 @@ class FileSystemProbe {
 
   static constexpr Duration patience = std::chrono::seconds(2);
   /// For what is read once, when a process starts: a disk that is only slow then should not do without.
-  static constexpr Duration longPatience = std::chrono::seconds(10);
+  static constexpr Duration longPatience = limits::openingPatience;
   /// An answer that took as long is slow.
   static constexpr Duration slowness = std::chrono::milliseconds(200);
   static constexpr Duration longestRest = std::chrono::minutes(1);

@@ -99,22 +99,23 @@ VolumeLevelsFile::Known& VolumeLevelsFile::known() {
   return *known;
 }
 
-VolumeLevelsFile::VolumeLevelsFile() : VolumeLevelsFile(Contents(fileError(ETIMEDOUT))) {}
+VolumeLevelsFile::VolumeLevelsFile() : VolumeLevelsFile(fileError(ETIMEDOUT)) {}
 
 VolumeLevelsFile VolumeLevelsFile::find(FileSystemProbe::Visit& visit) {
   const std::string path = paths::volumeLevelsFile;
   const auto place = walkTo(visit, path);
   if (!place) {
-    return VolumeLevelsFile(Contents(errorOfWalk(visit, path, place.failure().number)));
+    return VolumeLevelsFile(errorOfWalk(visit, path, place.failure().number));
   }
   struct stat status = {};
   if (fstat(place->get(), &status) != 0) {
-    return VolumeLevelsFile(Contents(fileError(errno)));
+    return VolumeLevelsFile(fileError(errno));
   }
   if (auto meaning = known().of(status)) {
     return VolumeLevelsFile(*std::move(meaning));
   }
-  VolumeLevelsFile file(readPlace(*place, limits::propertyListBytes));
+  VolumeLevelsFile file(std::visit([](auto&& contents) { return Found(std::forward<decltype(contents)>(contents)); },
+                                   readPlace(*place, limits::propertyListBytes)));
   file.status_ = status;
   return file;
 }
@@ -123,10 +124,10 @@ VolumeLevels VolumeLevelsFile::levels() const {
   Meaning meaning;
   if (const auto* same = std::get_if<Meaning>(&found_)) {
     meaning = *same;
-  } else if (const auto* error = std::get_if<files::Error>(&std::get<Contents>(found_))) {
+  } else if (const auto* error = std::get_if<files::Error>(&found_)) {
     meaning = meaningWithout(*error);
   } else {
-    meaning = meaningOf(std::get<Data>(std::get<Contents>(found_)));
+    meaning = meaningOf(std::get<Data>(found_));
     known().set(*status_, meaning);
   }
   reportProblem(meaning.problem);

@@ -30,20 +30,21 @@ class VolumeLevelsFile {
   [[nodiscard]] VolumeLevels levels() const;
 
  private:
-  using Contents = std::variant<Data, files::Error>;
   /// What applies, and what is wrong with the file, if anything is.
   struct Meaning {
     VolumeLevels levels;
     std::string problem;
   };
   class Known;
+  /// The contents, why there are none, or what they are known to mean.
+  using Found = std::variant<Data, files::Error, Meaning>;
 
-  explicit VolumeLevelsFile(std::variant<Contents, Meaning> found) : found_(std::move(found)) {}
+  explicit VolumeLevelsFile(Found found) : found_(std::move(found)) {}
   [[nodiscard]] static Known& known();
   [[nodiscard]] static Meaning meaningOf(const Data& contents);
   [[nodiscard]] static Meaning meaningWithout(const files::Error& error);
 
-  std::variant<Contents, Meaning> found_;
+  Found found_;
   /// Of a file whose contents were read.
   std::optional<struct stat> status_;
 };
