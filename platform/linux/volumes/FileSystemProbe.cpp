@@ -58,30 +58,47 @@ void FileSystemProbe::setListener(std::function<void()> listener) {
   listener_ = std::move(listener);
 }
 
-bool FileSystemProbe::run(Question question, About about, Duration patience) {
-  const runtime::BlockedScope blocked;
-  const auto job = std::make_shared<Job>();
+FileSystemProbe::Asked FileSystemProbe::put(Question question, About about, Duration patience) {
+  auto job = std::make_shared<Job>();
   job->question = std::move(question);
   job->about = about;
   job->patience = patience;
   job->since = Clock::now();
+  const runtime::Lock lock(mutex_);
+  return haveWorkerFor(job) ? job : nullptr;
+}
+
+bool FileSystemProbe::isAnsweredWithin(Duration time, const Asked& asked) {
+  const runtime::BlockedScope blocked;
+  const Time deadline = Clock::now() + time;
   runtime::Lock lock(mutex_);
-  if (!haveWorkerFor(job)) {
-    return false;
+  while (!asked->isDone && Clock::now() < deadline) {
+    static_cast<void>(asked->done.waitUntil(lock, deadline));
   }
-  if (await(job, lock)) {
+  return asked->isDone;
+}
+
+bool FileSystemProbe::await(const Asked& asked) {
+  const runtime::BlockedScope blocked;
+  runtime::Lock lock(mutex_);
+  if (awaitAnswer(asked, lock)) {
     return true;
   }
-  giveUp(*job);
-  if (job->device) {
-    const std::string name = job->name;
-    const bool isNews = places_[*job->device].rest == Duration::zero();
+  giveUp(*asked);
+  if (asked->device) {
+    const std::string name = asked->name;
+    const bool isNews = places_[*asked->device].rest == Duration::zero();
     lock.unlock();
     if (isNews) {
       reporting::reportFailure("FileSystemProbe", name + " does not answer; it is left alone until it does");
     }
   }
   return false;
+}
+
+bool FileSystemProbe::run(Question question, About about, Duration patience) {
+  const Asked asked = put(std::move(question), about, patience);
+  return asked != nullptr && await(asked);
 }
 
 /// False when all are lost, or there is none and the system refuses a thread.
@@ -114,7 +131,7 @@ bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job) {
 }
 
 /// False when there was no answer in time.
-bool FileSystemProbe::await(const std::shared_ptr<Job>& job, runtime::Lock& lock) {
+bool FileSystemProbe::awaitAnswer(const std::shared_ptr<Job>& job, runtime::Lock& lock) {
   while (!job->isDone) {
     const Time deadline = job->since + job->patience;
     if (Clock::now() >= deadline) {

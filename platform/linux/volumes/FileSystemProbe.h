@@ -30,6 +30,8 @@ namespace kelvane {
 /// rests, and so does one that was merely slow to tell its space, so that asking it takes nobody more than half of the
 /// time. Of the questions of one kind, one at a time is in a file system; others wait at its door.
 ///
+/// Who has much to ask puts several questions before waiting for the first.
+///
 /// The process has one, which is never destroyed; tests make more, and none with a question open. Any thread may ask,
 /// but no question.
 class FileSystemProbe {
@@ -83,8 +85,15 @@ class FileSystemProbe {
   FileSystemProbe(const FileSystemProbe&) = delete;
   FileSystemProbe& operator=(const FileSystemProbe&) = delete;
 
+  /// A question that was put. Null when there is no worker for it.
+  using Asked = std::shared_ptr<Job>;
+  [[nodiscard]] Asked put(Question question, About about = About::Space, Duration patience = FileSystemProbe::patience);
+  /// Whether the answer comes within this time from now.
+  [[nodiscard]] bool isAnsweredWithin(Duration time, const Asked& asked);
   /// False when there was no answer in time. Then the question may still run, or run never, and must own what it uses;
-  /// else it is gone.
+  /// else it is gone. Each that was put is to be waited for, once.
+  [[nodiscard]] bool await(const Asked& asked);
+  /// Puts a question and waits for it.
   [[nodiscard]] bool run(Question question, About about = About::Space, Duration patience = FileSystemProbe::patience);
 
   /// The value that a function of a Visit returns; ETIMEDOUT when that comes too late, with what was tried.
@@ -124,7 +133,7 @@ class FileSystemProbe {
   void work();
   void answer(Job& job) KELVANE_REQUIRES(mutex_);
   [[nodiscard]] bool haveWorkerFor(const std::shared_ptr<Job>& job) KELVANE_REQUIRES(mutex_);
-  [[nodiscard]] bool await(const std::shared_ptr<Job>& job, runtime::Lock& lock) KELVANE_REQUIRES(mutex_);
+  [[nodiscard]] bool awaitAnswer(const std::shared_ptr<Job>& job, runtime::Lock& lock) KELVANE_REQUIRES(mutex_);
   bool enter(Job& job, dev_t device, const std::string& name);
   void leave(Job& job, Time now) KELVANE_REQUIRES(mutex_);
   void giveUp(Job& job) KELVANE_REQUIRES(mutex_);

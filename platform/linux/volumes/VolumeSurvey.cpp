@@ -2,10 +2,14 @@
 // Questions about all volumes at once.
 #include "platform/linux/volumes/VolumeSurvey.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <deque>
+#include <map>
 #include <memory>
 #include <set>
 #include <utility>
+#include <vector>
 
 #include "platform/linux/runtime/Mutex.h"
 #include "platform/linux/volumes/FileSystemProbe.h"
@@ -18,30 +22,33 @@ namespace {
 
 using Visit = FileSystemProbe::Visit;
 
-/// What is asked one after the other, and the answers so far. A worker that hangs keeps it; another one goes on with a
-/// copy.
+/// What is asked, by one worker or by several that share it, and the answers so far.
 class Round {
  public:
   enum class Levels { Asked, NotAsked };
 
   Round(std::vector<VolumeMount> mounts, Levels levels)
-      : mounts_(std::move(mounts)), isFileLeft_(levels == Levels::Asked) {}
-  Round(Round& hung) : mounts_(hung.mounts_) {
-    const runtime::Lock lock(hung.mutex_);
-    isFileLeft_ = hung.isFileLeft_;
-    next_ = hung.next_;
-    answers_ = hung.answers_;
-    answered_ = hung.answered_;
+      : mounts_(std::move(mounts)), isFileLeft_(levels == Levels::Asked) {
+    std::map<dev_t, std::size_t> places;
+    for (const VolumeMount& mount : mounts_) {
+      const auto [place, isNew] = places.try_emplace(mount.device, fileSystems_.size());
+      if (isNew) {
+        fileSystems_.emplace_back();
+      }
+      fileSystems_[place->second].push_back(&mount);
+    }
+    static_cast<void>(putBack());
   }
+  Round(const Round&) = delete;
+  Round& operator=(const Round&) = delete;
 
+  /// Asks what no other worker has come to.
   void run(Visit& visit) {
     begin();
-    while (const VolumeMount* mount = nextMount()) {
-      SpaceAnswer answer{*mount, askIn(visit, *mount)};
-      if (visit.isLate()) {
+    while (const FileSystem* fileSystem = takeFileSystem()) {
+      if (!ask(visit, *fileSystem)) {
         return;
       }
-      add(std::move(answer));
     }
     if (takesFile()) {
       visit.askAbout(FileSystemProbe::About::Files);
@@ -49,20 +56,37 @@ class Round {
     }
   }
 
-  /// Whether a worker has come to it, and has left something to another.
-  bool goesOn() {
-    const bool isMountLeft = nextMount() != nullptr;
+  /// How much there is that no worker has come to.
+  std::size_t countLeft() {
     const runtime::Lock lock(mutex_);
-    return hasBegun_ && (isMountLeft || isFileLeft_);
+    return left_.size() + (isFileLeft_ ? 1 : 0);
   }
 
-  /// With what is not known of those that were not asked.
-  std::vector<SpaceAnswer> takeSpaces() {
-    while (const VolumeMount* mount = nextMount()) {
-      add({*mount, Failure{.number = ETIMEDOUT, .tried = "asking " + mount->path}});
-    }
+  /// Leaves to others again what workers were lost with: a mount may be reached though another one of its file system
+  /// is not. False when there is nothing, or when there were no workers.
+  bool putBack() {
     const runtime::Lock lock(mutex_);
-    return std::move(answers_);
+    left_.clear();
+    for (const FileSystem& fileSystem : fileSystems_) {
+      if (!asked_.contains(&fileSystem)) {
+        left_.push_back(&fileSystem);
+      }
+    }
+    return std::exchange(hasBegun_, false) && !left_.empty();
+  }
+
+  /// In the order of the mounts, with what is not known of those whose file system did not answer.
+  std::vector<SpaceAnswer> takeSpaces() {
+    const runtime::Lock lock(mutex_);
+    std::vector<SpaceAnswer> answers;
+    for (const VolumeMount& mount : mounts_) {
+      if (const auto found = spaces_.find(&mount); found != spaces_.end()) {
+        answers.push_back({mount, std::move(found->second)});
+      } else if (!answered_.contains(mount.device)) {
+        answers.push_back({mount, Failure{.number = ETIMEDOUT, .tried = "asking " + mount.path}});
+      }
+    }
+    return answers;
   }
   VolumeLevelsFile takeFile() {
     const runtime::Lock lock(mutex_);
@@ -70,27 +94,49 @@ class Round {
   }
 
  private:
+  /// By its mounts, in their order.
+  using FileSystem = std::vector<const VolumeMount*>;
+
   void begin() {
     const runtime::Lock lock(mutex_);
     hasBegun_ = true;
   }
 
-  /// Stays the next until there is an answer.
-  const VolumeMount* nextMount() {
+  const FileSystem* takeFileSystem() {
     const runtime::Lock lock(mutex_);
-    while (next_ < mounts_.size() && answered_.contains(mounts_[next_].device)) {
-      ++next_;
+    if (left_.empty()) {
+      return nullptr;
     }
-    return next_ < mounts_.size() ? &mounts_[next_] : nullptr;
+    const FileSystem* first = left_.front();
+    left_.pop_front();
+    return first;
   }
 
-  void add(SpaceAnswer answer) {
-    const runtime::Lock lock(mutex_);
-    ++next_;
-    if (answer.space) {
-      answered_.insert(answer.mount.device);
+  /// False when the answer came too late.
+  bool ask(Visit& visit, const FileSystem& fileSystem) {
+    for (const VolumeMount* mount : fileSystem) {
+      Result<volumes::Space> space = askIn(visit, *mount);
+      if (visit.isLate()) {
+        return false;
+      }
+      if (add(*mount, std::move(space))) {
+        break;
+      }
     }
-    answers_.push_back(std::move(answer));
+    const runtime::Lock lock(mutex_);
+    asked_.insert(&fileSystem);
+    return true;
+  }
+
+  /// Whether it is an answer.
+  bool add(const VolumeMount& mount, Result<volumes::Space> space) {
+    const runtime::Lock lock(mutex_);
+    const bool isAnswer = static_cast<bool>(space);
+    if (isAnswer) {
+      answered_.insert(mount.device);
+    }
+    spaces_.insert_or_assign(&mount, std::move(space));
+    return isAnswer;
   }
 
   /// Once: there is nothing to be asked after the file.
@@ -105,21 +151,50 @@ class Round {
   }
 
   const std::vector<VolumeMount> mounts_;
+  std::vector<FileSystem> fileSystems_;
   runtime::Mutex mutex_;
   bool hasBegun_ KELVANE_GUARDED_BY(mutex_) = false;
+  /// What no worker has come to, and what they have come to the end of.
+  std::deque<const FileSystem*> left_ KELVANE_GUARDED_BY(mutex_);
+  std::set<const FileSystem*> asked_ KELVANE_GUARDED_BY(mutex_);
   bool isFileLeft_ KELVANE_GUARDED_BY(mutex_);
   VolumeLevelsFile file_ KELVANE_GUARDED_BY(mutex_);
-  std::size_t next_ KELVANE_GUARDED_BY(mutex_) = 0;
-  std::vector<SpaceAnswer> answers_ KELVANE_GUARDED_BY(mutex_);
+  std::map<const VolumeMount*, Result<volumes::Space>> spaces_ KELVANE_GUARDED_BY(mutex_);
   std::set<dev_t> answered_ KELVANE_GUARDED_BY(mutex_);
 };
 
-std::shared_ptr<Round> run(const std::vector<VolumeMount>& mounts, Round::Levels levels) {
-  auto round = std::make_shared<Round>(mounts, levels);
-  // What hung is silent from then on, so that every other worker comes further than the one before.
-  while (!FileSystemProbe::shared().run([round](Visit& visit) { round->run(visit); }) && round->goesOn()) {
-    round = std::make_shared<Round>(*round);
+/// Comes to an end with each of them, as far as there are workers. Workers that file systems keep are joined by as
+/// many.
+void askAll(const std::shared_ptr<Round>& round) {
+  FileSystemProbe& probe = FileSystemProbe::shared();
+  std::vector<FileSystemProbe::Asked> asked;
+  const auto put = [&] {
+    auto one = probe.put([round](Visit& visit) { round->run(visit); });
+    if (one == nullptr) {
+      return false;
+    }
+    asked.push_back(std::move(one));
+    return true;
+  };
+  const std::size_t most = round->countLeft();
+  while (asked.size() < most && round->countLeft() > 0) {
+    const std::size_t wanted = std::clamp<std::size_t>(2 * asked.size(), 1, most);
+    while (asked.size() < wanted && put()) {
+    }
+    if (asked.size() < wanted || probe.isAnsweredWithin(FileSystemProbe::slowness, asked.back())) {
+      break;
+    }
   }
+  for (const FileSystemProbe::Asked& one : asked) {
+    static_cast<void>(probe.await(one));
+  }
+}
+
+std::shared_ptr<Round> run(const std::vector<VolumeMount>& mounts, Round::Levels levels) {
+  const auto round = std::make_shared<Round>(mounts, levels);
+  do {
+    askAll(round);
+  } while (round->putBack());
   return round;
 }
 

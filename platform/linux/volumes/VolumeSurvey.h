@@ -16,8 +16,9 @@ struct SpaceAnswer {
   VolumeMount mount;
   Result<volumes::Space> space;
 };
-/// Asks the file systems of all these mounts in as few questions to the probe as can be: one, and one more for each
-/// that hangs. Of the mounts of one file system, those up to the first that answers.
+/// Asks the file systems of all these mounts: in one question to the probe where they answer at once, and in more and
+/// more at the same time where they do not, so that several slow ones take little longer than the slowest. Of the
+/// mounts of one file system, those up to the first that answers.
 [[nodiscard]] std::vector<SpaceAnswer> askEachSpace(const std::vector<VolumeMount>& mounts);
 
 struct VolumeSurvey {

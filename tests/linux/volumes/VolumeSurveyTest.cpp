@@ -109,6 +109,79 @@ TEST_F(ASurvey, IsOneQuestionThoughItIsAboutSpacesAndLevels) {
   EXPECT_TRUE(areSixtyPercent(survey.levels)) << "a second question would have found no worker";
 }
 
+/// Mounts of file systems that are not there: whoever asks one is kept until so many are asked.
+class SlowVolumes {
+ public:
+  explicit SlowVolumes(std::size_t awaited) {
+    asked = 0;
+    isEnded = false;
+    SlowVolumes::awaited = awaited;
+    spaceReader = [](const VolumeMount& mount) {
+      ++asked;
+      while (asked < SlowVolumes::awaited && !isEnded) {
+        usleep(1000);
+      }
+      return Result<volumes::Space>(volumes::Space{.size = gibibyte, .fileSystem = mount.device});
+    };
+    while (mounts.size() < count) {
+      // One that was slow rests.
+      static dev_t device = 1'000'000;
+      mounts.push_back({"/slow/" + std::to_string(++device), device, true});
+    }
+  }
+  ~SlowVolumes() {
+    isEnded = true;
+    while (FileSystemProbe::shared().lostWorkers() > 0) {
+      usleep(1000);
+    }
+    spaceReader = readSpace;
+  }
+  SlowVolumes(const SlowVolumes&) = delete;
+  SlowVolumes& operator=(const SlowVolumes&) = delete;
+
+  static constexpr std::size_t count = 10;
+  std::vector<VolumeMount> mounts;
+
+ private:
+  static inline std::atomic<std::size_t> asked = 0;
+  static inline std::atomic<std::size_t> awaited = 0;
+  static inline std::atomic<bool> isEnded = false;
+};
+
+std::vector<dev_t> answeredOf(const std::vector<SpaceAnswer>& answers) {
+  std::vector<dev_t> answered;
+  for (const SpaceAnswer& answer : answers) {
+    if (answer.space) {
+      answered.push_back(answer.space->fileSystem);
+    }
+  }
+  return answered;
+}
+
+TEST_F(ASurvey, AsksSlowVolumesAtTheSameTime) {
+  test::writeFile(paths::volumeLevelsFile, sixtyPercent);
+  const SlowVolumes slow(SlowVolumes::count);
+  std::vector<dev_t> all;
+  for (const VolumeMount& mount : slow.mounts) {
+    all.push_back(mount.device);
+  }
+  const VolumeSurvey survey = surveyVolumes(slow.mounts);
+  EXPECT_EQ(answeredOf(survey.spaces), all) << "in their order, though none answers before all are asked";
+  EXPECT_TRUE(areSixtyPercent(survey.levels));
+}
+
+TEST_F(ASurvey, WaitsForVolumesThatHangAtTheSameTime) {
+  const SlowVolumes hanging(SlowVolumes::count + 1);
+  const auto begin = FileSystemProbe::Clock::now();
+  const VolumeSurvey survey = surveyVolumes(hanging.mounts);
+  EXPECT_LT(FileSystemProbe::Clock::now() - begin, SlowVolumes::count * FileSystemProbe::patience / 2);
+  ASSERT_EQ(survey.spaces.size(), SlowVolumes::count);
+  EXPECT_EQ(answeredOf(survey.spaces), std::vector<dev_t>());
+  for (const VolumeMount& mount : hanging.mounts) {
+    EXPECT_EQ(FileSystemProbe::shared().closedUntil(mount.device), FileSystemProbe::Time::max()) << mount.path;
+  }
+}
+
 TEST_F(ASurvey, HasAllSpacesThoughTheConfigurationIsOnADiskThatHangs) {
   if (!test::isTrulyRoot()) {
     // Others have no disks of their own.
