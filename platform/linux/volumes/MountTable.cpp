@@ -72,7 +72,7 @@ bool isLocal(libmnt_fs* fs) {
 
 /// The mount points on disks and in the kernel's own file systems are remembered by the kernel. Here it asks.
 bool mayHang(libmnt_fs* fs) {
-  static constexpr std::string_view others[] = {"9p",    "ceph",     "coda", "gfs2",   "lustre",
+  static constexpr std::string_view others[] = {"9p",    "autofs",   "ceph", "coda",   "gfs2",    "lustre",
                                                 "ocfs2", "orangefs", "smb3", "vboxsf", "virtiofs"};
   const std::string_view type = text(mnt_fs_get_fstype(fs));
   return mnt_fs_is_netfs(fs) != 0 || type.starts_with("fuse") || std::ranges::find(others, type) != std::end(others);

@@ -118,20 +118,24 @@ TEST(AMountTable, TellsWhatMayHangOnTheWayToAMountAndGivesThoseWithoutFirst) {
                   "25 20 8:2 /sub /bound rw - ext4 /dev/sda2 rw\n"
                   "26 20 0:51 / /over rw - fuse.archive archive rw\n"
                   "27 26 8:4 / /over rw - ext4 /dev/sda4 rw\n"
-                  "28 27 8:5 / /over/in rw - ext4 /dev/sda5 rw\n");
+                  "28 27 8:5 / /over/in rw - ext4 /dev/sda5 rw\n"
+                  "29 20 0:52 / /auto rw - autofs automount rw\n"
+                  "30 29 8:6 / /auto/disk rw - ext4 /dev/sda6 rw\n");
   const auto mounts = *volumeMounts("/mnt/mountinfo");
   std::vector<std::string> paths;
   for (const VolumeMount& mount : mounts) {
     paths.push_back(mount.path);
   }
-  ASSERT_THAT(paths, ElementsAre("/", "/over", "/over/in", "/bound", "/nfs/disk", "/nfs/disk/win", "/nfs/disk/win/in"));
+  ASSERT_THAT(paths, ElementsAre("/", "/over", "/over/in", "/bound", "/nfs/disk", "/nfs/disk/win", "/auto/disk",
+                                 "/nfs/disk/win/in"));
   for (std::size_t index = 0; index < 4; ++index) {
     EXPECT_THAT(wayOf(mounts[index]), IsEmpty()) << paths[index];
   }
   EXPECT_THAT(wayOf(mounts[4]), ElementsAre("/nfs"));
   EXPECT_EQ(mounts[4].way[0].device, makedev(0, 50));
   EXPECT_THAT(wayOf(mounts[5]), ElementsAre("/nfs"));
-  EXPECT_THAT(wayOf(mounts[6]), ElementsAre("/nfs", "/nfs/disk/win"));
+  EXPECT_THAT(wayOf(mounts[6]), ElementsAre("/auto"));
+  EXPECT_THAT(wayOf(mounts[7]), ElementsAre("/nfs", "/nfs/disk/win"));
 }
 
 std::string line(int identifier, int parent, const std::string& path) {
