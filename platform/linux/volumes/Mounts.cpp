@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/Reporting.h"
 #include "platform/linux/volumes/Paths.h"
 
 namespace kelvane {
@@ -21,26 +22,45 @@ Mounts::Mounts()
     : watch_(open(paths::mountInfo, O_RDONLY | O_CLOEXEC)), listener_(open(paths::mountInfo, O_RDONLY | O_CLOEXEC)) {}
 
 Mounts::Table Mounts::current() {
-  const runtime::Lock lock(mutex_);
-  // Asked before the table is read, so that a change while it is being read shows the next time.
-  if (haveChanged() || !read_ || Clock::now() - *read_ >= longestAge) {
-    read();
+  std::string news;
+  {
+    const runtime::Lock lock(mutex_);
+    // Asked before the table is read, so that a change while it is being read shows the next time.
+    if (!haveChanged() && read_ && Clock::now() - *read_ < longestAge) {
+      return table_;
+    }
+    news = read();
   }
-  return table_;
+  return told(news);
 }
 
 Mounts::Table Mounts::readAgain() {
-  const runtime::Lock lock(mutex_);
-  read();
-  return table_;
+  std::string news;
+  {
+    const runtime::Lock lock(mutex_);
+    news = read();
+  }
+  return told(news);
 }
 
-void Mounts::read() {
+/// Returns what people should know.
+std::string Mounts::read() {
   auto mounts = volumeMounts(paths::mountInfo);
   read_ = mounts ? std::optional(Clock::now()) : std::nullopt;
+  const bool wasReadable = std::exchange(isReadable_, static_cast<bool>(mounts));
   if (mounts) {
     table_ = std::make_shared<const std::vector<VolumeMount>>(*std::move(mounts));
+    return {};
   }
+  return wasReadable ? mounts.failure().text() + "; the volumes there were are taken for those there are" : "";
+}
+
+Mounts::Table Mounts::told(const std::string& news) {
+  if (!news.empty()) {
+    reporting::reportFailure("Mounts", news);
+  }
+  const runtime::Lock lock(mutex_);
+  return table_;
 }
 
 /// A table that cannot be watched may always have changed.

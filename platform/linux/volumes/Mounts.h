@@ -17,7 +17,8 @@ namespace kelvane {
 /// Keeps what volumeMounts() says of this process, because reading the table again would cost each purge as much as
 /// sending eight services their requests. The kernel tells of every change to a mount, but not of file systems that
 /// become read-only by themselves; these are known within a minute. What cannot be read again, for lack of descriptors,
-/// say, is as it was: volumes do not go away by that. One per process, never destroyed. Any thread.
+/// say, is as it was, which the log says once: volumes do not go away by that. One per process, never destroyed. Any
+/// thread.
 class Mounts {
  public:
   using Table = std::shared_ptr<const std::vector<VolumeMount>>;
@@ -39,7 +40,9 @@ class Mounts {
 
   Mounts();
   bool haveChanged();
-  void read() KELVANE_REQUIRES(mutex_);
+  std::string read() KELVANE_REQUIRES(mutex_);
+  /// The table, once people know.
+  Table told(const std::string& news);
 
   /// Each remembers for itself what it has told of.
   const FileDescriptor watch_;
@@ -48,6 +51,7 @@ class Mounts {
   Table table_ KELVANE_GUARDED_BY(mutex_) = std::make_shared<const std::vector<VolumeMount>>();
   /// When, unless it is to be read again in any case.
   std::optional<Clock::time_point> read_ KELVANE_GUARDED_BY(mutex_);
+  bool isReadable_ KELVANE_GUARDED_BY(mutex_) = true;
 };
 
 /// The mount at this path; null when there is none. The table holds each path in its one canonical form, so comparing

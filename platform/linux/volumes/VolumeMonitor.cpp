@@ -6,16 +6,18 @@
 #include <sys/eventfd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <system_error>
 #include <thread>
 #include <utility>
 
 #include "platform/Reporting.h"
+#include "platform/common/Utf8.h"
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/volumes/FileSystemProbe.h"
 #include "platform/linux/volumes/MountVisit.h"
 #include "platform/linux/volumes/Mounts.h"
 #include "platform/linux/volumes/Paths.h"
-#include "platform/linux/volumes/VolumeSurvey.h"
 
 namespace kelvane {
 
@@ -101,6 +103,7 @@ VolumeMonitor::Look VolumeMonitor::lookAround(const std::vector<VolumeMount>& mo
   Look look{Clock::now(), {}, {}};
   const VolumeSurvey survey = surveyVolumes(mounts);
   tellOfUnknown(survey.levels, mounts);
+  tellOfTroubles(survey.spaces);
   for (const SpaceAnswer& answer : survey.spaces) {
     if (answer.space) {
       look.sights.emplace_back(answer.mount, *answer.space, survey.levels, notices_.areAskedFor(answer.mount.device));
@@ -141,6 +144,25 @@ void VolumeMonitor::tellOfUnknown(const VolumeLevels& levels, const std::vector<
                                                   std::to_string(news - mostNamesTold) + " more");
   }
   unknown_ = std::move(unknown);
+}
+
+/// Of what keeps volumes from being relieved, but for not answering, of which the probe tells, and for being gone.
+void VolumeMonitor::tellOfTroubles(const std::vector<SpaceAnswer>& answers) {
+  std::set<dev_t> troubled;
+  for (const SpaceAnswer& answer : answers) {
+    const VolumeMount& mount = answer.mount;
+    const int error = answer.space ? 0 : answer.space.failure().number;
+    const bool wasTroubled = troubled_.contains(mount.device);
+    const bool isWell = error == ENOTDIR || error == ENOENT || (error == 0 && utf8::isValid(mount.path));
+    if (error == ETIMEDOUT ? !wasTroubled : isWell) {
+      continue;
+    }
+    if (troubled.insert(mount.device).second && !wasTroubled) {
+      const std::string trouble = error == 0 ? "its name is not UTF-8" : std::generic_category().message(error);
+      reporting::reportFailure("VolumeMonitor", mount.path + " cannot be relieved: " + trouble);
+    }
+  }
+  troubled_ = std::move(troubled);
 }
 
 ReliefPolicy::Time VolumeMonitor::decide(const Look& look) {

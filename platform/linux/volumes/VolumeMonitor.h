@@ -11,6 +11,7 @@
 #include "platform/linux/runtime/Mutex.h"
 #include "platform/linux/volumes/LowDiskEvents.h"
 #include "platform/linux/volumes/ReliefPolicy.h"
+#include "platform/linux/volumes/VolumeSurvey.h"
 #include "platform/linux/volumes/WriteNotices.h"
 
 namespace kelvane {
@@ -49,6 +50,7 @@ class VolumeMonitor {
   [[nodiscard]] Look lookAround(const std::vector<VolumeMount>& mounts);
   void askForNotices(const std::vector<VolumeMount>& mounts);
   void tellOfUnknown(const VolumeLevels& levels, const std::vector<VolumeMount>& mounts);
+  void tellOfTroubles(const std::vector<SpaceAnswer>& answers);
   Time decide(const Look& look);
   void awaitNews(Time deadline, Time lookBegun);
   void noteWrites();
@@ -67,6 +69,8 @@ class VolumeMonitor {
   WriteNotices notices_;
   /// Names in the configuration that it has told of.
   std::set<std::string> unknown_;
+  /// And file systems whose volumes cannot be relieved.
+  std::set<dev_t> troubled_;
 };
 
 }  // namespace kelvane

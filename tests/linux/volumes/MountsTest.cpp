@@ -39,12 +39,17 @@ TEST(Mounts, StayKnownWhileTheyCannotBeRead) {
   rlimit usual;
   ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
   const rlimit none{.rlim_cur = 3, .rlim_max = usual.rlim_max};
+  testing::internal::CaptureStderr();
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
   EXPECT_EQ(Mounts::shared().readAgain(), Mounts::shared().current());
   EXPECT_TRUE(isKnown("/mnt/known"));
   ASSERT_EQ(umount2("/mnt/known", MNT_DETACH), 0);
   EXPECT_TRUE(isKnown("/mnt/known"));
   ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &usual), 0);
+  const std::string log = testing::internal::GetCapturedStderr();
+  const auto told = log.find("Too many open files; the volumes there were are taken for those there are");
+  ASSERT_NE(told, std::string::npos) << log;
+  EXPECT_EQ(log.find("Too many open files", told + 1), std::string::npos) << "once";
   EXPECT_FALSE(isKnown("/mnt/known"));
 }
 

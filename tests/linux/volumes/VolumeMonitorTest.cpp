@@ -224,6 +224,35 @@ TEST_F(TheVolumeMonitor, TellsOfTenNamesThatAreNoVolumesAndHowManyMoreThereAre) 
   std::filesystem::remove(paths::volumeLevelsFile);
 }
 
+TEST_F(TheVolumeMonitor, TellsOnceOfAVolumeThatCannotTellItsSpace) {
+  mountVolume("/mnt/failing");
+  spaceReader = [](const VolumeMount& volume) {
+    return volume.path == "/mnt/failing" ? Result<volumes::Space>(Failure{.number = EIO, .tried = {}})
+                                         : readSpace(volume);
+  };
+  testing::internal::CaptureStderr();
+  start();
+  mountFullVolume("/mnt/first");
+  EXPECT_TRUE(await({"/mnt/first"}));
+  mountFullVolume("/mnt/second");
+  EXPECT_TRUE(await({"/mnt/second"}));
+  const std::string log = testing::internal::GetCapturedStderr();
+  spaceReader = readSpace;
+  const auto first = log.find("/mnt/failing cannot be relieved: Input/output error");
+  ASSERT_NE(first, std::string::npos) << log;
+  EXPECT_EQ(log.find("cannot be relieved", first + 20), std::string::npos) << log;
+}
+
+TEST_F(TheVolumeMonitor, TellsOfAVolumeWhoseNameIsNotUtf8) {
+  testing::internal::CaptureStderr();
+  mountVolume("/mnt/\xff");
+  start();
+  mountFullVolume("/mnt/full");
+  EXPECT_TRUE(await({"/mnt/full"}));
+  const std::string log = testing::internal::GetCapturedStderr();
+  EXPECT_NE(log.find(" cannot be relieved: its name is not UTF-8"), std::string::npos) << log;
+}
+
 /// Holds up whoever asks one volume, until the question is answered or this goes.
 class SilentVolume {
  public:
