@@ -13,11 +13,12 @@ endif()
 if(KELVANE_SANITIZERS)
   add_compile_options(-fsanitize=${KELVANE_SANITIZERS} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${KELVANE_SANITIZERS})
-  # Takes a fifth of the time of the system's own.
-  find_program(KELVANE_LLD ld.lld)
-  if(KELVANE_LLD)
-    add_link_options(-fuse-ld=lld)
-  endif()
+endif()
+
+# Takes a fifth of the time of the system's own, with which the release is linked.
+find_program(KELVANE_LLD ld.lld)
+if(KELVANE_LLD AND KELVANE_SANITIZERS)
+  add_link_options(-fuse-ld=lld)
 endif()
 
 # Undefined behaviour is looked for in what is tested: for tests as well it would take a third of their compile time.
@@ -95,6 +96,9 @@ function(kelvane_test name)
   # Test code takes longer to optimise than to run, and longer to describe to a debugger than lines; what it tests is
   # optimised and described all the same.
   target_compile_options(${name} PRIVATE ${KELVANE_TEST_OPTIONS} -g1)
+  if(KELVANE_LLD)
+    target_link_options(${name} PRIVATE -fuse-ld=lld)
+  endif()
   kelvane_begin_with(${name} kelvane_test_headers)
   gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT ${ARG_TIMEOUT})
 endfunction()

@@ -149,7 +149,7 @@ TEST_F(APurgeByTurns, OfAThousandServicesIsSatisfiedByTheOneThatHasAnything) {
 
 // A, B and C are asked for 333 each; B gives 100 and is out. 766 are gained, so A and C are asked for 117.
 TEST_F(APurgeByTurns, SharesWhatIsStillMissingAmongThoseWhoGaveWhenAllHaveAnswered) {
-  for (std::uint64_t seed = 0; seed <= 200; ++seed) {
+  for (std::uint64_t seed = 0; seed <= seedCount(200); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
@@ -268,7 +268,7 @@ TEST_F(APurgeByTurns, IsNotHeldUpByWhoWasSilentInAPassInWhichNobodyGave) {
 }
 
 TEST_F(APurgeByTurns, EndsWhenThoseWhoGaveAreNotNeededAnyMore) {
-  for (std::uint64_t seed = 0; seed <= 200; ++seed) {
+  for (std::uint64_t seed = 0; seed <= seedCount(200); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
@@ -285,7 +285,7 @@ TEST_F(APurgeByTurns, EndsWhenThoseWhoGaveAreNotNeededAnyMore) {
 
 // The first answers come while most of the services have not even been marked in flight.
 TEST_F(APurgeByTurns, OfManyServicesDoesNotEndBeforeTheLastIsAsked) {
-  for (std::uint64_t seed = 1; seed <= 50; ++seed) {
+  for (std::uint64_t seed = 1; seed <= seedCount(50); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
@@ -314,7 +314,7 @@ TEST_F(APurgeByTurns, GoesOnWhileWhatIsFreedFillsUpTheReserveOfTheSuperuser) {
 // pass.
 TEST_F(APurgeByTurns, AsksABoasterEightMoreTimesAndAtMostOnceByChance) {
   for (const int boasters : {1, 10}) {
-    for (std::uint64_t seed = 0; seed <= 100; ++seed) {
+    for (std::uint64_t seed = 0; seed <= seedCount(100); ++seed) {
       SCOPED_TRACE(seed);
       run(
           [&] {
@@ -418,7 +418,7 @@ TEST_F(APurgeByTurns, LeavesThoseWhoWaitToTheNextPassWhenItsTimeIsOver) {
 // It answers just when the first pass's time is over: while the next pass's requests are queued, or are yet to be.
 TEST_F(APurgeByTurns, AsksALateOneAtTheUrgencyOfThePassOnceThatHasAskedIt) {
   std::set<bool> askedAgainForTheFirstPass;
-  for (std::uint64_t seed = 1; seed <= 200; ++seed) {
+  for (std::uint64_t seed = 1; seed <= seedCount(200); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
@@ -490,7 +490,7 @@ class APurgeWhosePassesEndEarly : public APurgeByTurns {
 };
 
 TEST_F(APurgeWhosePassesEndEarly, IsOverAtOnceWhenItIsSatisfied) {
-  for (std::uint64_t seed = 0; seed <= 100; ++seed) {
+  for (std::uint64_t seed = 0; seed <= seedCount(100); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
@@ -509,7 +509,7 @@ TEST_F(APurgeWhosePassesEndEarly, IsOverAtOnceWhenNobodyPurges) {
 }
 
 TEST_F(APurgeWhosePassesEndEarly, IsOverWhenEveryConnectionHasFailed) {
-  for (std::uint64_t seed = 0; seed <= 100; ++seed) {
+  for (std::uint64_t seed = 0; seed <= seedCount(100); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
@@ -538,7 +538,7 @@ TEST_F(APurgeWhosePassesEndEarly, WaitsForWhoeverIsInFlight) {
 }
 
 TEST_F(APurgeWhosePassesEndEarly, GainsWhatThereIs) {
-  for (std::uint64_t seed = 1; seed <= 100; ++seed) {
+  for (std::uint64_t seed = 1; seed <= seedCount(100); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
