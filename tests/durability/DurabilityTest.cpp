@@ -2,12 +2,16 @@
 // What every test of the state's durability begins and ends with.
 #include "tests/durability/DurabilityTest.h"
 
+#include <fcntl.h>
 #include <sys/mount.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <iostream>
+
+#include "platform/linux/runtime/FileDescriptor.h"
 
 namespace kelvane::test {
 
@@ -63,6 +67,12 @@ void DurabilityTest::losePower() {
     EXPECT_EQ(umount(stateDirectory), 0);
     ASSERT_TRUE(mountDisk(diskImage, stateDirectory));
   }
+}
+
+void DurabilityTest::removeStores() {
+  std::filesystem::remove_all(std::string(stateDirectory) + "/preferences");
+  const FileDescriptor disk(open(stateDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_EQ(syncfs(disk.get()), 0);
 }
 
 void DurabilityTest::startInVain() {

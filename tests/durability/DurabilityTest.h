@@ -32,6 +32,8 @@ class DurabilityTest : public HostileTest {
   void killOrLosePower() { chance_.oneIn(2) ? kill() : losePower(); }
   /// Starts the daemon and goes on while it starts, at a moment that chance decides.
   void startInVain();
+  /// Once and for all: after a loss of power there might be half of them again.
+  static void removeStores();
   /// Takes every block of the disk that is left.
   static void fillStateDisk() { fillDisk(stateDirectory, "filling"); }
 

@@ -31,7 +31,7 @@ using ANewStore = test::DurabilityTest;
 TEST_F(ANewStore, IsNeverFoundHalfMade) {
   for (int life = 0; life < lives(150) && !HasFailure(); ++life) {
     SCOPED_TRACE(life);
-    std::filesystem::remove_all(std::string(test::stateDirectory) + "/preferences");
+    removeStores();
     startInVain();
     killOrLosePower();
     startDaemon();
