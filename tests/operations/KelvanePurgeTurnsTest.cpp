@@ -418,7 +418,7 @@ TEST_F(APurgeByTurns, LeavesThoseWhoWaitToTheNextPassWhenItsTimeIsOver) {
 // It answers just when the first pass's time is over: while the next pass's requests are queued, or are yet to be.
 TEST_F(APurgeByTurns, AsksALateOneAtTheUrgencyOfThePassOnceThatHasAskedIt) {
   std::set<bool> askedAgainForTheFirstPass;
-  for (std::uint64_t seed = 1; seed <= seedCount(200); ++seed) {
+  for (std::uint64_t seed = 1; seed <= seedCount(2000); ++seed) {
     SCOPED_TRACE(seed);
     run(
         [&] {
