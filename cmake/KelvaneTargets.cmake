@@ -79,12 +79,13 @@ function(kelvane_program name)
   kelvane_begin_with(${name} kelvane_product_headers)
 endfunction()
 
-# kelvane_test(NAME SOURCES ... [LINK ...] [TIMEOUT SECONDS]): one GoogleTest program, each of its tests a test of
-# ctest's, which may take two minutes unless it says otherwise. The thread sanitizer's build goes without those of the
-# simulated platform, which lets one thread run at a time and so has no races to be found.
+# kelvane_test(NAME [SEQUENTIAL] SOURCES ... [LINK ...] [TIMEOUT SECONDS]): one GoogleTest program, each of its tests a
+# test of ctest's, which may take two minutes unless it says otherwise. The thread sanitizer's build goes without those
+# that are sequential, and those of the simulated platform, which lets one thread run at a time: they have no races to be
+# found.
 function(kelvane_test name)
-  cmake_parse_arguments(PARSE_ARGV 1 ARG "" "TIMEOUT" "SOURCES;LINK")
-  if(KELVANE_SANITIZERS MATCHES "thread" AND "kelvane_platform_simulated" IN_LIST ARG_LINK)
+  cmake_parse_arguments(PARSE_ARGV 1 ARG "SEQUENTIAL" "TIMEOUT" "SOURCES;LINK")
+  if(KELVANE_SANITIZERS MATCHES "thread" AND (ARG_SEQUENTIAL OR "kelvane_platform_simulated" IN_LIST ARG_LINK))
     return()
   endif()
   if(NOT ARG_TIMEOUT)
