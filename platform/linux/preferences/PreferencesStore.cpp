@@ -7,9 +7,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
+#include <cstdio>
 #include <optional>
-#include <system_error>
 #include <utility>
 #include <variant>
 
@@ -23,7 +22,6 @@ namespace kelvane {
 
 namespace {
 
-constexpr std::array<const char*, 2> slotNames = {"slot-a", "slot-b"};
 constexpr propertyList::Bounds bounds = {limits::preferencesBytes, limits::preferencesEntries,
                                          limits::preferencesBytes};
 
@@ -218,11 +216,23 @@ Result<> PreferencesStore::settle() {
 }
 
 /// Makes a complete, durable store of a record and so much room under a temporary name, then gives it its own, so that
-/// a store is never found half made, and opens it. What had its name is kept aside.
+/// a store is never found half made, and opens it. What had its name is kept aside. Of one that fails nothing is left.
 Result<> PreferencesStore::create(const Data& record, std::size_t room) {
   const std::string temporary = "." + name_ + ".new";
-  std::error_code ignored;
-  std::filesystem::remove_all(directory_ + "/" + temporary, ignored);
+  // A process that was killed may have left one.
+  auto made = removeStore(parent_.get(), directory_, temporary);
+  if (!made) {
+    return made;
+  }
+  made = makeWhole(temporary, record, room);
+  made = made ? putInPlace(temporary) : made;
+  if (!made) {
+    static_cast<void>(removeStore(parent_.get(), directory_, temporary));
+  }
+  return made;
+}
+
+Result<> PreferencesStore::makeWhole(const std::string& temporary, const Data& record, std::size_t room) const {
   if (mkdirat(parent_.get(), temporary.c_str(), 0700) != 0) {
     return systemFailure("making", temporary);
   }
@@ -248,28 +258,43 @@ Result<> PreferencesStore::create(const Data& record, std::size_t room) {
   if (auto awaited = whetherAwaited(); !awaited) {
     return awaited;
   }
-  if (calls_.flushDirectory(made.get()) != 0) {
-    return systemFailure("making", name_);
-  }
-  return putInPlace(temporary);
+  return calls_.flushDirectory(made.get()) == 0 ? Result<>() : systemFailure("making", name_);
 }
 
-/// At no moment is there no store.
+/// At no moment is there no store, nor has what is displaced a name that anything else may get: it takes the new
+/// store's, which has one to be kept aside by until then. When it fails all is where it was, but for the new store.
 Result<> PreferencesStore::putInPlace(const std::string& temporary) {
   if (auto flushed = flushDirectoriesAbove(directory_, calls_.flushDirectory); !flushed) {
     return flushed;
   }
   const int parent = parent_.get();
-  const bool isReplacing = renameat2(parent, temporary.c_str(), parent, name_.c_str(), RENAME_EXCHANGE) == 0;
-  if (!isReplacing && renameat(parent, temporary.c_str(), parent, name_.c_str()) != 0) {
-    return systemFailure("making", name_);
-  }
+  struct stat status;
+  const bool isReplacing = fstatat(parent, name_.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
+  std::string other = temporary;
   if (isReplacing) {
-    // Before anything else can fail: the next store that is made takes the temporary name.
-    const auto kept = keepAside(parent, directory_, temporary, name_);
-    report("What was in the place of the preferences " + name_ + " is kept as " + (kept ? *kept : temporary));
+    const auto aside = keepAside(parent, directory_, temporary, name_);
+    if (!aside) {
+      return aside.failure();
+    }
+    other = *aside;
   }
-  if (calls_.flushDirectory(parent) != 0) {
+  auto placed = isReplacing ? renameEntry(parent, directory_, name_, other, RENAME_EXCHANGE)
+                            : renameEntry(parent, directory_, other, name_);
+  bool isBack = !placed;
+  if (placed) {
+    placed = openPlaced();
+    isBack = !placed && renameEntry(parent, directory_, name_, other, isReplacing ? RENAME_EXCHANGE : 0);
+  }
+  if (isBack) {
+    static_cast<void>(removeStore(parent, directory_, other));
+  } else if (isReplacing) {
+    report("What was in the place of the preferences " + name_ + " is kept as " + other);
+  }
+  return placed;
+}
+
+Result<> PreferencesStore::openPlaced() {
+  if (calls_.flushDirectory(parent_.get()) != 0) {
     return systemFailure("making", name_);
   }
   const auto found = find();

@@ -27,8 +27,9 @@ class PreferencesStore {
 
   /// Opens the store of this name beneath the directory, or makes both. A damaged one is renamed to NAME.damaged-N,
   /// logged and replaced by an empty one; one that cannot be read, or that a later version has written, stays as it
-  /// is. Fails with EBUSY while another process has a store of the directory open. Once nobody waits for it any more
-  /// it fails with ECANCELED, and nothing more is changed; without the function somebody always does.
+  /// is. Of one that cannot be made nothing is left. Fails with EBUSY while another process has a store of the
+  /// directory open. Once nobody waits for it any more it fails with ECANCELED, and nothing more is changed, but that
+  /// what it was making is removed; without the function somebody always does.
   static Result<std::unique_ptr<PreferencesStore>> open(const std::string& directory, const std::string& name,
                                                         const DiskCalls& calls = {}, const IsGivenUp& isGivenUp = {});
 
@@ -58,8 +59,10 @@ class PreferencesStore {
   Result<> openSlots(PreferencesSlot::Missing missing);
   Result<Finding> load();
   Result<> create(const Data& record, std::size_t room);
+  Result<> makeWhole(const std::string& temporary, const Data& record, std::size_t room) const;
   Result<> createAgain(std::span<const std::uint8_t> contents);
   Result<> putInPlace(const std::string& temporary);
+  Result<> openPlaced();
   Result<> whetherAwaited() const;
   bool isInPlace() const;
   Result<> settle();

@@ -4,7 +4,9 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -15,6 +17,30 @@
 #include "platform/linux/runtime/FileAccess.h"
 
 namespace kelvane {
+
+namespace {
+
+/// As systemFailure(), but without the number that says that another daemon is running.
+Failure entryFailure(const std::string& tried, const std::string& path) {
+  return errno == EBUSY ? Failure{.tried = tried + " " + path + ": it is a mount point"} : systemFailure(tried, path);
+}
+
+/// Looks before anything is removed.
+Result<> expectSlotsOnly(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::directory_iterator end;
+  for (std::filesystem::directory_iterator entry(path, error); !error && entry != end; entry.increment(error)) {
+    const bool hasSlotsName = std::ranges::any_of(
+        slotNames, [&entry](const char* name) { return entry->path().filename().native() == name; });
+    const bool isFile = std::filesystem::is_regular_file(entry->symlink_status(error));
+    if (!error && !(hasSlotsName && isFile)) {
+      return Failure{.tried = "removing " + path + ": it holds more than a store's files"};
+    }
+  }
+  return error ? Failure{.number = error.value(), .tried = "removing " + path} : Result<>();
+}
+
+}  // namespace
 
 FileDescriptor openDirectory(int parent, const char* name) {
   return FileDescriptor(openat(parent, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -34,26 +60,55 @@ Result<FileDescriptor> openStores(const std::string& directory) {
   return stores;
 }
 
+Result<> renameEntry(int parent, const std::string& directory, const std::string& from, const std::string& to,
+                     unsigned manner) {
+  return renameat2(parent, from.c_str(), parent, to.c_str(), manner) == 0
+             ? Result<>()
+             : entryFailure("renaming", directory + "/" + from);
+}
+
 Result<std::string> keepAside(int parent, const std::string& directory, const std::string& entry,
                               const std::string& name) {
   for (int number = 1;; ++number) {
     const bool isLast = number == limits::damagedPreferences;
     const std::string aside = name + ".damaged-" + std::to_string(number);
     if (isLast) {
-      std::error_code ignored;
-      std::filesystem::remove_all(directory + "/" + aside, ignored);
+      if (auto removed = removeStore(parent, directory, aside); !removed) {
+        return removed.failure();
+      }
     }
-    if (renameat2(parent, entry.c_str(), parent, aside.c_str(), RENAME_NOREPLACE) == 0) {
+    auto renamed = renameEntry(parent, directory, entry, aside, RENAME_NOREPLACE);
+    if (renamed) {
       return aside;
     }
-    if (errno == EBUSY) {
-      // Not the number that says that another daemon is running.
-      return Failure{.tried = "renaming " + directory + "/" + entry + ": it is a mount point"};
-    }
-    if (errno != EEXIST || isLast) {
-      return systemFailure("renaming", entry);
+    if (renamed.failure().number != EEXIST || isLast) {
+      return renamed.failure();
     }
   }
+}
+
+Result<> removeStore(int parent, const std::string& directory, const std::string& entry) {
+  const std::string path = directory + "/" + entry;
+  // Refused for what is mounted there, be it of the same disk, before what is in it is asked for.
+  if (unlinkat(parent, entry.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) {
+    return {};
+  }
+  if (errno != ENOTEMPTY && errno != EEXIST) {
+    return entryFailure("removing", path);
+  }
+  if (auto expected = expectSlotsOnly(path); !expected) {
+    return expected;
+  }
+  const FileDescriptor store = openDirectory(parent, entry.c_str());
+  if (!store) {
+    return systemFailure("removing", path);
+  }
+  for (const char* slot : slotNames) {
+    if (unlinkat(store.get(), slot, 0) != 0 && errno != ENOENT) {
+      return entryFailure("removing", path + "/" + slot);
+    }
+  }
+  return unlinkat(parent, entry.c_str(), AT_REMOVEDIR) == 0 ? Result<>() : entryFailure("removing", path);
 }
 
 bool leadsTo(int directory, const char* path, const FileDescriptor& file) {

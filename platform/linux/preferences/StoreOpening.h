@@ -16,7 +16,7 @@ namespace kelvane {
 
 /// Opens a store as PreferencesStore::open() does, on a thread of the probe's. Fails when a file system on the way
 /// there has kept that thread for longer than the patience, or is silent already. The thread then changes nothing any
-/// more once it returns, and closes what it has opened, the lock with it.
+/// more once it returns, removes what it was making, and closes what it has opened, the lock with it.
 Result<std::unique_ptr<PreferencesStore>> openInTime(FileSystemProbe& probe, const std::string& directory,
                                                      const std::string& name, const DiskCalls& calls = {},
                                                      std::chrono::milliseconds patience = limits::openingPatience);

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Preferences on a file system without a free block.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -13,6 +15,7 @@
 
 #include "platform/Limits.h"
 #include "platform/linux/preferences/PreferencesStore.h"
+#include "platform/linux/runtime/FileDescriptor.h"
 #include "tests/harness/ResultText.h"
 #include "tests/linux/preferences/StoreTesting.h"
 #include "tests/linux/testing/LoopDisk.h"
@@ -103,6 +106,27 @@ TEST_F(AFullDisk, HasNoRoomForANewStore) {
   EXPECT_EQ(PreferencesStore::open(disk + "/preferences", "suite").failure().number, ENOSPC);
   std::filesystem::remove(disk + "/" + filling);
   EXPECT_NE(openStore(), nullptr) << "nothing half made is in the way";
+}
+
+/// What there is once it is settled.
+std::uint64_t freeBlocks() {
+  const FileDescriptor directory(open(disk.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  EXPECT_EQ(syncfs(directory.get()), 0);
+  struct statvfs status = {};
+  EXPECT_EQ(fstatvfs(directory.get(), &status), 0);
+  return status.f_bfree;
+}
+
+TEST_F(AFullDisk, GetsBackWhatANewStoreHasTakenThatItHasNoRoomFor) {
+  std::filesystem::create_directory(disk + "/preferences");
+  fill();
+  std::filesystem::resize_file(disk + "/" + filling,
+                               std::filesystem::file_size(disk + "/" + filling) - limits::preferencesRoom / 2);
+  const std::uint64_t before = freeBlocks();
+  ASSERT_GT(before, 0u);
+  EXPECT_EQ(PreferencesStore::open(disk + "/preferences", "suite").failure().number, ENOSPC);
+  EXPECT_EQ(freeBlocks(), before);
+  EXPECT_TRUE(std::filesystem::is_empty(disk + "/preferences"));
 }
 
 }  // namespace
