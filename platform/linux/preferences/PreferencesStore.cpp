@@ -306,16 +306,17 @@ Result<> PreferencesStore::openPlaced() {
 
 /// Whether a later opening will find the files that are open.
 bool PreferencesStore::isInPlace() const {
-  bool isInPlace = leadsTo(AT_FDCWD, directory_.c_str(), parent_) && leadsTo(parent_.get(), name_.c_str(), place_);
+  bool isInPlace = leadsTo(AT_FDCWD, directory_.c_str(), FinalLink::IsFollowed, parent_) &&
+                   leadsTo(parent_.get(), name_.c_str(), FinalLink::IsNot, place_);
   for (std::size_t index = 0; index < slots_.size() && isInPlace; ++index) {
-    isInPlace = leadsTo(place_.get(), slotNames[index], slots_[index].file());
+    isInPlace = leadsTo(place_.get(), slotNames[index], FinalLink::IsNot, slots_[index].file());
   }
   return isInPlace;
 }
 
 /// Somebody has removed the store, or put something in its place.
 Result<> PreferencesStore::createAgain(std::span<const std::uint8_t> contents) {
-  if (!leadsTo(AT_FDCWD, directory_.c_str(), parent_)) {
+  if (!leadsTo(AT_FDCWD, directory_.c_str(), FinalLink::IsFollowed, parent_)) {
     auto parent = openStores(directory_);
     if (!parent) {
       return parent.failure();

@@ -14,6 +14,7 @@
 
 #include "platform/Limits.h"
 #include "platform/linux/preferences/StoreLock.h"
+#include "platform/linux/preferences/StoreRights.h"
 #include "platform/linux/runtime/FileAccess.h"
 
 namespace kelvane {
@@ -47,12 +48,17 @@ FileDescriptor openDirectory(int parent, const char* name) {
 }
 
 Result<FileDescriptor> openStores(const std::string& directory) {
+  // What is there may be a link to nothing, of which the system says no more than that nothing is there.
+  const Failure missing{.tried = "opening " + directory + ": a link on the way there leads to nothing"};
   if (auto made = makeDirectories(directory, 0700); !made) {
-    return made.failure();
+    return made.failure().number == ENOENT ? missing : made.failure();
   }
-  FileDescriptor stores = openDirectory(AT_FDCWD, directory.c_str());
+  FileDescriptor stores(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!stores) {
-    return systemFailure("opening", directory);
+    return errno == ENOENT ? missing : systemFailure("opening", directory);
+  }
+  if (const auto kept = keepToOwner(stores.get(), directory); !kept) {
+    return kept.failure();
   }
   if (const auto locked = lockStores(stores.get(), directory); !locked) {
     return locked.failure();
@@ -111,10 +117,10 @@ Result<> removeStore(int parent, const std::string& directory, const std::string
   return unlinkat(parent, entry.c_str(), AT_REMOVEDIR) == 0 ? Result<>() : entryFailure("removing", path);
 }
 
-bool leadsTo(int directory, const char* path, const FileDescriptor& file) {
+bool leadsTo(int directory, const char* path, FinalLink link, const FileDescriptor& file) {
   struct stat found;
   struct stat open;
-  if (fstatat(directory, path, &found, AT_SYMLINK_NOFOLLOW) != 0) {
+  if (fstatat(directory, path, &found, link == FinalLink::IsNot ? AT_SYMLINK_NOFOLLOW : 0) != 0) {
     return errno != ENOENT && errno != ENOTDIR && errno != ELOOP;
   }
   return fstat(file.get(), &open) == 0 && found.st_dev == open.st_dev && found.st_ino == open.st_ino;

@@ -5,10 +5,12 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -53,14 +55,22 @@ std::vector<std::string> holdersOf(const struct stat& status) {
   return holders.empty() ? holdersOfNumber : holders;
 }
 
-/// Whether each process that has the lock has ended; not, when this one can see none.
-bool isHeldByEnded(int directory) {
-  struct stat status;
-  if (fstat(directory, &status) != 0) {
-    return false;
+/// The user whose process it is, also while that runs a program with another's rights; none when it is gone.
+std::optional<uid_t> userOf(const std::string& process) {
+  std::ifstream file("/proc/" + process + "/status");
+  const std::string title = "Uid:";
+  for (std::string line; std::getline(file, line);) {
+    uid_t user = 0;
+    if (line.starts_with(title) && std::istringstream(line.substr(title.size())) >> user) {
+      return user;
+    }
   }
-  const std::vector<std::string> holders = holdersOf(status);
-  return !holders.empty() && std::ranges::all_of(holders, hasEnded);
+  return std::nullopt;
+}
+
+/// Whether the process can be another daemon, which runs as this one's user and gives its lock to nobody.
+bool mayBeDaemon(const std::string& process) {
+  return userOf(process) == getuid();
 }
 
 }  // namespace
@@ -72,10 +82,22 @@ Result<> lockStores(int directory, const std::string& path) {
   if (errno != EWOULDBLOCK) {
     return systemFailure("locking", path);
   }
-  if (isHeldByEnded(directory)) {
+  struct stat status;
+  if (fstat(directory, &status) != 0) {
+    return systemFailure("locking", path);
+  }
+  const std::vector<std::string> holders = holdersOf(status);
+  if (!holders.empty() && std::ranges::all_of(holders, hasEnded)) {
     return Failure{.tried = "locking " + path + ": the disk still keeps a process that has ended"};
   }
-  return Failure{.number = EBUSY, .tried = "locking " + path};
+  if (holders.empty() || std::ranges::any_of(holders, mayBeDaemon)) {
+    return Failure{.number = EBUSY, .tried = "locking " + path};
+  }
+  // A daemon may have ended since the first attempt.
+  if (flock(directory, LOCK_EX | LOCK_NB) == 0) {
+    return {};
+  }
+  return Failure{.tried = "locking " + path + ": process " + holders.front() + ", which is no daemon, has locked it"};
 }
 
 }  // namespace kelvane

@@ -80,6 +80,59 @@ TEST_F(AStoresLock, OfAProcessThatHasEndedAndIsKeptIsNotTakenForAnotherDaemons) 
   EXPECT_EQ(textOf(PreferencesStore::open(directory, "suite")), "");
 }
 
+/// Another user's process that has the directory locked, which it could open once, for as long as this lives.
+class AStranger {
+ public:
+  explicit AStranger(const std::string& path) {
+    const FileDescriptor lock(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    int isLocked[2];
+    int isToEnd[2];
+    EXPECT_EQ(pipe2(isLocked, O_CLOEXEC) | pipe2(isToEnd, O_CLOEXEC), 0);
+    process_ = fork();
+    if (process_ == 0) {
+      char byte = 0;
+      close(isToEnd[1]);
+      const bool isReady =
+          setresuid(65534, 65534, 65534) == 0 && flock(lock.get(), LOCK_EX) == 0 && write(isLocked[1], &byte, 1) == 1;
+      _exit(isReady && read(isToEnd[0], &byte, 1) == 0 ? 0 : 1);
+    }
+    close(isLocked[1]);
+    close(isToEnd[0]);
+    end_ = FileDescriptor(isToEnd[1]);
+    const FileDescriptor locked(isLocked[0]);
+    char byte = 0;
+    EXPECT_EQ(read(locked.get(), &byte, 1), 1);
+  }
+  ~AStranger() {
+    end_ = FileDescriptor();
+    EXPECT_EQ(waitpid(process_, nullptr, 0), process_);
+  }
+  AStranger(const AStranger&) = delete;
+  AStranger& operator=(const AStranger&) = delete;
+
+  pid_t process() const { return process_; }
+
+ private:
+  FileDescriptor end_;
+  pid_t process_ = 0;
+};
+
+TEST_F(AStoresLock, OfAnotherUsersProcessIsNotTakenForAnotherDaemons) {
+  if (!test::isTrulyRoot()) {
+    // There is no other user.
+    return;
+  }
+  {
+    const AStranger stranger(directory);
+    const auto store = PreferencesStore::open(directory, "suite");
+    EXPECT_EQ(textOf(store), "locking " + directory + ": process " + std::to_string(stranger.process()) +
+                                 ", which is no daemon, has locked it");
+    ASSERT_FALSE(store);
+    EXPECT_NE(store.failure().number, EBUSY);
+  }
+  EXPECT_EQ(textOf(PreferencesStore::open(directory, "suite")), "");
+}
+
 TEST_F(AStoresLock, OfAProcessThatHasEndedIsToldFromTheLockedFileOfItsNumberOnAnotherDisk) {
   const AnEndedProcess process;
   const std::string disk = "/mnt/disk";
