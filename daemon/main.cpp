@@ -6,6 +6,7 @@
 
 int main(int argc, char** argv) {
   kelvane::holdStandardDescriptors();
+  kelvane::outliveFileSizeLimit();
   if (const auto status = kelvane::answerArguments(argc, argv)) {
     return *status;
   }

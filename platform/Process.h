@@ -46,6 +46,9 @@ void setEventStreamHandler(const std::string& stream, std::function<void(const V
 /// Sees to it that the standard descriptors are taken: a connection that got the number of standard output or error
 /// would be written to. Whatever was closed cannot be written to then. To be called before anything is opened.
 void holdStandardDescriptors();
+/// Has a write beyond the limit on a file's size fail, as any other may, instead of ending the process. A program that
+/// the process executed would inherit that.
+void outliveFileSizeLimit();
 
 /// Has handler called for SIGTERM, on whichever thread the signal finds; it may do only what signal handlers may.
 void installTerminationHandler(void (*handler)(int signal));

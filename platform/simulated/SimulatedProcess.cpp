@@ -158,6 +158,7 @@ void installTerminationHandler(void (*handler)(int signal)) {
 }
 
 void holdStandardDescriptors() {}
+void outliveFileSizeLimit() {}
 
 void exitImmediately(int status) {
   ProcessCalls::exit(simulated::world().process, status);

@@ -58,6 +58,7 @@ void endProcess(int) {
 int main(int argc, char** argv) {
   using namespace kelvane::directoryCache;
   kelvane::holdStandardDescriptors();
+  kelvane::outliveFileSizeLimit();
   CLI::App app("Gives files that have not been used for a while back when a volume runs out of space.",
                "kelvane-directory-cache");
   std::string path;

@@ -1,8 +1,9 @@
 # SPDX-License-Identifier: Apache-2.0
-# What becomes of the daemon's state on a disk that does not answer (a frozen one, on which every write waits), and when
-# its files are removed.
+# What becomes of the daemon's state on a disk that does not answer (a frozen one, on which every write waits), where
+# files may not be as long, and when its files are removed.
 
 import pathlib
+import resource
 import shutil
 import signal
 import time
@@ -18,6 +19,11 @@ KEY = "com.example.key"
 
 def slots():
     return [(STORE / name).read_bytes() for name in ("slot-a", "slot-b")]
+
+
+def metric(name):
+    lines = METRICS.read_text().splitlines() if METRICS.exists() else []
+    return dict(line.rsplit(" ", 1) for line in lines).get(name)
 
 
 def state_of(thread):
@@ -57,11 +63,6 @@ class FrozenState(SystemTest):
     def thaw():
         return run("fsfreeze", "--unfreeze", STATE)
 
-    @staticmethod
-    def metric(name):
-        lines = METRICS.read_text().splitlines() if METRICS.exists() else []
-        return dict(line.rsplit(" ", 1) for line in lines).get(name)
-
     def keep(self, value):
         """A daemon has stored the value and ended."""
         daemon = self.start_daemon()
@@ -80,20 +81,20 @@ class FrozenState(SystemTest):
         self.assertGreaterEqual(time.monotonic() - begin, 9)
         self.assertEqual(1, daemon.log().count("Unable to open the preferences"), daemon.log())
         self.assertIn(f"opening {STORE}: the disk does not answer", daemon.log())
-        until(lambda: self.metric("kelvane_preferences_available") == "0", "the metrics")
+        until(lambda: metric("kelvane_preferences_available") == "0", "the metrics")
 
         # Without a suite what is set is lost, and answered all the same.
         self.assertEqual(0, run(KELVANECTL, "state", "set", KEY, "2").returncode)
         self.assertEqual("", self.stored())
         data = self.volume()
         self.assertEqual(0, run(KELVANECTL, "purgeable", data.path).returncode)
-        until(lambda: self.metric("kelvane_silent_file_systems") == "1", "the thread that waits among the metrics")
+        until(lambda: metric("kelvane_silent_file_systems") == "1", "the thread that waits among the metrics")
 
         self.assertEqual(0, self.thaw().returncode)
-        until(lambda: self.metric("kelvane_silent_file_systems") == "0", "its return")
+        until(lambda: metric("kelvane_silent_file_systems") == "0", "its return")
         self.assertEqual(kept, slots())
         self.assertEqual("", self.stored(), "it is without until its next start")
-        self.assertEqual("0", self.metric("kelvane_preferences_available"))
+        self.assertEqual("0", metric("kelvane_preferences_available"))
         daemon.end()
         self.start_daemon()
         self.assertEqual("1", self.stored())
@@ -136,6 +137,18 @@ class FrozenState(SystemTest):
         second.end()
         self.start_daemon()
         self.assertIn(self.stored(), ("1", "2"), "it was not acknowledged")
+
+
+class LimitedState(SystemTest):
+    def test_is_not_kept_where_files_may_not_be_as_long_and_the_daemon_serves(self):
+        data = self.volume()
+        daemon = self.start("kelvaned", KELVANED,
+                            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (MIB, MIB)))
+        self.await_daemon(daemon)
+        self.assertIn("writing slot-a: File too large", daemon.log())
+        until(lambda: metric("kelvane_preferences_available") == "0", "the metrics")
+        self.assertEqual(0, run(KELVANECTL, "purgeable", data.path).returncode)
+        self.assertEqual([], list((STATE / "preferences").iterdir()))
 
 
 class RemovedState(SystemTest):

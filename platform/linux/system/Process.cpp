@@ -112,6 +112,13 @@ void holdStandardDescriptors() {
   }
 }
 
+void outliveFileSizeLimit() {
+  struct sigaction action = {};
+  action.sa_handler = SIG_IGN;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGXFSZ, &action, nullptr);
+}
+
 void exitImmediately(int status) {
   _exit(status);
 }

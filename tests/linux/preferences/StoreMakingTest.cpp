@@ -2,9 +2,11 @@
 // What the making of a store leaves behind, displaces and removes.
 #include <gtest/gtest.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -12,6 +14,7 @@
 #include <vector>
 
 #include "platform/Limits.h"
+#include "platform/Process.h"
 #include "platform/linux/preferences/PreferencesStore.h"
 #include "tests/harness/ResultText.h"
 #include "tests/linux/preferences/StoreTesting.h"
@@ -72,6 +75,19 @@ TEST_F(AStoreInTheMaking, LeavesNothingWhenItsDirectoryCannotBeFlushed) {
   EXPECT_EQ(textOf(open()), "making suite: Input/output error");
   EXPECT_TRUE(isEmpty(directory));
   EXPECT_EQ(textOf(open()), "");
+}
+
+TEST_F(AStoreInTheMaking, LeavesNothingWhenItsFilesMayNotBeSoLong) {
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &usual), 0);
+  const rlimit low{.rlim_cur = limits::preferencesRoom / 2, .rlim_max = usual.rlim_max};
+  outliveFileSizeLimit();
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &low), 0);
+  const std::string refused = textOf(open());
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &usual), 0);
+  ASSERT_NE(std::signal(SIGXFSZ, SIG_DFL), SIG_ERR);
+  EXPECT_EQ(refused, "writing slot-a: File too large");
+  EXPECT_TRUE(isEmpty(directory));
 }
 
 TEST_F(AStoreInTheMaking, TakesThePlaceOfOneThatWasLeftHalfMade) {

@@ -2,11 +2,13 @@
 // The process's dealings with its service manager and the rest of the system.
 #include "platform/Process.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -126,6 +128,17 @@ TEST(AnActivity, CountsAsRunningUntilItsHandlerReturns) {
   EXPECT_FALSE(finished.wait(std::chrono::milliseconds(50)));
   released.signal();
   finished.wait();
+}
+
+TEST(AProcess, OutlivesAWriteBeyondTheLimitOnAFilesSize) {
+  const auto writeTooMuch = [] {
+    const rlimit none{.rlim_cur = 0, .rlim_max = 0};
+    const int file = open("/mnt/limited", O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+    outliveFileSizeLimit();
+    const bool isSet = file >= 0 && setrlimit(RLIMIT_FSIZE, &none) == 0;
+    _exit(isSet && write(file, "x", 1) < 0 && errno == EFBIG ? 0 : 1);
+  };
+  EXPECT_EXIT(writeTooMuch(), testing::ExitedWithCode(0), "");
 }
 
 TEST(AnActivity, ThatNobodyRegisteredCannotRun) {
