@@ -146,7 +146,7 @@ class LimitedState(SystemTest):
                             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (MIB, MIB)))
         self.await_daemon(daemon)
         self.assertIn("writing slot-a: File too large", daemon.log())
-        until(lambda: metric("kelvane_preferences_available") == "0", "the metrics")
+        until(lambda: metric("kelvane_preferences_written") == "0", "the metrics")
         self.assertEqual(0, run(KELVANECTL, "purgeable", data.path).returncode)
         self.assertEqual([], list((STATE / "preferences").iterdir()))
 

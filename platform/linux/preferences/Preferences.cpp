@@ -38,6 +38,7 @@ Result<std::unique_ptr<PreferencesSuite>> PreferencesSuite::open(const std::stri
   reporting::setGauge("kelvane_preferences_available", "Whether state is kept: 0 when the store could not be opened.",
                       store ? 1 : 0);
   if (!store) {
+    PreferencesSuiteCore::showWhetherWritten(false);
     reporting::reportFailure("PreferencesSuite::open",
                              "Unable to open the preferences " + name + ": " + store.failure().text());
     return store.failure();

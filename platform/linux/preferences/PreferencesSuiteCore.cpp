@@ -23,7 +23,17 @@ PreferencesSuiteCore::PreferencesSuiteCore(std::string name, std::unique_ptr<Pre
       values_(store->contents()),
       room_(store->room()),
       store_(std::move(store)),
-      written_(store_->takeContents()) {}
+      written_(store_->takeContents()) {
+  showWhetherWritten(true);
+}
+
+void PreferencesSuiteCore::showWhetherWritten(bool isWritten) {
+  reporting::setGauge(
+      "kelvane_preferences_written",
+      "Whether what is set gets written: 0 without a store, after a failed write, and while a disk keeps "
+      "everybody waiting.",
+      isWritten ? 1 : 0);
+}
 
 Value PreferencesSuiteCore::value(const std::string& key) const {
   const Lock lock(mutex_);
@@ -88,7 +98,10 @@ void PreferencesSuiteCore::awaitFlusher(Lock& lock, std::chrono::milliseconds pa
   bool isNews = false;
   while (!isStuck_ && std::none_of(either.begin(), either.end(),
                                    [](const Progress& progress) { return progress.count >= progress.wanted; })) {
-    isNews = !changedState_.waitUntil(lock, deadline) && isFlushing_ && !std::exchange(isStuck_, true);
+    isNews = !changedState_.waitUntil(lock, deadline) && isFlushing_ && !isStuck_;
+    if (isNews) {
+      setCondition(true, hasFailed_);
+    }
   }
   if (isNews) {
     mutex_.unlock();
@@ -169,7 +182,7 @@ void PreferencesSuiteCore::makeRoomFor(Round& round) {
   }
   roomTried_ = round.roomRequests;
   roomOutcome_ = std::move(outcome);
-  isStuck_ = false;
+  setCondition(false, hasFailed_);
   changedState_.notifyAll();
 }
 
@@ -186,13 +199,17 @@ void PreferencesSuiteCore::handOverRound(const Round& round, PreferencesSuite::O
     } else if (round.isToWrite || (round.isToFlush && !store_->isHandedOver())) {
       outcome = store_->handOver(written_.shared());
     }
-    report(outcome);
   }
-  const Lock lock(mutex_);
+  Lock lock(mutex_);
+  const bool isNews = !outcome && !hasFailed_;
   handOversTried_ = round.handOverRequests;
   handedOver_ = outcome ? round.covered : handedOver_;
-  isStuck_ = false;
+  setCondition(false, hasFailed_ || !outcome);
   changedState_.notifyAll();
+  lock.unlock();
+  if (isNews) {
+    report(outcome.failure());
+  }
 }
 
 /// The second half: from here on it outlives the system.
@@ -205,24 +222,35 @@ void PreferencesSuiteCore::flushRound(const Round& round, PreferencesSuite::Outc
     const Lock lock(storeMutex_);
     outcome = store_->flush();
     room_ = store_->room();
-    report(outcome);
-    hasFailed_ = !outcome;
   }
-  const Lock lock(mutex_);
-  isStuck_ = false;
+  Lock lock(mutex_);
+  const bool isNews = !outcome && !hasFailed_;
+  setCondition(false, !outcome);
   if (outcome) {
     durable_ = round.covered;
   } else {
     // What was not flushed need not be in memory any more.
     handedOver_ = durable_;
   }
+  lock.unlock();
+  if (isNews) {
+    report(outcome.failure());
+  }
 }
 
 /// A disk that keeps failing is worth one line, not one for every attempt.
-void PreferencesSuiteCore::report(const PreferencesSuite::Outcome& outcome) {
-  if (!outcome && !std::exchange(hasFailed_, true)) {
-    reporting::reportFailure("PreferencesSuite::whenDurable",
-                             "Unable to write the preferences " + name_ + ": " + outcome.failure().text());
+void PreferencesSuiteCore::report(const Failure& failure) const {
+  reporting::reportFailure("PreferencesSuite::whenDurable",
+                           "Unable to write the preferences " + name_ + ": " + failure.text());
+}
+
+/// The metrics say what it comes to.
+void PreferencesSuiteCore::setCondition(bool isStuck, bool hasFailed) {
+  const bool wasWritten = !isStuck_ && !hasFailed_;
+  isStuck_ = isStuck;
+  hasFailed_ = hasFailed;
+  if (const bool isWritten = !isStuck && !hasFailed; isWritten != wasWritten) {
+    showWhetherWritten(isWritten);
   }
 }
 

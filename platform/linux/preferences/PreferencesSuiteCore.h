@@ -43,6 +43,9 @@ class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuit
   /// Waits for the flusher and closes the store; writing fails from then on.
   void close();
 
+  /// Has the metrics say whether what is set gets written.
+  static void showWhetherWritten(bool isWritten);
+
  private:
   /// What one write is to bring about.
   struct Round {
@@ -73,7 +76,8 @@ class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuit
   void makeRoomFor(Round& round);
   void handOverRound(const Round& round, PreferencesSuite::Outcome& outcome);
   void flushRound(const Round& round, PreferencesSuite::Outcome& outcome);
-  void report(const PreferencesSuite::Outcome& outcome) KELVANE_REQUIRES(storeMutex_);
+  void setCondition(bool isStuck, bool hasFailed) KELVANE_REQUIRES(mutex_);
+  void report(const Failure& failure) const;
 
   /// A key, and an entry of the dictionary under it.
   using ChangedName = std::pair<std::string, std::string>;
@@ -100,6 +104,8 @@ class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuit
   PreferencesSuite::Outcome roomOutcome_ KELVANE_GUARDED_BY(mutex_);
   /// Somebody has waited for the disk long enough, and it still keeps the flusher.
   bool isStuck_ KELVANE_GUARDED_BY(mutex_) = false;
+  /// A write has, and none since has been flushed.
+  bool hasFailed_ KELVANE_GUARDED_BY(mutex_) = false;
   bool isFlushing_ KELVANE_GUARDED_BY(mutex_) = false;
   runtime::Condition changedState_;
 
@@ -109,7 +115,6 @@ class PreferencesSuiteCore : public std::enable_shared_from_this<PreferencesSuit
   runtime::Mutex storeMutex_;
   std::unique_ptr<PreferencesStore> store_ KELVANE_GUARDED_BY(storeMutex_);
   SuiteValues written_ KELVANE_GUARDED_BY(storeMutex_);
-  bool hasFailed_ KELVANE_GUARDED_BY(storeMutex_) = false;
 };
 
 }  // namespace kelvane

@@ -20,6 +20,7 @@
 #include "platform/linux/preferences/PreferencesSuiteCore.h"
 #include "tests/harness/ResultText.h"
 #include "tests/linux/preferences/StoreTesting.h"
+#include "tests/linux/testing/Eventually.h"
 #include "tests/linux/testing/PrivateNamespace.h"
 
 namespace kelvane {
@@ -250,6 +251,55 @@ TEST_F(WaitingCallers, LearnOfAFailureAndTheNextAttemptWritesAgain) {
   EXPECT_EQ(written(*core_), "");
   close();
   EXPECT_EQ(openStore()->contents().at("state")["key"], Value("value"));
+}
+
+/// Whether the metrics come to say so of what is set.
+bool eventuallyWritten(bool isWritten) {
+  const std::string line = std::string("\nkelvane_preferences_written ") + (isWritten ? "1\n" : "0\n");
+  return test::eventually(
+      [&line] { return test::readFile("/run/kelvane/metrics.prom").find(line) != std::string::npos; });
+}
+
+TEST_F(WaitingCallers, AreSeenToBeFailedByTheMetricsForAsLongAsTheyAre) {
+  EXPECT_TRUE(eventuallyWritten(true));
+  disk.fails = true;
+  core_->set({.key = "state", .entry = "key", .value = "value"});
+  EXPECT_NE(written(*core_), "");
+  EXPECT_TRUE(eventuallyWritten(false));
+  EXPECT_NE(written(*core_), "");
+  disk.fails = false;
+  EXPECT_EQ(written(*core_), "");
+  EXPECT_TRUE(eventuallyWritten(true));
+  std::filesystem::remove_all("/mnt/shared");
+  test::writeFile("/mnt/shared", "in the way");
+  core_->set({.key = "state", .entry = "key", .value = "handed over"});
+  EXPECT_FALSE(core_->handOver(patience));
+  EXPECT_TRUE(eventuallyWritten(false));
+  std::filesystem::remove("/mnt/shared");
+  EXPECT_TRUE(core_->handOver(patience));
+  EXPECT_EQ(written(*core_), "");
+  EXPECT_TRUE(eventuallyWritten(true));
+}
+
+TEST_F(WaitingCallers, AreSeenToWaitByTheMetricsForAsLongAsTheyDo) {
+  HeldFlush flush;
+  core_->set({.key = "state", .entry = "key", .value = 1});
+  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
+  flush.awaitBegin();
+  core_->set({.key = "state", .entry = "key", .value = 2});
+  EXPECT_FALSE(core_->handOver(std::chrono::milliseconds(20)));
+  EXPECT_TRUE(eventuallyWritten(false));
+  flush.release();
+  EXPECT_EQ(written(*core_), "");
+  EXPECT_TRUE(eventuallyWritten(true));
+}
+
+TEST(ASuite, ThatCannotBeOpenedIsSeenNotToBeWrittenByTheMetrics) {
+  const auto suite = opened("first");
+  ASSERT_TRUE(suite);
+  EXPECT_TRUE(eventuallyWritten(true));
+  EXPECT_FALSE(PreferencesSuite::open("second"));
+  EXPECT_TRUE(eventuallyWritten(false));
 }
 
 TEST_F(WaitingCallers, AndSettersMayComeFromAnyThread) {
