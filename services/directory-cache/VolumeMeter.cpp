@@ -3,6 +3,8 @@
 #include "services/directory-cache/VolumeMeter.h"
 
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/statfs.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -18,21 +20,29 @@ constexpr int idleTurns = 50;
 // Less than the time in which a client expects the answer of a first purge.
 constexpr int mostTurns = 150;
 constexpr std::uint32_t turnMicroseconds = 10'000;
+constexpr int turnsToFlush = 20;
+
+/// Not among the system's headers yet.
+constexpr decltype(statfs::f_type) bcachefsMagic = 0xca451a4e;
 
 }  // namespace
 
 std::uint64_t VolumeMeter::settledFree(std::uint64_t expected, std::uint64_t least) {
   std::uint64_t bytes = freeBytes();
-  if (bytes >= expected) {
+  if (bytes >= expected && !freesWithCommits()) {
     return bytes;
   }
-  // Some file systems free blocks in the background or with their next commit only.
+  // Some file systems free blocks with a commit only, and some in the background before one, so that it may be too
+  // early for them.
   flush();
   bytes = freeBytes();
   std::uint64_t most = bytes;
   int idle = 0;
   for (int turn = 0; turn < mostTurns && bytes < expected && (idle < idleTurns || bytes < least); ++turn) {
     clock::sleepMicroseconds(turnMicroseconds);
+    if (turn % turnsToFlush == turnsToFlush - 1) {
+      flush();
+    }
     bytes = freeBytes();
     idle = bytes > most ? 0 : idle + 1;
     most = std::max(most, bytes);
@@ -53,6 +63,12 @@ std::uint64_t MountedVolumeMeter::freeBytes() {
     return 0;
   }
   return static_cast<std::uint64_t>(status.f_bfree) * status.f_frsize;
+}
+
+bool MountedVolumeMeter::freesWithCommits() {
+  struct statfs status = {};
+  return fstatfs(volume_.number(), &status) == 0 &&
+         (status.f_type == BTRFS_SUPER_MAGIC || status.f_type == bcachefsMagic);
 }
 
 void MountedVolumeMeter::flush() {

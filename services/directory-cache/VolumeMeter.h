@@ -23,6 +23,9 @@ class VolumeMeter {
   virtual std::uint64_t settledFree(std::uint64_t expected, std::uint64_t least);
 
  protected:
+  /// Whether deleted files' space comes free with the next commit only. Then what is free before that is not theirs,
+  /// but what others deleted meanwhile.
+  virtual bool freesWithCommits() = 0;
   /// Has the file system write what it keeps back, as far as it can be asked to.
   virtual void flush() = 0;
 };
@@ -36,6 +39,7 @@ class MountedVolumeMeter : public VolumeMeter {
   std::uint64_t freeBytes() override;
 
  protected:
+  bool freesWithCommits() override;
   void flush() override;
 
  private:

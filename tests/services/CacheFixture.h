@@ -36,6 +36,7 @@ class DirectoryMeter : public VolumeMeter {
   int settlings() const { return settlings_; }
 
  protected:
+  bool freesWithCommits() override { return false; }
   void flush() override {}
 
  private:

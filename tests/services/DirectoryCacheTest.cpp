@@ -153,6 +153,7 @@ class ScriptedMeter : public VolumeMeter {
   }
 
  protected:
+  bool freesWithCommits() override { return false; }
   void flush() override {}
 
  private:
@@ -202,6 +203,52 @@ TEST(AVolumesMeter, WaitsNoLongerForSpaceThatTrickles) {
     trickle[turn * 100ms] = 10 + static_cast<std::uint64_t>(turn);
   }
   EXPECT_EQ(settle(trickle), (Settled{25, 1500}));
+}
+
+/// Frees everything with the first commit after so long.
+class LateCommits : public ScriptedMeter {
+ public:
+  LateCommits(Simulation& simulation, Milliseconds late)
+      : ScriptedMeter(simulation, {}), simulation_(simulation), late_(late) {}
+
+  std::uint64_t freeBytes() override { return free_; }
+
+ protected:
+  void flush() override { free_ = simulation_.elapsed() < late_ ? 10 : 80; }
+
+ private:
+  Simulation& simulation_;
+  const Milliseconds late_;
+  std::uint64_t free_ = 10;
+};
+
+TEST(AVolumesMeter, HasTheFileSystemCommitAgainWhenOnceWasTooEarly) {
+  Simulation simulation;
+  simulation.run([&] {
+    EXPECT_EQ(LateCommits(simulation, 300ms).settledFree(80, 10), 80U);
+    EXPECT_EQ(simulation.elapsed(), 400ms);
+  });
+}
+
+/// Frees with commits only, while somebody else's space comes free.
+class SharedCommits : public LateCommits {
+ public:
+  explicit SharedCommits(Simulation& simulation) : LateCommits(simulation, {}) {}
+
+  std::uint64_t freeBytes() override { return others + LateCommits::freeBytes(); }
+
+  static constexpr std::uint64_t others = 80;
+
+ protected:
+  bool freesWithCommits() override { return true; }
+};
+
+TEST(AVolumesMeter, DoesNotTakeWhatOthersFreedForItsOwnWhereThatNeedsACommit) {
+  Simulation simulation;
+  simulation.run([&] {
+    EXPECT_EQ(SharedCommits(simulation).settledFree(80, 10), 80U + SharedCommits::others);
+    EXPECT_EQ(simulation.elapsed(), 0ms);
+  });
 }
 
 TEST(AMountedVolumesMeter, MeasuresAtADirectoryWhenTheVolumeMayNotBeOpened) {
