@@ -363,7 +363,7 @@ def memory(plan, report):
     with world.Daemon(plan.build) as daemon:
         time.sleep(settle)
         before = daemon.resident()
-        descriptors = daemon.open_descriptors()
+        sockets = daemon.open_sockets()
         row("before", "at rest", before, Aim("under 8 MiB", before["all"] < 8 * 1024))
         with world.Services(plan.build, count):
             time.sleep(settle)
@@ -372,7 +372,7 @@ def memory(plan, report):
             row("during", f"with {count:,} services checked in", during)
             report.row("memory.each", "of it for each service", [f"{each:.1f} KiB"],
                        Aim("under 16 KiB", each < 16), {"kib": each})
-        world.until(lambda: daemon.open_descriptors() <= descriptors, "the services' end")
+        world.until(lambda: daemon.open_sockets() <= sockets, "the services' end")
         time.sleep(settle)
         after = daemon.resident()
         row("after", "after they have gone", after,

@@ -182,8 +182,12 @@ class Daemon(Process):
                 pass
             self.start_milliseconds = (time.monotonic() - begin) * 1000
 
-    def open_descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+    def open_sockets(self):
+        count = 0
+        for file in pathlib.Path(f"/proc/{self.process.pid}/fd").iterdir():
+            with contextlib.suppress(FileNotFoundError):
+                count += os.readlink(file).startswith("socket:")
+        return count
 
 
 class Services(Process):

@@ -8,7 +8,6 @@
 #include "support/KelvaneLog.h"
 #include "support/Statistics.h"
 #include "support/Timebase.h"
-#include "support/Volumes.h"
 
 namespace kelvane {
 
@@ -39,7 +38,7 @@ void KelvanePurgeOperation::requestFromService(PurgeServiceRequest request) {
   if (request.turns++ >= unpacedTurns) {
     clock::sleepMicroseconds(paceMicroseconds);
   }
-  const std::uint64_t purged = gain_.amount(request.info);
+  const auto [purged, freeBytes] = gain_.look(request.info);
   if (viable_purging_services() == 0 || purged >= purge_amount_needed() || cancel() || isLongOver()) {
     return;
   }
@@ -61,7 +60,7 @@ void KelvanePurgeOperation::requestFromService(PurgeServiceRequest request) {
   if (request.donation == 0) {
     return;
   }
-  request.freeBytes = volumeFreeBytes(request.info[keys::volume]);
+  request.freeBytes = freeBytes;
   CallServiceAsync(
       request.service,
       [self = self(), request, message](const KelvaneServiceProxy& proxy, const Block& done) {

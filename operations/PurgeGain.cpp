@@ -18,15 +18,21 @@ std::optional<std::uint64_t> PurgeGain::begin(const Value& volume) {
 }
 
 std::uint64_t PurgeGain::freespace(const Value& volume) {
+  static_cast<void>(ask(volume));
+  return freespace_;
+}
+
+PurgeGain::Sight PurgeGain::look(const Value& info) {
+  const auto known = ask(info[keys::volume]);
+  return {amountPurged(info, freespace_), known ? std::optional(known->free) : std::nullopt};
+}
+
+std::optional<volumes::Space> PurgeGain::ask(const Value& volume) {
   const auto known = volumeSpace(volume);
   if (known && known->fileSystem == fileSystem_) {
     freespace_ = known->available;
   }
-  return freespace_;
-}
-
-std::uint64_t PurgeGain::amount(const Value& info) {
-  return amountPurged(info, freespace(info[keys::volume]));
+  return known;
 }
 
 }  // namespace kelvane

@@ -15,6 +15,8 @@ struct FileSystemProbe::Job {
   Duration patience;
   /// When it was put, came to a door or entered.
   Time since;
+  /// A worker has come to it.
+  bool isTaken = false;
   bool isDone = false;
   /// Nobody waits for it any more.
   bool isGivenUp = false;
@@ -70,15 +72,22 @@ FileSystemProbe::Asked FileSystemProbe::put(Question question, About about, Dura
 
 bool FileSystemProbe::isAnsweredWithin(Duration time, const Asked& asked) {
   const runtime::BlockedScope blocked;
-  const Time deadline = Clock::now() + time;
+  return isAnsweredBefore(Clock::now() + time, *asked);
+}
+
+bool FileSystemProbe::isAnsweredBefore(Time deadline, Job& job) {
   runtime::Lock lock(mutex_);
-  while (!asked->isDone && Clock::now() < deadline) {
-    static_cast<void>(asked->done.waitUntil(lock, deadline));
+  while (!job.isDone && Clock::now() < deadline) {
+    waitFor(job, deadline, lock);
   }
-  return asked->isDone;
+  return job.isDone;
 }
 
 bool FileSystemProbe::await(const Asked& asked) {
+  // Mostly it comes sooner than the pool could have another thread run meanwhile.
+  if (isAnsweredBefore(Clock::now() + promptness, *asked)) {
+    return true;
+  }
   const runtime::BlockedScope blocked;
   runtime::Lock lock(mutex_);
   if (awaitAnswer(asked, lock)) {
@@ -107,13 +116,29 @@ bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job) {
     return false;
   }
   waiting_.push_back(job);
-  if (waiting_.size() <= idle_ || workers_ >= limits::probeThreads) {
+  if (!lacksWorker()) {
     // Woken under the lock, a worker would only wait for that.
     mutex_.unlock();
     work_.notifyAll();
     mutex_.lock();
     return true;
   }
+  // A worker that has just begun will be done sooner than another could be started.
+  const bool isPrompt = workers_ > lost_ && Clock::now() < taken_ + promptness;
+  if (isPrompt || startWorker()) {
+    return true;
+  }
+  std::erase(waiting_, job);
+  return false;
+}
+
+/// Whether there is more to do than workers without work will come to, and may be one more.
+bool FileSystemProbe::lacksWorker() const {
+  return waiting_.size() > workers_ - busy_ && workers_ < limits::probeThreads;
+}
+
+/// False when the system refuses a thread and all that there are have been lost.
+bool FileSystemProbe::startWorker() {
   ++workers_;
   mutex_.unlock();
   const bool isStarted = runtime::startThread(workerMain, this);
@@ -123,11 +148,19 @@ bool FileSystemProbe::haveWorkerFor(const std::shared_ptr<Job>& job) {
   }
   --workers_;
   // Another one has it by now, or will.
-  if (workers_ > lost_) {
-    return true;
+  return workers_ > lost_;
+}
+
+/// Waits until the question has been answered, or something has been done about it, or until then.
+void FileSystemProbe::waitFor(Job& job, Time until, runtime::Lock& lock) {
+  const Time now = Clock::now();
+  if (!job.isTaken && now >= job.since + promptness && lacksWorker()) {
+    static_cast<void>(startWorker());
+    if (job.isTaken) {
+      return;
+    }
   }
-  std::erase(waiting_, job);
-  return false;
+  static_cast<void>(job.done.waitUntil(lock, job.isTaken ? until : std::min(until, now + promptness)));
 }
 
 /// False when there was no answer in time.
@@ -138,7 +171,7 @@ bool FileSystemProbe::awaitAnswer(const std::shared_ptr<Job>& job, runtime::Lock
       std::erase(waiting_, job);
       return false;
     }
-    static_cast<void>(job->done.waitUntil(lock, deadline));
+    waitFor(*job, deadline, lock);
   }
   return true;
 }
@@ -161,16 +194,18 @@ void* FileSystemProbe::workerMain(void* probe) {
 /// One is kept for the next question, so that a quiet process starts no threads, and wakes none up in vain.
 void FileSystemProbe::work() {
   runtime::Lock lock(mutex_);
-  while (!isEnding_ && (!waiting_.empty() || idle_ == 0)) {
+  while (!isEnding_ && (!waiting_.empty() || workers_ - busy_ == 1)) {
     if (waiting_.empty()) {
-      ++idle_;
       work_.wait(lock);
-      --idle_;
       continue;
     }
     const std::shared_ptr<Job> job = std::move(waiting_.front());
     waiting_.pop_front();
+    job->isTaken = true;
+    taken_ = Clock::now();
+    ++busy_;
     answer(*job);
+    --busy_;
   }
   --workers_;
   ended_.notifyAll();

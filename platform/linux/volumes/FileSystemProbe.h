@@ -49,6 +49,8 @@ class FileSystemProbe {
   /// An answer that took as long is slow.
   static constexpr Duration slowness = std::chrono::milliseconds(200);
   static constexpr Duration longestRest = std::chrono::minutes(1);
+  /// So long a question waits for workers that are with others before one is started for it.
+  static constexpr Duration promptness = std::chrono::milliseconds(1);
 
   /// How long one rests whose answer took so long, after it rested so long for the last that came too late.
   [[nodiscard]] static Duration restAfter(Duration took, Duration lastRest) {
@@ -133,6 +135,10 @@ class FileSystemProbe {
   void work();
   void answer(Job& job) KELVANE_REQUIRES(mutex_);
   [[nodiscard]] bool haveWorkerFor(const std::shared_ptr<Job>& job) KELVANE_REQUIRES(mutex_);
+  [[nodiscard]] bool lacksWorker() const KELVANE_REQUIRES(mutex_);
+  [[nodiscard]] bool startWorker() KELVANE_REQUIRES(mutex_);
+  bool isAnsweredBefore(Time deadline, Job& job);
+  void waitFor(Job& job, Time until, runtime::Lock& lock) KELVANE_REQUIRES(mutex_);
   [[nodiscard]] bool awaitAnswer(const std::shared_ptr<Job>& job, runtime::Lock& lock) KELVANE_REQUIRES(mutex_);
   bool enter(Job& job, dev_t device, const std::string& name);
   void leave(Job& job, Time now) KELVANE_REQUIRES(mutex_);
@@ -144,8 +150,11 @@ class FileSystemProbe {
   std::deque<std::shared_ptr<Job>> waiting_ KELVANE_GUARDED_BY(mutex_);
   std::map<dev_t, Place> places_ KELVANE_GUARDED_BY(mutex_);
   std::size_t workers_ KELVANE_GUARDED_BY(mutex_) = 0;
-  std::size_t idle_ KELVANE_GUARDED_BY(mutex_) = 0;
+  /// Those with a question.
+  std::size_t busy_ KELVANE_GUARDED_BY(mutex_) = 0;
   std::size_t lost_ KELVANE_GUARDED_BY(mutex_) = 0;
+  /// When a worker came to a question last.
+  Time taken_ KELVANE_GUARDED_BY(mutex_);
   std::function<void()> listener_ KELVANE_GUARDED_BY(mutex_);
   bool isEnding_ KELVANE_GUARDED_BY(mutex_) = false;
   /// For workers without work.

@@ -128,6 +128,15 @@ TEST_F(AProbe, WaitsTwoSecondsForAFileSystemAndThenNotAtAllUntilItAnswers) {
   EXPECT_FALSE(held.mayEnterAnother()) << "nobody would wait for that";
 }
 
+TEST_F(AProbe, HasAnotherWorkerForAQuestionThatWaitsForOneWhoHasJustBegun) {
+  const HeldQuestion held;
+  const auto first = probe.put(held.question());
+  held.awaitEntered();
+  EXPECT_EQ(*ask(probe, other), 7);
+  held.answer();
+  EXPECT_TRUE(probe.await(first));
+}
+
 TEST_F(AProbe, LosesOneWorkerToAFileSystemHoweverManyAsk) {
   const HeldQuestion held;
   std::thread first([&] { EXPECT_FALSE(probe.run(held.question())); });
