@@ -2,7 +2,6 @@
 // What commands say, and whether it got out.
 #include "tools/kelvanectl/CommandOutput.h"
 
-#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 

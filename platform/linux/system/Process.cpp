@@ -113,10 +113,7 @@ void holdStandardDescriptors() {
 }
 
 void outliveFileSizeLimit() {
-  struct sigaction action = {};
-  action.sa_handler = SIG_IGN;
-  sigemptyset(&action.sa_mask);
-  sigaction(SIGXFSZ, &action, nullptr);
+  std::signal(SIGXFSZ, SIG_IGN);
 }
 
 void exitImmediately(int status) {

@@ -2,11 +2,14 @@
 // Questions about all volumes at once.
 #include "platform/linux/volumes/VolumeSurvey.h"
 
+#include <sys/types.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <utility>
 #include <vector>
@@ -29,13 +32,8 @@ class Round {
 
   Round(std::vector<VolumeMount> mounts, Levels levels)
       : mounts_(std::move(mounts)), isFileLeft_(levels == Levels::Asked) {
-    std::map<dev_t, std::size_t> places;
     for (const VolumeMount& mount : mounts_) {
-      const auto [place, isNew] = places.try_emplace(mount.device, fileSystems_.size());
-      if (isNew) {
-        fileSystems_.emplace_back();
-      }
-      fileSystems_[place->second].push_back(&mount);
+      fileSystems_[mount.device].push_back(&mount);
     }
     static_cast<void>(putBack());
   }
@@ -45,8 +43,8 @@ class Round {
   /// Asks what no other worker has come to.
   void run(Visit& visit) {
     begin();
-    while (const FileSystem* fileSystem = takeFileSystem()) {
-      if (!ask(visit, *fileSystem)) {
+    while (const std::optional<dev_t> device = takeDevice()) {
+      if (!ask(visit, *device)) {
         return;
       }
     }
@@ -67,9 +65,10 @@ class Round {
   bool putBack() {
     const runtime::Lock lock(mutex_);
     left_.clear();
-    for (const FileSystem& fileSystem : fileSystems_) {
-      if (!asked_.contains(&fileSystem)) {
-        left_.push_back(&fileSystem);
+    std::set<dev_t> passed = asked_;
+    for (const VolumeMount& mount : mounts_) {
+      if (passed.insert(mount.device).second) {
+        left_.push_back(mount.device);
       }
     }
     return std::exchange(hasBegun_, false) && !left_.empty();
@@ -82,7 +81,7 @@ class Round {
     for (const VolumeMount& mount : mounts_) {
       if (const auto found = spaces_.find(&mount); found != spaces_.end()) {
         answers.push_back({mount, std::move(found->second)});
-      } else if (!answered_.contains(mount.device)) {
+      } else if (!asked_.contains(mount.device)) {
         answers.push_back({mount, Failure{.number = ETIMEDOUT, .tried = "asking " + mount.path}});
       }
     }
@@ -94,49 +93,38 @@ class Round {
   }
 
  private:
-  /// By its mounts, in their order.
-  using FileSystem = std::vector<const VolumeMount*>;
-
   void begin() {
     const runtime::Lock lock(mutex_);
     hasBegun_ = true;
   }
 
-  const FileSystem* takeFileSystem() {
+  std::optional<dev_t> takeDevice() {
     const runtime::Lock lock(mutex_);
     if (left_.empty()) {
-      return nullptr;
+      return std::nullopt;
     }
-    const FileSystem* first = left_.front();
+    const dev_t device = left_.front();
     left_.pop_front();
-    return first;
+    return device;
   }
 
-  /// False when the answer came too late.
-  bool ask(Visit& visit, const FileSystem& fileSystem) {
-    for (const VolumeMount* mount : fileSystem) {
+  /// In its mounts, up to one that answers. False when an answer came too late.
+  bool ask(Visit& visit, dev_t device) {
+    for (const VolumeMount* mount : fileSystems_.at(device)) {
       Result<volumes::Space> space = askIn(visit, *mount);
       if (visit.isLate()) {
         return false;
       }
-      if (add(*mount, std::move(space))) {
+      const bool isAnswer = static_cast<bool>(space);
+      const runtime::Lock lock(mutex_);
+      spaces_.insert_or_assign(mount, std::move(space));
+      if (isAnswer) {
         break;
       }
     }
     const runtime::Lock lock(mutex_);
-    asked_.insert(&fileSystem);
+    asked_.insert(device);
     return true;
-  }
-
-  /// Whether it is an answer.
-  bool add(const VolumeMount& mount, Result<volumes::Space> space) {
-    const runtime::Lock lock(mutex_);
-    const bool isAnswer = static_cast<bool>(space);
-    if (isAnswer) {
-      answered_.insert(mount.device);
-    }
-    spaces_.insert_or_assign(&mount, std::move(space));
-    return isAnswer;
   }
 
   /// Once: there is nothing to be asked after the file.
@@ -151,16 +139,16 @@ class Round {
   }
 
   const std::vector<VolumeMount> mounts_;
-  std::vector<FileSystem> fileSystems_;
+  /// Their mounts, in their order.
+  std::map<dev_t, std::vector<const VolumeMount*>> fileSystems_;
   runtime::Mutex mutex_;
   bool hasBegun_ KELVANE_GUARDED_BY(mutex_) = false;
-  /// What no worker has come to, and what they have come to the end of.
-  std::deque<const FileSystem*> left_ KELVANE_GUARDED_BY(mutex_);
-  std::set<const FileSystem*> asked_ KELVANE_GUARDED_BY(mutex_);
+  /// The file systems that no worker has come to, and those that one has come to the end of.
+  std::deque<dev_t> left_ KELVANE_GUARDED_BY(mutex_);
+  std::set<dev_t> asked_ KELVANE_GUARDED_BY(mutex_);
   bool isFileLeft_ KELVANE_GUARDED_BY(mutex_);
   VolumeLevelsFile file_ KELVANE_GUARDED_BY(mutex_);
   std::map<const VolumeMount*, Result<volumes::Space>> spaces_ KELVANE_GUARDED_BY(mutex_);
-  std::set<dev_t> answered_ KELVANE_GUARDED_BY(mutex_);
 };
 
 /// Comes to an end with each of them, as far as there are workers. Workers that file systems keep are joined by as

@@ -184,6 +184,12 @@ class WaitingCallers : public testing::Test {
     return store ? *std::move(store) : nullptr;
   }
 
+  /// Changes what the flush has to write, and comes back once it writes.
+  void beginFlush(const HeldFlush& flush) {
+    core_->set({.key = "state", .entry = "key", .value = 1});
+    core_->whenDurable([](const PreferencesSuite::Outcome&) {});
+    flush.awaitBegin();
+  }
   /// Lets the store be opened again.
   void close() {
     core_->close();
@@ -283,9 +289,7 @@ TEST_F(WaitingCallers, AreSeenToBeFailedByTheMetricsForAsLongAsTheyAre) {
 
 TEST_F(WaitingCallers, AreSeenToWaitByTheMetricsForAsLongAsTheyDo) {
   HeldFlush flush;
-  core_->set({.key = "state", .entry = "key", .value = 1});
-  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
-  flush.awaitBegin();
+  beginFlush(flush);
   core_->set({.key = "state", .entry = "key", .value = 2});
   EXPECT_FALSE(core_->handOver(std::chrono::milliseconds(20)));
   EXPECT_TRUE(eventuallyWritten(false));
@@ -387,9 +391,7 @@ TEST_F(WaitingCallers, HaveItWrittenAgainAfterAFailedFlush) {
 
 TEST_F(WaitingCallers, OfAHandOverAreReleasedBeforeTheFlushThatFollows) {
   HeldFlush flush;
-  core_->set({.key = "state", .entry = "key", .value = 1});
-  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
-  flush.awaitBegin();
+  beginFlush(flush);
   EXPECT_TRUE(core_->handOver(patience)) << "the flush has begun, so it is with the kernel";
   flush.release();
   close();
@@ -397,9 +399,7 @@ TEST_F(WaitingCallers, OfAHandOverAreReleasedBeforeTheFlushThatFollows) {
 
 TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
   HeldFlush flush;
-  core_->set({.key = "state", .entry = "key", .value = 1});
-  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
-  flush.awaitBegin();
+  beginFlush(flush);
   core_->set({.key = "state", .entry = "key", .value = 2});
   testing::internal::CaptureStderr();
   EXPECT_FALSE(core_->handOver(std::chrono::milliseconds(20)));
@@ -420,9 +420,7 @@ TEST_F(WaitingCallers, WaitForADiskThatDoesNotAnswerOnceAndNotLong) {
 
 TEST_F(WaitingCallers, FindTheLastOfManyChangesHoweverLongTheDiskTakes) {
   HeldFlush flush;
-  core_->set({.key = "state", .entry = "key", .value = 0});
-  core_->whenDurable([](const PreferencesSuite::Outcome&) {});
-  flush.awaitBegin();
+  beginFlush(flush);
   std::weak_ptr<const Value::Dictionary> replaced;
   for (int round = 1; round <= 1000; ++round) {
     const Value value = Value::Dictionary{{"round", round}};

@@ -21,6 +21,7 @@ namespace kelvane {
 namespace {
 
 using test::dictionary;
+using test::logOfWriting;
 using test::readFile;
 using test::textOf;
 using test::writeFile;
@@ -45,13 +46,6 @@ class ARemovedStore : public testing::Test {
     EXPECT_TRUE(store) << textOf(store);
     store_ = *std::move(store);
     EXPECT_EQ(textOf(writeTo(*store_, dictionary("before"))), "");
-  }
-
-  /// What a write logs, which has to go well.
-  std::string logOfWriting(const std::string& text) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(textOf(writeTo(*store_, dictionary(text))), "");
-    return testing::internal::GetCapturedStderr();
   }
 
   std::unique_ptr<PreferencesStore> store_;
@@ -88,11 +82,11 @@ TEST_F(ARemovedStore, IsMadeAnewByTheNextWriteWhateverWasRemoved) {
     std::filesystem::remove_all(directory + "/elsewhere");
     removals[index]();
     const std::string text = "after " + std::to_string(index);
-    EXPECT_NE(logOfWriting(text).find("The preferences " + place +
-                                      " were removed or replaced while they were open; made anew"),
+    EXPECT_NE(logOfWriting(*store_, text)
+                  .find("The preferences " + place + " were removed or replaced while they were open; made anew"),
               std::string::npos)
         << index;
-    EXPECT_EQ(logOfWriting(text), "") << "it is said once";
+    EXPECT_EQ(logOfWriting(*store_, text), "") << "it is said once";
     store_.reset();
     EXPECT_EQ(storedText(), Value(text)) << index;
     store_ = *PreferencesStore::open(directory, "suite");
@@ -103,7 +97,7 @@ TEST_F(ARemovedStore, HasTheRoomThatItHad) {
   constexpr std::size_t more = limits::preferencesRoom + 500'000;
   ASSERT_EQ(textOf(store_->makeRoom(more)), "");
   std::filesystem::remove_all(place);
-  logOfWriting("after");
+  logOfWriting(*store_, "after");
   EXPECT_GE(store_->room(), more);
   EXPECT_GE(std::filesystem::file_size(place + "/slot-a"), more);
   EXPECT_GE(std::filesystem::file_size(place + "/slot-b"), more);
@@ -113,8 +107,9 @@ TEST_F(ARemovedStore, KeepsWhatWasPutInItsPlaceAside) {
   std::filesystem::remove_all(place);
   std::filesystem::create_directory(place);
   writeFile(place + "/slot-a", "of somebody else");
-  EXPECT_NE(logOfWriting("after").find("What was in the place of the preferences suite is kept as suite.damaged-1"),
-            std::string::npos);
+  EXPECT_NE(
+      logOfWriting(*store_, "after").find("What was in the place of the preferences suite is kept as suite.damaged-1"),
+      std::string::npos);
   EXPECT_EQ(readFile(directory + "/suite.damaged-1/slot-a"), "of somebody else");
   store_.reset();
   EXPECT_EQ(storedText(), Value("after"));
@@ -122,7 +117,7 @@ TEST_F(ARemovedStore, KeepsWhatWasPutInItsPlaceAside) {
 
 TEST_F(ARemovedStore, IsLockedWhereItIsMadeAnew) {
   std::filesystem::remove_all(above);
-  logOfWriting("after");
+  logOfWriting(*store_, "after");
   EXPECT_EQ(PreferencesStore::open(directory, "suite").failure().number, EBUSY);
 }
 

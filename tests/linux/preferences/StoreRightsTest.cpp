@@ -20,9 +20,9 @@ namespace kelvane {
 namespace {
 
 using test::dictionary;
+using test::logOfWriting;
 using test::textOf;
 using test::writeFile;
-using test::writeTo;
 
 const std::string above = "/mnt/rights";
 const std::string directory = above + "/preferences";
@@ -46,12 +46,6 @@ class TheDirectoryOfStores : public testing::Test {
   }
 
   static Result<std::unique_ptr<PreferencesStore>> open() { return PreferencesStore::open(directory, "suite"); }
-  /// What a write logs, which has to go well.
-  static std::string logOfWriting(PreferencesStore& store, const std::string& text) {
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(textOf(writeTo(store, dictionary(text))), "");
-    return testing::internal::GetCapturedStderr();
-  }
 };
 
 TEST_F(TheDirectoryOfStores, IsClosedToOthersWhichIsSaidOnce) {
