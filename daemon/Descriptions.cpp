@@ -7,7 +7,6 @@
 #include <string>
 
 #include "daemon/Kelvane.h"
-#include "platform/Files.h"
 #include "protocols/Keys.h"
 #include "support/KelvaneLog.h"
 #include "support/PropertyListFile.h"
@@ -65,7 +64,7 @@ void registerDescription(const Value& description, ServiceTable& services) {
 
 void Kelvane::scanPlistsAtPath(const std::string& directory, const std::function<void(const Value&)>& execBlock) {
   constexpr char name[] = "-[Kelvane scanPlistsAtPath:execBlock:]";
-  for (const std::string& entry : files::entriesBeneath(directory)) {
+  for (const std::string& entry : listDirectory(directory, name)) {
     const std::string path = formatted("%@/%@", directory, entry);
     KELVANE_TRACE("%s looking at: %@", name, path);
     const auto contents = readPropertyListFile(path);

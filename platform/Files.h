@@ -12,14 +12,20 @@
 
 namespace kelvane::files {
 
-/// Every entry beneath a directory, as paths relative to it, in name order, a directory before what is in
-/// it. Directories are entries too. Symbolic links to directories are followed for the directory itself
-/// only. Empty when the directory is missing or cannot be read.
-[[nodiscard]] std::vector<std::string> entriesBeneath(const std::string& directory);
+/// What is beneath a directory.
+struct Listing {
+  /// Paths relative to the directory, in name order, a directory before what is in it. Directories are entries too.
+  std::vector<std::string> entries;
+  /// The directory, or directories in it, that could not be listed, each with the reason, for people. None for one that
+  /// is missing.
+  std::vector<std::string> failures;
+};
+/// Symbolic links to directories are followed for the directory itself only.
+[[nodiscard]] Listing entriesBeneath(const std::string& directory);
 
 struct Error {
   std::string text;
-  /// There is nothing at the path.
+  /// There is nothing at the path, and no link that leads nowhere.
   bool isMissing = false;
 };
 /// A regular file's contents; an error for anything else (FIFOs and devices are not opened), for what

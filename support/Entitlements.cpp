@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 
-#include "platform/Files.h"
 #include "protocols/KelvaneClientProtocol.h"
 #include "support/AtomicProperty.h"
 #include "support/KelvaneLog.h"
@@ -18,6 +17,7 @@ namespace {
 
 constexpr char systemsRules[] = "/usr/lib/kelvane/entitlements.d";
 constexpr char administratorsRules[] = "/etc/kelvane/entitlements.d";
+constexpr char readerName[] = "EntitlementRules::read";
 
 struct Condition {
   const char* key;
@@ -106,7 +106,7 @@ bool isRuleFile(std::string_view entry) {
 }
 
 std::vector<std::string> ruleFilesIn(const std::string& directory) {
-  std::vector<std::string> names = files::entriesBeneath(directory);
+  std::vector<std::string> names = listDirectory(directory, readerName);
   std::erase_if(names, [](const std::string& name) { return !isRuleFile(name); });
   return names;
 }
@@ -154,7 +154,7 @@ EntitlementRules EntitlementRules::read() {
   for (const std::string& path : ruleFiles()) {
     const auto contents = readPropertyListFile(path);
     if (const auto* error = std::get_if<FileError>(&contents)) {
-      KELVANE_ERROR("%s unable to read %@: %@", "EntitlementRules::read", path, error->text);
+      KELVANE_ERROR("%s unable to read %@: %@; it grants nothing", readerName, path, error->text);
     } else {
       rules.add(path, std::get<Value>(contents));
     }
@@ -168,7 +168,7 @@ void EntitlementRules::add(const std::string& path, const Value& contents) {
     if (auto rule = readRule(dictionary)) {
       rules_.push_back(std::move(*rule));
     } else {
-      KELVANE_ERROR("%s %@ holds no entitlement rule: %@", "EntitlementRules::read", path, dictionary);
+      KELVANE_ERROR("%s %@ holds no entitlement rule: %@", readerName, path, dictionary);
     }
   }
 }

@@ -43,17 +43,14 @@ std::string shortened(const Value& value) {
 }
 
 void configureLog() {
-  const auto read = readPropertyListFile(configurationPath);
-  const auto* error = std::get_if<FileError>(&read);
-  const Value configuration = error == nullptr ? std::get<Value>(read) : Value();
+  processHandle.threshold = errorLevel;
+  currentHandle = &processHandle;
+  const Value configuration = readConfiguration(configurationPath, "configureLog", "the defaults apply");
   const Value threshold = configuration["Threshold"];
   processHandle.threshold = threshold.isNumber() ? threshold.int32Value() : errorLevel;
   const Value handle = configuration["Handle"];
   currentHandle = handle.isNumber() && !handle.boolValue() ? nullptr : &processHandle;
   reporting::failuresAreLogged = isLoggingErrors();
-  if (error != nullptr && !error->isMissing) {
-    KELVANE_ERROR("%s unable to read %s: %@", "configureLog", configurationPath, error->text);
-  }
 }
 
 }  // namespace kelvane

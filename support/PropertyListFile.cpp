@@ -5,6 +5,7 @@
 #include "platform/Files.h"
 #include "platform/Limits.h"
 #include "platform/PropertyList.h"
+#include "support/KelvaneLog.h"
 
 namespace kelvane {
 
@@ -18,6 +19,30 @@ std::variant<Value, FileError> readPropertyListFile(const std::string& path) {
     return FileError{.text = error->text};
   }
   return std::get<Value>(parsed);
+}
+
+Value readConfiguration(const std::string& path, const char* reader, const char* instead) {
+  const auto read = readPropertyListFile(path);
+  if (const auto* error = std::get_if<FileError>(&read)) {
+    if (!error->isMissing) {
+      KELVANE_ERROR("%s unable to read %@: %@; %s", reader, path, error->text, instead);
+    }
+    return {};
+  }
+  const Value& configuration = std::get<Value>(read);
+  if (!configuration.isDictionary()) {
+    KELVANE_ERROR("%s %@ is no dictionary; %s", reader, path, instead);
+    return {};
+  }
+  return configuration;
+}
+
+std::vector<std::string> listDirectory(const std::string& directory, const char* reader) {
+  files::Listing listing = files::entriesBeneath(directory);
+  for (const std::string& failure : listing.failures) {
+    KELVANE_ERROR("%s unable to list %@; it counts as empty", reader, failure);
+  }
+  return std::move(listing.entries);
 }
 
 }  // namespace kelvane

@@ -4,6 +4,7 @@
 
 #include <string>
 #include <variant>
+#include <vector>
 
 #include "platform/Value.h"
 
@@ -18,5 +19,13 @@ struct FileError {
 
 /// The property list in a file, of any format and up to limits::propertyListBytes.
 [[nodiscard]] std::variant<Value, FileError> readPropertyListFile(const std::string& path);
+
+// What need not be there. Whatever is there and yet can't be used is logged, in the name of who reads it, with what is
+// done instead.
+
+/// The dictionary in a configuration file; absent without one.
+[[nodiscard]] Value readConfiguration(const std::string& path, const char* reader, const char* instead);
+/// Every entry beneath a directory, as files::entriesBeneath() has them. What cannot be listed counts as empty.
+[[nodiscard]] std::vector<std::string> listDirectory(const std::string& directory, const char* reader);
 
 }  // namespace kelvane

@@ -72,23 +72,6 @@ bool isKnown(const std::string& key) {
   return std::ranges::any_of(flags, isKey) || std::ranges::any_of(numbers, isKey);
 }
 
-/// What the file says; absent when it says nothing that can be used.
-Value readConfiguration() {
-  const auto read = readPropertyListFile(configurationPath);
-  if (const auto* error = std::get_if<FileError>(&read)) {
-    if (!error->isMissing) {
-      KELVANE_ERROR("%s unable to read %s: %@", name, configurationPath, error->text);
-    }
-    return {};
-  }
-  Value configuration = std::get<Value>(read);
-  if (!configuration.isDictionary()) {
-    KELVANE_ERROR("%s %s is no dictionary and is ignored", name, configurationPath);
-    return {};
-  }
-  return configuration;
-}
-
 bool flagIn(const Value& configuration, const Flag& flag) {
   const Value value = configuration[flag.key];
   const std::optional<bool> set = boolOf(value);
@@ -113,7 +96,7 @@ std::uint32_t numberIn(const Value& configuration, const Number& number) {
 Settings settings;
 
 void configureSettings() {
-  const Value configuration = readConfiguration();
+  const Value configuration = readConfiguration(configurationPath, name, "everything is as built in");
   for (const Flag& flag : flags) {
     settings.*flag.setting = flagIn(configuration, flag);
   }

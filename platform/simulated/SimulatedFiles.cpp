@@ -2,7 +2,9 @@
 // Files in memory.
 #include "platform/simulated/SimulatedFiles.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cstddef>
 #include <utility>
 
 #include "platform/simulated/SimulatedCalls.h"
@@ -64,19 +66,24 @@ void Files::remove(const std::string& path) {
   nodeAt(components).entries.erase(last);
 }
 
-std::vector<std::string> Files::entriesBeneath(const std::string& directory) const {
-  std::vector<std::string> entries;
-  const Node* node = find(directory).node;
-  if (node != nullptr && node->kind == Node::Kind::Directory) {
-    collect(*node, "", entries);
+files::Listing Files::entriesBeneath(const std::string& directory) const {
+  files::Listing listing;
+  const Found found = find(directory);
+  if (found.node != nullptr && found.node->kind == Node::Kind::Directory) {
+    collect(*found.node, directory, "", listing);
+  } else if (found.node != nullptr) {
+    listing.failures.push_back(directory + ": Not a directory");
+  } else if (!found.error.isMissing) {
+    listing.failures.push_back(directory + ": " + found.error.text);
   }
-  return entries;
+  return listing;
 }
 
 std::variant<Data, files::Error> Files::read(const std::string& path, std::size_t maximumBytes) const {
-  const Node* node = find(path).node;
+  const Found found = find(path);
+  const Node* node = found.node;
   if (node == nullptr) {
-    return files::Error{.text = "No such file or directory", .isMissing = true};
+    return found.error;
   }
   if (node->error) {
     return files::Error{.text = *node->error};
@@ -122,46 +129,57 @@ Files::Node& Files::nodeAt(const std::vector<std::string>& components) {
   return *node;
 }
 
-Files::Found Files::find(const std::string& path, int linksLeft) const {
+Files::Found Files::find(const std::string& path) const {
+  constexpr int mostLinks = 8;
+  const std::vector<std::string> components = componentsOf(path);
+  return find(components, components.size(), mostLinks);
+}
+
+Files::Found Files::find(const std::vector<std::string>& components, std::size_t own, int linksLeft) const {
+  const auto nothing = [](files::Error error) { return Found{nullptr, "", std::move(error)}; };
   const Node* node = &root_;
   std::string real;
-  const std::vector<std::string> components = componentsOf(path);
   for (std::size_t index = 0; index < components.size(); ++index) {
+    const std::size_t left = components.size() - index;
     const auto entry = node->entries.find(components[index]);
+    if (entry == node->entries.end() && node->kind != Node::Kind::Directory) {
+      return nothing({.text = "Not a directory"});
+    }
     if (entry == node->entries.end()) {
-      return {};
+      return nothing(left > own ? files::Error{.text = "A symbolic link leads nowhere"}
+                                : files::Error{.text = "No such file or directory", .isMissing = true});
     }
     node = &entry->second;
     real += "/" + components[index];
     if (node->kind == Node::Kind::Link) {
       if (linksLeft == 0) {
-        return {};
+        return nothing({.text = "Too many levels of symbolic links"});
       }
-      std::string target = node->target;
-      for (std::size_t rest = index + 1; rest < components.size(); ++rest) {
-        target += "/" + components[rest];
-      }
-      return find(target, linksLeft - 1);
+      std::vector<std::string> target = componentsOf(node->target);
+      target.insert(target.end(), components.begin() + static_cast<std::ptrdiff_t>(index) + 1, components.end());
+      return find(target, std::min(own, left - 1), linksLeft - 1);
     }
   }
-  return {node, real.empty() ? "/" : real};
+  return {node, real.empty() ? "/" : real, {}};
 }
 
-void Files::collect(const Node& directory, const std::string& prefix, std::vector<std::string>& entries) {
+void Files::collect(const Node& directory, const std::string& path, const std::string& prefix,
+                    files::Listing& listing) {
   if (directory.error) {
+    listing.failures.push_back(path + (prefix.empty() ? "" : "/" + prefix) + ": " + *directory.error);
     return;
   }
   for (const auto& [name, node] : directory.entries) {
-    entries.push_back(prefix + name);
+    listing.entries.push_back(prefix + name);
     if (node.kind == Node::Kind::Directory) {
-      collect(node, prefix + name + "/", entries);
+      collect(node, path, prefix + name + "/", listing);
     }
   }
 }
 
 }  // namespace simulated
 
-std::vector<std::string> files::entriesBeneath(const std::string& directory) {
+files::Listing files::entriesBeneath(const std::string& directory) {
   return simulated::world().files.entriesBeneath(directory);
 }
 

@@ -28,7 +28,7 @@ class Files {
   void makeUnreadable(const std::string& path, const std::string& error = "Permission denied");
   void remove(const std::string& path);
 
-  std::vector<std::string> entriesBeneath(const std::string& directory) const;
+  files::Listing entriesBeneath(const std::string& directory) const;
   std::variant<Data, files::Error> read(const std::string& path, std::size_t maximumBytes) const;
   Result<std::string> realPath(const std::string& path) const;
 
@@ -47,10 +47,15 @@ class Files {
     /// Null when there is nothing at the path.
     const Node* node = nullptr;
     std::string path;
+    /// Why there is nothing.
+    files::Error error;
   };
   /// Follows links.
-  Found find(const std::string& path, int linksLeft = 8) const;
-  static void collect(const Node& directory, const std::string& prefix, std::vector<std::string>& entries);
+  Found find(const std::string& path) const;
+  /// Of the components the last so many are of the path itself, and not of a link's target.
+  Found find(const std::vector<std::string>& components, std::size_t own, int linksLeft) const;
+  static void collect(const Node& directory, const std::string& path, const std::string& prefix,
+                      files::Listing& listing);
 
   Node root_;
 };

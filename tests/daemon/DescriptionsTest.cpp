@@ -159,6 +159,25 @@ TEST_F(ADescription, IsLookedForInEveryEntryBeneathTheDirectories) {
   });
 }
 
+TEST_F(ADescription, DirectoryThatCannotBeListedIsTold) {
+  run([&] {
+    simulation->files().makeLink("/System", "/nowhere");
+    const auto ignore = [](const Value&) {};
+    Kelvane::scanPlistsAtPath("/System/Library/Kelvane", ignore);
+    simulation->files().makeDirectory("/TessalyInternal/Library/Kelvane/closed");
+    simulation->files().makeUnreadable("/TessalyInternal/Library/Kelvane/closed");
+    Kelvane::scanPlistsAtPath("/TessalyInternal/Library/Kelvane", ignore);
+    const std::vector<std::string> texts = log().texts(3);
+    ASSERT_EQ(texts.size(), 3u);
+    EXPECT_EQ(texts[0],
+              "-[Kelvane scanPlistsAtPath:execBlock:] unable to list /System/Library/Kelvane: A symbolic link leads "
+              "nowhere; it counts as empty");
+    EXPECT_EQ(texts[1],
+              "-[Kelvane scanPlistsAtPath:execBlock:] unable to list /TessalyInternal/Library/Kelvane/closed/: "
+              "Permission denied; it counts as empty");
+  });
+}
+
 TEST_F(ADescription, DirectoryThatIsMissingIsNoError) {
   runDaemon([&] {
     EXPECT_TRUE(kelvane->copyServices()->empty());

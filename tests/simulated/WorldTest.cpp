@@ -167,11 +167,27 @@ TEST(Files, AreListedInNameOrderADirectoryBeforeWhatIsInIt) {
   simulation.files().makeDirectory("/library/empty");
   simulation.files().makeFifo("/library/fifo");
   simulation.files().makeLink("/library/link", "/library/a");
-  EXPECT_EQ(files::entriesBeneath("/library"),
+  EXPECT_EQ(files::entriesBeneath("/library").entries,
             (Texts{"a", "a/sub", "a/sub/y.plist", "a/z.plist", "a.plist", "b.plist", "empty", "fifo", "link"}));
-  EXPECT_THAT(files::entriesBeneath("/library/empty"), IsEmpty());
-  EXPECT_THAT(files::entriesBeneath("/missing"), IsEmpty());
-  EXPECT_THAT(files::entriesBeneath("/library/a.plist"), IsEmpty());
+  for (const char* directory : {"/library/empty", "/missing"}) {
+    EXPECT_THAT(files::entriesBeneath(directory).entries, IsEmpty());
+    EXPECT_THAT(files::entriesBeneath(directory).failures, IsEmpty());
+  }
+}
+
+TEST(WhatCannotBeListed, IsEmptyAndSaysWhy) {
+  Simulation simulation;
+  simulation.files().write("/library/a.plist", "a");
+  simulation.files().makeLink("/dangling", "/nowhere");
+  const auto reasonFor = [](const char* directory) {
+    const files::Listing listing = files::entriesBeneath(directory);
+    EXPECT_THAT(listing.entries, IsEmpty());
+    return listing.failures;
+  };
+  EXPECT_EQ(reasonFor("/library/a.plist"), (Texts{"/library/a.plist: Not a directory"}));
+  EXPECT_EQ(reasonFor("/dangling/rules"), (Texts{"/dangling/rules: A symbolic link leads nowhere"}));
+  simulation.files().makeUnreadable("/library", "Input/output error");
+  EXPECT_EQ(reasonFor("/library"), (Texts{"/library: Input/output error"}));
 }
 
 TEST(ALinkToADirectory, IsFollowedAtTheTop) {
@@ -179,8 +195,8 @@ TEST(ALinkToADirectory, IsFollowedAtTheTop) {
   simulation.files().write("/elsewhere/a.plist", "a");
   simulation.files().makeLink("/library", "/elsewhere");
   simulation.files().makeLink("/endless", "/endless");
-  EXPECT_EQ(files::entriesBeneath("/library"), (Texts{"a.plist"}));
-  EXPECT_THAT(files::entriesBeneath("/endless"), IsEmpty());
+  EXPECT_EQ(files::entriesBeneath("/library").entries, (Texts{"a.plist"}));
+  EXPECT_EQ(files::entriesBeneath("/endless").failures, (Texts{"/endless: Too many levels of symbolic links"}));
   EXPECT_EQ(std::get<Data>(files::read("/library/a.plist", 10)), Data{'a'});
   EXPECT_EQ(*files::realPath("/library//a.plist"), "/elsewhere/a.plist");
   EXPECT_EQ(*files::realPath("/"), "/");
@@ -202,11 +218,26 @@ TEST(Reading, GivesTheContentsOfARegularFileOrAnError) {
   EXPECT_EQ(std::get<files::Error>(files::read("/library/a.plist", 10)).text, "No such file or directory");
 }
 
+TEST(Reading, FindsAFileMissingOnlyWhereNothingIsToBe) {
+  Simulation simulation;
+  simulation.files().write("/library/file", "abc");
+  simulation.files().makeLink("/link", "/library");
+  simulation.files().makeLink("/dangling", "/library/nothing");
+  const auto isMissing = [](const char* path) { return std::get<files::Error>(files::read(path, 10)).isMissing; };
+  for (const char* path : {"/missing", "/missing/file", "/library/missing", "/link/missing"}) {
+    EXPECT_TRUE(isMissing(path)) << path;
+  }
+  for (const char* path : {"/library/file/more", "/dangling", "/dangling/file"}) {
+    EXPECT_FALSE(isMissing(path)) << path;
+  }
+}
+
 TEST(AnUnreadableDirectory, IsListedWithoutWhatIsInIt) {
   Simulation simulation;
   simulation.files().write("/library/closed/a.plist", "a");
   simulation.files().makeUnreadable("/library/closed");
-  EXPECT_EQ(files::entriesBeneath("/library"), (Texts{"closed"}));
+  EXPECT_EQ(files::entriesBeneath("/library").entries, (Texts{"closed"}));
+  EXPECT_EQ(files::entriesBeneath("/library").failures, (Texts{"/library/closed/: Permission denied"}));
 }
 
 /// A suite of this name; null when it cannot be opened.

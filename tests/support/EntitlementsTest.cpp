@@ -261,8 +261,25 @@ TEST_F(AnEntitlementRule, InAnUnreadableFileIsLoggedAndGrantsNothing) {
     EXPECT_FALSE(isGranted(alice));
     const std::vector<std::string> texts = log().texts(3);
     ASSERT_EQ(texts.size(), 2u);
-    EXPECT_EQ(texts[0], "EntitlementRules::read unable to read /etc/kelvane/entitlements.d/a.plist: Permission denied");
+    EXPECT_EQ(texts[0],
+              "EntitlementRules::read unable to read /etc/kelvane/entitlements.d/a.plist: Permission denied; it grants "
+              "nothing");
     EXPECT_EQ(texts[1].find("EntitlementRules::read unable to read /etc/kelvane/entitlements.d/b.plist: "), 0u);
+  });
+}
+
+TEST_F(AnEntitlementRule, InADirectoryThatCannotBeListedGrantsNothingAndTheOthersDo) {
+  run([&] {
+    write(std::string(usrDirectory) + "a.plist", granting(text("User", "alice")));
+    simulation->files().makeLink("/etc/kelvane", "/nowhere");
+    EXPECT_TRUE(isGranted(alice));
+    EXPECT_EQ(log().texts(3),
+              std::vector<std::string>{"EntitlementRules::read unable to list /etc/kelvane/entitlements.d: A symbolic "
+                                       "link leads nowhere; it counts as empty"});
+    log().clear();
+    simulation->files().makeUnreadable("/usr/lib/kelvane/entitlements.d", "Input/output error");
+    EXPECT_FALSE(isGranted(alice));
+    EXPECT_EQ(log().texts(3).size(), 2u);
   });
 }
 

@@ -141,6 +141,13 @@ TEST_F(TheLog, TellsOfAFileThatCannotBeUsedAndNotOfOneThatIsMissing) {
   configureWith("<plist><dict>");
   ASSERT_EQ(simulation.log().texts(3).size(), 1u);
   EXPECT_EQ(simulation.log().texts(3)[0].find("configureLog unable to read /etc/kelvane/log.plist: "), 0u);
+  simulation.log().clear();
+  simulation.files().makeLink(configurationPath, "/nowhere");
+  setThreshold(0);
+  configureLog();
+  EXPECT_EQ(simulation.log().texts(3),
+            std::vector<std::string>{"configureLog unable to read /etc/kelvane/log.plist: A symbolic link leads "
+                                     "nowhere; the defaults apply"});
 }
 
 TEST_F(TheLog, IsConfiguredInAnyFormat) {

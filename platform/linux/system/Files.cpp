@@ -40,12 +40,22 @@ Directory openDirectory(const FileDescriptor& place) {
   return directory;
 }
 
-/// In order; none when it cannot be read.
-std::vector<std::string> namesIn(const FileDescriptor& place) {
+/// In order.
+Result<std::vector<std::string>> namesIn(const FileDescriptor& place) {
   std::vector<std::string> names;
   const Directory directory = openDirectory(place);
-  const dirent* entry = nullptr;
-  while (directory && names.size() < limits::directoryEntries && (entry = readdir(directory.get())) != nullptr) {
+  if (!directory) {
+    return systemFailure("listing");
+  }
+  while (names.size() < limits::directoryEntries) {
+    errno = 0;
+    const dirent* entry = readdir(directory.get());
+    if (entry == nullptr && errno != 0) {
+      return systemFailure("listing");
+    }
+    if (entry == nullptr) {
+      break;
+    }
     const std::string_view name = entry->d_name;
     if (name != "." && name != "..") {
       names.emplace_back(name);
@@ -58,22 +68,33 @@ std::vector<std::string> namesIn(const FileDescriptor& place) {
 /// The walk through one directory and what is beneath it, which enters each file system before it asks it.
 class Collection {
  public:
-  explicit Collection(FileSystemProbe::Visit& visit) : visit_(visit) {}
+  Collection(FileSystemProbe::Visit& visit, std::string directory) : visit_(visit), directory_(std::move(directory)) {}
 
   /// The place's file system has been entered.
   void collect(const FileDescriptor& place, const std::string& prefix, int depth) {
-    for (const std::string& name : namesIn(place)) {
-      if (entries_.size() >= limits::directoryEntries) {
+    const auto names = namesIn(place);
+    if (!names) {
+      fail(prefix, fileError(names.failure().number));
+      return;
+    }
+    for (const std::string& name : *names) {
+      if (listing_.entries.size() >= limits::directoryEntries) {
         return;
       }
-      entries_.push_back(prefix + name);
+      listing_.entries.push_back(prefix + name);
       if (depth < limits::directoryDepth) {
         descend(place, name, prefix + name + "/", depth + 1);
       }
     }
   }
 
-  std::vector<std::string> take() { return std::move(entries_); }
+  void fail(const std::string& prefix, const files::Error& error) {
+    if (!error.isMissing) {
+      listing_.failures.push_back(directory_ + (prefix.empty() ? "" : "/" + prefix) + ": " + error.text);
+    }
+  }
+
+  Listing take() { return std::move(listing_); }
 
  private:
   void descend(const FileDescriptor& parent, const std::string& name, const std::string& prefix, int depth) {
@@ -90,7 +111,8 @@ class Collection {
   }
 
   FileSystemProbe::Visit& visit_;
-  std::vector<std::string> entries_;
+  const std::string directory_;
+  Listing listing_;
 };
 
 /// A disk that is only slow should be waited for; but where several hang, a start must come to an end, too.
@@ -100,25 +122,27 @@ FileSystemProbe::Duration patience() {
 
 }  // namespace
 
-std::vector<std::string> entriesBeneath(const std::string& directory) {
-  using Entries = std::vector<std::string>;
+Listing entriesBeneath(const std::string& directory) {
   // What hangs is silent from then on, so that the next walk passes it by.
   for (int walk = 0; walk < mostWalks; ++walk) {
-    auto entries = FileSystemProbe::shared().ask<Entries>(
+    auto listing = FileSystemProbe::shared().ask<Listing>(
         "listing " + directory,
-        [directory](FileSystemProbe::Visit& visit) -> Result<Entries> {
-          Collection collection(visit);
-          if (const auto top = walkTo(visit, directory)) {
-            collection.collect(*top, "", 1);
+        [directory](FileSystemProbe::Visit& visit) -> Result<Listing> {
+          Collection collection(visit, directory);
+          const auto top = placeAt(visit, directory);
+          if (const auto* place = std::get_if<FileDescriptor>(&top)) {
+            collection.collect(*place, "", 1);
+          } else {
+            collection.fail("", std::get<Error>(top));
           }
           return collection.take();
         },
         FileSystemProbe::About::Files, patience());
-    if (entries) {
-      return std::move(*entries);
+    if (listing) {
+      return std::move(*listing);
     }
   }
-  return {};
+  return {.entries = {}, .failures = {directory + ": " + fileError(ETIMEDOUT).text}};
 }
 
 std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes) {
@@ -126,8 +150,9 @@ std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes
   auto contents = FileSystemProbe::shared().ask<Contents>(
       "reading " + path,
       [path, maximumBytes](FileSystemProbe::Visit& visit) -> Result<Contents> {
-        const auto place = walkTo(visit, path);
-        return place ? readPlace(*place, maximumBytes) : Contents(fileError(place.failure().number));
+        const auto walked = placeAt(visit, path);
+        const auto* place = std::get_if<FileDescriptor>(&walked);
+        return place != nullptr ? readPlace(*place, maximumBytes) : Contents(std::get<Error>(walked));
       },
       FileSystemProbe::About::Files, patience());
   return contents ? std::move(*contents) : fileError(contents.failure().number);

@@ -11,6 +11,9 @@
 #include <cstring>
 #include <optional>
 #include <string>
+#include <utility>
+
+#include "platform/linux/volumes/PathWalk.h"
 
 namespace kelvane {
 
@@ -57,7 +60,16 @@ std::variant<Data, files::Error> readAll(int descriptor, std::size_t expectedByt
 }  // namespace
 
 files::Error fileError(int number) {
-  return files::Error{std::strerror(number), number == ENOENT || number == ENOTDIR};
+  return files::Error{std::strerror(number), number == ENOENT};
+}
+
+std::variant<FileDescriptor, files::Error> placeAt(FileSystemProbe::Visit& visit, const std::string& path) {
+  bool leadsNowhere = false;
+  auto place = walkTo(visit, path, &leadsNowhere);
+  if (place) {
+    return *std::move(place);
+  }
+  return leadsNowhere ? files::Error{.text = "A symbolic link leads nowhere"} : fileError(place.failure().number);
 }
 
 std::variant<Data, files::Error> readPlace(const FileDescriptor& place, std::size_t maximumBytes) {

@@ -8,6 +8,7 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <sstream>
@@ -74,11 +75,13 @@ Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileDescriptor& 
   return {};
 }
 
-Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path) {
+Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path, bool* leadsNowhere) {
   const auto start = [&path](bool isAbsolute) { return openPlace(AT_FDCWD, isAbsolute ? "/" : ".", path); };
   auto here = start(path.starts_with('/'));
   std::vector<std::string> left;
   pushComponents(path, left);
+  // Of those that are left, so many are the path's; links' are on top of them.
+  std::size_t own = left.size();
   int links = 0;
   while (here) {
     if (const auto entered = enterFileSystemOf(visit, *here, path); !entered) {
@@ -88,9 +91,14 @@ Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& 
       break;
     }
     auto next = openPlace(here->get(), left.back(), path);
+    const bool isOfLink = left.size() > own;
     left.pop_back();
+    own = std::min(own, left.size());
     const auto identity = next ? identityOf(*next) : next.failure();
     if (!identity) {
+      if (leadsNowhere != nullptr) {
+        *leadsNowhere = isOfLink && identity.failure().number == ENOENT;
+      }
       return identity.failure();
     }
     if (!S_ISLNK(identity->mode)) {

@@ -30,8 +30,10 @@ struct FileIdentity {
                                          const std::string& path);
 
 /// The file at a path, opened as no more than a place (O_PATH). Symbolic links are followed, and each file system on
-/// the way is entered before it is asked, the last one, too.
-[[nodiscard]] Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path);
+/// the way is entered before it is asked, the last one, too. leadsNowhere, if given, is set when it fails for want of
+/// something that a link on the way leads to.
+[[nodiscard]] Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path,
+                                            bool* leadsNowhere = nullptr);
 
 /// What the path leads to, by way of the probe.
 [[nodiscard]] Result<FileIdentity> askIdentity(const std::string& path);

@@ -2,8 +2,6 @@
 // The file in which an administrator changes when volumes count as low on space.
 #include "platform/linux/volumes/VolumeLevelsFile.h"
 
-#include <fcntl.h>
-
 #include <cerrno>
 #include <string>
 #include <utility>
@@ -14,26 +12,11 @@
 #include "platform/linux/runtime/FileDescriptor.h"
 #include "platform/linux/runtime/Mutex.h"
 #include "platform/linux/volumes/FileContents.h"
-#include "platform/linux/volumes/PathWalk.h"
 #include "platform/linux/volumes/Paths.h"
 
 namespace kelvane {
 
 namespace {
-
-/// Whether there is a link at the path that leads nowhere.
-bool isBrokenLink(FileSystemProbe::Visit& visit, const std::string& path) {
-  const std::size_t slash = path.rfind('/');
-  const auto directory = walkTo(visit, path.substr(0, slash));
-  return directory &&
-         FileDescriptor(openat(directory->get(), path.c_str() + slash + 1, O_PATH | O_NOFOLLOW | O_CLOEXEC));
-}
-
-files::Error errorOfWalk(FileSystemProbe::Visit& visit, const std::string& path, int number) {
-  files::Error error = fileError(number);
-  error.isMissing = number == ENOENT && !isBrokenLink(visit, path);
-  return error;
-}
 
 std::string problemOf(const std::string& text, const char* consequence) {
   return std::string(paths::volumeLevelsFile) + ": " + text + "; " + consequence;
@@ -102,10 +85,10 @@ VolumeLevelsFile::Known& VolumeLevelsFile::known() {
 VolumeLevelsFile::VolumeLevelsFile() : VolumeLevelsFile(fileError(ETIMEDOUT)) {}
 
 VolumeLevelsFile VolumeLevelsFile::find(FileSystemProbe::Visit& visit) {
-  const std::string path = paths::volumeLevelsFile;
-  const auto place = walkTo(visit, path);
-  if (!place) {
-    return VolumeLevelsFile(errorOfWalk(visit, path, place.failure().number));
+  const auto walked = placeAt(visit, paths::volumeLevelsFile);
+  const auto* place = std::get_if<FileDescriptor>(&walked);
+  if (place == nullptr) {
+    return VolumeLevelsFile(std::get<files::Error>(walked));
   }
   struct stat status = {};
   if (fstat(place->get(), &status) != 0) {

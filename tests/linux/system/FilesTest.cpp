@@ -46,7 +46,7 @@ TEST_F(Files, AreListedInNameOrderWithADirectoryBeforeWhatIsInIt) {
   writeFile(top_ + "/b/c/x", "");
   writeFile(top_ + "/b.plist", "");
   writeFile(top_ + "/a", "");
-  EXPECT_THAT(files::entriesBeneath(top_), ElementsAre("a", "b", "b/c", "b/c/x", "b/z", "b.plist"));
+  EXPECT_THAT(files::entriesBeneath(top_).entries, ElementsAre("a", "b", "b/c", "b/c/x", "b/z", "b.plist"));
 }
 
 TEST_F(Files, AreListedThroughASymbolicLinkToTheDirectoryItselfOnly) {
@@ -54,13 +54,29 @@ TEST_F(Files, AreListedThroughASymbolicLinkToTheDirectoryItselfOnly) {
   writeFile(top_ + "/real/inner/file", "");
   std::filesystem::create_directory_symlink("inner", top_ + "/real/link");
   std::filesystem::create_directory_symlink("real", top_ + "/top");
-  EXPECT_THAT(files::entriesBeneath(top_ + "/top"), ElementsAre("inner", "inner/file", "link"));
+  EXPECT_THAT(files::entriesBeneath(top_ + "/top").entries, ElementsAre("inner", "inner/file", "link"));
 }
 
 TEST_F(Files, OfAMissingDirectoryAreNone) {
-  EXPECT_THAT(files::entriesBeneath(top_ + "/missing"), IsEmpty());
+  const files::Listing listing = files::entriesBeneath(top_ + "/missing");
+  EXPECT_THAT(listing.entries, IsEmpty());
+  EXPECT_THAT(listing.failures, IsEmpty());
+}
+
+TEST_F(Files, OfWhatCannotBeListedAreNoneAndTheReasonIsTold) {
   writeFile(top_ + "/file", "");
-  EXPECT_THAT(files::entriesBeneath(top_ + "/file"), IsEmpty());
+  std::filesystem::create_symlink("nowhere", top_ + "/dangling");
+  std::filesystem::create_symlink("loop", top_ + "/loop");
+  const auto reasonFor = [&](const std::string& name) {
+    const files::Listing listing = files::entriesBeneath(top_ + name);
+    EXPECT_THAT(listing.entries, IsEmpty()) << name;
+    return listing.failures;
+  };
+  EXPECT_THAT(reasonFor("/file"), ElementsAre("/mnt/files/file: Not a directory"));
+  EXPECT_THAT(reasonFor("/file/rules"), ElementsAre("/mnt/files/file/rules: Not a directory"));
+  EXPECT_THAT(reasonFor("/dangling"), ElementsAre("/mnt/files/dangling: A symbolic link leads nowhere"));
+  EXPECT_THAT(reasonFor("/dangling/rules"), ElementsAre("/mnt/files/dangling/rules: A symbolic link leads nowhere"));
+  EXPECT_THAT(reasonFor("/loop"), ElementsAre("/mnt/files/loop: Too many levels of symbolic links"));
 }
 
 TEST_F(Files, AreListedNoDeeperThanTheLimit) {
@@ -69,14 +85,14 @@ TEST_F(Files, AreListedNoDeeperThanTheLimit) {
     path += "/d";
     std::filesystem::create_directory(path);
   }
-  EXPECT_EQ(files::entriesBeneath(top_).size(), static_cast<std::size_t>(limits::directoryDepth));
+  EXPECT_EQ(files::entriesBeneath(top_).entries.size(), static_cast<std::size_t>(limits::directoryDepth));
 }
 
 TEST_F(Files, AreListedNoMoreThanTheLimit) {
   for (std::size_t index = 0; index < limits::directoryEntries + 2; ++index) {
     ASSERT_EQ(mknod((top_ + "/" + std::to_string(index)).c_str(), S_IFREG | 0600, 0), 0);
   }
-  EXPECT_EQ(files::entriesBeneath(top_).size(), limits::directoryEntries);
+  EXPECT_EQ(files::entriesBeneath(top_).entries.size(), limits::directoryEntries);
 }
 
 TEST_F(Files, AreReadWhole) {
@@ -108,6 +124,27 @@ TEST_F(Files, ThatCannotBeReadSayWhy) {
   EXPECT_EQ(readText("missing"), "error: No such file or directory");
   std::filesystem::create_symlink("loop", top_ + "/loop");
   EXPECT_EQ(readText("loop"), "error: Too many levels of symbolic links");
+  std::filesystem::create_symlink("missing", top_ + "/dangling");
+  EXPECT_EQ(readText("dangling"), "error: A symbolic link leads nowhere");
+}
+
+TEST_F(Files, AreMissingOnlyWhereNothingIsToBe) {
+  std::filesystem::create_directory(top_ + "/directory");
+  writeFile(top_ + "/file", "");
+  std::filesystem::create_symlink("directory", top_ + "/link");
+  std::filesystem::create_symlink("nowhere", top_ + "/dangling");
+  std::filesystem::create_symlink("dangling", top_ + "/second");
+  std::filesystem::create_symlink("link/nothing", top_ + "/inward");
+  const auto isMissing = [&](const std::string& name) {
+    const auto result = files::read(top_ + "/" + name, 1000);
+    return std::get<files::Error>(result).isMissing;
+  };
+  for (const char* name : {"missing", "missing/file", "directory/missing", "link/missing", "link/missing/file"}) {
+    EXPECT_TRUE(isMissing(name)) << name;
+  }
+  for (const char* name : {"directory", "file/more", "dangling", "dangling/file", "second", "inward"}) {
+    EXPECT_FALSE(isMissing(name)) << name;
+  }
 }
 
 TEST_F(Files, ThatAreNotRegularAreNotOpened) {
@@ -117,7 +154,7 @@ TEST_F(Files, ThatAreNotRegularAreNotOpened) {
   ASSERT_GE(inotify_add_watch(watch, fifo.c_str(), IN_OPEN), 0);
 
   EXPECT_EQ(readText("fifo"), "error: Not a regular file");
-  EXPECT_THAT(files::entriesBeneath(top_), ElementsAre("fifo"));
+  EXPECT_THAT(files::entriesBeneath(top_).entries, ElementsAre("fifo"));
   char event[1024];
   EXPECT_EQ(::read(watch, event, sizeof event), -1) << "the FIFO was opened";
   close(watch);

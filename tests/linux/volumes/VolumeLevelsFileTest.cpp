@@ -78,7 +78,22 @@ TEST_F(AVolumeConfigurationFile, IsToldOfAsALinkThatLeadsNowhereButNotAsNone) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Ample);
   EXPECT_THAT(testing::internal::GetCapturedStderr(),
-              HasSubstr("/etc/kelvane/volumes.plist: No such file or directory; the defaults apply"));
+              HasSubstr("/etc/kelvane/volumes.plist: A symbolic link leads nowhere; the defaults apply"));
+}
+
+TEST_F(AVolumeConfigurationFile, IsToldOfInADirectoryThatIsALinkThatLeadsNowhereOrNoDirectory) {
+  std::filesystem::remove_all(directory);
+  std::filesystem::create_directory_symlink("/mnt/nowhere", directory);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Ample);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("/etc/kelvane/volumes.plist: A symbolic link leads nowhere; the defaults apply"));
+  std::filesystem::remove(directory);
+  test::writeFile(directory, "");
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(levelAt(gibibyte / 2), SpaceLevel::Ample);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(),
+              HasSubstr("/etc/kelvane/volumes.plist: Not a directory; the defaults apply"));
 }
 
 TEST_F(AVolumeConfigurationFile, InADirectoryOnADiskThatHangsAppliesAsItWasAndIsWaitedForNoLongerThanAnyDisk) {
