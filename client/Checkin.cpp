@@ -12,8 +12,18 @@
 namespace kelvane {
 
 namespace {
+constexpr char endName[] = "ClientInterface::endUnentitledServices";
 constexpr char checkinName[] = "-[Kelvane clientCheckin:endpoint:info:reply:]";
 constexpr char blockName[] = "-[Kelvane clientCheckin:endpoint:info:reply:]_block";
+
+/// Whether the service that checked in may do so still. Of a connection that has ended the kernel does not tell any
+/// more which program and unit were at its end, so the endpoint's end counts as well, if it is the same user's.
+bool mayStillServe(const KLService& record) {
+  const ipc::Peer& caller = *record.checkedInBy();
+  const ipc::Peer server = record.vexConn()->peer();
+  return peerMayServe(caller, record.ID()) ||
+         (server.userNumber() == caller.userNumber() && peerMayServe(server, record.ID()));
+}
 }  // namespace
 
 void ClientInterface::clientCheckin(const std::string& identifier, const ipc::Endpoint& endpoint, const Value& info,
@@ -27,16 +37,19 @@ void ClientInterface::clientCheckin(const std::string& identifier, const ipc::En
     reply({}, {});
     return;
   }
-  if (!connectionIsEntitled(currentConnection(), {entitlements::service})) {
+  const ipc::Peer peer = currentConnection().peer();
+  const auto rules = entitlementRules();
+  if (!peerIsEntitled(peer, {entitlements::service})) {
     KELVANE_ERROR("%s Connection is not entitled!", checkinName);
+    refusals_.tellLack(checkinName, "check-in", peer, entitlements::service);
     return;
   }
   if (const auto error = whyTooMuchToKeep(identifier, info[keys::notifications])) {
     reply({}, CheckinError{CheckinError::Cause::TooMuch, *error});
     return;
   }
-  const Checkin checkin = {identifier, endpoint, info, currentConnection().peer().userNumber()};
-  changeTable(checkin.user, [this, checkin, reply = std::move(reply)] {
+  const Checkin checkin = {identifier, endpoint, info, peer, rules};
+  changeTable(peer.userNumber(), [this, checkin, reply = std::move(reply)] {
     collection_queue().assertCurrent();
     checkIn(checkin, reply);
   });
@@ -56,7 +69,14 @@ std::optional<std::uint32_t> ClientInterface::ownerOf(const std::string& identif
 }
 
 void ClientInterface::checkIn(const Checkin& checkin, const CheckinReply& reply) {
-  const auto& [identifier, endpoint, info, user] = checkin;
+  const std::string& identifier = checkin.identifier;
+  const Value& info = checkin.info;
+  const std::uint32_t user = checkin.peer.userNumber();
+  // They may have been read again while it waited.
+  if (checkin.rules != entitlementRules() && !peerMayServe(checkin.peer, identifier)) {
+    KELVANE_ERROR("%s Connection is not entitled!", blockName);
+    return;
+  }
   std::shared_ptr<KLService> record = services_.find(identifier);
   // Another user may have waited before this one, and nobody had checked in when they came.
   if (record && settings.ownedIdentifiers && record->owner().value_or(user) != user) {
@@ -79,7 +99,8 @@ std::shared_ptr<KLService> ClientInterface::connectService(const Checkin& checki
   const std::string& identifier = checkin.identifier;
   const auto record = std::make_shared<KLService>(identifier);
   record->setEndpoint(checkin.endpoint);
-  record->setOwner(checkin.user);
+  record->setOwner(checkin.peer.userNumber());
+  record->setCheckedInBy(checkin.peer);
   const ipc::Connection connection = ipc::Connection::toEndpoint(checkin.endpoint);
   record->setVexConn(connection);
   services_.set(record);
@@ -107,6 +128,23 @@ std::shared_ptr<KLService> ClientInterface::connectService(const Checkin& checki
   // Without a limit in the settings, a service that never answers holds the collection queue for good.
   pingService(proxy);
   return record;
+}
+
+void ClientInterface::endUnentitledServices() {
+  // After those that have been checked in by the rules from before.
+  collection_queue().async([this] {
+    collection_queue().assertCurrent();
+    // Elsewhere, as what rules ask for may be on a disk that does not answer.
+    globalQueue::async([services = services_.snapshot()] {
+      for (const auto& [identifier, record] : *services) {
+        if (record->vexConn() && !record->vexConn()->hasEnded() && !mayStillServe(*record)) {
+          KELVANE_ERROR("%s the rules do not let %@ be a service any more: %@", endName, identifier,
+                        record->checkedInBy()->description());
+          record->vexConn()->invalidate();
+        }
+      }
+    });
+  });
 }
 
 void ClientInterface::removeService(const std::string& identifier, const std::weak_ptr<KLService>& record) {

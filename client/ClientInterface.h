@@ -15,10 +15,12 @@
 #include "operations/SharedRegistry.h"
 #include "platform/Preferences.h"
 #include "protocols/Keys.h"
+#include "support/Entitlements.h"
 #include "support/FairQueue.h"
 #include "support/KelvaneExportedObject.h"
 #include "support/KelvaneServiceProxy.h"
 #include "support/LiveServiceTable.h"
+#include "support/Refusals.h"
 
 namespace kelvane {
 
@@ -75,6 +77,9 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   virtual void notifyRecipients(const std::string& name, const Value& value) = 0;
   virtual bool pingService(const KelvaneServiceProxy& proxy) = 0;
 
+  /// Cuts off the services that may not check in any more, by the rules as they are now. Returns at once.
+  void endUnentitledServices();
+
   /// To be called once at most, before anybody asks.
   void setUserDefaults(std::unique_ptr<PreferencesSuite> suite) KELVANE_NO_THREAD_SAFETY_ANALYSIS;
 
@@ -82,6 +87,8 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
   std::unique_ptr<PreferencesSuite> userDefaults_;
   /// State values that hold until others are set; never stored.
   const Value default_values_ = Value::Dictionary{{keys::cacheEnabled, true}};
+
+  Refusals refusals_;
 
   // What waits for these queues while the settings have users take turns.
   FairQueue fairPurges_{queues_.purge_queue};
@@ -97,12 +104,13 @@ class ClientInterface : public SharedRegistry, public KelvaneExportedObject {
       KELVANE_GUARDED_BY(queues_.collection_queue);
 
  private:
-  /// What a check-in brings, and the number of the user whose it is.
+  /// What a check-in brings, whose it is, and the rules that allowed it.
   struct Checkin {
     std::string identifier;
     ipc::Endpoint endpoint;
     Value info;
-    std::uint32_t user;
+    ipc::Peer peer;
+    std::shared_ptr<const EntitlementRules> rules;
   };
   /// Has the service table changed on its queue, for a user or for the daemon itself; by turns where the settings say
   /// so.

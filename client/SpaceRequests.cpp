@@ -31,6 +31,7 @@ void ClientInterface::answerSpaceRequest(const char* name, const char* entitleme
     result = (this->*work)(info, currentConnection());
   } else {
     KELVANE_ERROR("%s Connection is not entitled!", name);
+    refusals_.tellLack(name, "request", currentConnection().peer(), entitlement);
   }
   globalQueue::async([result, replyBlock] { replyBlock(result); });
 }

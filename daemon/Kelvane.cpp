@@ -57,6 +57,11 @@ Kelvane::~Kelvane() {
   setSharedKelvane(nullptr);
 }
 
+void Kelvane::readRulesAgain() {
+  listener_->readRulesAgain();
+  endUnentitledServices();
+}
+
 ServiceTable Kelvane::mutableServices() const {
   return *copyServices();
 }

@@ -26,6 +26,10 @@ class Kelvane final : public ClientInterface {
 
   static Kelvane& sharedKelvane() { return static_cast<Kelvane&>(SharedRegistry::sharedKelvane()); }
 
+  /// Reads the entitlement rules again, and ends the connections of clients and services that they leave out. Blocks
+  /// while it reads.
+  void readRulesAgain();
+
   /// Calls the block with every property-list dictionary found in a file beneath the directory, in name
   /// order. Other files are logged or skipped.
   static void scanPlistsAtPath(const std::string& directory, const std::function<void(const Value&)>& execBlock);

@@ -55,7 +55,15 @@ void handleFileSystemEvent(const Value& event) {
   Kelvane::sharedKelvane().handleVFSStreamVEXEvent(event);
 }
 
+void readConfigurationAgain() {
+  const Transaction transaction;
+  configureSettings();
+  Kelvane::sharedKelvane().readRulesAgain();
+  KELVANE_TRACE("%s has read the settings and the rules again", mainName);
+}
+
 void start() {
+  setReloadHandler(readConfigurationAgain);
   const Transaction transaction;
   configureLog();
   configureSettings();

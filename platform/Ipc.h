@@ -198,6 +198,9 @@ class Listener {
   static Listener anonymous(const Interface& interface, RequestHandler handler);
 
   void setAdmission(Admission admission) const;
+  /// Has the admission decide again about everybody it has admitted, and about those it is deciding about. Whom it
+  /// refuses now is cut off, and what of theirs has not been delivered never is. Returns at once.
+  void readmit() const;
   /// Runs when a connection of this listener has ended, as its interruption handler would.
   void setDisconnectHandler(std::function<void(const Connection&)> handler) const;
   /// Starts serving. For a named listener, an error's text when the name cannot be listened on.

@@ -131,8 +131,10 @@ inline constexpr int damagedPreferences = 8;
 inline constexpr std::size_t logMessageBytes = 64 * 1024;
 /// Of a service's answer in a message that is not tracing.
 inline constexpr std::size_t shownReplyBytes = 1024;
-/// Connections that are refused one after the other are told of at most so often.
+/// What one user is refused for the same reason again and again is told of at most so often.
 inline constexpr std::chrono::seconds refusalLogInterval{60};
+/// Users and reasons that are told apart there; for the rest users are not.
+inline constexpr std::size_t toldRefusals = 256;
 
 // The directory cache's configuration
 inline constexpr std::size_t cacheDirectories = 64;

@@ -52,6 +52,10 @@ void outliveFileSizeLimit();
 
 /// Has handler called for SIGTERM, on whichever thread the signal finds; it may do only what signal handlers may.
 void installTerminationHandler(void (*handler)(int signal));
+/// Has handler called on the main thread, in the main loop, whenever the process is asked to read its configuration
+/// again (SIGHUP); for what it is asked while the handler runs, once more. The service manager is told of the beginning
+/// and the end. To be called before there are other threads, for any of them might get the signal.
+void setReloadHandler(std::function<void()> handler);
 /// Ends the process at once with this status; nothing is flushed. Safe in a signal handler.
 [[noreturn]] void exitImmediately(int status);
 

@@ -6,6 +6,7 @@
 #include <array>
 
 #include "protocols/KelvaneClientProtocol.h"
+#include "protocols/Names.h"
 #include "support/AtomicProperty.h"
 #include "support/KelvaneLog.h"
 #include "support/Pattern.h"
@@ -190,6 +191,10 @@ void setEntitlementRules(EntitlementRules rules) {
   currentRules().store(std::make_shared<const EntitlementRules>(std::move(rules)));
 }
 
+std::shared_ptr<const EntitlementRules> entitlementRules() {
+  return currentRules().load();
+}
+
 bool connectionIsEntitled(const ipc::Connection& connection, const std::vector<std::string>& entitlements) {
   return peerIsEntitled(connection.peer(), entitlements);
 }
@@ -203,6 +208,11 @@ bool peerIsEntitled(const ipc::Peer& peer, const std::vector<std::string>& entit
 bool peerMayCall(const ipc::Peer& peer, const RuledCall& call) {
   const auto rules = currentRules().load();
   return !rules || rules->allow(peer, call);
+}
+
+bool peerMayServe(const ipc::Peer& peer, const std::string& identifier) {
+  return peerIsEntitled(peer, {entitlements::client, entitlements::service}) &&
+         peerMayCall(peer, {.member = KelvaneClientProtocol::clientCheckin.member, .identifier = identifier});
 }
 
 }  // namespace kelvane

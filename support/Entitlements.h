@@ -67,8 +67,10 @@ class EntitlementRules {
   std::vector<EntitlementRule> rules_;
 };
 
-/// Makes the rules that connectionIsEntitled goes by; without it nobody holds anything.
+/// Makes the rules that the functions below go by from now on; without it nobody holds anything.
 void setEntitlementRules(EntitlementRules rules);
+/// Those rules; null before they have been set. While somebody holds them, no others are at the same place.
+std::shared_ptr<const EntitlementRules> entitlementRules();
 
 /// Whether the process at the other end of the connection holds every one of the entitlements. Reads files
 /// of the process; any thread may call it.
@@ -76,5 +78,7 @@ bool connectionIsEntitled(const ipc::Connection& connection, const std::vector<s
 bool peerIsEntitled(const ipc::Peer& peer, const std::vector<std::string>& entitlements);
 /// As the rules have it; nothing is left out while there are none. Reads files of the process; any thread may call it.
 bool peerMayCall(const ipc::Peer& peer, const RuledCall& call);
+/// Whether the peer may connect, and check in as this service.
+bool peerMayServe(const ipc::Peer& peer, const std::string& identifier);
 
 }  // namespace kelvane

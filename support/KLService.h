@@ -18,7 +18,7 @@ namespace kelvane {
 
 /// One service that the daemon knows, from a description or because it checked in. The registry's service
 /// table owns it; snapshots and running operations hold it as long as they need it. The flags and the
-/// notifications change while others read them, each atomically; the endpoint and the connection are set
+/// notifications change while others read them, each atomically; the endpoint, the connection and whose they are is set
 /// before the record is shared.
 class KLService : public std::enable_shared_from_this<KLService> {
  public:
@@ -51,6 +51,9 @@ class KLService : public std::enable_shared_from_this<KLService> {
 
   const std::optional<ipc::Endpoint>& endpoint() const { return endpoint_; }
   void setEndpoint(ipc::Endpoint endpoint) { endpoint_ = std::move(endpoint); }
+  /// Who checked in with the identifier; none in a record made from a description.
+  const std::optional<ipc::Peer>& checkedInBy() const { return checkedInBy_; }
+  void setCheckedInBy(ipc::Peer peer) { checkedInBy_ = std::move(peer); }
   /// The connection to the endpoint; none in a record made from a description.
   const std::optional<ipc::Connection>& vexConn() const { return vexConn_; }
   void setVexConn(ipc::Connection connection) { vexConn_ = std::move(connection); }
@@ -73,6 +76,7 @@ class KLService : public std::enable_shared_from_this<KLService> {
   static constexpr std::int64_t nobody = -1;
   std::atomic<std::int64_t> owner_ = nobody;
   std::optional<ipc::Endpoint> endpoint_;
+  std::optional<ipc::Peer> checkedInBy_;
   std::optional<ipc::Connection> vexConn_;
   const SerialQueue call_queue_{"com.tessaly.kelvane_service_call"};
   AtomicProperty<std::optional<ipc::Connection>> namedConnection_;

@@ -9,14 +9,13 @@
 #include <utility>
 
 #include "platform/Clock.h"
-#include "platform/Limits.h"
 #include "platform/Process.h"
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Names.h"
 #include "support/Entitlements.h"
 #include "support/KelvaneLog.h"
 #include "support/Pace.h"
-#include "support/RepeatedEvent.h"
+#include "support/Refusals.h"
 #include "support/Settings.h"
 
 namespace kelvane {
@@ -104,9 +103,10 @@ void awaitTurn(Pace& stateWrites, const ipc::Connection& connection) {
   }
 }
 
-void deliver(KelvaneExportedObject& object, Pace& stateWrites, const ipc::Request& request) {
+void deliver(KelvaneExportedObject& object, Pace& stateWrites, Refusals& refusals, const ipc::Request& request) {
   namespace protocol = KelvaneClientProtocol;
   if (!peerMayCall(request.connection.peer(), ruledCall(request))) {
+    refusals.tellLeftOut(resumeName, request.connection.peer(), request.operation.member);
     request.reply.sendError(accessDenied, "The entitlement rules allow no such call");
     return;
   }
@@ -146,15 +146,6 @@ void deliver(KelvaneExportedObject& object, Pace& stateWrites, const ipc::Reques
   }
 }
 
-/// Of so many connections refused since the last line, the last; nothing when there are none.
-void logRefusal(const ipc::Peer& peer, std::uint64_t count) {
-  if (count == 1) {
-    KELVANE_ERROR("%s refused a connection: %@", resumeName, peer.description());
-  } else if (count > 1) {
-    KELVANE_ERROR("%s refused %llu connections, the last: %@", resumeName, count, peer.description());
-  }
-}
-
 }  // namespace
 
 const ipc::Connection& currentConnection() {
@@ -171,29 +162,36 @@ std::unique_ptr<KelvaneListener> KelvaneListener::daemonListenerWithExportedObje
 }
 
 KelvaneListener::KelvaneListener(KelvaneExportedObject& object)
-    : listener_(ipc::Listener::named(names::daemon, KelvaneClientProtocol::interface,
-                                     [&object, stateWrites = std::make_shared<Pace>()](const ipc::Request& request) {
-                                       deliver(object, *stateWrites, request);
-                                     })) {}
+    : refusals_(std::make_shared<Refusals>()),
+      listener_(ipc::Listener::named(
+          names::daemon, KelvaneClientProtocol::interface,
+          [&object, stateWrites = std::make_shared<Pace>(), refusals = refusals_](const ipc::Request& request) {
+            deliver(object, *stateWrites, *refusals, request);
+          })) {}
 
 void KelvaneListener::addRequiredEntitlement(const std::string& entitlement) {
   requiredEntitlements_.push_back(entitlement);
 }
 
 void KelvaneListener::resume() {
-  const auto refusal = std::make_shared<RepeatedEvent>(limits::refusalLogInterval);
-  listener_.setAdmission([required = requiredEntitlements_, refusal](const ipc::Peer& peer) {
-    const bool entitled = peerIsEntitled(peer, required);
-    if (!entitled) {
-      logRefusal(peer, refusal->happened());
+  listener_.setAdmission([required = requiredEntitlements_, refusals = refusals_](const ipc::Peer& peer) {
+    const auto lacking = std::ranges::find_if(
+        required, [&peer](const std::string& entitlement) { return !peerIsEntitled(peer, {entitlement}); });
+    if (lacking != required.end()) {
+      refusals->tellLack(resumeName, "connection", peer, *lacking);
     }
-    return entitled;
+    return lacking == required.end();
   });
   if (const auto error = listener_.resume()) {
     // Whatever the log's threshold: these are the process's last words.
     writeLog(errorLevel, "%s unable to listen: %@", resumeName, *error);
     exitImmediately(EXIT_FAILURE);
   }
+}
+
+void KelvaneListener::readRulesAgain() {
+  setEntitlementRules(EntitlementRules::read());
+  listener_.readmit();
 }
 
 }  // namespace kelvane

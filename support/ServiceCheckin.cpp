@@ -30,6 +30,10 @@ Value checkinInfo(const KelvaneServiceConfiguration& configuration) {
   return info;
 }
 
+std::string lackOf(const std::string& entitlement) {
+  return "this process lacks " + entitlement + "; a rule in /etc/kelvane/entitlements.d gives it";
+}
+
 }  // namespace
 
 /// One check-in and the endpoint that it was made with. Shared with the handlers that tell what became of it.
@@ -116,7 +120,10 @@ std::shared_ptr<ServiceCheckin::Attempt> ServiceCheckin::begin() const {
   attempt->daemon
       ->remoteProxy([weak](const std::optional<ipc::CallError>& lost) {
         if (const auto self = weak.lock()) {
-          self->fail(lost ? lost->text : "the connection was lost");
+          const bool isRefused = lost && lost->cause == ipc::CallError::Cause::NotAdmitted;
+          self->fail(isRefused ? "the daemon closed the connection: " + lackOf(entitlements::client)
+                     : lost    ? lost->text
+                               : "the connection was lost");
         }
       })
       .callForOutcome(KelvaneClientProtocol::clientCheckin, {Value(identifier_), *endpoint, info_},
@@ -158,7 +165,7 @@ void ServiceCheckin::await(const Attempt& attempt) {
   if (attempt.failed) {
     report(errorLevel, "cannot check in: " + attempt.error.load());
   } else if (!attempt.answered) {
-    report(errorLevel, "the daemon did not answer the check-in; is this process entitled to be a service?");
+    report(errorLevel, "the daemon did not answer the check-in: " + lackOf(entitlements::service));
   } else if (attempt.used) {
     report(errorLevel, "the daemon closed its connection; checking in again");
   } else if (!isSettled) {

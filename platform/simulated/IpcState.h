@@ -181,6 +181,8 @@ struct ipc::Listener::State : std::enable_shared_from_this<ipc::Listener::State>
   std::shared_ptr<Connection::State> accept(const simulated::PeerTraits& peer);
   /// On the event loop: joins a connection to this listener, if it admits it.
   void admit(const std::shared_ptr<Connection::State>& connection);
+  /// On the event loop: cuts off whom it would not admit now.
+  void readmit();
   /// Gives up the name and all connections, without a handler.
   void close();
 };

@@ -115,6 +115,23 @@ void Listener::State::admit(const std::shared_ptr<Connection::State>& connection
   connection->sendUnsent();
 }
 
+void Listener::State::readmit() {
+  if (!admission) {
+    return;
+  }
+  for (const std::shared_ptr<Connection::State>& connection : std::vector(accepted)) {
+    bool admitted = true;
+    {
+      const simulated::MustNotBlock scope("an admission");
+      admitted = admission(Peer(std::make_shared<Peer::State>(Peer::State{connection->peer})));
+    }
+    if (!admitted) {
+      connection->requests.clear();
+      connection->invalidate();
+    }
+  }
+}
+
 Listener Listener::named(const std::string& name, const Interface& interface, RequestHandler handler) {
   Listener listener = anonymous(interface, std::move(handler));
   listener.state_->name = name;
@@ -129,6 +146,10 @@ Listener Listener::anonymous(const Interface& interface, RequestHandler handler)
 
 void Listener::setAdmission(Admission admission) const {
   state_->admission = std::move(admission);
+}
+
+void Listener::readmit() const {
+  state_->network.post([state = state_] { state->readmit(); });
 }
 
 void Listener::setDisconnectHandler(std::function<void(const Connection&)> handler) const {

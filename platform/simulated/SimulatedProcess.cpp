@@ -45,6 +45,10 @@ struct ProcessCalls {
     process.terminationHandler_ = handler;
   }
 
+  static void setReloadHandler(Process& process, std::function<void()> handler) {
+    process.reloadHandler_ = std::move(handler);
+  }
+
   [[noreturn]] static void exit(Process& process, int status) {
     if (!process.exitStatus_) {
       process.exitStatus_ = status;
@@ -105,12 +109,25 @@ void Process::terminate() {
   }
 }
 
+void Process::reload() {
+  if (!reloadHandler_) {
+    fail("no reload handler");
+  }
+  const Semaphore returned(0);
+  globalQueue::async([&] {
+    reloadHandler_();
+    returned.signal();
+  });
+  returned.wait();
+}
+
 void Process::restart() {
   transactions_ = 0;
   remark_.clear();
   activities_.clear();
   streams_.clear();
   terminationHandler_ = nullptr;
+  reloadHandler_ = nullptr;
   exitStatus_.reset();
   supervisedQueues_.clear();
 }
@@ -155,6 +172,10 @@ int postNotification(const std::string& name) {
 
 void installTerminationHandler(void (*handler)(int signal)) {
   ProcessCalls::installTerminationHandler(simulated::world().process, handler);
+}
+
+void setReloadHandler(std::function<void()> handler) {
+  ProcessCalls::setReloadHandler(simulated::world().process, std::move(handler));
 }
 
 void holdStandardDescriptors() {}

@@ -39,6 +39,9 @@ class Process {
 
   /// Runs the termination handler on a thread of its own, and returns when it has returned or exited.
   void terminate();
+  bool hasReloadHandler() const { return reloadHandler_ != nullptr; }
+  /// Asks the process to read its configuration again, and returns when it has.
+  void reload();
   /// The status of the first exit. The thread that exits stops for good; the others go on.
   std::optional<int> exitStatus() const { return exitStatus_; }
 
@@ -62,6 +65,7 @@ class Process {
   int notificationStatus_ = 0;
   int notificationError_ = 0;
   void (*terminationHandler_)(int) = nullptr;
+  std::function<void()> reloadHandler_;
   WaitList terminated_;
   std::optional<int> exitStatus_;
   std::vector<std::string> supervisedQueues_;

@@ -91,7 +91,12 @@ TEST_F(ACheckIn, WithoutTheEntitlementIsNeverAnswered) {
     clock::sleepMicroseconds(60'000'000);
     EXPECT_FALSE(answer->arrived);
     EXPECT_FALSE(answer->failed);
-    EXPECT_EQ(log().texts(3), std::vector<std::string>{std::string(checkinName) + " Connection is not entitled!"});
+    EXPECT_EQ(log().texts(3),
+              (std::vector<std::string>{std::string(checkinName) + " Connection is not entitled!",
+                                        std::string(checkinName) +
+                                            " refused a check-in: pid 100, uid 1000 lacks SERVICE_ENTITLEMENT; a rule "
+                                            "in /etc/kelvane/entitlements.d gives it, such as { User = 1000; "
+                                            "Entitlements = (SERVICE_ENTITLEMENT); }"}));
     EXPECT_FALSE(recordOf("com.example.cache"));
     EXPECT_TRUE(service.calls().empty());
   });

@@ -4,6 +4,7 @@
 
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Keys.h"
+#include "protocols/Names.h"
 #include "tests/harness/DaemonTest.h"
 
 namespace kelvane::test {
@@ -11,6 +12,15 @@ namespace {
 
 Value purgeInfo(std::uint64_t amount) {
   return Value::Dictionary{{keys::volume, "/data"}, {keys::amount, amount}, {keys::urgency, 1}};
+}
+
+/// What the log is told of a request by the user of clientOf() that is the first to lack this entitlement.
+std::vector<std::string> refusal(const std::string& method, const std::string& entitlement) {
+  const std::string name = "-[Kelvane " + method + ":replyBlock:] ";
+  return {name + "Connection is not entitled!",
+          name + "refused a request: pid 100, uid 1000 lacks " + entitlement +
+              "; a rule in /etc/kelvane/entitlements.d gives it, such as { User = 1000; Entitlements = (" +
+              entitlement + "); }"};
 }
 
 class AClient : public DaemonTest {};
@@ -47,14 +57,12 @@ TEST_F(AClient, NeedsForEachKindOfQueryItsOwnEntitlement) {
     const TestClient itemizing = clientOf("itemizing");
     EXPECT_TRUE(itemizing.purgeableSpace(info).isAbsent());
     EXPECT_EQ(service.count("servicePurgeable 3"), 0u);
-    EXPECT_EQ(log().texts(3),
-              std::vector<std::string>{"-[Kelvane clientPurgeableSpace:replyBlock:] Connection is not entitled!"});
+    EXPECT_EQ(refusal("clientPurgeableSpace", entitlements::purgeable), log().texts(3));
     EXPECT_EQ(itemizing.itemizedPurgeableSpace(info), clientOf("client").purgeableSpace(info));
 
     log().clear();
     EXPECT_TRUE(clientOf("partial").itemizedPurgeableSpace(info).isAbsent());
-    EXPECT_EQ(log().texts(3), std::vector<std::string>{
-                                  "-[Kelvane clientItemizedPurgeableSpace:replyBlock:] Connection is not entitled!"});
+    EXPECT_EQ(refusal("clientItemizedPurgeableSpace", entitlements::itemizedPurgeable), log().texts(3));
   });
 }
 
@@ -66,8 +74,7 @@ TEST_F(AClient, WithoutTheEntitlementIsAnsweredWithNoneAndNothingIsPurged) {
     EXPECT_TRUE(clientOf("partial").purge(purgeInfo(100)).isAbsent());
     EXPECT_EQ(clock::ticks(), start);
     EXPECT_EQ(service.count("servicePurge 1"), 0u);
-    EXPECT_EQ(log().texts(3),
-              std::vector<std::string>{"-[Kelvane clientPurge:replyBlock:] Connection is not entitled!"});
+    EXPECT_EQ(refusal("clientPurge", entitlements::purge), log().texts(3));
   });
 }
 

@@ -11,6 +11,7 @@
 
 #include "protocols/KelvaneClientProtocol.h"
 #include "protocols/Keys.h"
+#include "support/Settings.h"
 #include "tests/harness/BeforeEachMessage.h"
 #include "tests/harness/DaemonTest.h"
 
@@ -45,6 +46,26 @@ TEST_F(TheDaemon, TellsHowItStarts) {
     EXPECT_TRUE(simulation->process().hasActivity("com.tessaly.Kelvane.daily"));
     EXPECT_TRUE(simulation->process().hasEventStream("com.tessaly.dispatch.vfs"));
     EXPECT_EQ(simulation->process().supervisedQueues(), std::vector<std::string>{"com.tessaly.kelvane_cancel"});
+  });
+}
+
+TEST_F(TheDaemon, ReadsItsSettingsAndRulesAgainWhenItIsAskedTo) {
+  start([&] {
+    EXPECT_FALSE(settings.endPassesEarly);
+    EXPECT_EQ(TestClient().setState("a", 1), std::nullopt);
+    simulation->files().write("/etc/kelvane/kelvaned.plist", "{ EndPassesEarly = YES; }");
+    simulation->files().remove("/etc/kelvane/entitlements.d/test.plist");
+    int during = 0;
+    const BeforeEachMessage hook([&](std::string_view) { during = simulation->process().transactions(); });
+    simulation->process().reload();
+    EXPECT_TRUE(settings.endPassesEarly);
+    EXPECT_TRUE(log().contains("main has read the settings and the rules again"));
+    EXPECT_EQ(during, 1);
+    EXPECT_EQ(simulation->process().transactions(), 0);
+    EXPECT_NE(TestClient().setState("a", 1), std::nullopt);
+    simulation->files().remove("/etc/kelvane/kelvaned.plist");
+    simulation->process().reload();
+    EXPECT_FALSE(settings.endPassesEarly);
   });
 }
 

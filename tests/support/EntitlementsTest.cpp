@@ -405,6 +405,23 @@ TEST_F(ARestrictedRule, ThatIsNotUnderstoodGrantsNothing) {
   });
 }
 
+TEST_F(ARestrictedRule, LetsAServiceServeUnderTheIdentifiersThatItsPatternsFit) {
+  run([&] {
+    const auto serves = [&](const std::string& entitlements) {
+      write("<dict>" + text("User", "alice") + "<key>Entitlements</key><array>" + entitlements + "</array>" +
+            names("Identifiers", {"com.example.*"}) + "</dict>");
+      setEntitlementRules(EntitlementRules::read());
+      const ipc::Peer peer = connectionTo(alice).peer();
+      return std::pair(peerMayServe(peer, "com.example.a"), peerMayServe(peer, "com.other.a"));
+    };
+    const std::string client = "<string>CLIENT_ENTITLEMENT</string>";
+    const std::string service = "<string>SERVICE_ENTITLEMENT</string>";
+    EXPECT_EQ(serves(client + service), std::pair(true, false));
+    EXPECT_EQ(serves(client), std::pair(false, false));
+    EXPECT_EQ(serves(service), std::pair(false, false));
+  });
+}
+
 TEST_F(AnEntitlementRule, HoldsUntilTheRulesAreReadAnew) {
   run([&] {
     write(granting(text("User", "alice")));

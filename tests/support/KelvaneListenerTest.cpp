@@ -111,7 +111,9 @@ TEST_F(TheListener, AdmitsThoseWhoHoldTheRequiredEntitlement) {
     EXPECT_FALSE(isServed("nobody"));
     EXPECT_EQ(object.calls.size(), 3u);
     EXPECT_EQ(log().texts(3),
-              std::vector<std::string>{"-[KelvaneListener resume] refused a connection: pid 100, uid 1000"});
+              std::vector<std::string>{"-[KelvaneListener resume] refused a connection: pid 100, uid 1000 lacks "
+                                       "CLIENT_ENTITLEMENT; a rule in /etc/kelvane/entitlements.d gives it, such as { "
+                                       "User = 1000; Entitlements = (CLIENT_ENTITLEMENT); }"});
   });
 }
 
@@ -174,26 +176,24 @@ TEST_F(TheListener, RefusesWhatTheRulesLeaveOutBeforeTheObjectIsAsked) {
     EXPECT_TRUE(get->value.isAbsent());
     EXPECT_TRUE(query->value.isAbsent());
     EXPECT_EQ(object.calls.size(), 3u);
+    EXPECT_EQ(log().count("-[KelvaneListener resume] refused a request: pid 100, uid 1000 meets no rule that allows "
+                          "this clientSetState; a rule in /etc/kelvane/entitlements.d does whose Members, Identifiers "
+                          "and StateKeys do not leave it out"),
+              1u);
+    EXPECT_EQ(log().texts(3).size(), 4u);
   });
 }
 
 TEST_F(TheListener, CountsTheRefusedWhenTheyAreMany) {
   serve({entitlements::client}, [&] {
-    const auto refuse = [&](int times) {
-      for (int time = 0; time < times; ++time) {
-        EXPECT_FALSE(isServed("nobody"));
-      }
-    };
-    refuse(100);
-    EXPECT_EQ(log().texts(3),
-              std::vector<std::string>{"-[KelvaneListener resume] refused a connection: pid 100, uid 1000"});
+    for (int time = 0; time < 100; ++time) {
+      EXPECT_FALSE(isServed("nobody"));
+    }
+    EXPECT_EQ(log().texts(3).size(), 1u);
     simulation->advance(limits::refusalLogInterval);
-    refuse(2);
+    EXPECT_FALSE(isServed("nobody"));
+    EXPECT_EQ(log().count("-[KelvaneListener resume] refused 100 connections, the last: pid 100, uid 1000 lacks"), 1u);
     EXPECT_EQ(log().texts(3).size(), 2u);
-    EXPECT_EQ(log().texts(3).back(), "-[KelvaneListener resume] refused 100 connections, the last: pid 100, uid 1000");
-    simulation->advance(limits::refusalLogInterval);
-    refuse(1);
-    EXPECT_EQ(log().texts(3).back(), "-[KelvaneListener resume] refused 2 connections, the last: pid 100, uid 1000");
   });
 }
 
@@ -213,10 +213,58 @@ TEST_F(TheListener, ServesNobodyBeforeItIsResumed) {
   });
 }
 
-TEST_F(TheListener, GoesByTheRulesOfTheTimeItWasMade) {
-  serve({entitlements::client}, [&] {
-    simulation->files().remove("/etc/kelvane/entitlements.d/test.plist");
+TEST_F(TheListener, GoesByTheRulesThatWereReadLast) {
+  run([&] {
+    writeEntitlements(*simulation);
+    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+    listener->addRequiredEntitlement(entitlements::client);
+    listener->resume();
+    simulation->files().write("/etc/kelvane/entitlements.d/test.plist",
+                              "{ User = nobody; Entitlements = (CLIENT_ENTITLEMENT); }");
     EXPECT_TRUE(isServed("partial"));
+    EXPECT_FALSE(isServed("nobody"));
+    listener->readRulesAgain();
+    EXPECT_FALSE(isServed("partial"));
+    EXPECT_TRUE(isServed("nobody"));
+  });
+}
+
+TEST_F(TheListener, CutsOffWhomRulesThatAreReadAgainDoNotAdmit) {
+  run([&] {
+    writeEntitlements(*simulation);
+    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+    listener->addRequiredEntitlement(entitlements::client);
+    listener->resume();
+    const TestClient partial = clientOf("partial");
+    const TestClient client = clientOf("client");
+    EXPECT_TRUE(askToPurge(partial)->arrived);
+    EXPECT_TRUE(askToPurge(client)->arrived);
+    simulation->files().write("/etc/kelvane/entitlements.d/test.plist",
+                              "{ User = client; Entitlements = (CLIENT_ENTITLEMENT); }");
+    listener->readRulesAgain();
+    simulation->settle();
+    EXPECT_TRUE(partial.connection().hasEnded());
+    EXPECT_TRUE(askToPurge(partial)->failed);
+    EXPECT_TRUE(askToPurge(client)->arrived);
+    EXPECT_EQ(log().texts(3).size(), 1u);
+    EXPECT_EQ(log().count("refused a connection: pid 100, uid 1000 lacks CLIENT_ENTITLEMENT"), 1u);
+  });
+}
+
+TEST_F(TheListener, CutsEverybodyOffWhenTheRulesCannotBeReadAgainAndSaysSo) {
+  run([&] {
+    writeEntitlements(*simulation);
+    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+    listener->addRequiredEntitlement(entitlements::client);
+    listener->resume();
+    const TestClient client = clientOf("client");
+    EXPECT_TRUE(askToPurge(client)->arrived);
+    simulation->files().makeUnreadable("/etc/kelvane/entitlements.d/test.plist");
+    listener->readRulesAgain();
+    simulation->settle();
+    EXPECT_TRUE(client.connection().hasEnded());
+    EXPECT_EQ(
+        log().count("unable to read /etc/kelvane/entitlements.d/test.plist: Permission denied; it grants nothing"), 1u);
   });
 }
 

@@ -142,8 +142,8 @@ TEST_F(TheLog, TellsOfAFileThatCannotBeUsedAndNotOfOneThatIsMissing) {
   ASSERT_EQ(simulation.log().texts(3).size(), 1u);
   EXPECT_EQ(simulation.log().texts(3)[0].find("configureLog unable to read /etc/kelvane/log.plist: "), 0u);
   simulation.log().clear();
-  simulation.files().makeLink(configurationPath, "/nowhere");
   setThreshold(0);
+  simulation.files().makeLink(configurationPath, "/nowhere");
   configureLog();
   EXPECT_EQ(simulation.log().texts(3),
             std::vector<std::string>{"configureLog unable to read /etc/kelvane/log.plist: A symbolic link leads "

@@ -181,10 +181,26 @@ TEST(AServiceThatChecksIn, TriesAgainWhenItIsNotEntitledAndSaysSoOnce) {
     service.start();
     simulation.advance(seconds(100));
     EXPECT_GE(daemon.checkins.size(), 9U);
-    EXPECT_EQ(simulation.log().count("is this process entitled"), 1U);
+    EXPECT_EQ(simulation.log().count("the daemon did not answer the check-in: this process lacks SERVICE_ENTITLEMENT; "
+                                     "a rule in /etc/kelvane/entitlements.d gives it"),
+              1U);
     daemon.answer = Answer::Accept;
     simulation.advance(seconds(31));
     EXPECT_EQ(daemon.answered, 1);
+  });
+}
+
+TEST(AServiceThatChecksIn, SaysWhatItLacksWhenTheDaemonDoesNotTalkToIt) {
+  withService({.identifier = identifier}, [](Simulation& simulation, ScriptedDaemon&, TestedService& service) {
+    const auto daemon =
+        ipc::Listener::named(names::daemon, KelvaneClientProtocol::interface, [](const ipc::Request&) {});
+    daemon.setAdmission([](const ipc::Peer&) { return false; });
+    ASSERT_FALSE(daemon.resume());
+    service.start();
+    simulation.advance(seconds(100));
+    EXPECT_EQ(simulation.log().count("cannot check in: the daemon closed the connection: this process lacks "
+                                     "CLIENT_ENTITLEMENT; a rule in /etc/kelvane/entitlements.d gives it"),
+              1U);
   });
 }
 

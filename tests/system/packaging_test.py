@@ -51,6 +51,9 @@ class Installation(unittest.TestCase):
         result = run("cmake", "--install", BUILD, "--prefix=/usr", env={**os.environ, "DESTDIR": directory.name})
         if result.returncode != 0:
             raise RuntimeError(result.stderr)
+        # The system's own, by which a unit may run things.
+        (cls.root / "bin").mkdir()
+        (cls.root / "bin/sh").touch(mode=0o755)
 
     def installed(self, name):
         """The one file of this name."""
@@ -126,6 +129,9 @@ class Installation(unittest.TestCase):
     def test_has_a_daemon_that_is_started_again_whatever_ends_it(self):
         self.assertLessEqual({"Type=notify", "Restart=always", "StartLimitIntervalSec=0", "WatchdogSec=5min",
                               "WatchdogSignal=SIGKILL"}, set(self.unit("kelvaned.service")))
+
+    def test_has_a_daemon_that_reads_its_rules_again_when_it_is_asked_to(self):
+        self.assertIn("ExecReload=/bin/sh -c 'kill -HUP $MAINPID'", self.unit("kelvaned.service"))
 
     def test_has_a_daily_maintenance_that_is_made_up_for(self):
         self.assertLessEqual({"OnCalendar=daily", "Persistent=true", "WantedBy=timers.target"},

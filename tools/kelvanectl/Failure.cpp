@@ -6,7 +6,7 @@ namespace kelvane::ctl {
 
 std::string lacksEntitlement(std::string_view name) {
   return "you lack " + std::string(name) +
-         "; root has it, or a rule in /etc/kelvane/entitlements.d that the daemon finds when it starts gives it";
+         "; root has it, or a rule in /etc/kelvane/entitlements.d gives it, after systemctl reload kelvaned";
 }
 
 namespace {

@@ -101,6 +101,10 @@ void Listener::setAdmission(Admission admission) const {
   state_->post([admission = std::move(admission)](ListenerCore& core) { core.setAdmission(admission); });
 }
 
+void Listener::readmit() const {
+  state_->post([](ListenerCore& core) { core.readmit(); });
+}
+
 void Listener::setDisconnectHandler(std::function<void(const Connection&)> handler) const {
   state_->post([handler = std::move(handler)](ListenerCore& core) { core.setDisconnectHandler(handler); });
 }

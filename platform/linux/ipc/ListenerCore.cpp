@@ -5,6 +5,8 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <utility>
+#include <vector>
 
 #include "platform/Queues.h"
 #include "platform/linux/ipc/Channel.h"
@@ -32,6 +34,22 @@ ListenerCore::ListenerCore(const Interface& interface, RequestHandler handler)
 
 void ListenerCore::setAdmission(Listener::Admission admission) {
   admission_ = admission ? std::make_shared<const Listener::Admission>(std::move(admission)) : nullptr;
+}
+
+void ListenerCore::readmit() {
+  ++readmissions_;
+  if (admission_ == nullptr) {
+    return;
+  }
+  globalQueue::async([self = shared_from_this(), admission = admission_,
+                      channels = std::vector<std::shared_ptr<Channel>>(channels_.begin(), channels_.end())]() mutable {
+    std::erase_if(channels, [&](const auto& channel) { return (*admission)(Peer(channel->peer())); });
+    self->hub_.loop.post([refused = std::move(channels)] {
+      for (const auto& channel : refused) {
+        channel->end(Channel::End::Invalidation, "");
+      }
+    });
+  });
 }
 
 void ListenerCore::setDisconnectHandler(DisconnectHandler handler) {
@@ -118,7 +136,7 @@ void ListenerCore::consider(FileDescriptor socket) {
     serveAdmitted(std::move(socket));
     return;
   }
-  globalQueue::async([self = shared_from_this(), admission = admission_, peer,
+  globalQueue::async([self = shared_from_this(), admission = admission_, readmissions = readmissions_, peer,
                       socket = std::make_shared<FileDescriptor>(std::move(socket))] {
     const bool admitted = (*admission)(Peer(peer));
     peer->release();
@@ -126,11 +144,14 @@ void ListenerCore::consider(FileDescriptor socket) {
       const runtime::BlockedScope blocked;
       *socket = FileDescriptor();
     }
-    self->hub_.loop.post([self, admitted, user = peer->user(), socket] {
-      if (admitted && !self->isStopped_) {
+    self->hub_.loop.post([self, admitted, readmissions, user = peer->user(), socket] {
+      if (admitted && !self->isStopped_ && readmissions == self->readmissions_) {
         self->serveAdmitted(std::move(*socket));
-      } else {
-        self->hub_.quota.removeConnection(user);
+        return;
+      }
+      self->hub_.quota.removeConnection(user);
+      if (admitted && !self->isStopped_) {
+        self->consider(std::move(*socket));
       }
     });
   });

@@ -2,6 +2,7 @@
 // A listener's working half, on the event loop's thread.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <unordered_set>
@@ -28,6 +29,7 @@ class ListenerCore final : public std::enable_shared_from_this<ListenerCore>, pr
   const std::shared_ptr<const RequestHandler>& handler() const { return handler_; }
 
   void setAdmission(Listener::Admission admission);
+  void readmit();
   void setDisconnectHandler(DisconnectHandler handler);
   /// The socket is none for a listener that serves only the ends it is given.
   void start(std::optional<ListeningSocket> socket);
@@ -50,6 +52,8 @@ class ListenerCore final : public std::enable_shared_from_this<ListenerCore>, pr
   const Interface& interface_;
   std::shared_ptr<const RequestHandler> handler_;
   std::shared_ptr<const Listener::Admission> admission_;
+  /// How often all have been readmitted.
+  std::uint64_t readmissions_ = 0;
   std::shared_ptr<const DisconnectHandler> disconnectHandler_;
   std::optional<ListeningSocket> socket_;
   /// Ends from before start().

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the main thread does once everything is set up: nothing, but for running signal handlers.
+// What the main thread does once everything is set up: nothing, but for what signals ask for.
 #include <malloc.h>
-#include <unistd.h>
 
 #include "platform/Queues.h"
 #include "platform/linux/ipc/Readiness.h"
+#include "platform/linux/system/Reload.h"
 
 namespace kelvane {
 
@@ -20,7 +20,7 @@ namespace {
 void enterMainLoop() {
   announceReadiness();
   for (;;)
-    pause();
+    reload::fulfilNext();
 }
 
 }  // namespace kelvane

@@ -10,6 +10,10 @@ void notifyReady() {
   sd_notify(0, "READY=1");
 }
 
+void notifyReloading() {
+  sd_notify(0, "RELOADING=1");
+}
+
 void notifyStatus(unsigned transactions, const std::string& remark) {
   std::string status = "Idle";
   if (transactions > 0) {

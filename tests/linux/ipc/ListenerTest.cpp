@@ -9,6 +9,7 @@
 
 #include <fstream>
 
+#include "platform/Queues.h"
 #include "platform/linux/ipc/EventLoop.h"
 #include "platform/linux/ipc/ListeningSocket.h"
 #include "platform/linux/ipc/PrivateSockets.h"
@@ -135,6 +136,59 @@ TEST(AListener, ServesOnlyWhomItAdmits) {
   EXPECT_EQ(asked.take(), "pid " + std::to_string(getpid()) + ", uid " + std::to_string(getuid()));
   admits = true;
   EXPECT_EQ(RawClient(listener.path()).call("ping").error, "");
+}
+
+TEST(AListener, CutsOffWhomItDoesNotReadmit) {
+  test::Mailbox<const void*> ended;
+  std::atomic<int> refused = -1;
+  std::atomic<int> asked = 0;
+  SampleListener listener([](const ipc::Request& request) { request.reply.send(); });
+  // All are of one process, so it goes by how many have been asked about.
+  listener.listener().setAdmission([&](const ipc::Peer&) { return asked++ != refused; });
+  listener.listener().setDisconnectHandler(
+      [&](const ipc::Connection& connection) { ended.put(connection.identity()); });
+  listener.resume();
+  RawClient first(listener.path());
+  RawClient second(listener.path());
+  EXPECT_EQ(first.call("ping").error, "");
+  EXPECT_EQ(second.call("ping").error, "");
+  EXPECT_EQ(asked, 2);
+
+  listener.listener().readmit();
+  EXPECT_TRUE(test::eventually([&] { return asked == 4; }));
+  EXPECT_EQ(first.call("ping").error, "");
+  EXPECT_EQ(second.call("ping").error, "");
+
+  refused = 4;
+  listener.listener().readmit();
+  EXPECT_TRUE(ended.take());
+  test::settleEnds();
+  EXPECT_EQ(asked, 6);
+  EXPECT_EQ(ended.size(), 0U);
+  EXPECT_NE(first.call("ping").error.empty(), second.call("ping").error.empty());
+}
+
+TEST(AListener, DecidesAgainAboutWhomItWasDecidingAboutWhenItReadmits) {
+  test::Mailbox<bool> asking;
+  const Semaphore decided(0);
+  std::atomic<bool> hasChanged = false;
+  SampleListener listener([](const ipc::Request& request) { request.reply.send(); });
+  listener.listener().setAdmission([&](const ipc::Peer&) {
+    const bool admits = !hasChanged;
+    asking.put(admits);
+    if (admits) {
+      decided.wait();
+    }
+    return admits;
+  });
+  listener.resume();
+  const RawClient client(listener.path());
+  EXPECT_EQ(asking.take(), true);
+  hasChanged = true;
+  listener.listener().readmit();
+  test::settleEventLoop();
+  decided.signal();
+  EXPECT_EQ(asking.take(), false) << "it was admitted by what no longer held";
 }
 
 TEST(AListener, TellsOnceWhichConnectionHasEnded) {

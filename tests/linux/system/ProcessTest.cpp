@@ -17,8 +17,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "platform/linux/system/Handlers.h"
+#include "platform/linux/system/Reload.h"
 #include "platform/linux/system/ServiceManager.h"
 #include "tests/linux/testing/DatagramSocket.h"
 #include "tests/linux/testing/PrivateNamespace.h"
@@ -66,6 +68,30 @@ TEST_F(TheServiceManager, IsToldWhatThereIsToRemarkBesidesUntilThatIsOver) {
 TEST_F(TheServiceManager, IsToldThatTheProcessIsReady) {
   serviceManager::notifyReady();
   EXPECT_EQ(socket_.receiveBeginningWith("READY"), "READY=1");
+}
+
+TEST_F(TheServiceManager, IsToldWhenTheConfigurationIsReadAgain) {
+  std::thread([this] {
+    // Asked twice before it begins, it does it once; asked meanwhile, once more.
+    int times = 0;
+    setReloadHandler([&times] {
+      if (++times == 1) {
+        raise(SIGHUP);
+      }
+      remarkInStatus("read " + std::to_string(times) + " times");
+    });
+    raise(SIGHUP);
+    raise(SIGHUP);
+    for (const char* remark : {"read 1 times", "read 2 times"}) {
+      reload::fulfilNext();
+      EXPECT_EQ(socket_.receive(), "RELOADING=1");
+      EXPECT_EQ(socket_.receive(), std::string("STATUS=Idle; ") + remark);
+      EXPECT_EQ(socket_.receive(), "READY=1");
+    }
+    EXPECT_EQ(socket_.receive(0), "");
+  }).join();
+  remarkInStatus("");
+  setReloadHandler(nullptr);
 }
 
 TEST_F(TheServiceManager, WithoutAWatchdogIsNotFed) {
