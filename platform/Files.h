@@ -28,8 +28,9 @@ struct Error {
   /// There is nothing at the path, and no link that leads nowhere.
   bool isMissing = false;
 };
-/// A regular file's contents; an error for anything else (FIFOs and devices are not opened), for what
-/// cannot be read and for more than maximumBytes.
+/// The contents of a regular file of configuration. An error for anything else (FIFOs and devices are not opened), for
+/// what cannot be read, for more than maximumBytes, and for what others than root and the process's user may change:
+/// the file, or a directory or link on the way to it.
 [[nodiscard]] std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes);
 
 /// The one name without links, "." or ".." of what a path leads to. A failure when there is nothing, or it can't be

@@ -239,6 +239,26 @@ class WhatCannotBeRead(ReloadTest):
                          f"{ETC}/volumes.plist: {LINK_IS_TOLD}",
                          f"unable to list {ENTITLEMENTS}: {LINK_IS_TOLD}")
 
+    def test_is_told_of_what_others_may_change(self):
+        """Which does not count."""
+        (ETC / "kelvaned.plist").write_text("{ PingLimit = soon; }")
+        (ETC / "kelvaned.plist").chmod(0o666)
+        (ETC / "log.plist").symlink_to(DESCRIPTIONS / "log.plist")
+        DESCRIPTIONS.chmod(0o775)
+        self.addCleanup(DESCRIPTIONS.chmod, 0o755)
+        for file in (DESCRIPTIONS / "log.plist", DESCRIPTIONS / "a.plist", ETC / "volumes.plist"):
+            file.write_text("{}")
+        (ETC / "volumes.plist").chmod(0o664)
+        reason = "and configuration that others may change does not count"
+        daemon = self.log_at_start()
+        self.assert_told(
+            daemon,
+            f"unable to read {ETC}/kelvaned.plist: {ETC}/kelvaned.plist may be written to by everybody, {reason}",
+            f"unable to read {ETC}/log.plist: {DESCRIPTIONS} may be written to by its group, {reason}",
+            f"{ETC}/volumes.plist: {ETC}/volumes.plist may be written to by its group, {reason}; the defaults apply",
+            f"readTreeFromData failed: /{DESCRIPTIONS}//a.plist: {DESCRIPTIONS} may be written to by its group, {reason}")
+        self.assertNotIn("PingLimit", daemon.log())
+
     def test_is_told_of_what_the_daemon_may_not_read(self):
         (ETC / "kelvaned.plist").write_text("{}")
         (DESCRIPTIONS / "closed").mkdir()

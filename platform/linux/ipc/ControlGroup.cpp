@@ -14,6 +14,9 @@ std::string_view unitOfControlGroup(std::string_view path) {
       component.remove_prefix(component.starts_with('_') ? 1 : 0);
       return component;
     }
+    if (!component.ends_with(".slice")) {
+      return {};
+    }
   }
   return {};
 }

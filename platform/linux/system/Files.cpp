@@ -150,7 +150,7 @@ std::variant<Data, Error> read(const std::string& path, std::size_t maximumBytes
   auto contents = FileSystemProbe::shared().ask<Contents>(
       "reading " + path,
       [path, maximumBytes](FileSystemProbe::Visit& visit) -> Result<Contents> {
-        const auto walked = placeAt(visit, path);
+        const auto walked = configurationAt(visit, path);
         const auto* place = std::get_if<FileDescriptor>(&walked);
         return place != nullptr ? readPlace(*place, maximumBytes) : Contents(std::get<Error>(walked));
       },

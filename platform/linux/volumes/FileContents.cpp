@@ -26,6 +26,16 @@ std::optional<files::Error> typeError(const struct stat& status) {
   return S_ISDIR(status.st_mode) ? fileError(EISDIR) : files::Error{.text = "Not a regular file"};
 }
 
+std::variant<FileDescriptor, files::Error> placeAt(FileSystemProbe::Visit& visit, const std::string& path,
+                                                   WalkFindings& findings) {
+  auto place = walkTo(visit, path, &findings);
+  if (place) {
+    return *std::move(place);
+  }
+  return findings.leadsNowhere ? files::Error{.text = "A symbolic link leads nowhere"}
+                               : fileError(place.failure().number);
+}
+
 std::variant<Data, files::Error> readAll(int descriptor, std::size_t expectedBytes, std::size_t maximumBytes) {
   const files::Error tooLarge{.text = "Larger than " + std::to_string(maximumBytes) + " bytes"};
   if (expectedBytes > maximumBytes) {
@@ -64,12 +74,17 @@ files::Error fileError(int number) {
 }
 
 std::variant<FileDescriptor, files::Error> placeAt(FileSystemProbe::Visit& visit, const std::string& path) {
-  bool leadsNowhere = false;
-  auto place = walkTo(visit, path, &leadsNowhere);
-  if (place) {
-    return *std::move(place);
+  WalkFindings findings;
+  return placeAt(visit, path, findings);
+}
+
+std::variant<FileDescriptor, files::Error> configurationAt(FileSystemProbe::Visit& visit, const std::string& path) {
+  WalkFindings findings;
+  auto place = placeAt(visit, path, findings);
+  if (findings.stranger && std::holds_alternative<FileDescriptor>(place)) {
+    return files::Error{.text = *findings.stranger + ", and configuration that others may change does not count"};
   }
-  return leadsNowhere ? files::Error{.text = "A symbolic link leads nowhere"} : fileError(place.failure().number);
+  return place;
 }
 
 std::variant<Data, files::Error> readPlace(const FileDescriptor& place, std::size_t maximumBytes) {

@@ -20,6 +20,10 @@ namespace kelvane {
 /// made the link meant something to be there.
 [[nodiscard]] std::variant<FileDescriptor, files::Error> placeAt(FileSystemProbe::Visit& visit,
                                                                  const std::string& path);
+/// As placeAt(), of configuration: an error when somebody else than root and this process's user may change what is
+/// there, or what leads there.
+[[nodiscard]] std::variant<FileDescriptor, files::Error> configurationAt(FileSystemProbe::Visit& visit,
+                                                                         const std::string& path);
 
 /// As files::read, of a file that is open as no more than a place (O_PATH). It waits for the file system: for the
 /// probe's workers, once they have entered that.

@@ -11,9 +11,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <filesystem>
 #include <sstream>
+#include <system_error>
 #include <utility>
 #include <vector>
+
+#include "platform/linux/volumes/ChangeByOthers.h"
 
 namespace kelvane {
 
@@ -23,11 +27,14 @@ constexpr int mostLinks = 40;
 
 Result<FileIdentity> identityBy(int directory, const char* path, int flags) {
   struct statx status = {};
-  if (statx(directory, path, flags | AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT, STATX_TYPE | STATX_INO, &status) != 0) {
+  if (statx(directory, path, flags | AT_STATX_DONT_SYNC | AT_NO_AUTOMOUNT,
+            STATX_TYPE | STATX_MODE | STATX_UID | STATX_INO, &status) != 0) {
     return systemFailure("statx", path);
   }
-  return FileIdentity{
-      .device = makedev(status.stx_dev_major, status.stx_dev_minor), .inode = status.stx_ino, .mode = status.stx_mode};
+  return FileIdentity{.device = makedev(status.stx_dev_major, status.stx_dev_minor),
+                      .inode = status.stx_ino,
+                      .mode = status.stx_mode,
+                      .owner = status.stx_uid};
 }
 
 /// Puts a path's components on top of those that are left, the next one last.
@@ -54,6 +61,16 @@ Result<std::string> readLink(const FileDescriptor& link, const std::string& path
                     : std::string(text.data(), static_cast<std::size_t>(length));
 }
 
+void look(const FileDescriptor& place, WalkFindings& findings) {
+  const auto identity = identityOf(place);
+  const auto change = identity ? changeByOthers(*identity) : std::nullopt;
+  if (change && !findings.stranger) {
+    std::error_code ignored;
+    findings.stranger =
+        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(place.get()), ignored).string() + " " + *change;
+  }
+}
+
 }  // namespace
 
 Result<FileIdentity> identityOf(const FileDescriptor& file) {
@@ -75,7 +92,7 @@ Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileDescriptor& 
   return {};
 }
 
-Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path, bool* leadsNowhere) {
+Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path, WalkFindings* findings) {
   const auto start = [&path](bool isAbsolute) { return openPlace(AT_FDCWD, isAbsolute ? "/" : ".", path); };
   auto here = start(path.starts_with('/'));
   std::vector<std::string> left;
@@ -87,6 +104,9 @@ Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& 
     if (const auto entered = enterFileSystemOf(visit, *here, path); !entered) {
       return entered.failure();
     }
+    if (findings != nullptr) {
+      look(*here, *findings);
+    }
     if (left.empty()) {
       break;
     }
@@ -96,14 +116,17 @@ Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& 
     own = std::min(own, left.size());
     const auto identity = next ? identityOf(*next) : next.failure();
     if (!identity) {
-      if (leadsNowhere != nullptr) {
-        *leadsNowhere = isOfLink && identity.failure().number == ENOENT;
+      if (findings != nullptr) {
+        findings->leadsNowhere = isOfLink && identity.failure().number == ENOENT;
       }
       return identity.failure();
     }
     if (!S_ISLNK(identity->mode)) {
       here = std::move(next);
       continue;
+    }
+    if (findings != nullptr) {
+      look(*next, *findings);
     }
     const auto target = readLink(*next, path);
     if (!target || ++links > mostLinks) {

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 
 #include "platform/Result.h"
@@ -17,6 +18,7 @@ struct FileIdentity {
   dev_t device = 0;
   ino_t inode = 0;
   mode_t mode = 0;
+  uid_t owner = 0;
 
   bool isSame(const FileIdentity& other) const { return device == other.device && inode == other.inode; }
 };
@@ -29,11 +31,18 @@ struct FileIdentity {
 [[nodiscard]] Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileDescriptor& file,
                                          const std::string& path);
 
+/// What a walk has come across.
+struct WalkFindings {
+  /// It failed for want of something that a link on the way leads to.
+  bool leadsNowhere = false;
+  /// The first of all directories and links on the way, and of what they lead to, that others than root and this
+  /// process's user may change, and how they may, for people.
+  std::optional<std::string> stranger;
+};
 /// The file at a path, opened as no more than a place (O_PATH). Symbolic links are followed, and each file system on
-/// the way is entered before it is asked, the last one, too. leadsNowhere, if given, is set when it fails for want of
-/// something that a link on the way leads to.
+/// the way is entered before it is asked, the last one, too.
 [[nodiscard]] Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path,
-                                            bool* leadsNowhere = nullptr);
+                                            WalkFindings* findings = nullptr);
 
 /// What the path leads to, by way of the probe.
 [[nodiscard]] Result<FileIdentity> askIdentity(const std::string& path);

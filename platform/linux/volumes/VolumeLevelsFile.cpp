@@ -85,7 +85,7 @@ VolumeLevelsFile::Known& VolumeLevelsFile::known() {
 VolumeLevelsFile::VolumeLevelsFile() : VolumeLevelsFile(fileError(ETIMEDOUT)) {}
 
 VolumeLevelsFile VolumeLevelsFile::find(FileSystemProbe::Visit& visit) {
-  const auto walked = placeAt(visit, paths::volumeLevelsFile);
+  const auto walked = configurationAt(visit, paths::volumeLevelsFile);
   const auto* place = std::get_if<FileDescriptor>(&walked);
   if (place == nullptr) {
     return VolumeLevelsFile(std::get<files::Error>(walked));

@@ -157,12 +157,16 @@ TEST(AUnit, IsTheFirstThatAControlGroupsPathNames) {
   EXPECT_EQ(ipc::unitOfControlGroup("/"), "");
   EXPECT_EQ(ipc::unitOfControlGroup(""), "");
   EXPECT_EQ(ipc::unitOfControlGroup("/user.slice"), "");
+  EXPECT_EQ(ipc::unitOfControlGroup("/init.scope"), "init.scope");
 }
 
 TEST(AUnit, IsNotWhatAUsersOwnManagerCallsIt) {
   EXPECT_EQ(ipc::unitOfControlGroup("/user.slice/user-1000.slice/user@1000.service/app.slice/kelvane.service"),
             "user@1000.service");
   EXPECT_EQ(ipc::unitOfControlGroup("/machine.slice/box.scope/system.slice/kelvane.service"), "box.scope");
+  EXPECT_EQ(ipc::unitOfControlGroup("/containers/box/kelvane.service"), "");
+  EXPECT_EQ(ipc::unitOfControlGroup("/containers/box.slice/kelvane.service"), "");
+  EXPECT_EQ(ipc::unitOfControlGroup("/../kelvane.service"), "");
 }
 
 }  // namespace

@@ -128,6 +128,55 @@ TEST_F(Files, ThatCannotBeReadSayWhy) {
   EXPECT_EQ(readText("dangling"), "error: A symbolic link leads nowhere");
 }
 
+/// The error of a file that may be changed in this way.
+std::string changeable(const std::string& how) {
+  return "error: /mnt/files/" + how + ", and configuration that others may change does not count";
+}
+
+TEST_F(Files, ThatOthersMayWriteToAreRefused) {
+  writeFile(top_ + "/file", "text");
+  std::filesystem::create_symlink("file", top_ + "/link");
+  ASSERT_EQ(chmod((top_ + "/file").c_str(), 0620), 0);
+  EXPECT_EQ(readText("file"), changeable("file may be written to by its group"));
+  ASSERT_EQ(chmod((top_ + "/file").c_str(), 0602), 0);
+  EXPECT_EQ(readText("link"), changeable("file may be written to by everybody"));
+  ASSERT_EQ(chmod((top_ + "/file").c_str(), 0755), 0);
+  EXPECT_EQ(readText("link"), "text");
+}
+
+TEST_F(Files, BeneathADirectoryThatOthersMayWriteToAreRefusedUnlessEachMayRemoveOnlyWhatIsHis) {
+  std::filesystem::create_directories(top_ + "/real/inner");
+  writeFile(top_ + "/real/inner/file", "text");
+  std::filesystem::create_symlink("real/inner", top_ + "/link");
+  ASSERT_EQ(chmod((top_ + "/real").c_str(), 0777), 0);
+  EXPECT_EQ(readText("link/file"), changeable("real may be written to by everybody"));
+  EXPECT_EQ(readText("real/inner/missing"), "error: No such file or directory");
+  EXPECT_THAT(files::entriesBeneath(top_ + "/link").entries, ElementsAre("file"));
+  ASSERT_EQ(chmod((top_ + "/real").c_str(), 01777), 0);
+  EXPECT_EQ(readText("link/file"), "text");
+}
+
+TEST_F(Files, OfAnotherUserAreRefusedAndSoAreLinksAndDirectories) {
+  if (!test::isTrulyRoot()) {
+    // Others can have no files of somebody else's here; what looks at owners is the same code as for modes.
+    return;
+  }
+  std::filesystem::create_directories(top_ + "/directory/inner");
+  writeFile(top_ + "/directory/inner/file", "text");
+  std::filesystem::create_symlink("directory/inner/file", top_ + "/link");
+  const auto readAsOf = [&](uid_t user, const std::string& name) {
+    EXPECT_EQ(lchown((top_ + "/" + name).c_str(), user, 0), 0);
+    const std::string text = readText("link");
+    EXPECT_EQ(lchown((top_ + "/" + name).c_str(), 0, 0), 0);
+    return text;
+  };
+  for (const char* name : {"link", "directory", "directory/inner", "directory/inner/file"}) {
+    EXPECT_EQ(readAsOf(1000, name), changeable(std::string(name) + " belongs to user 1000"));
+    EXPECT_EQ(readAsOf(65534, name), changeable(std::string(name) + " belongs to user 65534"));
+  }
+  EXPECT_EQ(readAsOf(0, "link"), "text");
+}
+
 TEST_F(Files, AreMissingOnlyWhereNothingIsToBe) {
   std::filesystem::create_directory(top_ + "/directory");
   writeFile(top_ + "/file", "");

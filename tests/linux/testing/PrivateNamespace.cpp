@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -74,7 +75,9 @@ void restartAsRoot(char** arguments) {
   std::_Exit(WIFEXITED(status) ? WEXITSTATUS(status) : 1);
 }
 
-void prepareMounts() {
+void prepare() {
+  // Configuration that a group may write to does not count, and some have their shell let it.
+  umask(S_IWGRP | S_IWOTH);
   check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "making mounts private");
   for (const char* directory : {"/run", "/var/lib", "/etc", "/mnt"}) {
     check(mount("test", directory, "tmpfs", 0, "size=256m") == 0, directory);
@@ -115,7 +118,7 @@ int main(int count, char** arguments) {
     }
     restartAsUser(arguments);
   }
-  prepareMounts();
+  prepare();
   testing::InitGoogleTest(&count, arguments);
   return RUN_ALL_TESTS();
 }
