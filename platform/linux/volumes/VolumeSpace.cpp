@@ -28,7 +28,8 @@ Result<volumes::Space> readSpace(const VolumeMount& mount) {
   return volumes::Space{.size = std::uint64_t{status.f_blocks} * status.f_frsize,
                         .available = std::uint64_t{status.f_bavail} * status.f_frsize,
                         .free = std::uint64_t{status.f_bfree} * status.f_frsize,
-                        .fileSystem = mount.device};
+                        // The number of a device is soon another's: of the disk that is put in its drive next.
+                        .fileSystem = mount.device ^ std::uint64_t{status.f_fsid}};
 }
 
 Result<volumes::Space> askIn(FileSystemProbe::Visit& visit, const VolumeMount& mount) {

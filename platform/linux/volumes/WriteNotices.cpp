@@ -49,7 +49,7 @@ bool WriteNotices::ask(const VolumeMount& mount) {
   if (areAskedFor(mount.device)) {
     return true;
   }
-  if (isForbidden_ || refused_.contains(mount.device)) {
+  if (isForbidden_ || refused_.contains(mount.device) || groups_.size() >= mostGroups) {
     return false;
   }
   auto group = FileSystemProbe::shared().ask<FileDescriptor>(

@@ -24,7 +24,10 @@ namespace kelvane {
 /// The volume monitor owns it, and its thread alone uses it.
 class WriteNotices {
  public:
-  /// Asks for a notice of writes from now on, unless there is one; false where nobody tells.
+  /// A user may have 128 groups, all programs together; root has other programs.
+  static constexpr std::size_t mostGroups = 32;
+
+  /// Asks for a notice of writes from now on, unless there is one; false where nobody tells, or there are enough.
   bool ask(const VolumeMount& mount);
   [[nodiscard]] bool areAskedFor(dev_t device) const { return groups_.contains(device); }
   /// File systems that were written to since; none is asked for of these any more.

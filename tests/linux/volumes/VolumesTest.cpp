@@ -181,6 +181,23 @@ TEST_F(MountedVolumes, TellWhatIsFreeWithTheReserveOfRoot) {
   EXPECT_EQ(volumes::space("/mnt/missing").failure().number, ENOENT);
 }
 
+TEST_F(MountedVolumes, AreToldFromThoseThatAreMountedInTheirPlaceUnderTheSameNumber) {
+  const std::string image = "/mnt/disk.image";
+  if (!test::isTrulyRoot() || !test::makeDisk(image, 64 << 20) || !test::mountDisk(image, "/mnt/a")) {
+    // Only a file system on a disk is sure to have an identity of its own.
+    return;
+  }
+  const auto before = volumes::space("/mnt/a");
+  ASSERT_EQ(umount("/mnt/a"), 0);
+  ASSERT_TRUE(test::mountDisk(image, "/mnt/a"));
+  EXPECT_EQ(volumes::space("/mnt/a")->fileSystem, before->fileSystem) << "it is the same one";
+  ASSERT_EQ(umount("/mnt/a"), 0);
+  ASSERT_TRUE(test::makeDisk(image, 64 << 20));
+  ASSERT_TRUE(test::mountDisk(image, "/mnt/a"));
+  noteMounted("/mnt/a");
+  EXPECT_NE(volumes::space("/mnt/a")->fileSystem, before->fileSystem);
+}
+
 TEST_F(MountedVolumes, ThatAreLowOnSpaceAreListedTheEmptiestFirst) {
   mountVolume("/mnt/a", "size=64m");
   mountVolume("/mnt/b", "size=65m");

@@ -86,6 +86,22 @@ TEST_P(NoticesOfWrites, GoWithTheirMounts) {
 INSTANTIATE_TEST_SUITE_P(On, NoticesOfWrites, testing::Values("tmpfs", "ext4"),
                          [](const auto& info) { return std::string(info.param); });
 
+TEST(NoticesOfManyVolumes, LeaveGroupsToOtherPrograms) {
+  WriteNotices notices;
+  std::vector<std::string> paths;
+  bool areTold = true;
+  for (std::size_t number = 0; number <= WriteNotices::mostGroups; ++number) {
+    paths.push_back("/mnt/many/" + std::to_string(number));
+    test::mountTmpfs(paths.back(), "size=1m");
+    const bool isTold = notices.ask(*findMount(*Mounts::shared().readAgain(), paths.back()));
+    areTold = number == 0 ? isTold : areTold;
+    EXPECT_EQ(isTold, areTold && number < WriteNotices::mostGroups) << number;
+  }
+  for (const std::string& path : paths) {
+    EXPECT_EQ(umount(path.c_str()), 0);
+  }
+}
+
 TEST(NoticesThatAreForbidden, AreSaidToBeOnceAndNotAskedForAgain) {
   WriteNotices notices;
   testing::internal::CaptureStderr();
