@@ -45,7 +45,8 @@ struct Relief {
 Relief beginRelief(const std::string& path);
 /// Not known when there is no such volume, or it cannot be asked.
 [[nodiscard]] Result<Space> space(const std::string& path);
-/// As space(), but perhaps as it was a millisecond ago: for what is judged many times in a row.
-[[nodiscard]] Result<Space> recentSpace(const std::string& path);
+/// As space() of each, asked at the same time, but perhaps as it was when it was asked last, if that is no longer ago
+/// than its answer took, or than a millisecond: for what is judged many times in a row.
+[[nodiscard]] std::vector<Result<Space>> recentSpaces(const std::vector<std::string>& paths);
 
 }  // namespace kelvane::volumes

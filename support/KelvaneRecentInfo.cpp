@@ -53,12 +53,13 @@ Look lookAt(const std::string& name, const KelvaneRecentVolumeInfo& volume, cons
   return look;
 }
 
+bool hasServices(const KelvaneRecentVolumeInfo& volume) {
+  return volume.services() != nullptr && !volume.services()->empty();
+}
+
 /// Whether anything was dropped.
-bool dropServices(KelvaneRecentVolumeInfo& volume, const Look& look, std::uint64_t freespaceChange, const Age& age) {
-  if (volume.services() == nullptr || volume.services()->empty()) {
-    return false;
-  }
-  const auto freespace = recentVolumeFreespace(volume.volumeName());
+bool dropServices(KelvaneRecentVolumeInfo& volume, const Look& look, std::optional<std::uint64_t> freespace,
+                  std::uint64_t freespaceChange, const Age& age) {
   // What is not known has not changed.
   const bool hasChanged = freespace && differByMore(*freespace, volume.freespace().uint64Value(), freespaceChange);
   if (!hasChanged && !look.hasOld) {
@@ -104,15 +105,26 @@ int KelvaneRecentInfo::validate(const Value& freespaceChange, double threshold) 
     size += looks.back().size;
   }
   bool hasDropped = false;
+  std::vector<std::string> names;
+  std::vector<std::pair<KelvaneRecentVolumeInfo*, const Look*>> judged;
   auto volume = volumes_->begin();
   for (const Look& look : looks) {
     if (age.isOver(volume->second.timestamp()) || !mayBeAsked(volume->first)) {
       volume = volumes_->erase(volume);
       hasDropped = true;
-    } else {
-      hasDropped = dropServices(volume->second, look, freespaceChange.uint64Value(), age) || hasDropped;
-      ++volume;
+      continue;
     }
+    if (hasServices(volume->second)) {
+      names.push_back(volume->first);
+      judged.emplace_back(&volume->second, &look);
+    }
+    ++volume;
+  }
+  // All at the same time: some may be slow, or hang.
+  const auto freespaces = recentVolumeFreespaces(names);
+  for (std::size_t index = 0; index < judged.size(); ++index) {
+    const auto& [entry, look] = judged[index];
+    hasDropped = dropServices(*entry, *look, freespaces[index], freespaceChange.uint64Value(), age) || hasDropped;
   }
   isFromArchive_ = false;
   if (!size.fits()) {

@@ -9,8 +9,13 @@ namespace kelvane {
 
 namespace {
 
-Result<volumes::Space> spaceOf(const Value& volume, Result<volumes::Space> (*ask)(const std::string&)) {
-  return volume.isString() ? ask(*volume.string()) : Failure{.number = 0, .tried = "asking what is no volume"};
+Result<volumes::Space> spaceOf(const Value& volume) {
+  return volume.isString() ? volumes::space(*volume.string())
+                           : Failure{.number = 0, .tried = "asking what is no volume"};
+}
+
+std::optional<std::uint64_t> availableOf(const Result<volumes::Space>& space) {
+  return space ? std::optional(space->available) : std::nullopt;
 }
 
 }  // namespace
@@ -33,22 +38,24 @@ volumes::Relief beginRelief(const std::string& volume) {
 }
 
 std::optional<std::uint64_t> volumeFreespace(const Value& volume) {
-  const auto space = spaceOf(volume, volumes::space);
-  return space ? std::optional(space->available) : std::nullopt;
+  return availableOf(spaceOf(volume));
 }
 
 std::optional<volumes::Space> volumeSpace(const Value& volume) {
-  const auto space = spaceOf(volume, volumes::space);
+  const auto space = spaceOf(volume);
   return space ? std::optional(*space) : std::nullopt;
 }
 
-std::optional<std::uint64_t> recentVolumeFreespace(const Value& volume) {
-  const auto space = spaceOf(volume, volumes::recentSpace);
-  return space ? std::optional(space->available) : std::nullopt;
+std::vector<std::optional<std::uint64_t>> recentVolumeFreespaces(const std::vector<std::string>& volumes) {
+  std::vector<std::optional<std::uint64_t>> freespaces;
+  for (const auto& space : volumes::recentSpaces(volumes)) {
+    freespaces.push_back(availableOf(space));
+  }
+  return freespaces;
 }
 
 std::optional<std::uint64_t> volumeFreeBytes(const Value& volume) {
-  const auto space = spaceOf(volume, volumes::space);
+  const auto space = spaceOf(volume);
   return space ? std::optional(space->free) : std::nullopt;
 }
 

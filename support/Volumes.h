@@ -30,8 +30,9 @@ std::optional<std::uint64_t> volumeFreespace(const Value& volume);
 /// All that is known of its space at once.
 std::optional<volumes::Space> volumeSpace(const Value& volume);
 
-/// As volumeFreespace(), but perhaps as it was a millisecond ago: for what is judged many times in a row.
-std::optional<std::uint64_t> recentVolumeFreespace(const Value& volume);
+/// As volumeFreespace() of each, but all asked at the same time, and perhaps as it was when it was asked last: for what
+/// is judged many times in a row.
+std::vector<std::optional<std::uint64_t>> recentVolumeFreespaces(const std::vector<std::string>& volumes);
 
 /// Bytes of the volume that are free at all, those kept for the superuser among them; none likewise.
 std::optional<std::uint64_t> volumeFreeBytes(const Value& volume);

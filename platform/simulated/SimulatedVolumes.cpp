@@ -110,8 +110,12 @@ Result<volumes::Space> volumes::space(const std::string& path) {
   return simulated::world().volumes.space(path);
 }
 
-Result<volumes::Space> volumes::recentSpace(const std::string& path) {
-  return space(path);
+std::vector<Result<volumes::Space>> volumes::recentSpaces(const std::vector<std::string>& paths) {
+  std::vector<Result<Space>> spaces;
+  for (const std::string& path : paths) {
+    spaces.push_back(space(path));
+  }
+  return spaces;
 }
 
 volumes::Relief volumes::beginRelief(const std::string& path) {

@@ -10,6 +10,8 @@
 namespace kelvane::test {
 namespace {
 
+using Freespaces = std::vector<std::optional<std::uint64_t>>;
+
 class AVolume : public testing::Test {
  protected:
   AVolume() { simulation.volumes().add("/data", 1000); }
@@ -71,17 +73,17 @@ TEST_F(AVolume, HasNoFreeSpaceThatIsKnownWhenItIsNone) {
   EXPECT_EQ(volumeFreespace("/nowhere"), std::nullopt);
   EXPECT_EQ(volumeFreespace(7), std::nullopt);
   EXPECT_EQ(volumeFreespace(Value()), std::nullopt);
-  EXPECT_EQ(recentVolumeFreespace("/nowhere"), std::nullopt);
+  EXPECT_EQ(recentVolumeFreespaces({"/nowhere", "/data"}), (Freespaces{std::nullopt, 1000}));
   EXPECT_EQ(volumeFreeBytes("/nowhere"), std::nullopt);
 }
 
 TEST_F(AVolume, HasNoSpaceThatIsKnownWhileItDoesNotAnswer) {
   simulation.volumes().setSilent("/data", true);
   EXPECT_EQ(volumeFreespace("/data"), std::nullopt);
-  EXPECT_EQ(recentVolumeFreespace("/data"), std::nullopt);
+  EXPECT_EQ(recentVolumeFreespaces({"/data"}), Freespaces{std::nullopt});
   EXPECT_EQ(volumeFreeBytes("/data"), std::nullopt);
   simulation.volumes().setSilent("/data", false);
-  EXPECT_EQ(recentVolumeFreespace("/data"), 1000u);
+  EXPECT_EQ(recentVolumeFreespaces({"/data"}), Freespaces{1000});
 }
 
 TEST_F(AVolume, HasGainedWhatIsFreeNowAndWasNotAtTheBeginning) {

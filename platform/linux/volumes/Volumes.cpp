@@ -28,19 +28,22 @@ class LastAnswers {
   std::optional<Space> of(const VolumeMount& mount) {
     const runtime::Lock lock(mutex_);
     const auto known = answers_.find(mount.device);
-    const bool isNew = known != answers_.end() && Clock::now() - known->second.asked < longestAge;
+    const bool isNew = known != answers_.end() && Clock::now() < known->second.end;
     return isNew ? std::optional(known->second.space) : std::nullopt;
   }
 
+  /// One that took its time may be used for as long.
   void set(const VolumeMount& mount, Clock::time_point asked, const Space& space) {
+    const Clock::time_point now = Clock::now();
     const runtime::Lock lock(mutex_);
-    std::erase_if(answers_, [asked](const auto& entry) { return asked - entry.second.asked >= longestAge; });
-    answers_.insert_or_assign(mount.device, Answer{asked, space});
+    std::erase_if(answers_, [now](const auto& entry) { return now >= entry.second.end; });
+    const Clock::time_point end = std::max(asked + longestAge, now + (now - asked));
+    answers_.insert_or_assign(mount.device, Answer{end, space});
   }
 
  private:
   struct Answer {
-    Clock::time_point asked;
+    Clock::time_point end;
     Space space;
   };
   runtime::Mutex mutex_;
@@ -132,10 +135,36 @@ Result<Space> space(const std::string& path) {
   return space;
 }
 
-Result<Space> recentSpace(const std::string& path) {
-  const auto mount = mountAt(path);
-  const auto known = mount ? lastAnswers().of(*mount) : std::nullopt;
-  return known ? Result<Space>(*known) : space(path);
+std::vector<Result<Space>> recentSpaces(const std::vector<std::string>& paths) {
+  std::vector<Result<VolumeMount>> mounts;
+  std::map<dev_t, Space> known;
+  std::vector<VolumeMount> unknown;
+  for (const std::string& path : paths) {
+    const auto& mount = mounts.emplace_back(mountAt(path));
+    if (const auto recent = mount ? lastAnswers().of(*mount) : std::nullopt) {
+      known.insert_or_assign(mount->device, *recent);
+    } else if (mount) {
+      unknown.push_back(*mount);
+    }
+  }
+  if (!unknown.empty()) {
+    const runtime::BlockedScope blocked;
+    const auto asked = LastAnswers::Clock::now();
+    for (const SpaceAnswer& answer : askEachSpace(unknown)) {
+      if (answer.space) {
+        lastAnswers().set(answer.mount, asked, *answer.space);
+        known.insert_or_assign(answer.mount.device, *answer.space);
+      }
+    }
+  }
+  std::vector<Result<Space>> spaces;
+  for (const auto& mount : mounts) {
+    const auto found = mount ? known.find(mount->device) : known.end();
+    spaces.push_back(found != known.end() ? Result<Space>(found->second)
+                     : mount              ? Failure{.number = ETIMEDOUT, .tried = "asking " + mount->path}
+                                          : mount.failure());
+  }
+  return spaces;
 }
 
 }  // namespace kelvane::volumes

@@ -14,6 +14,7 @@
 #include <optional>
 #include <thread>
 
+#include "platform/Volumes.h"
 #include "platform/linux/runtime/Thread.h"
 #include "platform/linux/volumes/FileSystemProbe.h"
 #include "platform/linux/volumes/MountVisit.h"
@@ -47,7 +48,10 @@ class ASurvey : public testing::Test {
     return {path, status.st_dev, true};
   }
 
+  void mountSecond() const { test::mountTmpfs(second, "size=32m"); }
+
   const std::string path = "/mnt/surveyed";
+  const std::string second = "/mnt/surveyed-too";
 };
 
 std::ptrdiff_t probeWorkers() {
@@ -180,6 +184,36 @@ TEST_F(ASurvey, WaitsForVolumesThatHangAtTheSameTime) {
   for (const VolumeMount& mount : hanging.mounts) {
     EXPECT_EQ(FileSystemProbe::shared().closedUntil(mount.device), FileSystemProbe::Time::max()) << mount.path;
   }
+}
+
+TEST_F(ASurvey, IsNotRepeatedForAsLongAsItTook) {
+  mountSecond();
+  static std::atomic<int> asked;
+  asked = 0;
+  spaceReader = [](const VolumeMount& mount) {
+    ++asked;
+    usleep(1'000'000);
+    return readSpace(mount);
+  };
+  const auto first = volumes::recentSpaces({path, second, "/mnt/missing"});
+  const int once = asked;
+  const auto again = volumes::recentSpaces({second, path});
+  spaceReader = readSpace;
+  EXPECT_EQ(once, 2);
+  EXPECT_EQ(asked, once) << "both are as they were";
+  ASSERT_TRUE(first[0] && first[1]);
+  EXPECT_EQ(*first[0], *again[1]);
+  EXPECT_EQ(*first[1], *again[0]);
+  EXPECT_EQ(first[2].failure().number, ENOENT);
+  for (const std::string& one : {path, second}) {
+    struct stat status = {};
+    EXPECT_EQ(stat(one.c_str(), &status), 0);
+    // Another test may be given a volume with the same number.
+    while (FileSystemProbe::shared().closedUntil(status.st_dev)) {
+      usleep(1000);
+    }
+  }
+  EXPECT_EQ(umount2(second.c_str(), MNT_DETACH), 0);
 }
 
 TEST_F(ASurvey, HasAllSpacesThoughTheConfigurationIsOnADiskThatHangs) {
