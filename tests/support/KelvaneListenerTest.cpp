@@ -83,13 +83,14 @@ class TheListener : public DaemonTest {
   void serve(const std::vector<std::string>& required, const std::function<void()>& body) {
     run([&] {
       writeEntitlements(*simulation);
-      const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
+      listener_ = KelvaneListener::daemonListenerWithExportedObject(object);
       for (const std::string& entitlement : required) {
-        listener->addRequiredEntitlement(entitlement);
+        listener_->addRequiredEntitlement(entitlement);
       }
-      listener->resume();
+      listener_->resume();
       body();
       simulation->settle();
+      listener_.reset();
     });
   }
 
@@ -101,6 +102,7 @@ class TheListener : public DaemonTest {
   bool isServed(const std::string& user) { return askToPurge(clientOf(user))->arrived; }
 
   RememberingObject object;
+  std::unique_ptr<KelvaneListener> listener_;
 };
 
 TEST_F(TheListener, AdmitsThoseWhoHoldTheRequiredEntitlement) {
@@ -214,34 +216,26 @@ TEST_F(TheListener, ServesNobodyBeforeItIsResumed) {
 }
 
 TEST_F(TheListener, GoesByTheRulesThatWereReadLast) {
-  run([&] {
-    writeEntitlements(*simulation);
-    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
-    listener->addRequiredEntitlement(entitlements::client);
-    listener->resume();
+  serve({entitlements::client}, [&] {
     simulation->files().write("/etc/kelvane/entitlements.d/test.plist",
                               "{ User = nobody; Entitlements = (CLIENT_ENTITLEMENT); }");
     EXPECT_TRUE(isServed("partial"));
     EXPECT_FALSE(isServed("nobody"));
-    listener->readRulesAgain();
+    listener_->readRulesAgain();
     EXPECT_FALSE(isServed("partial"));
     EXPECT_TRUE(isServed("nobody"));
   });
 }
 
 TEST_F(TheListener, CutsOffWhomRulesThatAreReadAgainDoNotAdmit) {
-  run([&] {
-    writeEntitlements(*simulation);
-    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
-    listener->addRequiredEntitlement(entitlements::client);
-    listener->resume();
+  serve({entitlements::client}, [&] {
     const TestClient partial = clientOf("partial");
     const TestClient client = clientOf("client");
     EXPECT_TRUE(askToPurge(partial)->arrived);
     EXPECT_TRUE(askToPurge(client)->arrived);
     simulation->files().write("/etc/kelvane/entitlements.d/test.plist",
                               "{ User = client; Entitlements = (CLIENT_ENTITLEMENT); }");
-    listener->readRulesAgain();
+    listener_->readRulesAgain();
     simulation->settle();
     EXPECT_TRUE(partial.connection().hasEnded());
     EXPECT_TRUE(askToPurge(partial)->failed);
@@ -252,15 +246,11 @@ TEST_F(TheListener, CutsOffWhomRulesThatAreReadAgainDoNotAdmit) {
 }
 
 TEST_F(TheListener, CutsEverybodyOffWhenTheRulesCannotBeReadAgainAndSaysSo) {
-  run([&] {
-    writeEntitlements(*simulation);
-    const auto listener = KelvaneListener::daemonListenerWithExportedObject(object);
-    listener->addRequiredEntitlement(entitlements::client);
-    listener->resume();
+  serve({entitlements::client}, [&] {
     const TestClient client = clientOf("client");
     EXPECT_TRUE(askToPurge(client)->arrived);
     simulation->files().makeUnreadable("/etc/kelvane/entitlements.d/test.plist");
-    listener->readRulesAgain();
+    listener_->readRulesAgain();
     simulation->settle();
     EXPECT_TRUE(client.connection().hasEnded());
     EXPECT_EQ(
