@@ -8,10 +8,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <filesystem>
 #include <memory>
 #include <string_view>
-#include <system_error>
 
 #include "platform/Limits.h"
 #include "platform/linux/runtime/FileDescriptor.h"
@@ -105,7 +103,7 @@ class Collection {
     // would have mounted what is to be mounted on demand, and wait for that in the name of the parent's file system.
     const FileDescriptor child(openat(parent.get(), name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const auto identity = child ? identityOf(child) : Failure{};
-    if (identity && S_ISDIR(identity->mode) && enterFileSystemOf(visit_, child, prefix)) {
+    if (identity && S_ISDIR(identity->mode) && enterFileSystemOf(visit_, *identity, prefix)) {
       collect(child, prefix, depth);
     }
   }
@@ -169,10 +167,8 @@ Result<std::string> realPath(const std::string& path) {
         if (!place) {
           return place.failure();
         }
-        std::error_code error;
-        const auto real = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(place->get()), error);
-        return error ? Result<std::string>(Failure{.number = error.value(), .tried = "looking for " + path})
-                     : real.string();
+        auto real = nameOf(*place);
+        return real ? std::move(real) : Failure{.number = real.failure().number, .tried = "looking for " + path};
       },
       FileSystemProbe::About::Files);
 }

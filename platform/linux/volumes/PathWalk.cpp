@@ -61,13 +61,11 @@ Result<std::string> readLink(const FileDescriptor& link, const std::string& path
                     : std::string(text.data(), static_cast<std::size_t>(length));
 }
 
-void look(const FileDescriptor& place, WalkFindings& findings) {
-  const auto identity = identityOf(place);
-  const auto change = identity ? changeByOthers(*identity) : std::nullopt;
-  if (change && !findings.stranger) {
-    std::error_code ignored;
-    findings.stranger =
-        std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(place.get()), ignored).string() + " " + *change;
+void look(const FileDescriptor& place, const FileIdentity& identity, WalkFindings* findings) {
+  const auto change = findings != nullptr ? changeByOthers(identity) : std::nullopt;
+  if (change && !findings->stranger) {
+    const auto name = nameOf(place);
+    findings->stranger = (name ? *name : std::string()) + " " + *change;
   }
 }
 
@@ -81,53 +79,57 @@ Result<FileIdentity> identityAt(const std::string& link) {
   return identityBy(AT_FDCWD, link.c_str(), 0);
 }
 
+Result<std::string> nameOf(const FileDescriptor& file) {
+  const std::string link = "/proc/self/fd/" + std::to_string(file.get());
+  std::error_code error;
+  const auto name = std::filesystem::read_symlink(link, error);
+  return error ? Result<std::string>(Failure{.number = error.value(), .tried = "reading the link " + link})
+               : name.string();
+}
+
+Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileIdentity& file, const std::string& path) {
+  return visit.enter(file.device, path) ? Result<>() : Failure{.number = ETIMEDOUT, .tried = "asking " + path};
+}
+
 Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileDescriptor& file, const std::string& path) {
   const auto identity = identityOf(file);
-  if (!identity) {
-    return identity.failure();
-  }
-  if (!visit.enter(identity->device, path)) {
-    return Failure{.number = ETIMEDOUT, .tried = "asking " + path};
-  }
-  return {};
+  return identity ? enterFileSystemOf(visit, *identity, path) : identity.failure();
 }
 
 Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& path, WalkFindings* findings) {
   const auto start = [&path](bool isAbsolute) { return openPlace(AT_FDCWD, isAbsolute ? "/" : ".", path); };
   auto here = start(path.starts_with('/'));
+  auto identity = here ? identityOf(*here) : here.failure();
   std::vector<std::string> left;
   pushComponents(path, left);
   // Of those that are left, so many are the path's; links' are on top of them.
   std::size_t own = left.size();
   int links = 0;
-  while (here) {
-    if (const auto entered = enterFileSystemOf(visit, *here, path); !entered) {
+  while (identity) {
+    if (const auto entered = enterFileSystemOf(visit, *identity, path); !entered) {
       return entered.failure();
     }
-    if (findings != nullptr) {
-      look(*here, *findings);
-    }
+    look(*here, *identity, findings);
     if (left.empty()) {
-      break;
+      return here;
     }
     auto next = openPlace(here->get(), left.back(), path);
     const bool isOfLink = left.size() > own;
     left.pop_back();
     own = std::min(own, left.size());
-    const auto identity = next ? identityOf(*next) : next.failure();
-    if (!identity) {
+    const auto found = next ? identityOf(*next) : next.failure();
+    if (!found) {
       if (findings != nullptr) {
-        findings->leadsNowhere = isOfLink && identity.failure().number == ENOENT;
+        findings->leadsNowhere = isOfLink && found.failure().number == ENOENT;
       }
-      return identity.failure();
+      return found.failure();
     }
-    if (!S_ISLNK(identity->mode)) {
+    if (!S_ISLNK(found->mode)) {
       here = std::move(next);
+      identity = found;
       continue;
     }
-    if (findings != nullptr) {
-      look(*next, *findings);
-    }
+    look(*next, *found, findings);
     const auto target = readLink(*next, path);
     if (!target || ++links > mostLinks) {
       return target ? Failure{.number = ELOOP, .tried = "opening " + path} : target.failure();
@@ -135,9 +137,10 @@ Result<FileDescriptor> walkTo(FileSystemProbe::Visit& visit, const std::string& 
     pushComponents(*target, left);
     if (target->starts_with('/')) {
       here = start(true);
+      identity = here ? identityOf(*here) : here.failure();
     }
   }
-  return here;
+  return identity.failure();
 }
 
 Result<FileIdentity> askIdentity(const std::string& path) {

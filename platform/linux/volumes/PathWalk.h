@@ -27,7 +27,12 @@ struct FileIdentity {
 [[nodiscard]] Result<FileIdentity> identityOf(const FileDescriptor& file);
 [[nodiscard]] Result<FileIdentity> identityAt(const std::string& link);
 
-/// Enters the file system that an open file lies on; ETIMEDOUT when that may not be.
+/// The one name without links of an open file, likewise.
+[[nodiscard]] Result<std::string> nameOf(const FileDescriptor& file);
+
+/// Enters the file system that a file lies on; ETIMEDOUT when that may not be.
+[[nodiscard]] Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileIdentity& file,
+                                         const std::string& path);
 [[nodiscard]] Result<> enterFileSystemOf(FileSystemProbe::Visit& visit, const FileDescriptor& file,
                                          const std::string& path);
 
